@@ -1,0 +1,17 @@
+# Everything foreign, each from its Debian package (scripts/install-deps).
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(Protobuf REQUIRED) # ahead of gRPC, whose configuration uses its targets
+find_package(gRPC CONFIG REQUIRED)
+find_package(cxxopts REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+if(HALVO_BUILD_TESTS)
+    find_package(GTest REQUIRED)
+    enable_testing()
+endif()
+if(HALVO_BUILD_BENCHMARKS)
+    find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,19 @@
+# hox_add_test(<target> SOURCES <file>... LIBS <target>... [LABELS <label>...] [TIMEOUT <seconds>])
+#
+# One GoogleTest program, registered as one CTest test. The label "threads" puts it into the runs under
+# ThreadSanitizer.
+function(hox_add_test target)
+    if(NOT HALVO_BUILD_TESTS)
+        return()
+    endif()
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    add_executable(${target} ${ARG_SOURCES})
+    target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+    target_link_libraries(${target} PRIVATE hox_build_flags ${ARG_LIBS} GTest::gmock_main)
+    add_test(NAME ${target} COMMAND ${target})
+    set_tests_properties(${target} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "unit;${ARG_LABELS}"
+        ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp halt_on_error=1")
+endfunction()
