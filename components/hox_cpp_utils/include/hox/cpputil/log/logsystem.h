@@ -1,0 +1,17 @@
+#pragma once
+
+#include <memory>
+
+#include "hox/cpputil/log/ilogsystem.h"
+
+namespace Hox::Log {
+
+/// The log system of the process, never empty: where none has been set, one for standard output is
+/// installed with a warning. Callable from any thread.
+std::shared_ptr<ILogsystem> getLogsystem();
+
+/// Replaces the log system of the process. Loggers handed out before stay valid. Callable from any
+/// thread.
+void setLogsystem(std::unique_ptr<ILogsystem> logsystem);
+
+}  // namespace Hox::Log
