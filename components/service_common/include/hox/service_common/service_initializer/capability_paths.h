@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace Hox::Service {
+
+/// Where a capability's data lies.
+struct CapabilityPaths {
+    /// Address of the central store, empty unless given on the command line.
+    std::string ccsAddress;
+    /// Address of the EPG server, empty unless given on the command line: the option's default does
+    /// not count.
+    std::string epgAddress;
+    /// Directory of the capability's configuration.
+    std::string confPath;
+    /// Directory of the capability's state.
+    std::string statePath;
+};
+
+}  // namespace Hox::Service

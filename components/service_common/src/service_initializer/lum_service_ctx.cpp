@@ -1,0 +1,92 @@
+#include "hox/service_common/service_initializer/lum_service_ctx.h"
+
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+
+#include <array>
+#include <cxxopts.hpp>
+
+#include "hox/cpputil/assertion/assertion.h"
+
+namespace Hox::Service {
+
+namespace {
+
+constexpr const char* defaultConfigDir = "/var/lib/halvo";
+
+}  // namespace
+
+LumServiceCtx::LumServiceCtx(const std::string& programName)
+    : m_options(std::make_unique<cxxopts::Options>(programName)) {}
+
+LumServiceCtx::~LumServiceCtx() = default;
+
+void LumServiceCtx::addCapability(std::unique_ptr<ICapMngr> capability) {
+    const int id = capability->id();
+    m_capabilities.emplace_back(id, std::move(capability));
+}
+
+const LumServiceCtx::CapabilityList& LumServiceCtx::getCapabilities() const {
+    return m_capabilities;
+}
+
+cxxopts::Options& LumServiceCtx::getOptions() {
+    return *m_options;
+}
+
+void LumServiceCtx::parseOptions(int argc, const char* const* argv) {
+    // The parser takes the program name for granted and runs past the end of an empty vector.
+    static constexpr std::array<const char*, 1> noArguments = {""};
+    const bool empty = argc < 1 || argv == nullptr;
+    m_parseResult = std::make_unique<cxxopts::ParseResult>(
+        m_options->parse(empty ? 1 : argc, empty ? noArguments.data() : argv));
+}
+
+std::size_t LumServiceCtx::optionCount(const std::string& name) const {
+    return m_parseResult ? m_parseResult->count(name) : 0;
+}
+
+std::string LumServiceCtx::optionValue(const std::string& name) const {
+    if (!m_parseResult) {
+        return {};
+    }
+    const cxxopts::OptionValue& value = (*m_parseResult)[name];
+    const bool hasValue = value.count() > 0 || value.has_default();
+    return hasValue ? value.as<std::string>() : std::string();
+}
+
+std::string LumServiceCtx::getConfigDir() const {
+    return optionCount("configdir") != 0 ? optionValue("configdir") : defaultConfigDir;
+}
+
+CapabilityPaths LumServiceCtx::getCapabilityPaths(const std::string& capabilityName) const {
+    CapabilityPaths paths;
+    if (optionCount("ccsaddr") > 0) {
+        paths.ccsAddress = optionValue("ccsaddr");
+    }
+    if (optionCount("epgaddr") > 0) {
+        paths.epgAddress = optionValue("epgaddr");
+    }
+    paths.confPath = getConfigDir() + "/" + capabilityName;
+    paths.statePath = getConfigDir() + "/state/" + capabilityName;
+    return paths;
+}
+
+void LumServiceCtx::setIdentity(ServiceIdentity identity) {
+    m_identity = std::move(identity);
+}
+
+grpc::ServerBuilder& LumServiceCtx::getServerBuilder() {
+    HOX_ASSERT(m_serverBuilder.get());
+    return *m_serverBuilder;
+}
+
+void LumServiceCtx::setServerBuilder(std::unique_ptr<grpc::ServerBuilder> serverBuilder) {
+    m_serverBuilder = std::move(serverBuilder);
+}
+
+void LumServiceCtx::setGrpcServer(std::unique_ptr<grpc::Server> grpcServer) {
+    m_grpcServer = std::move(grpcServer);
+}
+
+}  // namespace Hox::Service
