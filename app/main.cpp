@@ -1,0 +1,25 @@
+#include <grpcpp/ext/proto_server_reflection_plugin.h>
+
+#include <clocale>
+#include <memory>
+
+#include "hox/introspection/introspection_cap_mngr.h"
+#include "hox/service_common/service_initializer/lum_service_initializer.h"
+#include "hox/service_common/service_initializer/service_initialize_assert.h"
+
+int main(int argc, char** argv) {
+    // Keys are UTF-8; the C library converts file names by this setting.
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    // Linking the plugin is not enough: nothing refers to it, so that the linker drops it.
+    grpc::reflection::InitProtoReflectionServerBuilderPlugin();
+
+    auto service = std::make_unique<Hox::Service::LumServiceInitializer>(argc, argv);
+    Hox::Service::initAssertion(true);
+    service->addCapability(
+        std::make_unique<Hox::Capability::Introspection::IntrospectionCapMngr>());
+    if (service->initialize() != 0) {
+        return 1;
+    }
+    service->serverStart();
+    return 0;
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <pthread.h>
+#include <spdlog/logger.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "hox/service_common/capability/icap_mngr.h"
+#include "hox/service_common/service_initializer/logsystem_initializer.h"
+#include "hox/service_common/service_initializer/lum_service_ctx.h"
+
+namespace Hox::Service {
+
+/// The frame of the service: owns everything else and drives the life cycle.
+///
+/// One object per process serves. The thread that calls initialize() is the main thread: it also
+/// calls serverStart() and the destructor, and the signals are handled there.
+class LumServiceInitializer {
+public:
+    /// Installs the log system and defines the service's own options. Keeps argv, which outlives
+    /// the object. Asserts that the shutdown descriptor could be created; throws what opening the
+    /// log file throws.
+    LumServiceInitializer(int argc, char** argv);
+
+    /// Joins the shutdown thread, then takes the process apart: capabilities that never got
+    /// initialised, the server, the capabilities. Where this object handles the signals, they stay
+    /// blocked on the calling thread from here on.
+    virtual ~LumServiceInitializer();
+
+    LumServiceInitializer(const LumServiceInitializer&) = delete;
+    LumServiceInitializer& operator=(const LumServiceInitializer&) = delete;
+
+    /// Parses the command line, initialises the capabilities in the order in which they were added
+    /// and installs the handlers of SIGINT and SIGTERM.
+    ///
+    /// Returns 0 to go on; 1 to stop, with the help printed on standard output. Asserts that it is
+    /// called once, and on one object per process only. Throws std::invalid_argument and
+    /// std::out_of_range for ports that are no numbers where both are given, and whatever a
+    /// capability throws.
+    virtual int initialize();
+
+    /// Lets the capability add its options and keeps it. Called before initialize().
+    virtual void addCapability(std::unique_ptr<ICapMngr> capability);
+
+    /// What the capabilities see of the frame. Throws InitializationError until initialize() has
+    /// returned 0.
+    virtual LumServiceCtx& getServiceCtx();
+
+    /// Starts the server and the capabilities, tells the service manager that the service is ready,
+    /// and blocks until the server has shut down.
+    ///
+    /// Throws InitializationError before initialize(), on a second call and where a listening
+    /// address cannot be bound, and whatever a capability throws.
+    virtual void serverStart();
+
+    /// Asks the running server to end, with one second for calls in flight; without a server, or
+    /// after the first such call, only the shutdown descriptor is written. Called by the signal
+    /// handler; everyone else calls it on the main thread. Asserts that the descriptor could be
+    /// written.
+    virtual void serverShutdown();
+
+private:
+    using Hook = void (ICapMngr::*)(LumServiceCtx&);
+
+    static void handleSignal(int signalNumber);
+    void installSignalHandlers();
+    void initGrpcServerBuilder(LumServiceCtx& ctx);
+    void initCapabilities(LumServiceCtx& ctx);
+    void callCapabilities(const char* step, Hook hook);
+    void buildAndStart(const std::string& internalAddress);
+    void startCapabilities(const std::string& internalAddress);
+
+    /// Written on shutdown and read by nobody here: what a waiting thread would poll. Never closed.
+    static int global_fd_shutdown;
+    /// The object that handles the signals. Never reset.
+    static std::atomic<LumServiceInitializer*> instance;
+    /// Written before instance is, read only where instance is set.
+    static pthread_t mainThread;
+
+    std::unique_ptr<LogsystemInitializer> m_logsystemInitializer;
+    std::shared_ptr<spdlog::logger> m_logger;
+    bool m_isInitialized = false;
+    char** m_argv;
+    int m_argc;
+    LumServiceCtx m_ctx;
+    std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
+    std::unique_ptr<std::thread> m_shutdownThread;
+};
+
+}  // namespace Hox::Service

@@ -1,0 +1,202 @@
+#include "hox/service_common/service_initializer/lum_service_initializer.h"
+
+#include <grpcpp/security/server_credentials.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/error/initialization_error.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/source_location.h"
+#include "hox/service_common/capability/lum_capabilities.h"
+#include "service_initializer/service_options.h"
+#include "service_initializer/signal_block.h"
+
+namespace Hox::Service {
+
+namespace {
+
+constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
+
+/// Calls the hook with the capability's mutex held in the context's slot, from which the hook may
+/// let go of it for a while.
+void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), LumServiceCtx& ctx) {
+    auto& slot = ctx.getCapabilityLock();
+    slot = std::make_unique<std::unique_lock<std::mutex>>(*capability.getMutex());
+    try {
+        (capability.*hook)(ctx);
+    } catch (...) {
+        slot.reset();
+        throw;
+    }
+    slot.reset();
+}
+
+}  // namespace
+
+int LumServiceInitializer::global_fd_shutdown = -1;
+std::atomic<LumServiceInitializer*> LumServiceInitializer::instance{nullptr};
+pthread_t LumServiceInitializer::mainThread{};
+
+LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
+    : m_logsystemInitializer(std::make_unique<LogsystemInitializer>(argc, argv)),
+      m_logger(Log::getLogsystem()->getLogger("ServiceInitializer")),
+      m_argv(argv),
+      m_argc(argc),
+      m_ctx(argc > 0 && argv != nullptr ? argv[0] : "") {
+    addServiceOptions(m_ctx);
+    global_fd_shutdown = eventfd(0, 0);
+    HOX_ASSERT(global_fd_shutdown > 0);
+}
+
+LumServiceInitializer::~LumServiceInitializer() {
+    if (instance == this) {
+        // The handler keeps its pointer to this object, also when it is gone.
+        SignalBlock::forever();
+    }
+    if (m_shutdownThread) {
+        m_shutdownThread->join();
+        m_shutdownThread.reset();
+    }
+}
+
+int LumServiceInitializer::initialize() {
+    HOX_ASSERT(!m_isInitialized);
+    if (!parseServiceOptions(m_argc, m_argv, m_ctx, *m_logger)) {
+        return 1;
+    }
+    m_ctx.setIdentity(ServiceIdentity{m_ctx.optionValue("id"), "0", "mb"});
+    initGrpcServerBuilder(m_ctx);
+    initCapabilities(m_ctx);
+    CppUtil::getAssertion().assertTrue(instance == nullptr, "instance == NULL",
+                                       "Cannot instantiate more than one service per binary.",
+                                       __FILE__, __LINE__);
+    installSignalHandlers();
+    m_isInitialized = true;
+    return 0;
+}
+
+void LumServiceInitializer::addCapability(std::unique_ptr<ICapMngr> capability) {
+    capability->addOptions(m_ctx.getOptions());
+    m_capabilities.push_back(std::move(capability));
+}
+
+LumServiceCtx& LumServiceInitializer::getServiceCtx() {
+    if (!m_isInitialized) {
+        throw CppUtil::InitializationError("Service context not initialized!!", __FILE__, __LINE__);
+    }
+    return m_ctx;
+}
+
+void LumServiceInitializer::serverStart() {
+    const std::string internalAddress = "localhost:" + m_ctx.optionValue("port");
+    if (!m_isInitialized) {
+        throw CppUtil::InitializationError("Service is uninitialized", __FILE__, __LINE__);
+    }
+    if (m_ctx.getGrpcServer()) {
+        throw CppUtil::InitializationError("Server already started", __FILE__, __LINE__);
+    }
+    buildAndStart(internalAddress);
+    startCapabilities(internalAddress);
+    m_ctx.getGrpcServer()->Wait();
+}
+
+void LumServiceInitializer::serverShutdown() {
+    const int rc = eventfd_write(global_fd_shutdown, 1);
+    HOX_ASSERT(rc != -1);
+    if (!m_ctx.getGrpcServer() || m_shutdownThread) {
+        return;
+    }
+    sd_notify(0, "STOPPING=1");
+    m_logger->log(Log::here(), spdlog::level::info, "Shutting down server");
+    // Shutdown must not run in a signal handler.
+    m_shutdownThread = std::make_unique<std::thread>([server = m_ctx.getGrpcServer().get()] {
+        server->Shutdown(std::chrono::system_clock::now() + shutdownGrace);
+    });
+}
+
+/// Runs on any thread that lets the signals through. Only the main thread may go on: it handles
+/// signals at points where it holds no lock, while another thread may be in the middle of a log
+/// call.
+void LumServiceInitializer::handleSignal(int signalNumber) {
+    const int formerErrno = errno;
+    if (LumServiceInitializer* service = instance) {
+        if (pthread_equal(pthread_self(), mainThread) != 0) {
+            service->serverShutdown();
+        } else {
+            pthread_kill(mainThread, signalNumber);
+        }
+    }
+    errno = formerErrno;
+}
+
+void LumServiceInitializer::installSignalHandlers() {
+    mainThread = pthread_self();
+    instance = this;
+
+    struct sigaction action {};
+    action.sa_handler = &LumServiceInitializer::handleSignal;
+    action.sa_mask = SignalBlock::signals();  // neither signal interrupts the handling of the other
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void LumServiceInitializer::initGrpcServerBuilder(LumServiceCtx& ctx) {
+    ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
+}
+
+void LumServiceInitializer::initCapabilities(LumServiceCtx& ctx) {
+    for (auto& capability : m_capabilities) {
+        m_logger->log(Log::here(), spdlog::level::debug, "initCapabilities: {}",
+                      capabilityName(capability->id()));
+        callLocked(*capability, &ICapMngr::initCapability, ctx);
+        ctx.addCapability(std::move(capability));
+    }
+    m_capabilities.clear();
+}
+
+void LumServiceInitializer::callCapabilities(const char* step, Hook hook) {
+    for (const auto& [id, capability] : m_ctx.getCapabilities()) {
+        m_logger->log(Log::here(), spdlog::level::debug, "{}: {}", step, capabilityName(id));
+        callLocked(*capability, hook, m_ctx);
+    }
+}
+
+void LumServiceInitializer::buildAndStart(const std::string& internalAddress) {
+    grpc::ServerBuilder& builder = m_ctx.getServerBuilder();
+    builder.AddListeningPort(internalAddress, grpc::InsecureServerCredentials());
+    if (m_ctx.optionCount("extport") > 0) {
+        builder.AddListeningPort("[::]:" + m_ctx.optionValue("extport"),
+                                 grpc::InsecureServerCredentials());
+    }
+    m_ctx.setGrpcServer(builder.BuildAndStart());
+}
+
+/// From here until the server is waited for, a signal would find the main thread inside log calls
+/// and hooks: it is handled once they are over.
+void LumServiceInitializer::startCapabilities(const std::string& internalAddress) {
+    const SignalBlock block;
+    m_logger->log(Log::here(), spdlog::level::debug, "Started gRPC server on address {}",
+                  internalAddress);
+    if (!m_ctx.getGrpcServer()) {
+        // The registered services keep a pointer to the server that failed: going on would crash.
+        throw CppUtil::InitializationError(
+            "Unable to start gRPC server on address " + internalAddress, __FILE__, __LINE__);
+    }
+    callCapabilities("serverStarted", &ICapMngr::serverStarted);
+    callCapabilities("proxyObsTreesReady", &ICapMngr::proxyObsTreesReady);
+    m_logger->log(Log::here(), spdlog::level::debug, "Started serving proxy observer trees");
+    sd_notify(0, "READY=1");
+}
+
+}  // namespace Hox::Service

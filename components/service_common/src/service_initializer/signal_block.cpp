@@ -1,0 +1,27 @@
+#include "service_initializer/signal_block.h"
+
+namespace Hox::Service {
+
+SignalBlock::SignalBlock() : m_former() {
+    const sigset_t blocked = signals();
+    pthread_sigmask(SIG_BLOCK, &blocked, &m_former);
+}
+
+SignalBlock::~SignalBlock() {
+    pthread_sigmask(SIG_SETMASK, &m_former, nullptr);
+}
+
+sigset_t SignalBlock::signals() {
+    sigset_t both;
+    sigemptyset(&both);
+    sigaddset(&both, SIGINT);
+    sigaddset(&both, SIGTERM);
+    return both;
+}
+
+void SignalBlock::forever() {
+    const sigset_t blocked = signals();
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+}
+
+}  // namespace Hox::Service

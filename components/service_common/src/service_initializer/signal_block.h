@@ -1,0 +1,27 @@
+#pragma once
+
+#include <csignal>
+
+namespace Hox::Service {
+
+/// Blocks SIGINT and SIGTERM on the calling thread while it lives. Signals that come meanwhile are
+/// handled when it goes. Constructed and destroyed on one thread.
+class SignalBlock {
+public:
+    SignalBlock();
+    ~SignalBlock();
+
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+    /// The two signals.
+    static sigset_t signals();
+
+    /// Blocks both on the calling thread for the rest of its life.
+    static void forever();
+
+private:
+    sigset_t m_former;
+};
+
+}  // namespace Hox::Service
