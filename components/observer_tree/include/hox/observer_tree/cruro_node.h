@@ -1,0 +1,369 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <any>
+#include <array>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/error/error.h"
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/type/type_name.h"
+#include "hox/observer_tree/double_registration_error.h"
+#include "hox/observer_tree/unary_ops.h"
+
+namespace Hox::ObserverTree {
+
+/// The handlers of one function tree address, at most one per operation, and its observers.
+///
+/// Every operation exists typed, for the capability's own messages, and cast, for callers that know
+/// messages by descriptor only. Handlers are set and unary handlers run under the handler lock of
+/// the tree. Nodes are held by std::shared_ptr; a handle that outlives its node does nothing.
+template <typename BaseMsgType, typename TreeType, typename NodesChangedType, typename StatusType>
+class CRURONode : public std::enable_shared_from_this<
+                      CRURONode<BaseMsgType, TreeType, NodesChangedType, StatusType>> {
+public:
+    /// What a unary handler returns. The message counts only with an OK status.
+    template <typename ReturnMsgType>
+    struct UnaryHandlerReturnType {
+        std::unique_ptr<ReturnMsgType> message;
+        StatusType status;
+    };
+
+    /// Serves one operation. Reports a failure by its status and never throws.
+    template <typename InMsg, typename ReturnMsg>
+    using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
+
+    /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
+    /// not throw, wait for another thread that needs the tree, or drop the last copy of its own
+    /// handle.
+    using ObserverCallback = std::function<void(const NodesChangedType&, const StatusType&)>;
+
+    /// One observer: its callback and its own copy of its request.
+    template <typename InMsgType>
+    struct ObsCallbackStoredType {
+        std::shared_ptr<ObserverCallback> observeCallback;
+        std::shared_ptr<InMsgType> request;
+        /// What the observe handler derived from the request, for its use alone, so that it need
+        /// not derive it again at every change. GUARDED_BY(m_observerMutex)
+        std::shared_ptr<std::any> derived;
+    };
+
+    /// The observers of a node, keyed by the address of their callback object.
+    template <typename InMsgType>
+    using ObserverCallbackMap = std::map<void*, ObsCallbackStoredType<InMsgType>>;
+
+    /// An observer stays registered exactly as long as a copy of this pointer lives.
+    template <typename InMsgType>
+    using ObserveRaiiHandleType = std::shared_ptr<ObsCallbackStoredType<InMsgType>>;
+
+    /// Selects from the changes for each observer and calls it. Runs under the observer mutex.
+    template <typename InMsgType>
+    using ObserveHandler =
+        std::function<void(const NodesChangedType&, const ObserverCallbackMap<InMsgType>&)>;
+
+    /// Runs when an observer arrives or leaves, outside the observer mutex.
+    template <typename InMsgType>
+    using ObserverHook = std::function<void(const InMsgType&, const ObserverCallback&)>;
+
+    CRURONode() : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
+    virtual ~CRURONode() = default;
+    CRURONode(const CRURONode&) = delete;
+    CRURONode(CRURONode&&) = delete;
+    CRURONode& operator=(const CRURONode&) = delete;
+    CRURONode& operator=(CRURONode&&) = delete;
+
+    /// Sets the handler of an operation. Throws DoubleRegistrationError when there is one; the
+    /// first one stays.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+    void setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler);
+
+    /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
+    template <typename InMsg>
+    void setObserveHandler(ObserveHandler<InMsg> handler);
+
+    /// Sets what runs when an observer arrives, replacing an earlier hook for the same message
+    /// type. A hook for BaseMsgType serves every request type.
+    template <typename InMsg>
+    void setNewObserverHandler(ObserverHook<InMsg> handler);
+
+    /// Sets what runs when an observer leaves; otherwise as setNewObserverHandler.
+    template <typename InMsg>
+    void setObserverGoneHandler(ObserverHook<InMsg> handler);
+
+    /// Whether the operation has a handler.
+    bool hasUnaryHandler(UnaryOps operation) const {
+        return slot(m_unaryHandlers, operation).has_value();
+    }
+
+    /// Runs the handler. An exception, also std::bad_any_cast for message types other than the
+    /// registered ones, is logged, fails an assertion and is thrown on.
+    template <UnaryOps OpId, typename InMsgType, typename ReturnMsgType>
+    UnaryHandlerReturnType<ReturnMsgType> callUnaryHandler(const InMsgType& inMsg, TreeType& tree);
+
+    /// The same by descriptor. Throws std::bad_cast for another message type.
+    template <UnaryOps OpId>
+    UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(const BaseMsgType& inMsg,
+                                                             TreeType& tree);
+
+    /// Registers an observer for the life of the handle. An exception is logged, fails an assertion
+    /// and is thrown on. The handle may be dropped on any thread; it waits there for a delivery
+    /// that is under way.
+    template <typename InMsgType>
+    ObserveRaiiHandleType<InMsgType> observe(const InMsgType& inMsg, ObserverCallback callback);
+
+    /// The same by descriptor; the result holds the handle. Asserts that somebody has registered an
+    /// observe handler or hook.
+    std::any observeCast(const BaseMsgType& inMsg, ObserverCallback callback) {
+        HOX_ASSERT(static_cast<bool>(m_observeCastHandler));
+        return m_observeCastHandler(inMsg, std::move(callback));
+    }
+
+    /// Delivers the changes to all observers, or to the one whose handle `singleObserver` holds. An
+    /// exception is logged and fails an assertion; it is not thrown on.
+    void callObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+
+private:
+    template <typename SlotsType>
+    static auto& slot(SlotsType& slots, UnaryOps operation) {
+        return slots.at(static_cast<std::size_t>(operation));
+    }
+
+    template <typename InMsg>
+    void ensureObserveCastHandler();
+
+    template <typename InMsg>
+    static void setHook(ObserverHook<InMsg> handler, std::any& typed,
+                        ObserverHook<BaseMsgType>& cast);
+
+    template <typename InMsg>
+    static void runHooks(const std::any& typed, const ObserverHook<BaseMsgType>& cast,
+                         const ObsCallbackStoredType<InMsg>& observer);
+
+    template <typename InMsg>
+    void release(const ObsCallbackStoredType<InMsg>& observer);
+
+    void logFailure(const std::string& text, const BaseMsgType& message, const char* label) {
+        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}", text);
+        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message.DebugString());
+        HOX_ASSERT(false);
+    }
+
+    std::shared_ptr<spdlog::logger> m_logger;
+    std::array<std::any, unaryOpsCount> m_unaryHandlers;
+    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(const BaseMsgType&, TreeType&)>,
+               unaryOpsCount>
+        m_unaryCastHandlers;
+    std::optional<std::function<void(const NodesChangedType&, std::any&, const std::any&)>>
+        m_observeHandler;
+    std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
+    /// Last in the lock order, behind the locks of the tree; not recursive.
+    std::mutex m_observerMutex;
+    std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
+    std::any m_newObserverHandler;
+    ObserverHook<BaseMsgType> m_newObserverCastHandler;
+    std::any m_observerGoneHandler;
+    ObserverHook<BaseMsgType> m_observerGoneCastHandler;
+};
+
+template <typename B, typename T, typename N, typename S>
+template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+void CRURONode<B, T, N, S>::setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler) {
+    if (hasUnaryHandler(OpId)) {
+        throw DoubleRegistrationError(
+            std::string("Only allowed to register one ") + toString(OpId) + "operation.\n",
+            __FILE__, __LINE__);
+    }
+    slot(m_unaryCastHandlers, OpId) = [handler](const B& inMsg, T& tree) {
+        auto result = handler(dynamic_cast<const InMsg&>(inMsg), tree);
+        return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
+    };
+    slot(m_unaryHandlers, OpId) = std::move(handler);
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
+    if (m_observeHandler) {
+        throw DoubleRegistrationError("Only allowed to register one observe handler function",
+                                      __FILE__, __LINE__);
+    }
+    ensureObserveCastHandler<InMsg>();
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    m_observeHandler = [handler = std::move(handler)](const N& changes, std::any& observers,
+                                                      const std::any& singleObserver) {
+        const auto& observeMap = std::any_cast<ObserverCallbackMap<InMsg>&>(observers);
+        if (!singleObserver.has_value()) {
+            handler(changes, observeMap);
+            return;
+        }
+        const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
+        const auto callbackIter = observeMap.find(handle->observeCallback.get());
+        HOX_ASSERT(callbackIter != observeMap.end());
+        handler(changes, {*callbackIter});
+    };
+    m_observerCallbackMap = ObserverCallbackMap<InMsg>();
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::setNewObserverHandler(ObserverHook<InMsg> handler) {
+    ensureObserveCastHandler<InMsg>();
+    setHook<InMsg>(std::move(handler), m_newObserverHandler, m_newObserverCastHandler);
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::setObserverGoneHandler(ObserverHook<InMsg> handler) {
+    ensureObserveCastHandler<InMsg>();
+    setHook<InMsg>(std::move(handler), m_observerGoneHandler, m_observerGoneCastHandler);
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, std::any& typed,
+                                    ObserverHook<B>& cast) {
+    // One slot per hook: both run when an observer comes or goes, and it must be told once.
+    if constexpr (std::is_same_v<InMsg, B>) {
+        cast = std::move(handler);
+    } else {
+        typed = std::move(handler);
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::ensureObserveCastHandler() {
+    if (!m_observeCastHandler) {
+        m_observeCastHandler = [this](const B& inMsg, ObserverCallback callback) -> std::any {
+            return observe<InMsg>(dynamic_cast<const InMsg&>(inMsg), std::move(callback));
+        };
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <UnaryOps OpId, typename InMsgType, typename ReturnMsgType>
+auto CRURONode<B, T, N, S>::callUnaryHandler(const InMsgType& inMsg, T& tree)
+    -> UnaryHandlerReturnType<ReturnMsgType> {
+    try {
+        using Handler = UnaryHandler<InMsgType, ReturnMsgType>;
+        return std::any_cast<const Handler&>(slot(m_unaryHandlers, OpId))(inMsg, tree);
+    } catch (const std::exception& error) {
+        logFailure(std::string("Caught exception in Observer Tree CRUR Callback:\nOperation ") +
+                       toString(OpId) + ": " + getTemplateTypeName<InMsgType>() + " -> " +
+                       getTemplateTypeName<ReturnMsgType>() + "\n" + error.what(),
+                   inMsg, "msg");
+        throw;
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <UnaryOps OpId>
+auto CRURONode<B, T, N, S>::callUnaryHandlerCast(const B& inMsg, T& tree)
+    -> UnaryHandlerReturnType<B> {
+    try {
+        return slot(m_unaryCastHandlers, OpId)(inMsg, tree);
+    } catch (const std::exception& error) {
+        logFailure(
+            std::string("It is forbidden to throw exceptions from crur handler callbacks - ") +
+                error.what(),
+            inMsg, "msg");
+        throw;
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsgType>
+auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback callback)
+    -> ObserveRaiiHandleType<InMsgType> {
+    using Stored = ObsCallbackStoredType<InMsgType>;
+    try {
+        const Stored observer{std::make_shared<ObserverCallback>(std::move(callback)),
+                              std::shared_ptr<InMsgType>(inMsg.New()),
+                              std::make_shared<std::any>()};
+        observer.request->CopyFrom(inMsg);
+        auto record = std::make_unique<Stored>(observer);
+        {
+            const std::lock_guard<std::mutex> lock(m_observerMutex);
+            if (m_observerCallbackMap.has_value()) {
+                std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
+                    .emplace(observer.observeCallback.get(), observer);
+            }
+        }
+        const ObserveRaiiHandleType<InMsgType> handle(
+            record.release(),
+            [weakNode = this->weak_from_this()](Stored* storedTypeObserverCallback) {
+                const std::unique_ptr<Stored> owned(storedTypeObserverCallback);
+                if (const auto node = weakNode.lock()) {
+                    node->template release<InMsgType>(*owned);
+                }
+            });
+        runHooks<InMsgType>(m_newObserverHandler, m_newObserverCastHandler, observer);
+        return handle;
+    } catch (const std::exception& error) {
+        logFailure(
+            std::string(
+                "It is forbidden to throw exceptions from observe handlers and callbacks - ") +
+                error.what(),
+            inMsg, "inMsg");
+        throw;
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::runHooks(const std::any& typed, const ObserverHook<B>& cast,
+                                     const ObsCallbackStoredType<InMsg>& observer) {
+    if (typed.has_value()) {
+        std::any_cast<const ObserverHook<InMsg>&>(typed)(*observer.request,
+                                                         *observer.observeCallback);
+    }
+    if (cast) {
+        cast(*observer.request, *observer.observeCallback);
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsgType>
+void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& observer) {
+    const auto* storedTypeObserverCallback = &observer;
+    runHooks<InMsgType>(m_observerGoneHandler, m_observerGoneCastHandler, observer);
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    if (m_observerCallbackMap.has_value()) {
+        // The blank in the report's text comes from the line break.
+        HOX_ASSERT(std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
+                       .erase((*storedTypeObserverCallback).observeCallback.get()));
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+void CRURONode<B, T, N, S>::callObserveHandler(const N& changes, const std::any& singleObserver) {
+    if (changes.empty() || !m_observeHandler) {
+        return;
+    }
+    try {
+        const std::lock_guard<std::mutex> lock(m_observerMutex);
+        m_observeHandler.value()(changes, m_observerCallbackMap, singleObserver);
+    } catch (const std::exception& error) {
+        m_logger->log(Hox::Log::here(), spdlog::level::err,
+                      "Caught exception in Observer Tree observe Callback:\n{}", error.what());
+        HOX_ASSERT(false);
+    }
+}
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <utility>
+#include <vector>
+
+namespace Hox::ObserverTree {
+
+/// An ordered map that records every write in a pending change set.
+///
+/// Locks nothing: all access takes place under the data lock of the tree that owns it. ValueType is
+/// a pointer-like type whose default value means "no value".
+template <typename KeyType, typename ValueType>
+class DataTreeMap {
+public:
+    /// One change of one key.
+    struct ChangeSetMapVal {
+        ValueType current;   ///< Null when the key is gone.
+        ValueType previous;  ///< Null when there was no earlier value to report.
+    };
+
+    using Values = std::map<KeyType, ValueType>;
+    using ChangeSet = std::map<KeyType, std::vector<ChangeSetMapVal>>;
+    /// Read-only, as every write has to be recorded.
+    using iterator = typename Values::const_iterator;
+    using const_iterator = typename Values::const_iterator;
+
+    /// `defaults` holds what an erased key falls back to.
+    explicit DataTreeMap(Values defaults = {}) : m_defaults(std::move(defaults)) {}
+    virtual ~DataTreeMap() = default;
+    DataTreeMap(const DataTreeMap&) = delete;
+    DataTreeMap(DataTreeMap&&) = delete;
+    DataTreeMap& operator=(const DataTreeMap&) = delete;
+    DataTreeMap& operator=(DataTreeMap&&) = delete;
+
+    /// Stores the value and records the change, also when old and new value are equal. The first
+    /// overwrite within one batch fixes what is reported as previous. True stands for a new key.
+    std::pair<iterator, bool> insert_or_assign(const KeyType& key, const ValueType& value) {
+        return write(KeyType(key), ValueType(value));
+    }
+
+    /// The same, taking over key and value.
+    std::pair<iterator, bool> insert_or_assign(KeyType&& key, ValueType&& value) {
+        return write(std::move(key), std::move(value));
+    }
+
+    /// Removes the key and records the change; a key with a default reappears with it. Nothing
+    /// happens for an absent key without a default.
+    void erase(const KeyType& key) {
+        // Looked up first: the key may be that of the element that goes.
+        const auto fallback = m_defaults.find(key);
+        const auto found = m_values.find(key);
+        if (found != m_values.end()) {
+            ++m_modifiedIndex;
+            auto& change = pendingChange(key);
+            if (!change.previous) {
+                change.previous = found->second;
+            }
+            m_values.erase(found);
+        }
+        if (fallback != m_defaults.end()) {
+            write(KeyType(fallback->first), ValueType(fallback->second));
+        }
+    }
+
+    iterator find(const KeyType& key) const { return m_values.find(key); }
+    iterator lower_bound(const KeyType& key) const { return m_values.lower_bound(key); }
+    iterator begin() const { return m_values.begin(); }
+    iterator end() const { return m_values.end(); }
+    std::size_t size() const { return m_values.size(); }
+    bool empty() const { return m_values.empty(); }
+
+    /// Takes the pending change set out and leaves an empty one. For the tree's delivery loop only.
+    ChangeSet takeChangeSet() { return std::exchange(m_changeSet, ChangeSet()); }
+
+    /// Number of effective writes so far. For diagnosis.
+    uint64_t modifiedIndex() const { return m_modifiedIndex; }
+
+    /// Number of keys created so far. For diagnosis.
+    uint64_t createdIndex() const { return m_createdIndex; }
+
+private:
+    ChangeSetMapVal& pendingChange(const KeyType& key) {
+        auto& changes = m_changeSet[key];
+        if (changes.empty()) {
+            changes.emplace_back();
+        }
+        return changes.back();
+    }
+
+    std::pair<iterator, bool> write(KeyType&& key, ValueType&& value) {
+        auto& change = pendingChange(key);
+        const auto position = m_values.lower_bound(key);
+        const bool isNew = position == m_values.end() || m_values.key_comp()(key, position->first);
+        ++m_modifiedIndex;
+        if (isNew) {
+            ++m_createdIndex;
+        } else if (!change.previous) {
+            change.previous = position->second;
+        }
+        change.current = value;
+        if (isNew) {
+            return {m_values.emplace_hint(position, std::move(key), std::move(value)), true};
+        }
+        position->second = std::move(value);
+        return {position, false};
+    }
+
+    Values m_values;
+    Values m_defaults;
+    ChangeSet m_changeSet;
+    uint64_t m_modifiedIndex = 0;
+    uint64_t m_createdIndex = 0;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "hox/observer_tree/observer_tree_handler_reg.h"
+#include "hox/observer_tree/observer_tree_ops.h"
+
+namespace Hox::ObserverTree {
+
+/// One data tree, one function tree, two locks and one delivery loop.
+///
+/// Lives as long as its owner. See the bases for threads and locks.
+class ObserverTree : public ObserverTreeHandlerReg, public ObserverTreeOps {
+public:
+    ObserverTree();
+    ~ObserverTree() override = default;
+    ObserverTree(const ObserverTree&) = delete;
+    ObserverTree(ObserverTree&&) = delete;
+    ObserverTree& operator=(const ObserverTree&) = delete;
+    ObserverTree& operator=(ObserverTree&&) = delete;
+
+    /// Lets observers with an ObserveReq watch keys of the data tree by pattern. A malformed
+    /// pattern is answered with one call, INVALID_ARGUMENT and an empty change set; that observer
+    /// stays silent. Throws as the registrations do.
+    void registerDefaultObserveHandler(const std::string& key);
+
+    /// One line per key with its value, in key order. Takes the data lock. For diagnosis.
+    std::string dumpDataTree();
+
+private:
+    struct SharedState;
+    explicit ObserverTree(const SharedState& state);
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "hox/observer_tree/tree_types.h"
+
+namespace Hox::ObserverTree {
+
+/// The registering face of a tree.
+///
+/// Callable at any time from any thread, also while the tree serves requests: a new node is visible
+/// at once. Each call takes the handler lock alone, throws PathError for a malformed address, and
+/// changes nothing when it throws. Nodes are never removed.
+class ObserverTreeHandlerReg {
+public:
+    /// Shares the state of the tree.
+    ObserverTreeHandlerReg(std::shared_ptr<FunctionTree> functionTree,
+                           std::shared_ptr<std::recursive_mutex> handlerLock,
+                           std::shared_ptr<ObserveNodes> observeNodes);
+    virtual ~ObserverTreeHandlerReg() = default;
+    ObserverTreeHandlerReg(const ObserverTreeHandlerReg&) = delete;
+    ObserverTreeHandlerReg(ObserverTreeHandlerReg&&) = delete;
+    ObserverTreeHandlerReg& operator=(const ObserverTreeHandlerReg&) = delete;
+    ObserverTreeHandlerReg& operator=(ObserverTreeHandlerReg&&) = delete;
+
+    /// Registers the handler of one unary operation. Throws DoubleRegistrationError when the
+    /// address has one; the first one stays.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+    void registerUnaryOpHandler(const std::string& key, UnaryHandler<InMsg, ReturnMsg> handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        findOrCreateNode(key, toString(OpId))
+            ->template setUnaryHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
+    }
+
+    /// Registers the handler that selects changes for the observers of the address. Throws
+    /// DoubleRegistrationError when the address has one.
+    template <typename InMsg>
+    void registerObserveHandler(const std::string& key, TreeNode::ObserveHandler<InMsg> handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        const auto node = findOrCreateNode(key, observeText);
+        node->template setObserveHandler<InMsg>(std::move(handler));
+        m_observeNodes->push_back(node);
+    }
+
+    /// Registers what runs when an observer arrives, replacing an earlier hook. To be done before
+    /// the address has observers; google::protobuf::Message as InMsg serves every request type.
+    template <typename InMsg>
+    void registerNewObserverHandler(const std::string& key, TreeNode::ObserverHook<InMsg> handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        findOrCreateNode(key, observeText)
+            ->template setNewObserverHandler<InMsg>(std::move(handler));
+    }
+
+    /// Registers what runs when an observer leaves, on the thread that drops the handle. Otherwise
+    /// as registerNewObserverHandler.
+    template <typename InMsg>
+    void registerObserverGoneHandler(const std::string& key,
+                                     TreeNode::ObserverHook<InMsg> handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        findOrCreateNode(key, observeText)
+            ->template setObserverGoneHandler<InMsg>(std::move(handler));
+    }
+
+private:
+    static constexpr const char* observeText = "OBSERVE";
+
+    static void checkAddress(const std::string& key);
+    std::shared_ptr<TreeNode> findOrCreateNode(const std::string& key, const char* operationText);
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+    std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
+    std::shared_ptr<std::recursive_mutex> m_handlerLock;
+    std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
+};
+
+}  // namespace Hox::ObserverTree

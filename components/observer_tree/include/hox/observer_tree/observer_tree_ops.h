@@ -1,0 +1,135 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <any>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "hox/observer_tree/tree_types.h"
+
+namespace Hox::ObserverTree {
+
+/// The operations on a tree, and the delivery of what they change.
+///
+/// Callable from any thread; all operations of one tree are strictly serial, handler and delivery
+/// included. Observers run on the calling thread before an operation returns. Handlers and
+/// observers may call back into the tree on their own thread. What a handler wrote before it threw
+/// stays and is delivered with the next operation.
+class ObserverTreeOps {
+public:
+    /// Shares the state of the tree. Lock order: handler lock, data lock, then a node's own mutex.
+    ObserverTreeOps(std::shared_ptr<FunctionTree> functionTree,
+                    std::shared_ptr<std::recursive_mutex> handlerLock,
+                    std::shared_ptr<DataTree> dataTree,
+                    std::shared_ptr<std::recursive_mutex> dataLock,
+                    std::shared_ptr<ObserveNodes> observeNodes);
+    virtual ~ObserverTreeOps() = default;
+    ObserverTreeOps(const ObserverTreeOps&) = delete;
+    ObserverTreeOps(ObserverTreeOps&&) = delete;
+    ObserverTreeOps& operator=(const ObserverTreeOps&) = delete;
+    ObserverTreeOps& operator=(ObserverTreeOps&&) = delete;
+
+    /// Runs the handler registered for exactly this address, then delivers what it wrote. Throws
+    /// FuncNodeHandlerError when there is none, and what the handler throws.
+    template <UnaryOps OpId, typename InMsg, typename ReturnType>
+    UnaryHandlerReturnType<ReturnType> callApiOp(const std::string& key, const InMsg& inMsg) {
+        const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
+        TreeNode& node = requireUnaryNode(OpId, key);
+        if (m_logger->should_log(spdlog::level::trace)) {
+            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
+                          toString(OpId), getTemplateTypeName<InMsg>(),
+                          getTemplateTypeName<ReturnType>());
+        }
+        const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
+        m_dataTree->setKeyPattern(key);
+        auto result = node.template callUnaryHandler<OpId, InMsg, ReturnType>(inMsg, *m_dataTree);
+        callAllObserveHandlers(*m_dataTree, {});
+        return result;
+    }
+
+    /// The same for callers that know messages by descriptor only. Throws std::bad_cast when the
+    /// message is not of the handler's type.
+    template <UnaryOps OpId>
+    UnaryHandlerReturnType<BaseMsgType> unaryOpCast(const std::string& key,
+                                                    const BaseMsgType& inMsg) {
+        const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
+        TreeNode& node = requireUnaryNode(OpId, key);
+        if (m_logger->should_log(spdlog::level::trace)) {
+            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
+                          toString(OpId), getTemplateTypeName<BaseMsgType>(),
+                          getTemplateTypeName<BaseMsgType>());
+        }
+        const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
+        m_dataTree->setKeyPattern(key);
+        auto result = node.callUnaryHandlerCast<OpId>(inMsg, *m_dataTree);
+        callAllObserveHandlers(*m_dataTree, {});
+        return result;
+    }
+
+    /// Registers an observer at exactly this address and delivers the first snapshot to it, before
+    /// this call returns unless it runs inside a delivery. startIndex is not used. Throws
+    /// FuncNodeHandlerError when there is no such node; a node without an observe handler accepts
+    /// an observer that never gets a call.
+    template <typename InMsg>
+    ObserveRaiiHandleType<InMsg> observe(const std::string& key, const InMsg& inMsg,
+                                         ObserverCallback callback,
+                                         [[maybe_unused]] uint64_t startIndex) {
+        const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
+        const auto node = requireObserveNode(key);
+        const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
+        auto handle = node->template observe<InMsg>(inMsg, std::move(callback));
+        deliverSnapshot(node, handle);
+        return handle;
+    }
+
+    /// The same by descriptor; the result holds the handle.
+    std::any observeCast(const std::string& key, const BaseMsgType& inMsg,
+                         ObserverCallback callback, uint64_t startIndex);
+
+    /// The node at the address if it has a handler for the operation, otherwise the map's end. Runs
+    /// under the handler lock.
+    template <UnaryOps OpId>
+    FunctionTree::iterator getUnaryOpFuncNode(const std::string& key) {
+        return findUnaryNode(OpId, key);
+    }
+
+    /// Delivers all pending changes, and those that observers make meanwhile, to all observers, and
+    /// runs the deferred callbacks, `callback` among them unless it is empty. Inside a delivery it
+    /// only leaves the callback to the outer run. Runs with both locks of the tree held; the
+    /// callback must not throw.
+    void callAllObserveHandlers(DataTree& tree, std::function<void()> callback);
+
+protected:
+    /// The data tree and its lock, for the class that puts the tree together.
+    const std::shared_ptr<DataTree>& dataTree() const { return m_dataTree; }
+    const std::shared_ptr<std::recursive_mutex>& dataLock() const { return m_dataLock; }
+
+private:
+    FunctionTree::iterator findUnaryNode(UnaryOps operation, const std::string& key);
+    TreeNode& requireUnaryNode(UnaryOps operation, const std::string& key);
+    std::shared_ptr<TreeNode> requireObserveNode(const std::string& key);
+    void deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle);
+    void runDeferredCallbacks();
+    void deliver(const ChangeSetType& changes);
+    void traceChanges(const ChangeSetType& changes);
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+    std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
+    std::shared_ptr<std::recursive_mutex> m_handlerLock;
+    std::shared_ptr<DataTree> m_dataTree;  // GUARDED_BY(*m_dataLock)
+    std::shared_ptr<std::recursive_mutex> m_dataLock;
+    std::shared_ptr<ObserveNodes> m_observeNodes;           // GUARDED_BY(*m_handlerLock)
+    bool m_callbacksBeingProcessed = false;                 // GUARDED_BY(*m_dataLock)
+    std::deque<std::function<void()>> m_deferredCallbacks;  // GUARDED_BY(*m_dataLock)
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "hox/observer_tree/access_violation_error.h"
+#include "hox/observer_tree/path_manipulation.h"
+
+namespace Hox::ObserverTree {
+
+/// A data tree that a handler writes only inside the keys of its address; it reads them all.
+template <typename TreeType>
+class RestrictedDataTree : public TreeType {
+public:
+    using TreeType::TreeType;
+    using KeyType = typename TreeType::Values::key_type;
+    using ValueType = typename TreeType::Values::mapped_type;
+    using iterator = typename TreeType::iterator;
+
+    /// Limits writes to the address and everything below it, until the next call. Throws PathError
+    /// when the address is malformed; the former limit stays in force then.
+    void setKeyPattern(const std::string& address) {
+        if (address == m_address) {
+            return;
+        }
+        auto pattern = m_path.parsePath(PathType::FunctionTreeAddress, address);
+        pattern.emplace_back(WildCard::DoubleStar);
+        m_keyPattern = std::move(pattern);
+        m_address = address;
+    }
+
+    /// Throws PathError for a malformed key, AccessViolationError for one outside the limit.
+    void checkAccess(const KeyType& key) const {
+        if (!m_path.matches(m_path.parsePath(PathType::Key, key), m_keyPattern)) {
+            throw AccessViolationError("Not allowed to access \"" + key + "\" with key pattern \"" +
+                                           m_path.componentsToString(m_keyPattern) + "\" in effect",
+                                       __FILE__, __LINE__);
+        }
+    }
+
+    /// As the base class, after checkAccess; a rejected write changes nothing.
+    std::pair<iterator, bool> insert_or_assign(const KeyType& key, const ValueType& value) {
+        checkAccess(key);
+        return TreeType::insert_or_assign(key, value);
+    }
+
+    /// The same, taking over key and value.
+    std::pair<iterator, bool> insert_or_assign(KeyType&& key, ValueType&& value) {
+        checkAccess(key);
+        return TreeType::insert_or_assign(std::move(key), std::move(value));
+    }
+
+    /// As the base class, after checkAccess, which an absent key has to pass too.
+    void erase(const KeyType& key) {
+        checkAccess(key);
+        TreeType::erase(key);
+    }
+
+private:
+    PathManipulation m_path;
+    std::string m_address;  // what m_keyPattern was made from
+    PathComponents m_keyPattern;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include "obstree.pb.h"
+
+namespace Hox::ObserverTree {
+
+/// The outcome of an operation: a ProtoStatus of which an OK one never carries a text.
+///
+/// Holds the generated message, whose class is final, instead of deriving from it.
+class Status {
+public:
+    /// OK.
+    Status();
+
+    /// Asserts that an OK status has no text.
+    Status(ProtoStatus::StatusCode statusCode, const std::string& errorMessage);
+
+    bool isOk() const { return m_proto.statuscode() == ProtoStatus::OK; }
+    ProtoStatus::StatusCode statusCode() const { return m_proto.statuscode(); }
+    const std::string& errorMessage() const { return m_proto.errormessage(); }
+
+    /// The form that travels on an observe stream.
+    const ProtoStatus& proto() const { return m_proto; }
+
+private:
+    ProtoStatus m_proto;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,160 @@
+#include "hox/observer_tree/path_manipulation.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/observer_tree/path_error.h"
+#include "hox/observer_tree/unexpected_index.h"
+
+namespace Hox::ObserverTree {
+
+namespace {
+
+constexpr char separator = '/';
+
+std::string naming(const std::string& path) {
+    return "path = " + path + ". ";
+}
+
+bool isFunctionTreeOnly(std::string_view component) {
+    return component.front() == '.' && component.back() == '.';
+}
+
+/// Turns one component into its parsed form; doubleStarSeen is shared by the components of a path.
+PathComponent parseComponent(PathType type, std::string_view component, const std::string& path,
+                             bool& doubleStarSeen) {
+    if (component.empty()) {
+        throw PathError("Key must not contain // (two slashes in a row; " + naming(path), __FILE__,
+                        __LINE__);
+    }
+    if (isFunctionTreeOnly(component)) {
+        if (type != PathType::FunctionTreeAddress) {
+            throw PathError("Only function tree addresses may contain .<something>. components; " +
+                                naming(path),
+                            __FILE__, __LINE__);
+        }
+        return WildCard::Star;
+    }
+    if (component.find('*') == std::string_view::npos) {
+        return std::string(component);
+    }
+    if (type != PathType::KeyPattern) {
+        throw PathError("Only key_pattern's may contain *; " + naming(path), __FILE__, __LINE__);
+    }
+    if (component == "*") {
+        return WildCard::Star;
+    }
+    if (component != "**") {
+        throw PathError("More than two *'s in key_pattern component not allowed; " + naming(path),
+                        __FILE__, __LINE__);
+    }
+    if (doubleStarSeen) {
+        throw PathError("A key_pattern may at most contain one occurrence of **; " + naming(path),
+                        __FILE__, __LINE__);
+    }
+    doubleStarSeen = true;
+    return WildCard::DoubleStar;
+}
+
+bool isDoubleStar(const PathComponent& component) {
+    const auto* wildCard = std::get_if<WildCard>(&component);
+    return wildCard != nullptr && *wildCard == WildCard::DoubleStar;
+}
+
+}  // namespace
+
+PathManipulation::PathManipulation()
+    : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
+
+PathComponents PathManipulation::parsePath(PathType type, const std::string& path) const {
+    if (path.empty()) {
+        throw PathError("Path must not be empty", __FILE__, __LINE__);
+    }
+    if (path.front() != separator) {
+        throw PathError("Initial character of path must be '/'; " + naming(path), __FILE__,
+                        __LINE__);
+    }
+    if (path.size() > 1 && path.back() == separator) {
+        throw PathError("Final character of path must not be '/' ; " + naming(path), __FILE__,
+                        __LINE__);
+    }
+    PathComponents components;
+    if (path.size() == 1) {
+        return components;
+    }
+    components.reserve(static_cast<std::size_t>(std::count(path.begin(), path.end(), separator)));
+    bool doubleStarSeen = false;
+    std::string_view rest = path;
+    while (!rest.empty()) {
+        rest.remove_prefix(1);
+        const auto component = rest.substr(0, rest.find(separator));
+        components.push_back(parseComponent(type, component, path, doubleStarSeen));
+        rest.remove_prefix(component.size());
+    }
+    return components;
+}
+
+bool PathManipulation::matches(const PathComponents& pathComponents,
+                               const PathComponents& matcherComponents) const {
+    const auto stop =
+        std::find_if(matcherComponents.begin(), matcherComponents.end(), isDoubleStar);
+    auto pathLeftIter = pathComponents.begin();
+    for (auto matcherLeftIter = matcherComponents.begin(); matcherLeftIter != stop;
+         ++matcherLeftIter, ++pathLeftIter) {
+        if (pathLeftIter == pathComponents.end()) {
+            return false;
+        }
+        const auto* literal = std::get_if<std::string>(&*matcherLeftIter);
+        if (literal == nullptr) {
+            continue;
+        }
+        const auto* pathLiteral = std::get_if<std::string>(&*pathLeftIter);
+        if (pathLiteral == nullptr) {
+            throw UnexpectedIndex();
+        }
+        if (*pathLiteral != *literal) {
+            return false;
+        }
+    }
+    if (stop == matcherComponents.end()) {
+        return pathLeftIter == pathComponents.end();
+    }
+    if (matcherComponents.size() - 1 > pathComponents.size()) {
+        return false;
+    }
+    if (!std::holds_alternative<WildCard>(matcherComponents.back())) {
+        throw UnexpectedIndex();
+    }
+    return true;
+}
+
+std::string PathManipulation::componentsToString(const PathComponents& components) const {
+    std::string text;
+    for (const auto& component : components) {
+        if (&component != &components.front()) {
+            text += separator;
+        }
+        if (const auto* literal = std::get_if<std::string>(&component)) {
+            text += *literal;
+        } else {
+            text += isDoubleStar(component) ? "**" : "*";
+        }
+    }
+    return text;
+}
+
+void PathManipulation::printComponents(const PathComponents& components,
+                                       const std::string& prefix) const {
+    for (const auto& component : components) {
+        if (const auto* literal = std::get_if<std::string>(&component)) {
+            std::printf("%scomponent = %s\n", prefix.c_str(), literal->c_str());
+        } else {
+            std::printf("%scomponent = %d\n", prefix.c_str(),
+                        static_cast<int>(std::get<WildCard>(component)));
+        }
+    }
+}
+
+}  // namespace Hox::ObserverTree
