@@ -1,0 +1,13 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace Hox::Testing {
+
+/// Polls the condition until it holds. Returns whether it came to hold before the time was over;
+/// the condition is asked at least once, always on the calling thread.
+bool waitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds deadline = std::chrono::seconds(30));
+
+}  // namespace Hox::Testing
