@@ -1,0 +1,31 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Hox::Testing {
+
+/// The receiving end of a local datagram socket: stands in for a daemon that only listens.
+///
+/// Used by one thread; senders may be any thread or process.
+class DatagramReceiver {
+public:
+    /// Binds a new socket at the path, whose folder must exist; throws std::system_error.
+    explicit DatagramReceiver(const std::filesystem::path& path);
+    ~DatagramReceiver();
+    DatagramReceiver(const DatagramReceiver&) = delete;
+    DatagramReceiver& operator=(const DatagramReceiver&) = delete;
+    DatagramReceiver(DatagramReceiver&&) = delete;
+    DatagramReceiver& operator=(DatagramReceiver&&) = delete;
+
+    /// All messages that have arrived so far, in order; never blocks. Throws std::system_error.
+    const std::vector<std::string>& messages();
+
+private:
+    std::filesystem::path m_path;
+    int m_socket;
+    std::vector<std::string> m_messages;
+};
+
+}  // namespace Hox::Testing

@@ -1,0 +1,62 @@
+#include "hox/testing/datagram_receiver.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <system_error>
+
+#include "hox/testing/temp_dir.h"
+
+namespace Hox::Testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+void send(const std::filesystem::path& path, const std::string& message) {
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(sender, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    EXPECT_EQ(sendto(sender, message.data(), message.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              static_cast<ssize_t>(message.size()));
+    close(sender);
+}
+
+TEST(DatagramReceiver, KeepsMessagesWholeAndInOrder) {
+    const TempDir folder;
+    DatagramReceiver receiver(folder / "socket");
+    EXPECT_THAT(receiver.messages(), IsEmpty());
+    const std::string large(20000, 'x');
+    send(folder / "socket", "first");
+    send(folder / "socket", "");
+    send(folder / "socket", large);
+    EXPECT_THAT(receiver.messages(), ElementsAre("first", "", large));
+    send(folder / "socket", "later");
+    EXPECT_THAT(receiver.messages(), ElementsAre("first", "", large, "later"));
+}
+
+TEST(DatagramReceiver, RemovesItsSocket) {
+    const TempDir folder;
+    {
+        const DatagramReceiver receiver(folder / "socket");
+        EXPECT_TRUE(std::filesystem::is_socket(folder / "socket"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
+}
+
+TEST(DatagramReceiver, RefusesAPathThatIsTakenOrTooLong) {
+    const TempDir folder;
+    const DatagramReceiver receiver(folder / "socket");
+    EXPECT_THROW(DatagramReceiver(folder / "socket"), std::system_error);
+    EXPECT_THROW(DatagramReceiver(folder / std::string(108, 'x')), std::system_error);
+}
+
+}  // namespace
+}  // namespace Hox::Testing
