@@ -1,0 +1,37 @@
+"""Private namespaces, so that services of parallel runs never meet."""
+import ctypes
+import itertools
+import os
+import socket
+import subprocess
+
+CLONE_NEWNET = 0x40000000
+
+_libc = ctypes.CDLL(None, use_errno=True)
+# Below the range that the kernel hands out to outgoing connections.
+_ports = itertools.count(20000)
+
+
+def enter_private_network():
+    """Moves this process into a network of its own that has the loopback interface only.
+
+    Call it before any thread starts. Two servers may listen on one port without any error (both
+    set SO_REUSEPORT), so that parallel runs in one network could answer each other's clients.
+    """
+    if _libc.unshare(CLONE_NEWNET) != 0:
+        error = ctypes.get_errno()
+        raise OSError(error, "a private network needs root: " + os.strerror(error))
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+
+def free_port():
+    """A port that nobody listens on, each at most once per process."""
+    for port in _ports:
+        try:
+            for family, address in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::1")):
+                with socket.socket(family, socket.SOCK_STREAM) as probe:
+                    probe.bind((address, port))
+            return port
+        except OSError:
+            continue
+    raise AssertionError("unreachable")

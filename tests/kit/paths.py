@@ -1,0 +1,18 @@
+"""Where things lie in the tree."""
+import os
+import pathlib
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+#: The folders whose proto files make up the wire.
+PROTO_ROOTS = [
+    ROOT / "components/hox_protos/proto",
+    ROOT / "third_party",
+    ROOT / "capabilities/state_monitoring/api/proto",
+    ROOT / "capabilities/introspection/api/proto",
+]
+
+
+def program():
+    """The program under test, from HALVO_PROGRAM or the release build."""
+    return pathlib.Path(os.environ.get("HALVO_PROGRAM", ROOT / "build/release/bin/halvo-system"))

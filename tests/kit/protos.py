@@ -1,0 +1,36 @@
+"""Message classes and method tables, made from the proto files at run time."""
+import importlib
+import subprocess
+import sys
+
+from google.protobuf import descriptor_pb2
+
+from kit.paths import PROTO_ROOTS
+
+
+class Protos:
+    """The modules that protoc made of all proto files.
+
+    state: state monitoring; tree: the observer tree's wire; introspection: log levels.
+    """
+
+    def __init__(self, out):
+        """Compiles all proto files into the folder and imports them. Once per process."""
+        files = [str(file) for root in PROTO_ROOTS for file in sorted(root.rglob("*.proto"))]
+        includes = [f"-I{root}" for root in PROTO_ROOTS]
+        subprocess.run(["protoc", *includes, f"--python_out={out}", *files], check=True)
+        sys.path.insert(0, str(out))
+        self.tree = importlib.import_module("obstree_pb2")
+        self.state = importlib.import_module("state_monitoring_pb2")
+        self.introspection = importlib.import_module("introspection_pb2")
+
+    def service(self, module, name):
+        """The ServiceDescriptor of a module's service."""
+        return module.DESCRIPTOR.services_by_name[name]
+
+
+def streaming_methods(service):
+    """Names of the methods of a service that answer with a stream."""
+    file = descriptor_pb2.FileDescriptorProto.FromString(service.file.serialized_pb)
+    proto = next(entry for entry in file.service if entry.name == service.name)
+    return {method.name for method in proto.method if method.server_streaming}

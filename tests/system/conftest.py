@@ -1,0 +1,57 @@
+"""Fixtures of the system tests: one private network per worker, services that end cleanly."""
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+
+from kit.namespaces import enter_private_network  # noqa: E402
+
+# Ahead of the first thread of gRPC, which this import brings in.
+enter_private_network()
+
+from kit.paths import program  # noqa: E402
+from kit.protos import Protos  # noqa: E402
+from kit.service import Service  # noqa: E402
+
+
+def pytest_sessionstart(session):
+    if not program().exists():
+        pytest.exit(f"{program()} is not built: run scripts/build", returncode=2)
+
+
+@pytest.fixture(scope="session")
+def protos(tmp_path_factory):
+    return Protos(tmp_path_factory.mktemp("protos"))
+
+
+@pytest.fixture
+def start(protos, tmp_path):
+    """Starts services that are ready; each must end cleanly when the test is over."""
+    services = []
+
+    def launch(*args, ready=True, **kwargs):
+        service = Service(protos, tmp_path / f"s{len(services)}", *args, **kwargs)
+        services.append(service)
+        return service.wait_ready() if ready else service
+
+    yield launch
+    try:
+        for service in services:
+            service.stop()
+    finally:
+        for service in services:
+            service.close()
+
+
+@pytest.fixture
+def service(start):
+    """A running service that logs to standard output."""
+    return start()
+
+
+@pytest.fixture
+def client(service):
+    """A client of the running service."""
+    return service.client()
