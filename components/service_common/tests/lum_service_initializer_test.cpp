@@ -141,6 +141,7 @@ TEST(FrameOptions, OfCapabilitiesFollowInTheHelp) {
     EXPECT_EQ(service.initialize(), 1);
     const std::string help = GetCapturedStdout();
     EXPECT_THAT(unfolded(help), HasSubstr("Mine options: --mine An option of mine "));
+    EXPECT_LT(help.find("service options:"), help.find("Mine options:"));
 }
 
 TEST(FrameOptions, RefusePortsThatAreNoNumbersWhereBothAreGiven) {

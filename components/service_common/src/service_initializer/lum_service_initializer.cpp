@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cxxopts.hpp>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -71,7 +72,8 @@ LumServiceInitializer::~LumServiceInitializer() {
 
 int LumServiceInitializer::initialize() {
     HOX_ASSERT(!m_isInitialized);
-    if (!parseServiceOptions(m_argc, m_argv, m_ctx, *m_logger)) {
+    if (!parseOptions(m_argc, m_argv, m_ctx)) {
+        printHelp(m_ctx);
         return 1;
     }
     m_ctx.setIdentity(ServiceIdentity{m_ctx.optionValue("id"), "0", "mb"});
@@ -149,6 +151,24 @@ void LumServiceInitializer::installSignalHandlers() {
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+}
+
+bool LumServiceInitializer::parseOptions(int argc, char** argv, LumServiceCtx& ctx) {
+    try {
+        ctx.parseOptions(argc, argv);
+    } catch (const cxxopts::exceptions::exception& error) {
+        m_logger->log(Log::here(), spdlog::level::err, "{}", error.what());
+        return false;
+    }
+    if (ctx.optionCount("help") > 0 || ctx.optionCount("port") == 0) {
+        return false;
+    }
+    if (ctx.optionCount("extport") == 0) {
+        return true;
+    }
+    const int port = std::stoi(ctx.optionValue("port"));
+    const int externalPort = std::stoi(ctx.optionValue("extport"));
+    return port != externalPort;
 }
 
 void LumServiceInitializer::initGrpcServerBuilder(LumServiceCtx& ctx) {

@@ -1,26 +1,22 @@
 #include "service_initializer/service_options.h"
 
+#include <algorithm>
 #include <cxxopts.hpp>
 #include <iostream>
 #include <string>
-
-#include "hox/cpputil/log/source_location.h"
 
 namespace Hox::Service {
 
 namespace {
 
-bool stopWithHelp(LumServiceCtx& ctx) {
-    std::cout << ctx.getOptions().help() << std::endl;
-    return false;
-}
+constexpr const char* serviceGroup = "service";
 
 }  // namespace
 
 void addServiceOptions(LumServiceCtx& ctx) {
     const auto text = [] { return cxxopts::value<std::string>(); };
     ctx.getOptions().add_options(
-        "service",
+        serviceGroup,
         {
             {"port", "The service listener port. This is a Mandatory option.", text()},
             {"extport",
@@ -43,23 +39,12 @@ void addServiceOptions(LumServiceCtx& ctx) {
         });
 }
 
-bool parseServiceOptions(int argc, const char* const* argv, LumServiceCtx& ctx,
-                         spdlog::logger& logger) {
-    try {
-        ctx.parseOptions(argc, argv);
-    } catch (const cxxopts::exceptions::exception& error) {
-        logger.log(Log::here(), spdlog::level::err, "{}", error.what());
-        return stopWithHelp(ctx);
-    }
-    if (ctx.optionCount("help") > 0 || ctx.optionCount("port") == 0) {
-        return stopWithHelp(ctx);
-    }
-    if (ctx.optionCount("extport") == 0) {
-        return true;
-    }
-    const int port = std::stoi(ctx.optionValue("port"));
-    const int externalPort = std::stoi(ctx.optionValue("extport"));
-    return port != externalPort || stopWithHelp(ctx);
+void printHelp(LumServiceCtx& ctx) {
+    // The library keeps the groups in no order: the service's own options come first.
+    auto groups = ctx.getOptions().groups();
+    std::stable_partition(groups.begin(), groups.end(),
+                          [](const std::string& group) { return group == serviceGroup; });
+    std::cout << ctx.getOptions().help(groups) << std::endl;
 }
 
 }  // namespace Hox::Service

@@ -67,6 +67,8 @@ private:
 
     static void handleSignal(int signalNumber);
     void installSignalHandlers();
+    /// Whether the command line lets the service go on. What the parser refuses is logged.
+    bool parseOptions(int argc, char** argv, LumServiceCtx& ctx);
     void initGrpcServerBuilder(LumServiceCtx& ctx);
     void initCapabilities(LumServiceCtx& ctx);
     void callCapabilities(const char* step, Hook hook);
