@@ -1,0 +1,80 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "hox/observer_tree/observer_tree.h"
+#include "state_monitoring.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+class TypeFilter;
+
+/// The logic of the state monitor: keeps the latest notification of every origin and the last
+/// notifications of all, as data of an observer tree, and derives the severity of the whole.
+///
+/// Outlives the use of the tree that its handlers are registered on. The handlers run under the
+/// locks of that tree, which guard the members too.
+class StateMonObsHelper {
+public:
+    /// The system state that stands for a machine that is still starting.
+    static constexpr int systemStarting = 1;
+
+    /// The mutex is the capability's, the id that of this service; the archive holds at most
+    /// archiveSize notifications. Asserts that this is above 0.
+    StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex, std::string serviceId,
+                      bool isSystemMonitor, int32_t archiveSize);
+    virtual ~StateMonObsHelper() = default;
+    StateMonObsHelper(const StateMonObsHelper&) = delete;
+    StateMonObsHelper(StateMonObsHelper&&) = delete;
+    StateMonObsHelper& operator=(const StateMonObsHelper&) = delete;
+    StateMonObsHelper& operator=(StateMonObsHelper&&) = delete;
+
+    /// Registers all handlers; once per tree. Throws as the registrations do.
+    void registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree);
+
+    /// Tells how far the machine is: 0 not known, 1 starting, 2 running, 3 degraded. While it is
+    /// starting, the severity of the whole is BOOTING unless there is an ERROR. Any thread, no
+    /// lock.
+    void setSystemState(int systemState) { m_systemState = systemState; }
+
+private:
+    using DataTree = Hox::ObserverTree::DataTree;
+    template <typename Msg>
+    using Result = Hox::ObserverTree::UnaryHandlerReturnType<Msg>;
+
+    void registerStateHandlers(Hox::ObserverTree::ObserverTree& tree);
+    void registerConnectionHandlers(Hox::ObserverTree::ObserverTree& tree);
+
+    Result<Api::CreateStateNotificationResp> createStateNotification(
+        const Api::CreateStateNotificationReq& req, DataTree& tree);
+    Result<Api::GetStateNotificationsResp> getStateNotifications(
+        const Api::GetStateNotificationsReq& req, const DataTree& tree) const;
+    Result<Api::GetLatestStateNotificationsResp> getLatestStateNotifications(
+        const Api::GetLatestStateNotificationsReq& req, const DataTree& tree) const;
+    Result<Api::GetCurrentStateResp> getCurrentState() const;
+
+    void storeNotification(const Api::StateNotification& notification, DataTree& tree);
+    void countSeverity(Api::StateSeverity severity, int32_t difference);
+    void selectByIndex(int32_t index, TypeFilter& filter, const DataTree& tree,
+                       Api::GetStateNotificationsResp& resp) const;
+
+    std::shared_ptr<spdlog::logger> m_logger;
+    int32_t m_nextIndex = 0;
+    int32_t m_archiveCount = 0;
+    int32_t m_archiveSize;
+    bool m_isSystemMonitor;
+    std::string m_serviceId;
+    std::atomic<int> m_systemState{0};
+    std::shared_ptr<std::mutex> m_capabilityMutex;
+    /// How many of the latest notifications are of these severities.
+    int32_t m_latestErrors = 0;
+    int32_t m_latestWarnings = 0;
+};
+
+}  // namespace Hox::Capability::StateMonitoring

@@ -1,0 +1,134 @@
+#include "hox/state_monitoring/state_mon_obs_helper.h"
+
+#include <utility>
+
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/observer_tree/path_error.h"
+#include "notification_keys.h"
+#include "obstree.pb.h"
+#include "state_monitoring_internals.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+using Hox::ObserverTree::DataTreeVal;
+using Hox::ObserverTree::PathError;
+using Hox::ObserverTree::ProtoStatus;
+using Hox::ObserverTree::Status;
+using Hox::ObserverTree::UnaryOps;
+
+StateMonObsHelper::StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex,
+                                     std::string serviceId, bool isSystemMonitor,
+                                     int32_t archiveSize)
+    : m_logger(Hox::Log::getLogsystem()->getLogger("StateMonObsHelper")),
+      m_archiveSize(archiveSize),
+      m_isSystemMonitor(isSystemMonitor),
+      m_serviceId(std::move(serviceId)),
+      m_capabilityMutex(std::move(capabilityMutex)) {
+    HOX_ASSERT(m_archiveSize > 0);
+}
+
+void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree) {
+    registerStateHandlers(tree);
+    registerConnectionHandlers(tree);
+}
+
+void StateMonObsHelper::registerStateHandlers(Hox::ObserverTree::ObserverTree& tree) {
+    tree.registerUnaryOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
+                                Api::CreateStateNotificationResp>(
+        "/state/notifications",
+        [this](const auto& req, DataTree& data) { return createStateNotification(req, data); });
+    tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetStateNotificationsReq,
+                                Api::GetStateNotificationsResp>(
+        "/state/notifications",
+        [this](const auto& req, DataTree& data) { return getStateNotifications(req, data); });
+    tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetLatestStateNotificationsReq,
+                                Api::GetLatestStateNotificationsResp>(
+        "/state/latest",
+        [this](const auto& req, DataTree& data) { return getLatestStateNotifications(req, data); });
+    tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetCurrentStateReq, Api::GetCurrentStateResp>(
+        "/state/current", [this](const auto&, DataTree&) { return getCurrentState(); });
+}
+
+void StateMonObsHelper::registerConnectionHandlers(Hox::ObserverTree::ObserverTree& tree) {
+    tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetStateMonitorStatusReq,
+                                Api::GetStateMonitorStatusResp>(
+        "/status", [](const auto&, DataTree& data) {
+            auto resp = std::make_unique<Api::GetStateMonitorStatusResp>();
+            auto& status = *resp->mutable_monitorstatus();
+            const auto found = data.find("/status");
+            if (found != data.end()) {
+                status = found->second->get<Api::StateMonitorStatus>();
+            }
+            return Result<Api::GetStateMonitorStatusResp>{std::move(resp), Status()};
+        });
+    tree.registerDefaultObserveHandler("/state");
+    tree.registerUnaryOpHandler<UnaryOps::UPDATE, UpdateStateMonitorConfReq,
+                                UpdateStateMonitorConfResp>("/conf", [](const auto& req,
+                                                                        DataTree& data) {
+        data.insert_or_assign("/conf", std::make_shared<const DataTreeVal>(req.statemonitorconf()));
+        return Result<UpdateStateMonitorConfResp>{std::make_unique<UpdateStateMonitorConfResp>(),
+                                                  Status()};
+    });
+    tree.registerUnaryOpHandler<UnaryOps::UPDATE, UpdateStateMonitorStatusReq,
+                                UpdateStateMonitorStatusResp>("/status", [](const auto& req,
+                                                                            DataTree& data) {
+        data.insert_or_assign("/status", std::make_shared<const DataTreeVal>(req.monitorstatus()));
+        return Result<UpdateStateMonitorStatusResp>{
+            std::make_unique<UpdateStateMonitorStatusResp>(), Status()};
+    });
+    tree.registerDefaultObserveHandler("/");
+}
+
+auto StateMonObsHelper::createStateNotification(const Api::CreateStateNotificationReq& req,
+                                                DataTree& tree)
+    -> Result<Api::CreateStateNotificationResp> {
+    auto resp = std::make_unique<Api::CreateStateNotificationResp>();
+    try {
+        storeNotification(req.statenotification(), tree);
+        return {std::move(resp), Status()};
+    } catch (const PathError& error) {
+        return {std::move(resp), Status(ProtoStatus::FAILED_PRECONDITION, error.what())};
+    }
+}
+
+void StateMonObsHelper::storeNotification(const Api::StateNotification& notification,
+                                          DataTree& tree) {
+    Api::StoredNotification stored;
+    stored.set_index(m_nextIndex);
+    *stored.mutable_statenotification() = notification;
+    auto key = latestKey(notification);
+    const auto former = tree.find(key);
+    const bool hasFormer = former != tree.end();
+    if (hasFormer) {
+        stored.mutable_previousstateseverity()->set_stateseverity(
+            former->second->get<Api::StoredNotification>().statenotification().severity());
+    }
+    const auto formerSeverity = stored.previousstateseverity().stateseverity();
+    const Hox::ObserverTree::DataTreeValPtr value =
+        std::make_shared<const DataTreeVal>(std::move(stored));
+
+    // Throws for a malformed key, with nothing changed yet.
+    tree.insert_or_assign(std::move(key), Hox::ObserverTree::DataTreeValPtr(value));
+    tree.insert_or_assign(archiveKey(m_nextIndex), Hox::ObserverTree::DataTreeValPtr(value));
+    if (hasFormer) {
+        countSeverity(formerSeverity, -1);
+    }
+    countSeverity(notification.severity(), 1);
+    ++m_archiveCount;
+    if (m_archiveCount > m_archiveSize) {
+        tree.erase(archiveKey(m_nextIndex - m_archiveSize));
+        --m_archiveCount;
+    }
+    ++m_nextIndex;
+}
+
+void StateMonObsHelper::countSeverity(Api::StateSeverity severity, int32_t difference) {
+    if (severity == Api::StateSeverity::ERROR) {
+        m_latestErrors += difference;
+    } else if (severity == Api::StateSeverity::WARN) {
+        m_latestWarnings += difference;
+    }
+}
+
+}  // namespace Hox::Capability::StateMonitoring

@@ -1,0 +1,112 @@
+#include <algorithm>
+#include <limits>
+#include <regex>
+#include <utility>
+
+#include "hox/cpputil/error/invalid_argument_error.h"
+#include "hox/state_monitoring/state_mon_obs_helper.h"
+#include "notification_keys.h"
+#include "type_filter.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+using Hox::ObserverTree::DataTree;
+using Hox::ObserverTree::ProtoStatus;
+using Hox::ObserverTree::Status;
+
+namespace {
+
+bool isEarlier(const google::protobuf::Timestamp& left, const google::protobuf::Timestamp& right) {
+    return left.seconds() != right.seconds() ? left.seconds() < right.seconds()
+                                             : left.nanos() < right.nanos();
+}
+
+void selectByTime(const google::protobuf::Timestamp& from, TypeFilter& filter, const DataTree& tree,
+                  Api::GetStateNotificationsResp& resp) {
+    for (auto entry = tree.lower_bound(archivePrefix); liesUnder(entry, archivePrefix, tree);
+         ++entry) {
+        const auto& stored = entry->second->get<Api::StoredNotification>();
+        const auto& notification = stored.statenotification();
+        if (!isEarlier(notification.timestamp(), from) && filter.accepts(notification.type())) {
+            *resp.add_statelist() = stored;
+        }
+    }
+}
+
+}  // namespace
+
+auto StateMonObsHelper::getStateNotifications(const Api::GetStateNotificationsReq& req,
+                                              const DataTree& tree) const
+    -> Result<Api::GetStateNotificationsResp> {
+    auto resp = std::make_unique<Api::GetStateNotificationsResp>();
+    std::string failure;
+    try {
+        TypeFilter filter(req.typeregex());
+        if (req.has_timestamp()) {
+            selectByTime(req.timestamp(), filter, tree, *resp);
+        } else {
+            selectByIndex(req.index(), filter, tree, *resp);
+        }
+        return {std::move(resp), Status()};
+    } catch (const std::regex_error& error) {
+        failure = error.what();
+    } catch (const Hox::CppUtil::InvalidArgumentError& error) {
+        failure = error.what();
+    }
+    resp->Clear();
+    return {std::move(resp), Status(ProtoStatus::FAILED_PRECONDITION, failure)};
+}
+
+void StateMonObsHelper::selectByIndex(int32_t index, TypeFilter& filter, const DataTree& tree,
+                                      Api::GetStateNotificationsResp& resp) const {
+    const auto limit =
+        index < 0 ? -static_cast<int64_t>(index) : std::numeric_limits<int64_t>::max();
+    const auto newest = tree.find(archiveKey(std::max(m_nextIndex, 1) - 1));
+    const auto oldest = tree.lower_bound(archiveKey(std::max(index, 0)));
+    if (!liesUnder(oldest, archivePrefix, tree) || newest == tree.end()) {
+        return;
+    }
+    auto& selected = *resp.mutable_statelist();
+    for (auto entry = newest;; --entry) {
+        const auto& stored = entry->second->get<Api::StoredNotification>();
+        if (filter.accepts(stored.statenotification().type())) {
+            *selected.Add() = stored;
+        }
+        if (entry == oldest || selected.size() == limit) {
+            return;
+        }
+    }
+}
+
+auto StateMonObsHelper::getLatestStateNotifications(const Api::GetLatestStateNotificationsReq& req,
+                                                    const DataTree& tree) const
+    -> Result<Api::GetLatestStateNotificationsResp> {
+    auto resp = std::make_unique<Api::GetLatestStateNotificationsResp>();
+    if (req.changesetonly()) {
+        return {std::move(resp), Status(ProtoStatus::UNIMPLEMENTED, "Changeset is not supported")};
+    }
+    if (m_nextIndex > req.fromindex()) {
+        for (auto entry = tree.lower_bound(latestPrefix); liesUnder(entry, latestPrefix, tree);
+             ++entry) {
+            *resp->add_statelist() = entry->second->get<Api::StoredNotification>();
+        }
+    }
+    resp->set_lateststatenotificationindex(m_nextIndex);
+    return {std::move(resp), Status()};
+}
+
+auto StateMonObsHelper::getCurrentState() const -> Result<Api::GetCurrentStateResp> {
+    auto state = Api::StateSeverity::OK;
+    if (m_latestErrors > 0) {
+        state = Api::StateSeverity::ERROR;
+    } else if (m_systemState == systemStarting) {
+        state = Api::StateSeverity::BOOTING;
+    } else if (m_latestWarnings > 0) {
+        state = Api::StateSeverity::WARN;
+    }
+    auto resp = std::make_unique<Api::GetCurrentStateResp>();
+    resp->set_currentstate(state);
+    return {std::move(resp), Status()};
+}
+
+}  // namespace Hox::Capability::StateMonitoring

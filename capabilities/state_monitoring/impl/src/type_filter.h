@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "hox/cpputil/regex/bounded_regex.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+/// Selects notifications by a regular expression that is searched for in their type. One object
+/// serves one request.
+class TypeFilter {
+public:
+    /// Most steps that one request may take, some tenths of a second.
+    static constexpr std::uint64_t maxSteps = 100'000'000;
+
+    /// An empty expression accepts every type. The expression is compiled when the first type
+    /// comes, so that a malformed one shows only then. Keeps a reference to it.
+    explicit TypeFilter(const std::string& expression) : m_expression(expression) {}
+
+    /// Whether the type is wanted. The text outlives this object. Throws std::regex_error for a
+    /// malformed expression, InvalidArgumentError for an expression or a type that is too long and
+    /// when the request has taken too many steps.
+    bool accepts(std::string_view type);
+
+private:
+    bool search(std::string_view type);
+
+    const std::string& m_expression;
+    std::optional<Hox::CppUtil::BoundedRegex> m_regex;
+    std::unordered_map<std::string_view, bool> m_verdicts;
+};
+
+}  // namespace Hox::Capability::StateMonitoring
