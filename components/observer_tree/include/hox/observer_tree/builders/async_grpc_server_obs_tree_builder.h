@@ -1,0 +1,63 @@
+#pragma once
+
+#include <grpcpp/server_builder.h>
+
+#include <memory>
+#include <mutex>
+
+#include "hox/observer_tree/builders/proto_obs_tree_builder.h"
+#include "hox/observer_tree/grpc/async_grpc_server_handler.h"
+#include "hox/observer_tree/grpc/grpc_wrapper_service.h"
+#include "hox/observer_tree/observer_tree.h"
+
+namespace Hox::ObserverTree {
+
+/// Serves a capability's tree over gRPC: binds the methods of generated services to it.
+///
+/// Each capability has a builder, and with it a queue and a handler, of its own. For the thread
+/// that sets the service up, before the server is started.
+class AsyncGRPCServerObsTreeBuilder : public ProtoObsTreeBuilder {
+public:
+    /// Adds a frequently polled queue to the server and makes the handler for it. The server
+    /// builder is not owned and outlives this object; `mutex` is the capability's.
+    AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
+                                  std::shared_ptr<std::mutex> mutex);
+
+    /// Binds each method of the service that carries obs_tree_option to the tree and registers the
+    /// service with the server; its other methods answer UNIMPLEMENTED. `ServiceType` is the class
+    /// that the service's declaration generates, which holds the nested class Service and the
+    /// service's name. Throws ObsTreeBuildError when the descriptor pool lacks the service.
+    ///
+    /// The tree outlives the handler; the handler keeps the registered service alive.
+    template <typename ServiceType>
+    void buildServerObsTree(ObserverTree& tree) {
+        const auto wrapper = std::make_shared<GrpcWrapperService<typename ServiceType::Service>>();
+        for (const auto* method :
+             getObsTreeMethods(*google::protobuf::DescriptorPool::generated_pool(),
+                               ServiceType::service_full_name())) {
+            m_asyncGrpcServerHandler->addMethod(*method, wrapper, &tree);
+            wrapper->markMethodAsynchronous(method->index());
+            logBinding(*method);
+        }
+        m_asyncGrpcServerHandler->addService(wrapper);
+        m_serverBuilder->RegisterService(wrapper.get());
+    }
+
+    /// The handler of everything that this builder has bound; to be started by the owner once the
+    /// server runs.
+    const std::shared_ptr<AsyncGrpcServerHandler>& asyncGrpcServerHandler() const {
+        return m_asyncGrpcServerHandler;
+    }
+
+private:
+    void logBinding(const google::protobuf::MethodDescriptor& method) const;
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+    grpc::ServerBuilder* m_serverBuilder;
+    std::shared_ptr<AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
+};
+
+}  // namespace Hox::ObserverTree

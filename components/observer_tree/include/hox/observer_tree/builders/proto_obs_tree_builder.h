@@ -1,0 +1,40 @@
+#pragma once
+
+#include <google/protobuf/descriptor.h>
+#include <spdlog/logger.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/cpputil/log/logsystem.h"
+
+namespace Hox::ObserverTree {
+
+/// What the builders have in common: they read a service's binding to a tree from its descriptor.
+///
+/// For the thread that sets the service up.
+class ProtoObsTreeBuilder {
+public:
+    ProtoObsTreeBuilder();
+    virtual ~ProtoObsTreeBuilder() = default;
+    ProtoObsTreeBuilder(const ProtoObsTreeBuilder&) = delete;
+    ProtoObsTreeBuilder(ProtoObsTreeBuilder&&) = delete;
+    ProtoObsTreeBuilder& operator=(const ProtoObsTreeBuilder&) = delete;
+    ProtoObsTreeBuilder& operator=(ProtoObsTreeBuilder&&) = delete;
+
+    /// The methods of the service that carry obs_tree_option, in declaration order; they live as
+    /// long as the pool. Throws ObsTreeBuildError when the pool does not know the service.
+    std::vector<const google::protobuf::MethodDescriptor*> getObsTreeMethods(
+        const google::protobuf::DescriptorPool& pool, const std::string& serviceName) const;
+
+private:
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <google/protobuf/descriptor.h>
+#include <grpcpp/completion_queue.h>
+#include <spdlog/logger.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/observer_tree/grpc/async_method_desc.h"
+#include "hox/observer_tree/observer_tree.h"
+#include "obstree.pb.h"
+
+namespace Hox::ObserverTree {
+
+class WireMessageMemo;
+
+/// Serves all the bound methods of one capability on one completion queue with one thread.
+///
+/// Every event runs with the capability's mutex held, so handlers must be short and must not wait
+/// for anything that needs this thread or that mutex. Trees that are served here are changed under
+/// the capability's mutex only, by whatever thread.
+///
+/// Lock order: the capability's mutex, m_stateMutex, the locks of a tree, m_writeMutex.
+class AsyncGrpcServerHandler {
+public:
+    /// Takes over the queue; nothing is requested before the thread starts.
+    AsyncGrpcServerHandler(std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
+                           std::shared_ptr<std::mutex> capabilityMutex);
+
+    /// Shuts the queue down, ends the thread and frees all calls. The server has been shut down by
+    /// its owner; the caller does not hold the capability's mutex, which the thread may need.
+    virtual ~AsyncGrpcServerHandler();
+    AsyncGrpcServerHandler(const AsyncGrpcServerHandler&) = delete;
+    AsyncGrpcServerHandler(AsyncGrpcServerHandler&&) = delete;
+    AsyncGrpcServerHandler& operator=(const AsyncGrpcServerHandler&) = delete;
+    AsyncGrpcServerHandler& operator=(AsyncGrpcServerHandler&&) = delete;
+
+    /// Binds a method, whose input and output types are generated ones, to the tree, which is not
+    /// owned and outlives this object. Only before the thread starts.
+    void addMethod(const google::protobuf::MethodDescriptor& method,
+                   std::shared_ptr<IRequestWrapperService> wrapper, ObserverTree* tree);
+
+    /// Keeps a registered service alive as long as this object, also one without bound methods.
+    /// Only before the thread starts.
+    void addService(std::shared_ptr<IRequestWrapperService> service);
+
+    /// Starts the thread, once; the server runs already.
+    void startCompletionQueueThread();
+
+    /// Requests a first call of each bound method. The thread does this for itself; for callers
+    /// that drive the events by hand, as is processEvent.
+    void requestFirstCalls();
+
+    /// Handles one outcome of the queue's AsyncNext, with the capability's mutex held meanwhile.
+    /// Returns false when the loop is to be left. Throws what ObserverTree::observeCast throws.
+    bool processEvent(grpc::CompletionQueue::NextStatus outcome, void* tag, bool ok);
+
+    /// How long the thread waits for an event before it looks whether it is to end.
+    static constexpr std::chrono::milliseconds pollInterval{500};
+
+private:
+    struct CallData;
+    struct ObserveStream;
+    /// What stands behind a tag of the queue. On the heap: gRPC holds its bare address.
+    using CallDataTag = std::shared_ptr<CallData>;
+
+    void startProcessingCompletionQueue();
+    void createCallData(const std::shared_ptr<const AsyncMethodDesc>& asyncMethodDesc);
+    void requestUnaryCall(CallDataTag* tag);
+    void requestStreamingCall(CallDataTag* tag);
+
+    void processOkEvent(CallDataTag* tag);
+    void processNotOkEvent(CallDataTag* tag);
+    void processRequest(CallDataTag* tag);
+    void processObserveRequest(CallDataTag* tag);
+    void processFinishedWrite(CallDataTag* tag);
+    void processEndOfStream(CallDataTag* tag);
+
+    template <UnaryOps OpId>
+    void processUnaryRequest(CallDataTag* tag);
+    template <UnaryOps OpId>
+    void tryCallUnaryOpCast(CallDataTag& callData);
+
+    void writeChangeSet(CallDataTag* tag, std::shared_ptr<const ObsTreeObserveChangeSet> message);
+
+    void endObservation(const CallData& cleanup);
+    void markShuttingDown();
+    void freeTag(CallDataTag* tag);
+    void freeAllTags();
+    void drainQueue();
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+    std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
+    std::shared_ptr<std::mutex> m_capabilityMutex;
+    std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
+    std::vector<std::shared_ptr<IRequestWrapperService>> m_services;
+
+    /// Guards the creation of calls too. Recursive, as events create calls while it is held.
+    std::recursive_mutex m_stateMutex;
+    std::unique_ptr<std::thread> m_completionQueueThread;
+    std::set<CallDataTag*> m_callDataTags;  // GUARDED_BY(m_stateMutex): what no event will free
+    bool m_isServerShuttingDown = false;    // GUARDED_BY(m_stateMutex)
+    bool m_isShuttingDown = false;  // GUARDED_BY(m_stateMutex and m_writeMutex; read under either)
+
+    /// Guards the delayed writes of every stream. Taken inside the locks of a tree.
+    std::mutex m_writeMutex;
+    std::unique_ptr<WireMessageMemo> m_wireMessageMemo;  // GUARDED_BY(*m_capabilityMutex)
+};
+
+}  // namespace Hox::ObserverTree

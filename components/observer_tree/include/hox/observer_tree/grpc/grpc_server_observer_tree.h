@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "hox/observer_tree/grpc/async_grpc_server_handler.h"
+#include "hox/observer_tree/observer_tree.h"
+
+namespace Hox::ObserverTree {
+
+/// A tree served over gRPC, which keeps its handler alive.
+///
+/// Where the tree holds the last reference, the handler's thread ends before the tree goes.
+class GrpcServerObserverTree : public ObserverTree {
+public:
+    explicit GrpcServerObserverTree(std::shared_ptr<AsyncGrpcServerHandler> asyncGrpcServerHandler)
+        : m_asyncGrpcServerHandler(std::move(asyncGrpcServerHandler)) {}
+
+private:
+    std::shared_ptr<AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
+};
+
+}  // namespace Hox::ObserverTree

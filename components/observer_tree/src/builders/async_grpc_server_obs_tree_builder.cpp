@@ -1,0 +1,23 @@
+#include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
+
+#include <utility>
+
+#include "hox/cpputil/log/source_location.h"
+
+namespace Hox::ObserverTree {
+
+AsyncGRPCServerObsTreeBuilder::AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
+                                                             std::shared_ptr<std::mutex> mutex)
+    : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
+      m_serverBuilder(serverBuilder),
+      m_asyncGrpcServerHandler(std::make_shared<AsyncGrpcServerHandler>(
+          serverBuilder->AddCompletionQueue(true), std::move(mutex))) {}
+
+void AsyncGRPCServerObsTreeBuilder::logBinding(
+    const google::protobuf::MethodDescriptor& method) const {
+    const auto& options = method.options().GetExtension(obs_tree_option);
+    m_logger->log(Hox::Log::here(), spdlog::level::trace, "Bound method {} to key {}, type {}",
+                  method.full_name(), options.key(), static_cast<int>(options.type()));
+}
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+#include <grpcpp/server_context.h>
+#include <grpcpp/support/async_stream.h>
+#include <grpcpp/support/async_unary_call.h>
+
+#include <any>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+
+#include "hox/observer_tree/grpc/async_grpc_server_handler.h"
+
+namespace Hox::ObserverTree {
+
+/// Tells what the next event of a call means.
+enum class CallDataState {
+    WAITING_FOR_REQUEST = 0,         ///< The arrival of a requested call.
+    STREAMING_TO_CLIENT = 1,         ///< The end of a write on a running stream.
+    FINISHED_STREAMING_CLEANUP = 2,  ///< gRPC's notice that a streaming call is done.
+    FINISHED = 3,                    ///< The end of a unary call's answer.
+};
+
+/// What only a streaming call has.
+struct AsyncGrpcServerHandler::ObserveStream {
+    explicit ObserveStream(grpc::ServerContext* context) : writer(context) {}
+
+    grpc::ServerAsyncWriter<google::protobuf::Message> writer;
+    /// Writes in flight plus writes queued. Wide enough for any queue that memory holds.
+    std::atomic<uint32_t> pendingWrites{0};
+    std::deque<std::function<void()>> delayedWrites;  // GUARDED_BY(handler's m_writeMutex)
+    /// Keeps the observation running. Emptied under the capability's mutex.
+    std::any observeHandle;
+};
+
+/// One call, or the object that receives the notice of a streaming call's end.
+struct AsyncGrpcServerHandler::CallData {
+    /// A call that is about to be requested.
+    explicit CallData(std::shared_ptr<const AsyncMethodDesc> method)
+        : request(method->requestPrototype->New()),
+          options(method->options),
+          state(CallDataState::WAITING_FOR_REQUEST),
+          context(std::make_unique<grpc::ServerContext>()),
+          asyncMethodDesc(std::move(method)),
+          tree(asyncMethodDesc->tree) {}
+
+    /// The cleanup object of a streaming call.
+    explicit CallData(const std::shared_ptr<CallData>& streamingCall)
+        : state(CallDataState::FINISHED_STREAMING_CLEANUP), peer(streamingCall) {}
+
+    std::unique_ptr<google::protobuf::Message> request;
+    ObsTreeOptions options;
+    CallDataState state;
+    std::unique_ptr<grpc::ServerContext> context;  // ahead of what refers to it
+    std::unique_ptr<grpc::ServerAsyncResponseWriter<google::protobuf::Message>> responder;
+    std::unique_ptr<ObserveStream> stream;
+    std::shared_ptr<const AsyncMethodDesc> asyncMethodDesc;
+    /// From a streaming call to its cleanup object and back.
+    std::weak_ptr<CallData> peer;
+    ObserverTree* tree = nullptr;
+};
+
+}  // namespace Hox::ObserverTree

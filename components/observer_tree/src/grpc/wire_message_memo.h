@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "hox/observer_tree/data_tree.h"
+#include "hox/observer_tree/status.h"
+#include "obstree.pb.h"
+
+namespace Hox::ObserverTree {
+
+/// Builds the elements of observe streams, the same selection of changes only once in a row.
+///
+/// Values are immutable and kept alive here, so equal pointers mean equal values. Locks nothing.
+class WireMessageMemo {
+public:
+    /// Selections with more keys are built each time and not kept.
+    static constexpr std::size_t maxKeys = 64;
+
+    /// The element for these changes and this status.
+    std::shared_ptr<const ObsTreeObserveChangeSet> message(const ChangeSetType& changes,
+                                                           const Status& status);
+
+    /// Lets go of the values that the last element holds.
+    void clear();
+
+private:
+    bool isLast(const ChangeSetType& changes, const Status& status) const;
+
+    ChangeSetType m_changes;
+    Status m_status;
+    std::shared_ptr<const ObsTreeObserveChangeSet> m_message;
+};
+
+}  // namespace Hox::ObserverTree
