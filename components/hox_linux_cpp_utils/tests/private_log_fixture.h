@@ -1,0 +1,26 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "hox/testing/journal_receiver.h"
+
+namespace Hox::Log::Fixture {
+
+/// Gives each test an empty folder of log files and a journal that only listens, both seen by this
+/// process alone, and an empty registry of loggers.
+class PrivateLogFixture : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    void SetUp() override;
+    void TearDown() override;
+
+    /// The lines of a log file of that name.
+    static std::vector<std::string> linesOf(const std::string& fileName);
+
+    static constexpr auto folder = "/var/log/halvo/";
+};
+
+}  // namespace Hox::Log::Fixture
