@@ -25,6 +25,14 @@ ObserverTree::ObserverTree(const SharedState& state)
       m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
 
 void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
+    // The observe handler first, as it may be refused; both at once, as every observer has to meet
+    // both.
+    const std::lock_guard<std::recursive_mutex> lock(*handlerLock());
+    registerObserveHandler<ObserveReq>(
+        key, [selector = std::make_shared<KeyPatternSelector>()](
+                 const ChangeSetType& changes, const ObserverCallbackMap<ObserveReq>& observers) {
+            selector->deliver(changes, observers);
+        });
     registerNewObserverHandler<ObserveReq>(
         key, [](const ObserveReq& request, const ObserverCallback& callback) {
             try {
@@ -33,24 +41,13 @@ void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
                 callback(ChangeSetType(), Status(ProtoStatus::INVALID_ARGUMENT, error.what()));
             }
         });
-    registerObserveHandler<ObserveReq>(
-        key, [selector = std::make_shared<KeyPatternSelector>()](
-                 const ChangeSetType& changes, const ObserverCallbackMap<ObserveReq>& observers) {
-            selector->deliver(changes, observers);
-        });
 }
 
 std::string ObserverTree::dumpDataTree() {
-    ChangeSetType values;
-    {
-        const std::lock_guard<std::recursive_mutex> lock(*dataLock());
-        for (const auto& [key, value] : *dataTree()) {
-            values[key] = {ChangeSetMapVal{value, nullptr}};
-        }
-    }
+    // To the end: packing a value changes it.
+    const std::lock_guard<std::recursive_mutex> lock(*dataLock());
     std::string text;
-    for (const auto& [key, changes] : values) {
-        const auto& value = changes.front().current;
+    for (const auto& [key, value] : *dataTree()) {
         text += "key: \"" + key + "\" value: " + (value ? value->toAny()->DebugString() : "None") +
                 "\n";
     }

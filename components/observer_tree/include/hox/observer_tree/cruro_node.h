@@ -46,8 +46,8 @@ public:
     using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
 
     /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
-    /// not throw, wait for another thread that needs the tree, or drop the last copy of its own
-    /// handle.
+    /// not throw, wait for another thread that needs the tree, or observe at or drop the last copy
+    /// of a handle of its own node.
     using ObserverCallback = std::function<void(const NodesChangedType&, const StatusType&)>;
 
     /// One observer: its callback and its own copy of its request.
@@ -145,15 +145,14 @@ private:
     }
 
     template <typename InMsg>
-    void ensureObserveCastHandler();
+    void setObserveCastHandler();
 
     template <typename InMsg>
-    static void setHook(ObserverHook<InMsg> handler, std::any& typed,
-                        ObserverHook<BaseMsgType>& cast);
+    void setHook(ObserverHook<InMsg> handler, std::any& typed, ObserverHook<BaseMsgType>& cast);
 
     template <typename InMsg>
-    static void runHooks(const std::any& typed, const ObserverHook<BaseMsgType>& cast,
-                         const ObsCallbackStoredType<InMsg>& observer);
+    void runHooks(const std::any& typed, const ObserverHook<BaseMsgType>& cast,
+                  const ObsCallbackStoredType<InMsg>& observer);
 
     template <typename InMsg>
     void release(const ObsCallbackStoredType<InMsg>& observer);
@@ -175,10 +174,12 @@ private:
     /// Last in the lock order, behind the locks of the tree; not recursive.
     std::mutex m_observerMutex;
     std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
-    std::any m_newObserverHandler;
-    ObserverHook<BaseMsgType> m_newObserverCastHandler;
-    std::any m_observerGoneHandler;
-    ObserverHook<BaseMsgType> m_observerGoneCastHandler;
+    /// Held alone and only while hooks are set or copied: a handle may be dropped without any lock.
+    std::mutex m_hookMutex;
+    std::any m_newObserverHandler;                        // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_newObserverCastHandler;   // GUARDED_BY(m_hookMutex)
+    std::any m_observerGoneHandler;                       // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_observerGoneCastHandler;  // GUARDED_BY(m_hookMutex)
 };
 
 template <typename B, typename T, typename N, typename S>
@@ -203,7 +204,7 @@ void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
         throw DoubleRegistrationError("Only allowed to register one observe handler function",
                                       __FILE__, __LINE__);
     }
-    ensureObserveCastHandler<InMsg>();
+    setObserveCastHandler<InMsg>();
     const std::lock_guard<std::mutex> lock(m_observerMutex);
     m_observeHandler = [handler = std::move(handler)](const N& changes, std::any& observers,
                                                       const std::any& singleObserver) {
@@ -215,7 +216,9 @@ void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
         const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
         const auto callbackIter = observeMap.find(handle->observeCallback.get());
         HOX_ASSERT(callbackIter != observeMap.end());
-        handler(changes, {*callbackIter});
+        if (callbackIter != observeMap.end()) {
+            handler(changes, {*callbackIter});
+        }
     };
     m_observerCallbackMap = ObserverCallbackMap<InMsg>();
 }
@@ -223,14 +226,18 @@ void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
 void CRURONode<B, T, N, S>::setNewObserverHandler(ObserverHook<InMsg> handler) {
-    ensureObserveCastHandler<InMsg>();
+    if (!m_observeCastHandler) {
+        setObserveCastHandler<InMsg>();
+    }
     setHook<InMsg>(std::move(handler), m_newObserverHandler, m_newObserverCastHandler);
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
 void CRURONode<B, T, N, S>::setObserverGoneHandler(ObserverHook<InMsg> handler) {
-    ensureObserveCastHandler<InMsg>();
+    if (!m_observeCastHandler) {
+        setObserveCastHandler<InMsg>();
+    }
     setHook<InMsg>(std::move(handler), m_observerGoneHandler, m_observerGoneCastHandler);
 }
 
@@ -238,6 +245,7 @@ template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
 void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, std::any& typed,
                                     ObserverHook<B>& cast) {
+    const std::lock_guard<std::mutex> lock(m_hookMutex);
     // One slot per hook: both run when an observer comes or goes, and it must be told once.
     if constexpr (std::is_same_v<InMsg, B>) {
         cast = std::move(handler);
@@ -248,12 +256,10 @@ void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, std::any& typed
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::ensureObserveCastHandler() {
-    if (!m_observeCastHandler) {
-        m_observeCastHandler = [this](const B& inMsg, ObserverCallback callback) -> std::any {
-            return observe<InMsg>(dynamic_cast<const InMsg&>(inMsg), std::move(callback));
-        };
-    }
+void CRURONode<B, T, N, S>::setObserveCastHandler() {
+    m_observeCastHandler = [this](const B& inMsg, ObserverCallback callback) -> std::any {
+        return observe<InMsg>(dynamic_cast<const InMsg&>(inMsg), std::move(callback));
+    };
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -329,12 +335,19 @@ template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
 void CRURONode<B, T, N, S>::runHooks(const std::any& typed, const ObserverHook<B>& cast,
                                      const ObsCallbackStoredType<InMsg>& observer) {
-    if (typed.has_value()) {
-        std::any_cast<const ObserverHook<InMsg>&>(typed)(*observer.request,
-                                                         *observer.observeCallback);
+    std::any typedHook;
+    ObserverHook<B> castHook;
+    {
+        const std::lock_guard<std::mutex> lock(m_hookMutex);
+        typedHook = typed;
+        castHook = cast;
     }
-    if (cast) {
-        cast(*observer.request, *observer.observeCallback);
+    if (typedHook.has_value()) {
+        std::any_cast<const ObserverHook<InMsg>&>(typedHook)(*observer.request,
+                                                             *observer.observeCallback);
+    }
+    if (castHook) {
+        castHook(*observer.request, *observer.observeCallback);
     }
 }
 

@@ -50,8 +50,8 @@ public:
         m_observeNodes->push_back(node);
     }
 
-    /// Registers what runs when an observer arrives, replacing an earlier hook. To be done before
-    /// the address has observers; google::protobuf::Message as InMsg serves every request type.
+    /// Registers what runs when an observer arrives, replacing an earlier hook.
+    /// google::protobuf::Message as InMsg serves every request type.
     template <typename InMsg>
     void registerNewObserverHandler(const std::string& key, TreeNode::ObserverHook<InMsg> handler) {
         checkAddress(key);
@@ -70,6 +70,10 @@ public:
         findOrCreateNode(key, observeText)
             ->template setObserverGoneHandler<InMsg>(std::move(handler));
     }
+
+protected:
+    /// The handler lock, for registrations that belong together.
+    const std::shared_ptr<std::recursive_mutex>& handlerLock() const { return m_handlerLock; }
 
 private:
     static constexpr const char* observeText = "OBSERVE";

@@ -20,7 +20,7 @@ public:
     /// Limits writes to the address and everything below it, until the next call. Throws PathError
     /// when the address is malformed; the former limit stays in force then.
     void setKeyPattern(const std::string& address) {
-        if (address == m_address) {
+        if (!address.empty() && address == m_address) {
             return;
         }
         auto pattern = m_path.parsePath(PathType::FunctionTreeAddress, address);

@@ -1,0 +1,125 @@
+#include "hox/observer_tree/restricted_data_tree.h"
+
+#include "hox/observer_tree/path_error.h"
+#include "tree_test_kit.h"
+
+namespace Hox::ObserverTree {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using TestKit::linesOf;
+using TestKit::textOf;
+using TestKit::thrownBy;
+using TestKit::value;
+
+std::string accessError(const std::function<void()>& call) {
+    return thrownBy<AccessViolationError>(call, "restricted_data_tree.h");
+}
+
+std::string refusal(const std::string& key, const std::string& pattern) {
+    return "AccessViolationError: Not allowed to access \"" + key + "\" with key pattern \"" +
+           pattern + "\" in effect";
+}
+
+TEST(RestrictedDataTree, AllowsTheRootOnlyAtTheStart) {
+    const DataTree tree;
+    EXPECT_NO_THROW(tree.checkAccess("/"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/a"); }), refusal("/a", ""));
+}
+
+TEST(RestrictedDataTree, AllowsTheAddressAndWhatLiesBelow) {
+    DataTree tree;
+    tree.setKeyPattern("/a/b");
+    EXPECT_NO_THROW(tree.checkAccess("/a/b"));
+    EXPECT_NO_THROW(tree.checkAccess("/a/b/c/d"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/a"); }), refusal("/a", "a/b/**"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/a/bb"); }), refusal("/a/bb", "a/b/**"));
+}
+
+TEST(RestrictedDataTree, TakesDottedComponentsForAnyOne) {
+    DataTree tree;
+    tree.setKeyPattern("/sys/conf/.data.");
+    EXPECT_NO_THROW(tree.checkAccess("/sys/conf/x"));
+    EXPECT_NO_THROW(tree.checkAccess("/sys/conf/x/y"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/sys/conf"); }),
+              refusal("/sys/conf", "sys/conf/*/**"));
+    tree.setKeyPattern("/.persist_upd_hndlr.");
+    EXPECT_NO_THROW(tree.checkAccess("/x"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/"); }), refusal("/", "*/**"));
+}
+
+TEST(RestrictedDataTree, AllowsEverythingBelowTheRootAddress) {
+    DataTree tree;
+    tree.setKeyPattern("/");
+    EXPECT_NO_THROW(tree.checkAccess("/"));
+    EXPECT_NO_THROW(tree.checkAccess("/a/b"));
+}
+
+TEST(RestrictedDataTree, DropsTheFormerLimitWithEachNewOne) {
+    DataTree tree;
+    tree.setKeyPattern("/a");
+    tree.setKeyPattern("/b");
+    EXPECT_NO_THROW(tree.checkAccess("/b/c"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/a"); }), refusal("/a", "b/**"));
+    tree.setKeyPattern("/b");
+    EXPECT_NO_THROW(tree.checkAccess("/b/c"));
+}
+
+TEST(RestrictedDataTree, KeepsTheLimitWhenTheNewAddressIsMalformed) {
+    DataTree tree;
+    EXPECT_THROW(tree.setKeyPattern(""), PathError);
+    tree.setKeyPattern("/a");
+    EXPECT_THROW(tree.setKeyPattern("/b/*"), PathError);
+    EXPECT_NO_THROW(tree.checkAccess("/a"));
+    EXPECT_EQ(accessError([&] { tree.checkAccess("/b"); }), refusal("/b", "a/**"));
+}
+
+TEST(RestrictedDataTree, RefusesMalformedKeys) {
+    DataTree tree;
+    tree.setKeyPattern("/a");
+    for (const std::string key : {"", "a", "/a/", "/a//b", "/a/*", "/a/.x."}) {
+        EXPECT_THROW(tree.checkAccess(key), PathError) << key;
+        EXPECT_THROW(tree.insert_or_assign(key, value("1")), PathError) << key;
+        EXPECT_THROW(tree.erase(key), PathError) << key;
+    }
+    EXPECT_TRUE(tree.empty());
+    EXPECT_THAT(tree.takeChangeSet(), IsEmpty());
+}
+
+TEST(RestrictedDataTree, ChecksEachWayToWriteFirst) {
+    DataTree tree;
+    tree.setKeyPattern("/b");
+    tree.insert_or_assign("/b", value("1"));
+    tree.takeChangeSet();
+    tree.setKeyPattern("/a");
+    const std::string key = "/b";
+    const auto held = value("2");
+    EXPECT_EQ(accessError([&] { tree.insert_or_assign(key, held); }), refusal("/b", "a/**"));
+    EXPECT_EQ(accessError([&] { tree.insert_or_assign(std::string("/b"), value("2")); }),
+              refusal("/b", "a/**"));
+    EXPECT_EQ(accessError([&] { tree.erase(key); }), refusal("/b", "a/**"));
+    EXPECT_EQ(accessError([&] { tree.erase("/absent"); }), refusal("/absent", "a/**"));
+    EXPECT_THAT(tree.takeChangeSet(), IsEmpty());
+    EXPECT_EQ(tree.modifiedIndex(), 1U);
+    EXPECT_EQ(textOf(tree.find("/b")->second), "1");
+}
+
+TEST(RestrictedDataTree, WritesInsideTheLimitAsTheMapDoes) {
+    DataTree tree;
+    tree.setKeyPattern("/a");
+    EXPECT_TRUE(tree.insert_or_assign("/a/b", value("1")).second);
+    const std::string key = "/a/b";
+    const auto held = value("2");
+    EXPECT_FALSE(tree.insert_or_assign(key, held).second);
+    tree.insert_or_assign("/a/c", value("3"));
+    tree.takeChangeSet();
+    tree.erase("/a/b");
+    tree.erase("/a/absent");
+    EXPECT_THAT(linesOf(tree.takeChangeSet()), ElementsAre("/a/b: 2 -> null"));
+    EXPECT_EQ(tree.modifiedIndex(), 4U);
+    EXPECT_EQ(tree.createdIndex(), 2U);
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree
