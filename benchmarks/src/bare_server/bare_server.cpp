@@ -1,0 +1,72 @@
+#include "bare_server/bare_server.h"
+
+#include <chrono>
+#include <stdexcept>
+
+namespace Hox::Benchmarks {
+
+using Service = Api::StateMonitoringService::AsyncService;
+
+BareServer::BareServer(const std::string& address, int snapshotKeys)
+    : m_answers(snapshotKeys),
+      m_queue(listen(m_builder, address, m_service).AddCompletionQueue()),
+      m_server(m_builder.BuildAndStart()),
+      m_streams{m_service, *m_queue, m_answers, {}},
+      m_create{m_service, *m_queue, &Service::RequestcreateStateNotification,
+               [this](const auto& request, auto& /*response*/) {
+                   tellObservers(request.statenotification());
+               }},
+      m_currentState{
+          m_service, *m_queue, &Service::RequestgetCurrentState,
+          [](const auto& /*request*/, auto& response) { response.set_currentstate(Api::OK); }},
+      m_notifications{
+          m_service, *m_queue, &Service::RequestgetStateNotifications,
+          [this](const auto& /*request*/, auto& response) { m_answers.fill(response); }} {
+    if (!m_server) {
+        throw std::runtime_error("Cannot listen on " + address);
+    }
+}
+
+grpc::ServerBuilder& BareServer::listen(grpc::ServerBuilder& builder, const std::string& address,
+                                        grpc::Service& service) {
+    builder.AddListeningPort(address, grpc::InsecureServerCredentials());
+    builder.RegisterService(&service);
+    return builder;
+}
+
+BareServer::~BareServer() {
+    m_server->Shutdown(std::chrono::system_clock::now());
+    m_queue->Shutdown();
+    void* tag = nullptr;
+    bool ok = false;
+    while (m_queue->Next(&tag, &ok)) {
+        // Nothing may be requested or written any more: every call is told that it failed.
+        static_cast<EventHandler*>(tag)->handle(false);
+    }
+}
+
+void BareServer::run(const volatile std::sig_atomic_t& isToEnd) {
+    CreateCall::request(m_create);
+    CurrentStateCall::request(m_currentState);
+    NotificationsCall::request(m_notifications);
+    ObserveStream::request(m_streams);
+    while (isToEnd == 0) {
+        void* tag = nullptr;
+        bool ok = false;
+        const auto deadline = std::chrono::system_clock::now() + std::chrono::milliseconds(500);
+        if (m_queue->AsyncNext(&tag, &ok, deadline) == grpc::CompletionQueue::GOT_EVENT) {
+            static_cast<EventHandler*>(tag)->handle(ok);
+        }
+    }
+}
+
+void BareServer::tellObservers(const Api::StateNotification& notification) {
+    const int index = m_nextIndex++;
+    for (auto* stream : m_streams.running) {
+        if (stream->watchesCreates()) {
+            stream->write(m_answers.change(notification, index));
+        }
+    }
+}
+
+}  // namespace Hox::Benchmarks

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <functional>
+
+#include "common/event_handler.h"
+#include "state_monitoring.grpc.pb.h"
+
+namespace Hox::Benchmarks {
+
+/// One call of a unary method. The method's next call is requested when this answer has left.
+template <typename Request, typename Response>
+class UnaryCall : public EventHandler {
+public:
+    using Service = Capability::StateMonitoring::Api::StateMonitoringService::AsyncService;
+    using RequestFunction = void (Service::*)(grpc::ServerContext*, Request*,
+                                              grpc::ServerAsyncResponseWriter<Response>*,
+                                              grpc::CompletionQueue*, grpc::ServerCompletionQueue*,
+                                              void*);
+
+    /// What all calls of the method share; lives as long as the server.
+    struct Method {
+        Service& service;
+        grpc::ServerCompletionQueue& queue;
+        RequestFunction requestFunction;
+        std::function<void(const Request&, Response&)> answer;
+    };
+
+    /// Waits for a call of the method; the object deletes itself.
+    static void request(const Method& method) { new UnaryCall(method); }
+
+    void handle(bool ok) override {
+        if (!ok) {
+            delete this;
+        } else if (m_isAnswered) {
+            request(m_method);
+            delete this;
+        } else {
+            m_isAnswered = true;
+            Response response;
+            m_method.answer(m_request, response);
+            m_responder.Finish(response, grpc::Status::OK, this);
+        }
+    }
+
+private:
+    explicit UnaryCall(const Method& method) : m_method(method), m_responder(&m_context) {
+        (method.service.*method.requestFunction)(&m_context, &m_request, &m_responder,
+                                                 &method.queue, &method.queue, this);
+    }
+
+    const Method& m_method;
+    grpc::ServerContext m_context;
+    grpc::ServerAsyncResponseWriter<Response> m_responder;
+    Request m_request;
+    bool m_isAnswered = false;
+};
+
+}  // namespace Hox::Benchmarks

@@ -1,0 +1,250 @@
+#include "load_client/cases.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "common/sample_notifications.h"
+#include "load_client/observer_group.h"
+#include "load_client/unary_load.h"
+#include "load_client/wire_bytes.h"
+#include "obstree.pb.h"
+
+namespace Hox::Benchmarks {
+
+namespace {
+
+constexpr std::size_t maxCalls = 1000000;
+constexpr std::size_t maxSnapshots = 20;
+
+double microseconds(std::chrono::nanoseconds time) {
+    return std::chrono::duration<double, std::micro>(time).count();
+}
+
+/// Time on the wall and on the server's processors since it was made.
+class Stopwatch {
+public:
+    explicit Stopwatch(const ServerMeter& meter)
+        : m_meter(meter), m_processorStart(meter.processorTime()), m_start(Clock::now()) {}
+
+    Figures per(std::size_t count, const std::string& rateName) const {
+        const auto wall = microseconds(Clock::now() - m_start);
+        const auto processor = microseconds(m_meter.processorTime() - m_processorStart);
+        return {{rateName, 1e6 * static_cast<double>(count) / wall},
+                {"cpu_us", processor / static_cast<double>(count)}};
+    }
+
+private:
+    const ServerMeter& m_meter;
+    const std::chrono::nanoseconds m_processorStart;
+    const Clock::time_point m_start;
+};
+
+double quantile(std::vector<double>& samples, double share) {
+    const auto position =
+        static_cast<std::ptrdiff_t>(share * static_cast<double>(samples.size() - 1));
+    std::nth_element(samples.begin(), samples.begin() + position, samples.end());
+    return samples[static_cast<std::size_t>(position)];
+}
+
+grpc::ByteBuffer createRequest(const Api::StateNotification& notification) {
+    Api::CreateStateNotificationReq request;
+    *request.mutable_statenotification() = notification;
+    return toBytes(request);
+}
+
+void require(bool condition, const char* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+}  // namespace
+
+Cases::Cases(const CaseOptions& options) : m_options(options), m_meter(options.process) {}
+
+Figures Cases::run(const std::string& name) {
+    const std::map<std::string, Figures (Cases::*)()> cases{
+        {"fill", &Cases::fill},
+        {"create", &Cases::create},
+        {"current-state", &Cases::currentState},
+        {"notifications", &Cases::notifications},
+        {"delay", &Cases::delay},
+        {"deliveries", &Cases::deliveries},
+        {"snapshot", &Cases::snapshot},
+        {"memory", &Cases::memory},
+    };
+    const auto found = cases.find(name);
+    require(found != cases.end(), "No such case");
+    return (this->*found->second)();
+}
+
+std::shared_ptr<grpc::Channel> Cases::connect() const {
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(-1);
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    auto channel =
+        grpc::CreateCustomChannel(m_options.target, grpc::InsecureChannelCredentials(), arguments);
+    require(channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(20)),
+            "No connection to the server");
+    return channel;
+}
+
+std::vector<grpc::ByteBuffer> Cases::createRequests() const {
+    std::vector<grpc::ByteBuffer> requests;
+    for (int i = 0; i < m_options.origins; ++i) {
+        requests.push_back(createRequest(sampleNotification(i)));
+    }
+    return requests;
+}
+
+std::vector<std::string> Cases::markerPatterns(std::size_t first, std::size_t count) const {
+    std::vector<std::string> patterns;
+    for (std::size_t i = first; i < first + count; ++i) {
+        patterns.push_back(latestKey(markerNotification(static_cast<int>(i))));
+    }
+    return patterns;
+}
+
+Figures Cases::fill() {
+    auto requests = createRequests();
+    for (int i = 0; i < m_options.markers; ++i) {
+        requests.push_back(createRequest(markerNotification(i)));
+    }
+    // Each origin at least once, and the archive full.
+    const auto count = std::max(requests.size(), static_cast<std::size_t>(2 * archiveSize));
+    UnaryLoad load(m_loop, connect(), methodName("createStateNotification"), std::move(requests));
+    const Stopwatch stopwatch(m_meter);
+    std::size_t left = count;
+    load.run(8, [&left] { return left > 0 && left-- > 0; });
+    return stopwatch.per(count, "per_second");
+}
+
+Figures Cases::measureUnary(const char* method, std::vector<grpc::ByteBuffer> requests) {
+    UnaryLoad load(m_loop, connect(), methodName(method), std::move(requests));
+    std::size_t warmUp = 0;
+    load.run(m_options.outstanding, [&warmUp] { return ++warmUp <= 50; });
+    const auto before = load.answered();
+    const auto end = Clock::now() + m_options.time;
+    const Stopwatch stopwatch(m_meter);
+    load.run(m_options.outstanding, [&load, before, end] {
+        return load.answered() - before < maxCalls && Clock::now() < end;
+    });
+    return stopwatch.per(load.answered() - before, "per_second");
+}
+
+Figures Cases::create() {
+    ObserverGroup silent(m_loop, connect(),
+                         [] { throw std::runtime_error("A silent observer got a change"); });
+    silent.open(markerPatterns(0, m_options.observers));
+    auto figures = measureUnary("createStateNotification", createRequests());
+    silent.close();
+    return figures;
+}
+
+Figures Cases::currentState() {
+    UnaryLoad probe(m_loop, connect(), methodName("getCurrentState"),
+                    {toBytes(Api::GetCurrentStateReq())});
+    Api::GetCurrentStateResp response;
+    fromBytes(probe.callOnce(), response);
+    require(response.currentstate() == Api::OK, "The current state is not OK");
+    return measureUnary("getCurrentState", {toBytes(Api::GetCurrentStateReq())});
+}
+
+Figures Cases::notifications() {
+    Api::GetStateNotificationsReq request;
+    request.set_index(0);
+    request.set_typeregex("TestNotificationType$");
+    UnaryLoad probe(m_loop, connect(), methodName("getStateNotifications"), {toBytes(request)});
+    Api::GetStateNotificationsResp response;
+    fromBytes(probe.callOnce(), response);
+    require(response.statelist_size() == archiveSize, "The archive is not full");
+    return measureUnary("getStateNotifications", {toBytes(request)});
+}
+
+Figures Cases::delay() {
+    std::vector<double> samples;
+    Clock::time_point start;
+    ObserverGroup observers(m_loop, connect(), [&samples, &start] {
+        samples.push_back(microseconds(Clock::now() - start));
+    });
+    observers.open(std::vector<std::string>(m_options.observers, watchAllPattern));
+    UnaryLoad writer(m_loop, connect(), methodName("createStateNotification"), createRequests());
+
+    const auto writeOne = [this, &start, &observers, &writer] {
+        const auto expected = observers.arrivals() + m_options.observers;
+        start = Clock::now();
+        writer.callOnce();
+        m_loop.runUntil("a change",
+                        [&observers, expected] { return observers.arrivals() == expected; });
+    };
+    for (int i = 0; i < 20; ++i) {
+        writeOne();
+    }
+    samples.clear();
+    const auto end = Clock::now() + m_options.time;
+    const Stopwatch stopwatch(m_meter);
+    while (Clock::now() < end) {
+        writeOne();
+    }
+    auto figures = stopwatch.per(samples.size() / m_options.observers, "per_second");
+    observers.close();
+    figures["median_us"] = quantile(samples, 0.5);
+    figures["p99_us"] = quantile(samples, 0.99);
+    return figures;
+}
+
+Figures Cases::deliveries() {
+    ObserverGroup observers(m_loop, connect(), [] {});
+    observers.open(std::vector<std::string>(m_options.observers, watchAllPattern));
+    UnaryLoad writers(m_loop, connect(), methodName("createStateNotification"), createRequests());
+    writers.callOnce();
+    m_loop.runUntil("a change",
+                    [&observers, this] { return observers.arrivals() == m_options.observers; });
+
+    const auto end = Clock::now() + m_options.time;
+    const Stopwatch stopwatch(m_meter);
+    writers.run(m_options.outstanding, [end] { return Clock::now() < end; });
+    const auto expected = writers.answered() * m_options.observers;
+    m_loop.runUntil("all changes",
+                    [&observers, expected] { return observers.arrivals() == expected; });
+    auto figures = stopwatch.per(expected - m_options.observers, "per_second");
+    observers.close();
+    return figures;
+}
+
+Figures Cases::snapshot() {
+    const auto channel = connect();
+    std::vector<double> samples;
+    const auto end = Clock::now() + m_options.time;
+    const Stopwatch stopwatch(m_meter);
+    do {
+        ObserverGroup observer(m_loop, channel, [] {});
+        const auto start = Clock::now();
+        observer.open({snapshotPattern});
+        samples.push_back(microseconds(Clock::now() - start));
+        if (samples.size() == 1) {
+            ObserverTree::ObsTreeObserveChangeSet element;
+            fromBytes(observer.lastElement(), element);
+            require(element.node_change_map_size() == m_options.origins,
+                    "The snapshot does not hold all origins");
+        }
+        observer.close();
+    } while (Clock::now() < end && samples.size() < maxSnapshots);
+    auto figures = stopwatch.per(samples.size(), "per_second");
+    figures["median_us"] = quantile(samples, 0.5);
+    return figures;
+}
+
+Figures Cases::memory() {
+    ObserverGroup observers(m_loop, connect(), [] {});
+    observers.open(markerPatterns(0, 20));
+    const auto before = m_meter.residentBytes();
+    observers.open(markerPatterns(20, m_options.observers));
+    const auto after = m_meter.residentBytes();
+    observers.close();
+    return {
+        {"bytes", static_cast<double>(after - before) / static_cast<double>(m_options.observers)}};
+}
+
+}  // namespace Hox::Benchmarks

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "load_client/event_loop.h"
+#include "load_client/server_meter.h"
+
+namespace Hox::Benchmarks {
+
+/// What to do, from the command line.
+struct CaseOptions {
+    std::string target;                   ///< address of the server
+    int process = 0;                      ///< the server's process id
+    std::size_t outstanding = 1;          ///< calls at a time
+    std::size_t observers = 0;            ///< streams
+    int origins = 100;                    ///< origins that report in turn
+    int markers = 0;                      ///< origins of which each is watched by one observer
+    std::chrono::milliseconds time{500};  ///< how long the measured part lasts
+};
+
+/// Name of a figure to its value.
+using Figures = std::map<std::string, double>;
+
+/// The measured cases. Each works on a channel of its own and checks once that the server answers
+/// as expected. Throws std::runtime_error when it does not.
+class Cases {
+public:
+    explicit Cases(const CaseOptions& options);
+
+    /// Runs the named case. Throws std::runtime_error for an unknown name.
+    Figures run(const std::string& name);
+
+private:
+    Figures fill();
+    Figures create();
+    Figures currentState();
+    Figures notifications();
+    Figures delay();
+    Figures deliveries();
+    Figures snapshot();
+    Figures memory();
+
+    std::shared_ptr<grpc::Channel> connect() const;
+    std::vector<grpc::ByteBuffer> createRequests() const;
+    std::vector<std::string> markerPatterns(std::size_t first, std::size_t count) const;
+    Figures measureUnary(const char* method, std::vector<grpc::ByteBuffer> requests);
+
+    const CaseOptions m_options;
+    const ServerMeter m_meter;
+    EventLoop m_loop;
+};
+
+}  // namespace Hox::Benchmarks

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <functional>
+
+#include "common/event_handler.h"
+
+namespace Hox::Benchmarks {
+
+using Clock = std::chrono::steady_clock;
+
+/// The client's one completion queue, pumped by the main thread.
+class EventLoop {
+public:
+    EventLoop() = default;
+    ~EventLoop();
+    EventLoop(const EventLoop&) = delete;
+    EventLoop(EventLoop&&) = delete;
+    EventLoop& operator=(const EventLoop&) = delete;
+    EventLoop& operator=(EventLoop&&) = delete;
+
+    grpc::CompletionQueue& queue() { return m_queue; }
+
+    /// Handles events until the condition holds, which is tested after each one. Throws
+    /// std::runtime_error, naming what it waited for, when that takes more than 60 seconds.
+    void runUntil(const char* what, const std::function<bool()>& condition);
+
+private:
+    grpc::CompletionQueue m_queue;
+};
+
+}  // namespace Hox::Benchmarks

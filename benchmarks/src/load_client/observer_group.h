@@ -1,0 +1,55 @@
+#pragma once
+
+#include <grpcpp/generic/generic_stub.h>
+#include <grpcpp/grpcpp.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "load_client/event_loop.h"
+
+namespace Hox::Benchmarks {
+
+/// Observe streams of one client. Their elements are counted, not parsed.
+class ObserverGroup {
+public:
+    /// Called at the arrival of each element behind a stream's first one.
+    using ArrivalHandler = std::function<void()>;
+
+    ObserverGroup(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel,
+                  ArrivalHandler onArrival);
+    ~ObserverGroup();
+    ObserverGroup(const ObserverGroup&) = delete;
+    ObserverGroup(ObserverGroup&&) = delete;
+    ObserverGroup& operator=(const ObserverGroup&) = delete;
+    ObserverGroup& operator=(ObserverGroup&&) = delete;
+
+    /// Opens one more stream per pattern and returns when each has got its snapshot.
+    void open(const std::vector<std::string>& keyPatterns);
+
+    /// Cancels all streams and returns when all have ended.
+    void close();
+
+    /// Elements behind the first ones, of all streams.
+    std::size_t arrivals() const { return m_arrivals; }
+
+    /// The last element of the stream that was opened first.
+    const grpc::ByteBuffer& lastElement() const;
+
+private:
+    class Stream;
+
+    EventLoop& m_loop;
+    grpc::GenericStub m_stub;
+    ArrivalHandler m_onArrival;
+    std::vector<std::unique_ptr<Stream>> m_streams;
+    std::size_t m_snapshots = 0;
+    std::size_t m_arrivals = 0;
+    std::size_t m_ended = 0;
+    bool m_isClosing = false;
+};
+
+}  // namespace Hox::Benchmarks

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+#include <grpcpp/grpcpp.h>
+
+#include <string>
+
+namespace Hox::Benchmarks {
+
+/// The full name of a method of the state monitor, as gRPC takes it.
+std::string methodName(const char* method);
+
+/// The message as it goes over the wire.
+grpc::ByteBuffer toBytes(const google::protobuf::Message& message);
+
+/// Parses what came over the wire. Throws std::runtime_error when it is no such message.
+void fromBytes(const grpc::ByteBuffer& bytes, google::protobuf::Message& message);
+
+}  // namespace Hox::Benchmarks
