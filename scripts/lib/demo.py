@@ -1,0 +1,165 @@
+"""Feeds the package log of this machine to a service of its own and shows what comes of it."""
+import collections
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+from kit.namespaces import enter_private_network
+
+try:
+    enter_private_network()  # ahead of the first thread of gRPC
+except OSError:
+    pass  # without root the demo shares the machine's network, on a port that nobody uses
+
+import package_log  # noqa: E402
+from kit.protos import Protos  # noqa: E402
+from kit.service import Service  # noqa: E402
+
+SHOWN = 8
+RANK = {"ERROR": 0, "WARN": 1, "BOOTING": 2, "OK": 3}
+
+
+def check(condition, what):
+    """Ends the demo with a clear word where what it shows would be wrong."""
+    if not condition:
+        raise SystemExit(f"demo: FAILED: {what}")
+
+
+def headline(text):
+    print(f"\n{text}\n{'-' * len(text)}")
+
+
+def clock(seconds):
+    return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(seconds))
+
+
+def expected_latest(reports):
+    """Origin to the index of its last report."""
+    return {(report.kind, report.source): index for index, report in enumerate(reports)}
+
+
+def expected_state(reports):
+    severities = {reports[index].severity for index in expected_latest(reports).values()}
+    return next((name for name in ("ERROR", "WARN") if name in severities), "OK")
+
+
+def start_watcher(service, folder, count):
+    """The second process. Its first line of output is its snapshot."""
+    (folder / "watcher").mkdir()
+    return subprocess.Popen(
+        [sys.executable, str(pathlib.Path(__file__).with_name("demo_watch.py")),
+         service.address, str(folder / "watcher"), str(count)],
+        stdout=subprocess.PIPE, text=True, env=os.environ)
+
+
+def feed(client, reports):
+    for report in reports:
+        client.create(package_log.SERVICE, report.kind, report.source, report.severity,
+                      report.text, report.seconds)
+
+
+def show_stream(lines, reports):
+    headline("What the observer in the second process saw (first and last changes)")
+    for number, line in enumerate(lines):
+        if number < SHOWN // 2 or number >= len(lines) - SHOWN // 2:
+            change = f"{line['old'] or '-':>7} -> {line['new']:<7}"
+            print(f"  #{line['index']:<4} {change}  {line['text']}")
+        elif number == SHOWN // 2:
+            print(f"  ... {len(lines) - SHOWN} more ...")
+    check([line["index"] for line in lines] == list(range(len(reports))),
+          "the observer missed a change or got one out of order")
+    former = {}
+    for line, report in zip(lines, reports):
+        origin = report.kind, report.source
+        check((line["text"], line["new"]) == (report.text, report.severity),
+              f"the observer got {line} for {report}")
+        check(line["old"] == former.get(origin), f"a wrong former value: {line}")
+        former[origin] = report.severity
+
+
+def show_current_state(client, reports):
+    headline("Current state")
+    state = client.current_state()
+    print(f"  {state}")
+    check(state == expected_state(reports), f"it should be {expected_state(reports)}")
+
+
+def show_latest(client, reports):
+    answer = client.latest()
+    table = [entry.stateNotification for entry in answer.stateList]
+    names = client.protos.state.StateSeverity.Name
+    counts = collections.Counter(names(note.severity) for note in table)
+    headline(f"Latest table: {len(table)} origins, " + ", ".join(
+        f"{counts[name]} {name}" for name in RANK if counts[name]))
+    for note in sorted(table, key=lambda note: RANK[names(note.severity)])[:SHOWN]:
+        print(f"  {names(note.severity):<7}  {clock(note.timeStamp.seconds)}  "
+              f"{note.type}  {note.source}")
+    if len(table) > SHOWN:
+        print(f"  ... {len(table) - SHOWN} more ...")
+    check(answer.latestStateNotificationIndex == len(reports), "a wrong index")
+    check({(entry.stateNotification.type, entry.stateNotification.source): entry.index
+           for entry in answer.stateList} == expected_latest(reports), "a wrong latest table")
+    check(not client.latest(fromIndex=len(reports)).stateList,
+          "the table came again although nothing was new")
+
+
+def show_last_reports(client, reports):
+    headline("Last reports, newest first")
+    stored = client.notifications(index=-SHOWN)
+    for entry in stored:
+        note = entry.stateNotification
+        print(f"  #{entry.index:<4} {clock(note.timeStamp.seconds)}  "
+              f"{client.protos.state.StateSeverity.Name(note.severity):<7}  {note.msg}")
+    wanted = [(index, reports[index].text, reports[index].seconds)
+              for index in range(len(reports) - 1, -1, -1)][:SHOWN]
+    check([(entry.index, entry.stateNotification.msg, entry.stateNotification.timeStamp.seconds)
+           for entry in stored] == wanted, "wrong last reports")
+
+
+def run(folder, count):
+    reports, origin = package_log.read(count)
+    check(reports, "this machine has no packages")
+    protos = Protos(folder / "generated")
+    service = Service(protos, folder / "service", service_id="demo-1")
+    watcher = None
+    try:
+        service.wait_ready()
+        print(f"halvo-system runs on {service.address} and has told READY=1.")
+        client = service.client()
+        feed(client, reports[:1])
+        watcher = start_watcher(service, folder, len(reports))
+        snapshot = watcher.stdout.readline()  # from now on the watcher hears of every change
+        feed(client, reports[1:])
+        print(f"Fed {len(reports)} reports from {origin}, "
+              f"{clock(reports[0].seconds)} to {clock(reports[-1].seconds)}.")
+        changes, _ = watcher.communicate(timeout=60)
+        lines = (snapshot + changes).splitlines()
+        show_stream([json.loads(line) for line in lines], reports)
+        show_current_state(client, reports)
+        show_latest(client, reports)
+        show_last_reports(client, reports)
+        service.stop()
+        print(f"\nSIGTERM: ended with status 0 after {service.stop_seconds:.2f} s. "
+              "All of the above was checked.")
+    finally:
+        if watcher is not None and watcher.poll() is None:
+            watcher.kill()
+            watcher.wait()
+        service.close()
+
+
+def main():
+    # The archive keeps a thousand reports; the demo shows what it keeps.
+    count = min(int(sys.argv[1]) if len(sys.argv) > 1 else 240, 1000)
+    with tempfile.TemporaryDirectory(prefix="halvo-demo-") as folder:
+        out = pathlib.Path(folder)
+        (out / "generated").mkdir()
+        run(out, count)
+
+
+if __name__ == "__main__":
+    main()
