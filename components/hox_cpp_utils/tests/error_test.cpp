@@ -18,6 +18,7 @@
 #include "hox/cpputil/error/parsing_error.h"
 #include "hox/linutils/error/file_descriptor_error.h"
 #include "hox/observer_tree/access_violation_error.h"
+#include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "hox/observer_tree/data_tree_val_error.h"
 #include "hox/observer_tree/double_registration_error.h"
 #include "hox/observer_tree/func_node_handler_error.h"
@@ -97,6 +98,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "FuncNodeHandlerError: the message(folder/file.cpp:5)"},
         ErrorCase{"AccessViolationError", textsCaughtAs<AccessViolationError, Error>,
                   "AccessViolationError: the message(folder/file.cpp:5)"},
+        ErrorCase{"ObsTreeBuildError", textsCaughtAs<ObsTreeBuildError, Error>,
+                  "ObsTree Build Error: the message(folder/file.cpp:5)"},
         ErrorCase{"PathError", textsCaughtAs<PathError, Error>,
                   "PathError: the message(folder/file.cpp:5)"},
         ErrorCase{"DataTreeValError", textsCaughtAs<DataTreeValError, Error>,
