@@ -1,0 +1,241 @@
+#include "hox/observer_tree/cruro_node.h"
+
+#include "hox/testing/log_capture.h"
+#include "tree_test_kit.h"
+
+namespace Hox::ObserverTree {
+namespace {
+
+using Hox::Testing::LogCapture;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using TestKit::AssertionReports;
+using TestKit::Int64Value;
+using TestKit::message;
+using TestKit::number;
+using TestKit::StringValue;
+using TestKit::textOf;
+using TestKit::thrownBy;
+using TestKit::value;
+
+UnaryHandlerReturnType<Int64Value> answer(int64_t content, const Status& status = Status()) {
+    return {std::make_unique<Int64Value>(number(content)), status};
+}
+
+/// A node whose READ handler of StringValue -> Int64Value does what a test says.
+class UnaryNode : public testing::Test {
+protected:
+    void onRead(UnaryHandler<StringValue, Int64Value> handler) {
+        m_node->setUnaryHandler<UnaryOps::READ, StringValue, Int64Value>(std::move(handler));
+    }
+
+    UnaryHandlerReturnType<Int64Value> read(const std::string& text) {
+        return m_node->callUnaryHandler<UnaryOps::READ, StringValue, Int64Value>(message(text),
+                                                                                 m_tree);
+    }
+
+    UnaryHandlerReturnType<BaseMsgType> readCast(const BaseMsgType& request) {
+        return m_node->callUnaryHandlerCast<UnaryOps::READ>(request, m_tree);
+    }
+
+    std::vector<std::string> errors() const { return m_log.textsAt(spdlog::level::err); }
+
+    LogCapture m_log;
+    DataTree m_tree;
+    std::shared_ptr<TreeNode> m_node = std::make_shared<TreeNode>();
+};
+
+TEST_F(UnaryNode, HasNoHandlersAtFirst) {
+    for (int operation = 0; operation < 4; ++operation) {
+        EXPECT_FALSE(m_node->hasUnaryHandler(static_cast<UnaryOps>(operation)));
+    }
+    onRead([](const StringValue&, DataTree&) { return answer(1); });
+    EXPECT_TRUE(m_node->hasUnaryHandler(UnaryOps::READ));
+    EXPECT_FALSE(m_node->hasUnaryHandler(UnaryOps::CREATE));
+    EXPECT_FALSE(m_node->hasUnaryHandler(UnaryOps::UPDATE));
+    EXPECT_FALSE(m_node->hasUnaryHandler(UnaryOps::REMOVE));
+}
+
+TEST_F(UnaryNode, HandsOnRequestTreeAndResult) {
+    onRead([](const StringValue& request, DataTree& tree) {
+        tree.insert_or_assign("/", value(request.value()));
+        return answer(5, Status(ProtoStatus::NOT_FOUND, "half"));
+    });
+    const auto result = read("text");
+    EXPECT_EQ(result.message->value(), 5);
+    EXPECT_EQ(result.status.statusCode(), ProtoStatus::NOT_FOUND);
+    EXPECT_EQ(result.status.errorMessage(), "half");
+    EXPECT_EQ(textOf(m_tree.find("/")->second), "text");
+    EXPECT_THAT(m_log.texts(), IsEmpty());
+}
+
+TEST_F(UnaryNode, ServesTheSameHandlerByDescriptor) {
+    onRead([](const StringValue& request, DataTree&) {
+        return answer(static_cast<int64_t>(request.value().size()),
+                      Status(ProtoStatus::ABORTED, "why"));
+    });
+    const auto result = readCast(message("four"));
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*result.message).value(), 4);
+    EXPECT_EQ(result.status.statusCode(), ProtoStatus::ABORTED);
+    EXPECT_EQ(result.status.errorMessage(), "why");
+}
+
+TEST_F(UnaryNode, MayAnswerWithoutAMessage) {
+    onRead([](const StringValue&, DataTree&) {
+        return UnaryHandlerReturnType<Int64Value>{nullptr, Status(ProtoStatus::INTERNAL, "none")};
+    });
+    EXPECT_EQ(read("").message, nullptr);
+    EXPECT_EQ(readCast(message("")).message, nullptr);
+}
+
+template <UnaryOps OpId>
+std::string doubleRegistration(const std::string& name) {
+    TreeNode node;
+    DataTree tree;
+    const auto handler = [](int64_t content) {
+        return [content](const StringValue&, DataTree&) { return answer(content); };
+    };
+    node.setUnaryHandler<OpId, StringValue, Int64Value>(handler(1));
+    const auto text = thrownBy<DoubleRegistrationError>(
+        [&] { node.setUnaryHandler<OpId, StringValue, Int64Value>(handler(2)); }, "cruro_node.h");
+    const auto& typed = node.callUnaryHandler<OpId, StringValue, Int64Value>(message(""), tree);
+    EXPECT_EQ(typed.message->value(), 1) << name;
+    const auto& cast = node.callUnaryHandlerCast<OpId>(message(""), tree);
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*cast.message).value(), 1) << name;
+    return text;
+}
+
+TEST_F(UnaryNode, KeepsTheFirstHandlerOfAnOperation) {
+    const std::string start = "Only one registration is allowed: Only allowed to register one ";
+    EXPECT_EQ(doubleRegistration<UnaryOps::CREATE>("CREATE"), start + "CREATEoperation.\n");
+    EXPECT_EQ(doubleRegistration<UnaryOps::READ>("READ"), start + "READoperation.\n");
+    EXPECT_EQ(doubleRegistration<UnaryOps::UPDATE>("UPDATE"), start + "UPDATEoperation.\n");
+    EXPECT_EQ(doubleRegistration<UnaryOps::REMOVE>("REMOVE"), start + "REMOVEoperation.\n");
+}
+
+TEST_F(UnaryNode, RefusesASecondHandlerOfOtherTypesToo) {
+    onRead([](const StringValue&, DataTree&) { return answer(1); });
+    EXPECT_THROW((m_node->setUnaryHandler<UnaryOps::READ, Int64Value, StringValue>(
+                     [](const Int64Value&, DataTree&) -> UnaryHandlerReturnType<StringValue> {
+                         return {};
+                     })),
+                 DoubleRegistrationError);
+    EXPECT_EQ(read("").message->value(), 1);
+}
+
+TEST_F(UnaryNode, LogsAssertsAndRethrowsAnExceptionOfTheHandler) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree&) -> UnaryHandlerReturnType<Int64Value> {
+        throw std::runtime_error("boom");
+    });
+    EXPECT_EQ(thrownBy<std::runtime_error>([&] { read("request"); }), "boom");
+    EXPECT_THAT(errors(), ElementsAre("Caught exception in Observer Tree CRUR Callback:\n"
+                                      "Operation READ: google::protobuf::StringValue -> "
+                                      "google::protobuf::Int64Value\nboom",
+                                      "msg: value: \"request\"\n"));
+    EXPECT_THAT(reports.conditions(), ElementsAre("false"));
+}
+
+TEST_F(UnaryNode, LogsAssertsAndRethrowsAnExceptionOfTheHandlerByDescriptor) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree&) -> UnaryHandlerReturnType<Int64Value> {
+        throw std::runtime_error("boom {}");
+    });
+    EXPECT_EQ(thrownBy<std::runtime_error>([&] { readCast(message("request")); }), "boom {}");
+    EXPECT_THAT(errors(),
+                ElementsAre("It is forbidden to throw exceptions from crur handler callbacks - "
+                            "boom {}",
+                            "msg: value: \"request\"\n"));
+    EXPECT_THAT(reports.conditions(), ElementsAre("false"));
+}
+
+TEST_F(UnaryNode, FailsForOtherMessageTypesThanTheRegisteredOnes) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree&) { return answer(1); });
+    EXPECT_THROW(
+        (m_node->callUnaryHandler<UnaryOps::READ, Int64Value, Int64Value>(number(3), m_tree)),
+        std::bad_any_cast);
+    EXPECT_THROW(
+        (m_node->callUnaryHandler<UnaryOps::READ, StringValue, StringValue>(message("m"), m_tree)),
+        std::bad_any_cast);
+    EXPECT_THAT(errors(), ElementsAre("Caught exception in Observer Tree CRUR Callback:\n"
+                                      "Operation READ: google::protobuf::Int64Value -> "
+                                      "google::protobuf::Int64Value\nbad any_cast",
+                                      "msg: value: 3\n",
+                                      "Caught exception in Observer Tree CRUR Callback:\n"
+                                      "Operation READ: google::protobuf::StringValue -> "
+                                      "google::protobuf::StringValue\nbad any_cast",
+                                      "msg: value: \"m\"\n"));
+    EXPECT_THAT(reports.conditions(), ElementsAre("false", "false"));
+}
+
+TEST_F(UnaryNode, FailsForAnotherMessageTypeByDescriptor) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree&) { return answer(1); });
+    EXPECT_THROW(readCast(number(3)), std::bad_cast);
+    EXPECT_THAT(errors(),
+                ElementsAre("It is forbidden to throw exceptions from crur handler callbacks - "
+                            "std::bad_cast",
+                            "msg: value: 3\n"));
+    EXPECT_THAT(reports.conditions(), ElementsAre("false"));
+}
+
+TEST_F(UnaryNode, FailsForAnOperationWithoutAHandler) {
+    const AssertionReports reports;
+    EXPECT_THROW(read("m"), std::bad_any_cast);
+    EXPECT_THROW(readCast(message("m")), std::bad_function_call);
+    EXPECT_THAT(reports.conditions(), ElementsAre("false", "false"));
+}
+
+TEST_F(UnaryNode, TreatsAForbiddenWriteLikeAnyException) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree& tree) {
+        tree.insert_or_assign("/elsewhere", value("x"));
+        return answer(1);
+    });
+    m_tree.setKeyPattern("/a");
+    EXPECT_THROW(read("m"), AccessViolationError);
+    EXPECT_THAT(errors(), testing::Contains(testing::HasSubstr(
+                              "Not allowed to access \"/elsewhere\" with key pattern \"a/**\"")));
+    EXPECT_THAT(reports.conditions(), ElementsAre("false"));
+}
+
+TEST_F(UnaryNode, LetsWhatIsNoStandardExceptionThrough) {
+    const AssertionReports reports;
+    onRead([](const StringValue&, DataTree&) -> UnaryHandlerReturnType<Int64Value> { throw 7; });
+    EXPECT_THROW(read("m"), int);
+    EXPECT_THROW(readCast(message("m")), int);
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_THAT(reports.conditions(), IsEmpty());
+}
+
+TEST_F(UnaryNode, LogsUnderTheNameOfItsHeaderAndClass) {
+    EXPECT_THAT(m_node->_HALVOMACRO_loggerName(),
+                testing::StartsWith("cruro_node.h::Hox::ObserverTree::CRURONode"));
+    EXPECT_THAT(m_node->_HALVOMACRO_loggerName(), testing::Not(testing::HasSubstr("<lambda()>")));
+}
+
+class UnaryNodeDeathTest : public UnaryNode {
+protected:
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        onRead([](const StringValue&, DataTree&) -> UnaryHandlerReturnType<Int64Value> {
+            throw std::runtime_error("boom");
+        });
+    }
+};
+
+TEST_F(UnaryNodeDeathTest, EndsTheProcessForAnExceptionOfTheHandler) {
+    EXPECT_DEATH(read("m"), testing::HasSubstr("Assertion failed: [false] \nat:"));
+    EXPECT_DEATH(readCast(message("m")), testing::HasSubstr("Aborting process!"));
+}
+
+TEST_F(UnaryNodeDeathTest, EndsTheProcessForOtherMessageTypes) {
+    EXPECT_DEATH(
+        (m_node->callUnaryHandler<UnaryOps::READ, Int64Value, Int64Value>(number(3), m_tree)),
+        testing::HasSubstr("Assertion failed: [false] \nat:"));
+    EXPECT_DEATH(readCast(number(3)), testing::HasSubstr("Assertion failed: [false] \nat:"));
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree
