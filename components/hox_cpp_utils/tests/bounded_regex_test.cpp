@@ -325,6 +325,28 @@ TEST(BoundedRegex, ReportsErrorsInTheWordsOfTheLibrary) {
     }
 }
 
+TEST(BoundedRegex, RefusesWhatTheLibraryRefuses) {
+    const std::vector<std::string> parts = {
+        "a",   "b",   "(",   ")",  "(?:", "(?=", "(?!", "[",     "]",  "[^", "-",   "|",
+        "*",   "+",   "?",   "{",  "}",   "1",   ",",   ".",     "^",  "$",  "\\",  "\\b",
+        "\\w", "\\x", "\\c", "41", "0",   "[:",  ":]",  "digit", "[=", "=]", "{2}", "\\1"};
+    std::mt19937 random(11);
+    std::uniform_int_distribution<std::size_t> part(0, parts.size() - 1);
+    std::uniform_int_distribution<int> size(1, 7);
+    int accepted = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string expression;
+        for (int k = size(random); k > 0; --k) {
+            expression += parts[part(random)];
+        }
+        const auto error =
+            errorOf(expression, std::regex::ECMAScript | std::regex_constants::__polynomial);
+        ASSERT_EQ(boundedErrorOf(expression), error) << expression;
+        accepted += error == "none" ? 1 : 0;
+    }
+    EXPECT_GT(accepted, 2000);
+}
+
 TEST(BoundedRegex, RefusesBackReferences) {
     EXPECT_EQ(boundedErrorOf("(a)\\1"), "Unexpected back-reference in polynomial mode.");
     EXPECT_NE(boundedErrorOf("(a)\\99999999999999999999999"), "none");

@@ -20,17 +20,17 @@ void checkSize(std::string_view text, std::size_t maximum, const char* what) {
 
 std::unique_ptr<RegexAutomaton> compile(const std::string& expression) {
     checkSize(expression, BoundedRegex::maxExpressionSize, "Regular expression");
-    RegexParser parser(expression);
-    const auto tree = parser.parse();
-    if (tree && tree->stateCount() > BoundedRegex::maxStates) {
+    const auto tree = RegexParser(expression).parse();
+    if (!tree) {
+        // The library words the error.
+        const std::regex regex(expression,
+                               std::regex::ECMAScript | std::regex_constants::__polynomial);
+        throw InvalidArgumentError("Regular expression is not supported", __FILE__, __LINE__);
+    }
+    if (tree->stateCount() > BoundedRegex::maxStates) {
         throw InvalidArgumentError("Regular expression needs more than " +
                                        std::to_string(BoundedRegex::maxStates) + " states",
                                    __FILE__, __LINE__);
-    }
-    // The library is the judge of what is malformed and words the error.
-    const std::regex judge(expression, std::regex::ECMAScript | std::regex_constants::__polynomial);
-    if (!tree) {
-        throw InvalidArgumentError("Regular expression is not supported", __FILE__, __LINE__);
     }
     return std::make_unique<RegexAutomaton>(*tree);
 }

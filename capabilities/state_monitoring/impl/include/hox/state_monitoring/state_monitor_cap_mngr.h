@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+
+#include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
+#include "hox/observer_tree/grpc/async_grpc_server_handler.h"
+#include "hox/observer_tree/grpc/grpc_server_observer_tree.h"
+#include "hox/service_common/capability/icap_mngr.h"
+#include "hox/state_monitoring/state_mon_obs_helper.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+/// The capability manager of state monitoring: wires tree, handlers and gRPC. All logic lies in
+/// StateMonObsHelper.
+class StateMonitorCapMngr : public Hox::Service::ICapMngr {
+public:
+    int id() const override;
+
+    /// Adds the group "StateMonitoring".
+    void addOptions(cxxopts::Options& options) override;
+
+    /// Builds the tree and binds the service to it. On a system monitor, sets the addresses of the
+    /// external state monitors.
+    void initCapability(Hox::Service::LumServiceCtx& ctx) override;
+
+    /// Starts serving. Asserts that initCapability() has run.
+    void serverStarted(Hox::Service::LumServiceCtx& ctx) override;
+
+private:
+    // The helper is the last to go: the handler's thread runs its operations.
+    std::unique_ptr<StateMonObsHelper> m_stateMonObsHelper;
+    std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;
+    std::shared_ptr<Hox::ObserverTree::AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
+    std::unique_ptr<Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder> m_obsTreeBuilder;
+};
+
+}  // namespace Hox::Capability::StateMonitoring

@@ -1,0 +1,87 @@
+#include "hox/state_monitoring/state_monitor_cap_mngr.h"
+
+#include <cxxopts.hpp>
+#include <string>
+#include <vector>
+
+#include "connect_urls.h"
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/service_common/capability/lum_capabilities.h"
+#include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "state_monitoring.grpc.pb.h"
+#include "state_monitoring_internals.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+using Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder;
+using Hox::ObserverTree::GrpcServerObserverTree;
+using Hox::ObserverTree::UnaryOps;
+
+namespace {
+
+constexpr int32_t archiveSize = 1000;
+
+constexpr const char* sysMon = "sys_mon";
+constexpr const char* nodeMon = "node_mon";
+constexpr const char* statemonServices = "statemon_services";
+
+std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
+    if (ctx.optionCount(sysMon) == 0 || ctx.optionCount(statemonServices) == 0) {
+        return {};
+    }
+    return parseConnectUrls(ctx.optionValue(statemonServices));
+}
+
+void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::ObserverTree& tree) {
+    UpdateStateMonitorConfReq req;
+    for (const auto& url : urls) {
+        req.mutable_statemonitorconf()->add_statemonitorconnecturls(url);
+    }
+    tree.callApiOp<UnaryOps::UPDATE, UpdateStateMonitorConfReq, UpdateStateMonitorConfResp>("/conf",
+                                                                                            req);
+}
+
+}  // namespace
+
+int StateMonitorCapMngr::id() const {
+    return static_cast<int>(Hox::Service::CapabilityType::StateMonitoringUservice);
+}
+
+void StateMonitorCapMngr::addOptions(cxxopts::Options& options) {
+    options.add_options("StateMonitoring")(
+        sysMon,
+        "If this option is set the state monitor will also mDNS publish itself as a system monitor",
+        cxxopts::value<bool>())(
+        nodeMon,
+        "If this option is set the state monitor will also mDNS publish itself as a node monitor",
+        cxxopts::value<bool>())(
+        statemonServices,
+        "Collection of services the system state monitor should subscribe to. The format is "
+        "<ip>:port1,port2,port3",
+        cxxopts::value<std::string>()->default_value(""));
+}
+
+void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
+    const auto urls = connectUrls(ctx);
+    m_obsTreeBuilder =
+        std::make_unique<AsyncGRPCServerObsTreeBuilder>(&ctx.getServerBuilder(), m_mutex);
+    m_observerTree =
+        std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
+    m_obsTreeBuilder->buildServerObsTree<Api::StateMonitoringService>(*m_observerTree);
+    m_stateMonObsHelper = std::make_unique<StateMonObsHelper>(
+        m_mutex, ctx.getIdentity().id, ctx.optionCount(sysMon) > 0, archiveSize);
+    m_stateMonObsHelper->registerObsTreeHandlers(*m_observerTree);
+    if (!urls.empty()) {
+        setConnectUrls(urls, *m_observerTree);
+    }
+}
+
+void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& /*ctx*/) {
+    if (m_obsTreeBuilder) {
+        m_asyncGrpcServerHandler = m_obsTreeBuilder->asyncGrpcServerHandler();
+    }
+    HOX_ASSERT(m_asyncGrpcServerHandler.get());
+    m_asyncGrpcServerHandler->startCompletionQueueThread();
+}
+
+}  // namespace Hox::Capability::StateMonitoring

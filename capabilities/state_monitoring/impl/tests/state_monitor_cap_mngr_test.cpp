@@ -1,0 +1,286 @@
+#include "hox/state_monitoring/state_monitor_cap_mngr.h"
+
+#include <gmock/gmock.h>
+#include <grpcpp/create_channel.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cxxopts.hpp>
+#include <string>
+#include <vector>
+
+#include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/testing/proto_matchers.h"
+#include "state_mon_fixture.h"
+#include "state_monitoring.grpc.pb.h"
+#include "state_monitoring_internals.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+namespace {
+
+using Fixture::notification;
+using Hox::ObserverTree::ObserveReq;
+using Hox::ObserverTree::ObsTreeObserveChangeSet;
+using Hox::Service::LumServiceCtx;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// The state monitor as the frame runs it, with a server that is reached in process only.
+class Service {
+public:
+    explicit Service(std::vector<std::string> arguments = {}) : m_ctx("program") {
+        m_manager.addOptions(m_ctx.getOptions());
+        arguments.insert(arguments.begin(), "program");
+        std::vector<const char*> argv;
+        argv.reserve(arguments.size());
+        for (const auto& argument : arguments) {
+            argv.push_back(argument.c_str());
+        }
+        m_ctx.parseOptions(static_cast<int>(argv.size()), argv.data());
+        m_ctx.setIdentity({"head-1", "0", "mb"});
+        m_ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
+        const std::lock_guard<std::mutex> lock(*m_manager.getMutex());
+        m_manager.initCapability(m_ctx);
+        m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
+        m_manager.serverStarted(m_ctx);
+        m_manager.proxyObsTreesReady(m_ctx);
+        m_stub = Api::StateMonitoringService::NewStub(
+            m_ctx.getGrpcServer()->InProcessChannel(grpc::ChannelArguments()));
+    }
+
+    ~Service() { m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now()); }
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    Api::StateMonitoringService::Stub& stub() { return *m_stub; }
+
+    template <typename Req, typename Resp>
+    grpc::Status call(grpc::Status (Api::StateMonitoringService::Stub::*method)(
+                          grpc::ClientContext*, const Req&, Resp*),
+                      const Req& req, Resp& resp) {
+        grpc::ClientContext context;
+        context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
+        return (m_stub.get()->*method)(&context, req, &resp);
+    }
+
+    grpc::Status create(const Api::StateNotification& notification) {
+        Api::CreateStateNotificationReq req;
+        *req.mutable_statenotification() = notification;
+        Api::CreateStateNotificationResp resp;
+        return call(&Api::StateMonitoringService::Stub::createStateNotification, req, resp);
+    }
+
+    Api::StateSeverity currentState() {
+        Api::GetCurrentStateResp resp;
+        EXPECT_TRUE(call(&Api::StateMonitoringService::Stub::getCurrentState,
+                         Api::GetCurrentStateReq(), resp)
+                        .ok());
+        return resp.currentstate();
+    }
+
+    // The value of the key in the first element of a stream, empty without one before the next
+    // report.
+    std::vector<std::string> connectUrls() {
+        Stream stream(*this, "/**");
+        EXPECT_TRUE(create(notification("a", "b", "c")).ok());
+        const auto changes = stream.read().node_change_map();
+        std::vector<std::string> urls;
+        const auto conf = changes.find("/conf");
+        if (conf != changes.end()) {
+            StateMonitorConf message;
+            EXPECT_TRUE(conf->second.nodepairlist(0).currentmessage().UnpackTo(&message));
+            urls.assign(message.statemonitorconnecturls().begin(),
+                        message.statemonitorconnecturls().end());
+        }
+        return urls;
+    }
+
+    // An observe stream, ended with the object.
+    class Stream {
+    public:
+        Stream(Service& service, const std::string& pattern) {
+            ObserveReq req;
+            req.set_key_pattern(pattern);
+            m_context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
+            m_reader = service.stub().observeStateNotifications(&m_context, req);
+        }
+        ~Stream() {
+            m_context.TryCancel();
+            m_reader->Finish();
+        }
+        Stream(const Stream&) = delete;
+        Stream& operator=(const Stream&) = delete;
+
+        ObsTreeObserveChangeSet read() {
+            ObsTreeObserveChangeSet changes;
+            EXPECT_TRUE(m_reader->Read(&changes));
+            return changes;
+        }
+
+    private:
+        grpc::ClientContext m_context;
+        std::unique_ptr<grpc::ClientReader<ObsTreeObserveChangeSet>> m_reader;
+    };
+
+private:
+    LumServiceCtx m_ctx;
+    StateMonitorCapMngr m_manager;
+    std::unique_ptr<Api::StateMonitoringService::Stub> m_stub;
+};
+
+TEST(StateMonitorCapMngr, HasItsPlaceInTheCatalogue) {
+    EXPECT_EQ(StateMonitorCapMngr().id(), 14);
+}
+
+TEST(StateMonitorCapMngr, AddsItsOptions) {
+    cxxopts::Options options("program");
+    StateMonitorCapMngr().addOptions(options);
+    std::vector<std::vector<std::string>> found;
+    for (const auto& option : options.group_help("StateMonitoring").options) {
+        found.push_back({option.s.empty() ? "" : "short", option.l.empty() ? "" : option.l.front(),
+                         option.desc, option.is_boolean ? "bool" : "text"});
+    }
+    EXPECT_THAT(
+        found,
+        ElementsAre(
+            ElementsAre(
+                "", "sys_mon",
+                "If this option is set the state monitor will also mDNS publish itself as a "
+                "system monitor",
+                "bool"),
+            ElementsAre(
+                "", "node_mon",
+                "If this option is set the state monitor will also mDNS publish itself as a "
+                "node monitor",
+                "bool"),
+            ElementsAre("", "statemon_services",
+                        "Collection of services the system state monitor should subscribe to. The "
+                        "format is <ip>:port1,port2,port3",
+                        "text")));
+}
+
+TEST(StateMonitorCapMngr, DefaultsToNoServices) {
+    LumServiceCtx ctx("program");
+    StateMonitorCapMngr().addOptions(ctx.getOptions());
+    const char* argv[] = {"program"};
+    ctx.parseOptions(1, argv);
+    EXPECT_EQ(ctx.optionCount("statemon_services"), 0U);
+    EXPECT_EQ(ctx.optionValue("statemon_services"), "");
+}
+
+struct ConfCase {
+    std::string name;
+    std::vector<std::string> arguments;
+    std::vector<std::string> urls;
+};
+
+class StateMonitorCapMngrConf : public testing::TestWithParam<ConfCase> {};
+
+TEST_P(StateMonitorCapMngrConf, FollowsTheOptions) {
+    Service service(GetParam().arguments);
+    EXPECT_EQ(service.connectUrls(), GetParam().urls);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, StateMonitorCapMngrConf,
+    testing::Values(
+        ConfCase{"NoOptions", {}, {}}, ConfCase{"SystemMonitorAlone", {"--sys_mon"}, {}},
+        ConfCase{"ServicesAlone", {"--statemon_services", "10.0.0.1:5000,5001"}, {}},
+        ConfCase{"NodeMonitor", {"--node_mon", "--statemon_services", "10.0.0.1:5000,5001"}, {}},
+        ConfCase{"Both",
+                 {"--sys_mon", "--statemon_services", "10.0.0.1:5000,5001"},
+                 {"10.0.0.1:5000", "10.0.0.1:5001"}},
+        ConfCase{"OneService",
+                 {"--sys_mon", "--statemon_services", "10.0.0.1:5000"},
+                 {"10.0.0.1:5000"}}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(StateMonitorCapMngr, ServesReportsOverGrpc) {
+    Service service;
+    EXPECT_EQ(service.currentState(), Api::StateSeverity::OK);
+    EXPECT_TRUE(service.create(notification("head-1", "T", "a/b", Api::StateSeverity::WARN)).ok());
+    EXPECT_TRUE(service.create(notification("head-1", "T", "c", Api::StateSeverity::ERROR)).ok());
+    EXPECT_EQ(service.currentState(), Api::StateSeverity::ERROR);
+
+    Api::GetStateNotificationsResp list;
+    EXPECT_TRUE(service
+                    .call(&Api::StateMonitoringService::Stub::getStateNotifications,
+                          Api::GetStateNotificationsReq(), list)
+                    .ok());
+    ASSERT_EQ(list.statelist_size(), 2);
+    EXPECT_EQ(list.statelist(0).index(), 1);
+
+    Api::GetLatestStateNotificationsResp latest;
+    EXPECT_TRUE(service
+                    .call(&Api::StateMonitoringService::Stub::getLatestStateNotifications,
+                          Api::GetLatestStateNotificationsReq(), latest)
+                    .ok());
+    EXPECT_EQ(latest.lateststatenotificationindex(), 2);
+    EXPECT_EQ(latest.statelist_size(), 2);
+
+    Api::GetStateMonitorStatusResp status;
+    EXPECT_TRUE(service
+                    .call(&Api::StateMonitoringService::Stub::getStatus,
+                          Api::GetStateMonitorStatusReq(), status)
+                    .ok());
+    EXPECT_TRUE(status.has_monitorstatus());
+}
+
+TEST(StateMonitorCapMngr, StreamsReportsOverGrpc) {
+    Service service;
+    EXPECT_TRUE(service.create(notification("head-1", "T", "a", Api::StateSeverity::WARN)).ok());
+    Service::Stream stream(service, "/state/notifications/latest/**");
+    const std::string key = "/state/notifications/latest/head-1/T/a";
+    const auto snapshot = stream.read();
+    ASSERT_EQ(snapshot.node_change_map().count(key), 1U);
+    EXPECT_FALSE(snapshot.node_change_map().at(key).nodepairlist(0).has_prevmessage());
+
+    EXPECT_TRUE(service.create(notification("head-1", "T", "a", Api::StateSeverity::OK)).ok());
+    const auto change = stream.read();
+    ASSERT_EQ(change.node_change_map().size(), 1U);
+    const auto& pair = change.node_change_map().at(key).nodepairlist(0);
+    Api::StoredNotification current;
+    Api::StoredNotification previous;
+    ASSERT_TRUE(pair.currentmessage().UnpackTo(&current));
+    ASSERT_TRUE(pair.prevmessage().UnpackTo(&previous));
+    EXPECT_EQ(current.index(), 1);
+    EXPECT_EQ(current.previousstateseverity().stateseverity(), Api::StateSeverity::WARN);
+    EXPECT_EQ(previous.index(), 0);
+}
+
+TEST(StateMonitorCapMngr, AnswersFailuresOverGrpc) {
+    Service service;
+    const auto malformed = service.create(notification("", "T", "a"));
+    EXPECT_EQ(malformed.error_code(), grpc::StatusCode::FAILED_PRECONDITION);
+    EXPECT_THAT(malformed.error_message(), HasSubstr("PathError: Key must not contain //"));
+
+    EXPECT_TRUE(service.create(notification("head-1", "T", "a")).ok());
+    Api::GetStateNotificationsReq byFilter;
+    byFilter.set_typeregex("(");
+    Api::GetStateNotificationsResp list;
+    EXPECT_EQ(
+        service.call(&Api::StateMonitoringService::Stub::getStateNotifications, byFilter, list)
+            .error_code(),
+        grpc::StatusCode::FAILED_PRECONDITION);
+
+    Api::GetLatestStateNotificationsReq changes;
+    changes.set_changesetonly(true);
+    Api::GetLatestStateNotificationsResp latest;
+    const auto unimplemented = service.call(
+        &Api::StateMonitoringService::Stub::getLatestStateNotifications, changes, latest);
+    EXPECT_EQ(unimplemented.error_code(), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(unimplemented.error_message(), "Changeset is not supported");
+}
+
+TEST(StateMonitorCapMngrDeathTest, StartsOnlyWhatIsBuilt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    LumServiceCtx ctx("program");
+    StateMonitorCapMngr manager;
+    EXPECT_DEATH(manager.serverStarted(ctx), "m_asyncGrpcServerHandler.get()");
+}
+
+}  // namespace
+}  // namespace Hox::Capability::StateMonitoring
