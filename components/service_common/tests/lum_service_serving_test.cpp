@@ -349,7 +349,8 @@ TEST_F(ServingFrameDeathTest, ListensOnLoopbackAndOnRequestOnAllInterfaces) {
     frame.initialize();
     frame.service().serverStart();
     frame.events().add("served");
-    check(Testing::waitUntil([&] { return frame.shutdownCount() == 2; }), "two writes");
+    // The repeated one counts twice where another thread passes it on late.
+    check(Testing::waitUntil([&] { return frame.shutdownCount() >= 2; }), "two writes");
     frame.leave();
 }
 
@@ -497,7 +498,7 @@ TEST_F(ServingFrameDeathTest, LetsExceptionsOfItsHooksPass) {
 
 std::unique_ptr<Capability::Introspection::IntrospectionService::Stub> connect(ChildFrame& frame) {
     return Capability::Introspection::IntrospectionService::NewStub(
-        grpc::CreateChannel("localhost:" + frame.port(), grpc::InsecureChannelCredentials()));
+        grpc::CreateChannel("ipv4:127.0.0.1:" + frame.port(), grpc::InsecureChannelCredentials()));
 }
 
 [[noreturn]] void runWithACallThatEndsInTime() {

@@ -22,9 +22,21 @@
 #include "service_initializer/service_options.h"
 #include "service_initializer/signal_block.h"
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" int __sigaction(int, const struct sigaction*, struct sigaction*);
+#endif
+
 namespace Hox::Service {
 
 namespace {
+
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer's own function holds signals back while a thread waits in a way unknown to it,
+// as the main thread does for the server.
+constexpr auto setAction = &__sigaction;
+#else
+constexpr auto setAction = &sigaction;
+#endif
 
 constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
 
@@ -46,7 +58,7 @@ void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), Lu
 
 int LumServiceInitializer::global_fd_shutdown = -1;
 std::atomic<LumServiceInitializer*> LumServiceInitializer::instance{nullptr};
-pthread_t LumServiceInitializer::mainThread{};
+std::atomic<pthread_t> LumServiceInitializer::mainThread{};
 
 LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
     : m_logsystemInitializer(std::make_unique<LogsystemInitializer>(argc, argv)),
@@ -149,8 +161,8 @@ void LumServiceInitializer::installSignalHandlers() {
     action.sa_handler = &LumServiceInitializer::handleSignal;
     action.sa_mask = SignalBlock::signals();  // neither signal interrupts the handling of the other
     action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    setAction(SIGINT, &action, nullptr);
+    setAction(SIGTERM, &action, nullptr);
 }
 
 bool LumServiceInitializer::parseOptions(int argc, char** argv, LumServiceCtx& ctx) {

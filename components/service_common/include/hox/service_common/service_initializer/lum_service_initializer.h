@@ -80,7 +80,7 @@ private:
     /// The object that handles the signals. Never reset.
     static std::atomic<LumServiceInitializer*> instance;
     /// Written before instance is, read only where instance is set.
-    static pthread_t mainThread;
+    static std::atomic<pthread_t> mainThread;
 
     std::unique_ptr<LogsystemInitializer> m_logsystemInitializer;
     std::shared_ptr<spdlog::logger> m_logger;
