@@ -6,6 +6,7 @@
 #include "hox/introspection/introspection_cap_mngr.h"
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 #include "hox/service_common/service_initializer/service_initialize_assert.h"
+#include "hox/state_monitoring/state_monitor_cap_mngr.h"
 
 int main(int argc, char** argv) {
     // Keys are UTF-8; the C library converts file names by this setting.
@@ -17,6 +18,8 @@ int main(int argc, char** argv) {
     Hox::Service::initAssertion(true);
     service->addCapability(
         std::make_unique<Hox::Capability::Introspection::IntrospectionCapMngr>());
+    service->addCapability(
+        std::make_unique<Hox::Capability::StateMonitoring::StateMonitorCapMngr>());
     if (service->initialize() != 0) {
         return 1;
     }
