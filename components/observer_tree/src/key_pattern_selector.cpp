@@ -1,6 +1,8 @@
 #include "key_pattern_selector.h"
 
 #include <algorithm>
+#include <cstring>
+#include <variant>
 
 #include "hox/observer_tree/path_error.h"
 
@@ -21,12 +23,11 @@ void KeyPatternSelector::deliver(const ChangeSetType& changes,
             derived = selectionFor(observer.request->key_pattern());
         }
         const auto& selection = std::any_cast<const SelectionPtr&>(derived);
-        if (!selection->pattern) {
+        if (selection->kind == Selection::Kind::Nothing) {
             continue;
         }
         if (selection->pass != m_pass) {
-            select(changes, *selection);
-            m_usedThisPass.push_back(selection);
+            select(changes, selection);
         }
         if (selection->isWhole) {
             (*observer.observeCallback)(changes, ok);
@@ -45,11 +46,30 @@ KeyPatternSelector::SelectionPtr KeyPatternSelector::selectionFor(const std::str
     auto selection = std::make_shared<Selection>();
     shared = selection;
     try {
-        selection->pattern = m_path.parsePath(PathType::KeyPattern, keyPattern);
+        parse(keyPattern, *selection);
     } catch (const PathError&) {
         // The observer was told when it arrived.
     }
     return selection;
+}
+
+void KeyPatternSelector::parse(const std::string& keyPattern, Selection& selection) const {
+    selection.pattern = m_path.parsePath(PathType::KeyPattern, keyPattern);
+    const auto& pattern = selection.pattern;
+    std::size_t literals = 0;
+    while (literals < pattern.size() && std::holds_alternative<std::string>(pattern[literals])) {
+        selection.prefix.append("/").append(std::get<std::string>(pattern[literals]));
+        ++literals;
+    }
+    if (literals == pattern.size()) {
+        selection.kind = Selection::Kind::Key;
+        selection.prefix = keyPattern;
+    } else if (literals + 1 == pattern.size() &&
+               std::get<WildCard>(pattern.back()) == WildCard::DoubleStar) {
+        selection.kind = Selection::Kind::Subtree;
+    } else {
+        selection.kind = Selection::Kind::Pattern;
+    }
 }
 
 void KeyPatternSelector::dropUnusedSelections() {
@@ -62,37 +82,43 @@ void KeyPatternSelector::dropUnusedSelections() {
     m_sweepSize = std::max<std::size_t>(16, 2 * m_selections.size());
 }
 
-void KeyPatternSelector::select(const ChangeSetType& changes, Selection& selection) {
-    if (m_keys.empty()) {
-        m_keys.reserve(changes.size());
-        for (const auto& change : changes) {
-            m_keys.push_back(m_path.parsePath(PathType::Key, change.first));
+void KeyPatternSelector::select(const ChangeSetType& changes, const SelectionPtr& selection) {
+    m_selected.clear();
+    for (auto change = changes.begin(); change != changes.end(); ++change) {
+        if (selects(*selection, change->first)) {
+            m_selected.push_back(change);
         }
     }
-    std::vector<ChangeSetType::const_iterator> selected;
-    auto change = changes.begin();
-    for (const auto& key : m_keys) {
-        if (m_path.matches(key, *selection.pattern)) {
-            selected.push_back(change);
-        }
-        ++change;
-    }
-    selection.isWhole = selected.size() == changes.size();
-    selection.part.clear();
-    if (!selection.isWhole) {
-        for (const auto& it : selected) {
-            selection.part.emplace_hint(selection.part.end(), *it);
+    selection->isWhole = m_selected.size() == changes.size();
+    if (!selection->isWhole && !m_selected.empty()) {
+        m_withPart.push_back(selection);
+        for (const auto& change : m_selected) {
+            selection->part.emplace_hint(selection->part.end(), *change);
         }
     }
-    selection.pass = m_pass;
+    selection->pass = m_pass;
+}
+
+bool KeyPatternSelector::selects(const Selection& selection, const std::string& key) const {
+    // Most keys differ from most patterns here, so that no key has to be parsed for them.
+    const auto& prefix = selection.prefix;
+    if (key.size() < prefix.size() || std::memcmp(key.data(), prefix.data(), prefix.size()) != 0) {
+        return false;
+    }
+    if (selection.kind == Selection::Kind::Key) {
+        return key.size() == prefix.size();
+    }
+    const bool isAtOrBelow = key.size() == prefix.size() || key[prefix.size()] == '/';
+    return isAtOrBelow && (selection.kind == Selection::Kind::Subtree ||
+                           m_path.keyMatches(key, selection.pattern));
 }
 
 void KeyPatternSelector::forgetPass() {
-    for (const auto& selection : m_usedThisPass) {
+    for (const auto& selection : m_withPart) {
         selection->part.clear();
     }
-    m_usedThisPass.clear();
-    m_keys.clear();
+    m_withPart.clear();
+    m_selected.clear();
 }
 
 }  // namespace Hox::ObserverTree

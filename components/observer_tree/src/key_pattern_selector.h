@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,24 +26,36 @@ public:
 private:
     /// What all observers with one pattern share.
     struct Selection {
-        std::optional<PathComponents> pattern;  // empty: malformed
-        uint64_t pass = 0;                      // the delivery that the rest belongs to
-        bool isWhole = false;                   // selects every change
-        ChangeSetType part;                     // the selected changes, unless isWhole
+        /// What decides whether a key is selected.
+        enum class Kind {
+            Nothing,  ///< The pattern is malformed.
+            Key,      ///< `prefix` is the one key.
+            Subtree,  ///< Every key at or below `prefix`.
+            Pattern,  ///< Every key at or below `prefix` that `pattern` matches.
+        };
+
+        Kind kind = Kind::Nothing;
+        uint64_t pass = 0;     // the delivery that the rest belongs to
+        bool isWhole = false;  // selects every change
+        std::string prefix;    // the literal components ahead of the first wildcard
+        ChangeSetType part;    // the selected changes, unless isWhole
+        PathComponents pattern;
     };
     using SelectionPtr = std::shared_ptr<Selection>;
 
     SelectionPtr selectionFor(const std::string& keyPattern);
+    void parse(const std::string& keyPattern, Selection& selection) const;
     void dropUnusedSelections();
-    void select(const ChangeSetType& changes, Selection& selection);
+    void select(const ChangeSetType& changes, const SelectionPtr& selection);
+    bool selects(const Selection& selection, const std::string& key) const;
     void forgetPass();
 
     PathManipulation m_path;
     std::map<std::string, std::weak_ptr<Selection>> m_selections;
     std::size_t m_sweepSize = 16;  // size of m_selections that makes a sweep worth its while
     uint64_t m_pass = 0;
-    std::vector<PathComponents> m_keys;        // of this pass, parsed at the first use
-    std::vector<SelectionPtr> m_usedThisPass;  // hold changes that must not outlive the pass
+    std::vector<ChangeSetType::const_iterator> m_selected;  // of one selection
+    std::vector<SelectionPtr> m_withPart;  // hold changes that must not outlive the pass
 };
 
 }  // namespace Hox::ObserverTree

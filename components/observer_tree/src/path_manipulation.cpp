@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/path_error.h"
@@ -22,9 +24,10 @@ bool isFunctionTreeOnly(std::string_view component) {
     return component.front() == '.' && component.back() == '.';
 }
 
-/// Turns one component into its parsed form; doubleStarSeen is shared by the components of a path.
-PathComponent parseComponent(PathType type, std::string_view component, const std::string& path,
-                             bool& doubleStarSeen) {
+/// The wildcard that one component stands for, nothing for a literal; doubleStarSeen is shared by
+/// the components of a path.
+std::optional<WildCard> parseComponent(PathType type, std::string_view component,
+                                       const std::string& path, bool& doubleStarSeen) {
     if (component.empty()) {
         throw PathError("Key must not contain // (two slashes in a row; " + naming(path), __FILE__,
                         __LINE__);
@@ -38,7 +41,7 @@ PathComponent parseComponent(PathType type, std::string_view component, const st
         return WildCard::Star;
     }
     if (component.find('*') == std::string_view::npos) {
-        return std::string(component);
+        return std::nullopt;
     }
     if (type != PathType::KeyPattern) {
         throw PathError("Only key_pattern's may contain *; " + naming(path), __FILE__, __LINE__);
@@ -58,6 +61,33 @@ PathComponent parseComponent(PathType type, std::string_view component, const st
     return WildCard::DoubleStar;
 }
 
+/// Calls `visit` for each component with its text and, unless it is a literal, its wildcard.
+template <typename Visitor>
+void forEachComponent(PathType type, const std::string& path, Visitor visit) {
+    if (path.empty()) {
+        throw PathError("Path must not be empty", __FILE__, __LINE__);
+    }
+    if (path.front() != separator) {
+        throw PathError("Initial character of path must be '/'; " + naming(path), __FILE__,
+                        __LINE__);
+    }
+    if (path.size() == 1) {
+        return;
+    }
+    if (path.back() == separator) {
+        throw PathError("Final character of path must not be '/' ; " + naming(path), __FILE__,
+                        __LINE__);
+    }
+    bool doubleStarSeen = false;
+    std::string_view rest = path;
+    while (!rest.empty()) {
+        rest.remove_prefix(1);
+        const auto component = rest.substr(0, rest.find(separator));
+        visit(component, parseComponent(type, component, path, doubleStarSeen));
+        rest.remove_prefix(component.size());
+    }
+}
+
 bool isDoubleStar(const PathComponent& component) {
     const auto* wildCard = std::get_if<WildCard>(&component);
     return wildCard != nullptr && *wildCard == WildCard::DoubleStar;
@@ -69,30 +99,16 @@ PathManipulation::PathManipulation()
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
 
 PathComponents PathManipulation::parsePath(PathType type, const std::string& path) const {
-    if (path.empty()) {
-        throw PathError("Path must not be empty", __FILE__, __LINE__);
-    }
-    if (path.front() != separator) {
-        throw PathError("Initial character of path must be '/'; " + naming(path), __FILE__,
-                        __LINE__);
-    }
-    if (path.size() > 1 && path.back() == separator) {
-        throw PathError("Final character of path must not be '/' ; " + naming(path), __FILE__,
-                        __LINE__);
-    }
     PathComponents components;
-    if (path.size() == 1) {
-        return components;
-    }
     components.reserve(static_cast<std::size_t>(std::count(path.begin(), path.end(), separator)));
-    bool doubleStarSeen = false;
-    std::string_view rest = path;
-    while (!rest.empty()) {
-        rest.remove_prefix(1);
-        const auto component = rest.substr(0, rest.find(separator));
-        components.push_back(parseComponent(type, component, path, doubleStarSeen));
-        rest.remove_prefix(component.size());
-    }
+    forEachComponent(type, path,
+                     [&components](std::string_view text, std::optional<WildCard> wildCard) {
+                         if (wildCard) {
+                             components.emplace_back(*wildCard);
+                         } else {
+                             components.emplace_back(std::in_place_type<std::string>, text);
+                         }
+                     });
     return components;
 }
 
@@ -122,6 +138,37 @@ bool PathManipulation::matches(const PathComponents& pathComponents,
         return pathLeftIter == pathComponents.end();
     }
     if (matcherComponents.size() - 1 > pathComponents.size()) {
+        return false;
+    }
+    if (!std::holds_alternative<WildCard>(matcherComponents.back())) {
+        throw UnexpectedIndex();
+    }
+    return true;
+}
+
+bool PathManipulation::keyMatches(const std::string& key,
+                                  const PathComponents& matcherComponents) const {
+    const auto stop =
+        std::find_if(matcherComponents.begin(), matcherComponents.end(), isDoubleStar);
+    const bool isOpenEnded = stop != matcherComponents.end();
+    auto matcher = matcherComponents.begin();
+    std::size_t componentCount = 0;
+    bool isMatch = true;
+    // To the end in any case: a malformed key is malformed wherever it differs.
+    forEachComponent(PathType::Key, key, [&](std::string_view text, const auto& /*wildCard*/) {
+        ++componentCount;
+        if (matcher == stop) {
+            isMatch = isMatch && isOpenEnded;
+            return;
+        }
+        const auto* literal = std::get_if<std::string>(&*matcher);
+        isMatch = isMatch && (literal == nullptr || *literal == text);
+        ++matcher;
+    });
+    if (!isMatch || matcher != stop || !isOpenEnded) {
+        return isMatch && matcher == stop;
+    }
+    if (matcherComponents.size() - 1 > componentCount) {
         return false;
     }
     if (!std::holds_alternative<WildCard>(matcherComponents.back())) {

@@ -1,5 +1,6 @@
 #include <random>
 
+#include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "tree_test_kit.h"
 
@@ -12,19 +13,27 @@ std::ostream& operator<<(std::ostream& out, Outcome outcome) {
     return out << (outcome == Outcome::No ? "No" : outcome == Outcome::Yes ? "Yes" : "Raises");
 }
 
-Outcome outcomeOf(const PathComponents& path, const PathComponents& matcher) {
+template <typename Match>
+Outcome outcome(Match match) {
     try {
-        return PathManipulation().matches(path, matcher) ? Outcome::Yes : Outcome::No;
+        return match() ? Outcome::Yes : Outcome::No;
     } catch (const std::bad_variant_access& error) {
         EXPECT_STREQ(error.what(), "Unexpected index");
         return Outcome::Raises;
     }
 }
 
+Outcome outcomeOf(const PathComponents& path, const PathComponents& matcher) {
+    return outcome([&] { return PathManipulation().matches(path, matcher); });
+}
+
 Outcome match(const std::string& key, const std::string& pattern) {
     const PathManipulation path;
-    return outcomeOf(path.parsePath(PathType::Key, key),
-                     path.parsePath(PathType::KeyPattern, pattern));
+    const auto matcher = path.parsePath(PathType::KeyPattern, pattern);
+    const auto result = outcomeOf(path.parsePath(PathType::Key, key), matcher);
+    EXPECT_EQ(outcome([&] { return path.keyMatches(key, matcher); }), result)
+        << key << " against " << pattern << ", unparsed";
+    return result;
 }
 
 struct Case {
@@ -108,6 +117,14 @@ TEST(PathMatching, RaisesWhereALiteralMeetsAWildcard) {
     EXPECT_EQ(outcomeOf({"b", WildCard::Star}, {"a", "b"}), Outcome::No);
     EXPECT_EQ(outcomeOf({WildCard::Star}, {WildCard::Star}), Outcome::Yes);
     EXPECT_EQ(outcomeOf({WildCard::Star}, {WildCard::DoubleStar}), Outcome::Yes);
+}
+
+TEST(PathMatching, RefusesAMalformedKeyWhereverItDiffersFromThePattern) {
+    const PathManipulation path;
+    const auto matcher = path.parsePath(PathType::KeyPattern, "/a/**");
+    for (const auto* key : {"", "a", "/b//c", "/b/", "/b/.c.", "/b/*", "/a/**"}) {
+        EXPECT_THROW(path.keyMatches(key, matcher), PathError) << key;
+    }
 }
 
 TEST(PathMatching, LimitsAnAddressToItselfAndWhatLiesBelow) {

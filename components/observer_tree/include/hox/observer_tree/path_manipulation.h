@@ -29,6 +29,9 @@ public:
     bool matches(const PathComponents& pathComponents,
                  const PathComponents& matcherComponents) const;
 
+    /// What parsing the key and matching it gives or throws, without building its components.
+    bool keyMatches(const std::string& key, const PathComponents& matcherComponents) const;
+
     /// The components joined with '/', without a leading slash.
     std::string componentsToString(const PathComponents& components) const;
 

@@ -31,7 +31,7 @@ public:
 
     /// Throws PathError for a malformed key, AccessViolationError for one outside the limit.
     void checkAccess(const KeyType& key) const {
-        if (!m_path.matches(m_path.parsePath(PathType::Key, key), m_keyPattern)) {
+        if (!m_path.keyMatches(key, m_keyPattern)) {
             throw AccessViolationError("Not allowed to access \"" + key + "\" with key pattern \"" +
                                            m_path.componentsToString(m_keyPattern) + "\" in effect",
                                        __FILE__, __LINE__);
