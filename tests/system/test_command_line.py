@@ -113,6 +113,13 @@ def test_two_ports_of_which_one_is_no_number_end_the_process(tmp_path):
     assert result.stdout == ""
 
 
+def test_an_address_that_cannot_be_bound_ends_the_process(tmp_path):
+    result = run(tmp_path, "--port", "abc")
+    assert result.returncode == -signal.SIGABRT
+    assert "Initialization Error: " in result.stderr
+    assert result.stdout == ""
+
+
 def test_a_log_directory_that_cannot_be_made_ends_the_process(tmp_path):
     (tmp_path / "log").mkdir()
     (tmp_path / "log/halvo").write_text("a file where the folder should be")
