@@ -14,8 +14,8 @@ namespace Hox::Capability::StateMonitoring {
 /// serves one request.
 class TypeFilter {
 public:
-    /// Most steps that one request may take, some tenths of a second.
-    static constexpr std::uint64_t maxSteps = 100'000'000;
+    /// Steps after which a request judges no further type, about a tenth of a second.
+    static constexpr std::uint64_t maxSteps = 50'000'000;
 
     /// An empty expression accepts every type. The expression is compiled when the first type
     /// comes, so that a malformed one shows only then. Keeps a reference to it.

@@ -229,7 +229,7 @@ TEST(GetStateNotifications, JudgesEachTypeOnce) {
     for (int i = 0; i < 1000; ++i) {
         monitor.create(notification("a", std::string(4000, 'x'), "c"));
     }
-    EXPECT_TRUE(monitor.get(byIndex("y(.?x?){900}")).status.isOk());
+    EXPECT_TRUE(monitor.get(byIndex("y(x*){20}")).status.isOk());
 }
 
 }  // namespace
