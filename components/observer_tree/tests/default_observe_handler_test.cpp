@@ -1,8 +1,13 @@
 #include <algorithm>
 #include <functional>
+#include <map>
+#include <random>
+#include <set>
 #include <sstream>
 
 #include "hox/observer_tree/observer_tree.h"
+#include "hox/observer_tree/path_error.h"
+#include "hox/observer_tree/path_manipulation.h"
 #include "hox/testing/log_capture.h"
 #include "tree_test_kit.h"
 
@@ -160,6 +165,76 @@ TEST_F(DefaultObserveHandler, LosesTheChangeSetForObserversBehindAPatternThatRai
     update(m_tree, "/", "/b");
     EXPECT_EQ(observed.take().size(), handles.size() + 1);
     EXPECT_THAT(reports.conditions(), ElementsAre("false"));
+}
+
+std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
+    std::string path;
+    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
+        const auto last = static_cast<int>(choice.size()) - 1;
+        path +=
+            "/" +
+            choice.at(static_cast<std::size_t>(std::uniform_int_distribution<>(0, last)(random)));
+    }
+    return path.empty() ? "/" : path;
+}
+
+/// The keys that the matcher selects, "raises" or "malformed".
+std::string selectedByMatcher(const std::string& keyPattern, const std::set<std::string>& keys) {
+    const PathManipulation path;
+    try {
+        const auto matcher = path.parsePath(PathType::KeyPattern, keyPattern);
+        std::string selected;
+        for (const auto& key : keys) {
+            if (path.matches(path.parsePath(PathType::Key, key), matcher)) {
+                selected += key + " ";
+            }
+        }
+        return selected;
+    } catch (const PathError&) {
+        return "malformed";
+    } catch (const std::bad_variant_access&) {
+        return "raises";
+    }
+}
+
+TEST_F(DefaultObserveHandler, SelectsAsTheMatcherDoes) {
+    const AssertionReports reports;
+    std::mt19937 random(20230615);
+    std::map<std::string, int> seen;
+    for (int round = 0; round < 3000; ++round) {
+        const auto keyPattern = randomPath(random, {"a", "b", "ab", "*", "**", "a*"});
+        std::string selected;
+        const auto handle = m_tree.observe<ObserveReq>(
+            "/obs", pattern(keyPattern),
+            [&](const ChangeSetType& changes, const Status& status) {
+                for (const auto& change : changes) {
+                    selected += change.first + " ";
+                }
+                selected += status.isOk() ? "" : "malformed";
+            },
+            0);
+        const bool isMalformed = std::exchange(selected, "") == "malformed";
+        std::set<std::string> keys;
+        std::string text;
+        for (int i = 0; i < 4; ++i) {
+            const auto key = randomPath(random, {"a", "b", "ab"});
+            keys.insert(key);
+            text += key + " ";
+        }
+        const auto failures = reports.conditions().size();
+        update(m_tree, "/", text);
+        if (isMalformed) {
+            selected = "malformed";
+        } else if (reports.conditions().size() > failures) {
+            selected = "raises";
+        }
+        const auto expected = selectedByMatcher(keyPattern, keys);
+        ASSERT_EQ(selected, expected) << keyPattern << " over " << text;
+        ++seen[expected];
+    }
+    EXPECT_GT(seen["raises"], 20);
+    EXPECT_GT(seen["malformed"], 100);
+    EXPECT_GT(seen.size(), 50U);
 }
 
 TEST_F(DefaultObserveHandler, SharesValuesWithTheTree) {
