@@ -49,10 +49,12 @@ struct AsyncGrpcServerHandler::CallData {
 
     /// The cleanup object of a streaming call.
     explicit CallData(const std::shared_ptr<CallData>& streamingCall)
-        : state(CallDataState::FINISHED_STREAMING_CLEANUP), peer(streamingCall) {}
+        : options(ObsTreeOptions::default_instance()),
+          state(CallDataState::FINISHED_STREAMING_CLEANUP),
+          peer(streamingCall) {}
 
     std::unique_ptr<google::protobuf::Message> request;
-    ObsTreeOptions options;
+    const ObsTreeOptions& options;  // the method's, which asyncMethodDesc keeps alive
     CallDataState state;
     std::unique_ptr<grpc::ServerContext> context;  // ahead of what refers to it
     std::unique_ptr<grpc::ServerAsyncResponseWriter<google::protobuf::Message>> responder;
