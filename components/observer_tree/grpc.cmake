@@ -17,3 +17,35 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
     PUBLIC hox_observer_tree gRPC::grpc++)
+
+if(HALVO_BUILD_TESTS)
+    hox_add_proto_library(hox_observer_tree_test_proto GRPC
+        ROOT tests/grpc
+        PROTOS test_service.proto
+        DEPENDS hox_protos)
+
+    add_library(hox_observer_tree_grpc_test_support STATIC
+        tests/grpc/hand_driven_server.cpp
+        tests/grpc/item_tree.cpp)
+    target_include_directories(hox_observer_tree_grpc_test_support PUBLIC tests)
+    target_link_libraries(hox_observer_tree_grpc_test_support
+        PUBLIC hox_observer_tree_grpc hox_observer_tree_test_proto hox_testing GTest::gtest
+        PRIVATE hox_build_flags)
+
+    hox_add_test(hox_observer_tree_builders_test
+        SOURCES
+            tests/builders/async_grpc_server_obs_tree_builder_test.cpp
+            tests/builders/proto_obs_tree_builder_test.cpp
+        LIBS hox_observer_tree_grpc_test_support
+        LABELS threads)
+
+    hox_add_test(hox_observer_tree_grpc_test
+        SOURCES
+            tests/grpc/async_grpc_server_events_test.cpp
+            tests/grpc/async_grpc_server_handler_test.cpp
+            tests/grpc/unmatchable_pattern_test.cpp
+            tests/grpc/wire_message_memo_test.cpp
+        LIBS hox_observer_tree_grpc_test_support
+        LABELS threads
+        TIMEOUT 300)
+endif()

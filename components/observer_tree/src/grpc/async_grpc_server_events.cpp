@@ -102,6 +102,7 @@ void AsyncGrpcServerHandler::processRequest(CallDataTag* tag) {
             break;
         default:
             HOX_ASSERT(false);
+            (*tag)->context->TryCancel();
             freeTag(tag);
             break;
     }

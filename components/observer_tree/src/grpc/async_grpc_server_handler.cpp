@@ -30,6 +30,7 @@ AsyncGrpcServerHandler::~AsyncGrpcServerHandler() {
         drainQueue();
     }
     freeAllTags();
+    m_server.reset();
 }
 
 void AsyncGrpcServerHandler::addMethod(const google::protobuf::MethodDescriptor& method,
@@ -42,15 +43,22 @@ void AsyncGrpcServerHandler::addService(std::shared_ptr<IRequestWrapperService> 
     m_services.push_back(std::move(service));
 }
 
-void AsyncGrpcServerHandler::startCompletionQueueThread() {
+void AsyncGrpcServerHandler::startCompletionQueueThread(std::shared_ptr<grpc::Server> server) {
     HOX_ASSERT(!m_completionQueueThread);
+    m_server = std::move(server);
+    std::promise<void> requested;
+    auto firstCallsRequested = requested.get_future();
     m_completionQueueThread =
-        std::make_unique<std::thread>([this] { startProcessingCompletionQueue(); });
+        std::make_unique<std::thread>([this, requested = std::move(requested)]() mutable {
+            startProcessingCompletionQueue(std::move(requested));
+        });
+    firstCallsRequested.wait();
 }
 
-void AsyncGrpcServerHandler::startProcessingCompletionQueue() {
+void AsyncGrpcServerHandler::startProcessingCompletionQueue(std::promise<void> requested) {
     m_logger->log(Hox::Log::here(), spdlog::level::debug, "Async gRPC server thread started!");
     requestFirstCalls();
+    requested.set_value();
     void* tag = nullptr;
     bool ok = false;
     auto outcome = grpc::CompletionQueue::NextStatus::TIMEOUT;

@@ -2,10 +2,12 @@
 
 #include <google/protobuf/descriptor.h>
 #include <grpcpp/completion_queue.h>
+#include <grpcpp/server.h>
 #include <spdlog/logger.h>
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -53,8 +55,13 @@ public:
     /// Only before the thread starts.
     void addService(std::shared_ptr<IRequestWrapperService> service);
 
-    /// Starts the thread, once; the server runs already.
-    void startCompletionQueueThread();
+    /// Starts the thread, once; the server runs already. Returns when a first call of each method
+    /// has been requested. The caller may hold the capability's mutex.
+    ///
+    /// Calls that gRPC gives back refer to the server object until the queue has been drained, so
+    /// the server is kept alive until the thread has ended. An owner that passes none sees to that
+    /// itself.
+    void startCompletionQueueThread(std::shared_ptr<grpc::Server> server = nullptr);
 
     /// Requests a first call of each bound method. The thread does this for itself; for callers
     /// that drive the events by hand, as is processEvent.
@@ -73,7 +80,7 @@ private:
     /// What stands behind a tag of the queue. On the heap: gRPC holds its bare address.
     using CallDataTag = std::shared_ptr<CallData>;
 
-    void startProcessingCompletionQueue();
+    void startProcessingCompletionQueue(std::promise<void> requested);
     void createCallData(const std::shared_ptr<const AsyncMethodDesc>& asyncMethodDesc);
     void requestUnaryCall(CallDataTag* tag);
     void requestStreamingCall(CallDataTag* tag);
@@ -103,6 +110,7 @@ private:
     };
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
+    std::shared_ptr<grpc::Server> m_server;
     std::shared_ptr<std::mutex> m_capabilityMutex;
     std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
     std::vector<std::shared_ptr<IRequestWrapperService>> m_services;

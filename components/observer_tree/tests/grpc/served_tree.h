@@ -1,0 +1,74 @@
+#pragma once
+
+#include <grpcpp/create_channel.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "grpc/hand_driven_server.h"
+#include "grpc/item_tree.h"
+#include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
+#include "hox/observer_tree/grpc/grpc_server_observer_tree.h"
+
+namespace Hox::ObserverTree::Test {
+
+/// A tree with the handlers of items, served as in a running program: over TCP, by the handler's
+/// own thread. Taken apart in the order of the frame: server, then tree and handler.
+template <typename ServiceType>
+class ServedTree {
+public:
+    ServedTree() {
+        grpc::ServerBuilder serverBuilder;
+        AsyncGRPCServerObsTreeBuilder builder(&serverBuilder, mutex);
+        tree = std::make_unique<GrpcServerObserverTree>(builder.asyncGrpcServerHandler());
+        registerItemHandlers(*tree, handlers);
+        builder.buildServerObsTree<ServiceType>(*tree);
+        int port = 0;
+        serverBuilder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+        server = serverBuilder.BuildAndStart();
+        address = "127.0.0.1:" + std::to_string(port);
+        handler = builder.asyncGrpcServerHandler();
+        handler->startCompletionQueueThread(server);
+    }
+    ~ServedTree() { shutdown(std::chrono::milliseconds(0)); }
+    ServedTree(const ServedTree&) = delete;
+    ServedTree(ServedTree&&) = delete;
+    ServedTree& operator=(const ServedTree&) = delete;
+    ServedTree& operator=(ServedTree&&) = delete;
+
+    /// Over a connection of its own.
+    std::unique_ptr<typename ServiceType::Stub> newStub() {
+        return ServiceType::NewStub(newChannel());
+    }
+    std::shared_ptr<grpc::Channel> newChannel() {
+        grpc::ChannelArguments arguments;
+        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+    }
+
+    /// Changes the tree as another thread of the capability does.
+    void create(const std::string& name, int count = 0) {
+        const std::lock_guard<std::mutex> lock(*mutex);
+        createItem(*tree, name, count);
+    }
+
+    void shutdown(std::chrono::milliseconds grace) {
+        if (server) {
+            server->Shutdown(std::chrono::system_clock::now() + grace);
+            server.reset();
+        }
+    }
+
+    std::shared_ptr<std::mutex> mutex = std::make_shared<std::mutex>();
+    ItemHandlers handlers;
+    std::unique_ptr<GrpcServerObserverTree> tree;
+    std::shared_ptr<AsyncGrpcServerHandler> handler;  // goes ahead of the tree
+    std::shared_ptr<grpc::Server> server;
+    std::string address;
+};
+
+}  // namespace Hox::ObserverTree::Test
