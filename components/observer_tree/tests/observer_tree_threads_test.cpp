@@ -254,6 +254,29 @@ TEST_F(TreeThreads, HandlesMayBeDroppedOnAnotherThreadThanTheirTreesUsers) {
     EXPECT_EQ(gone, 2 * rounds);
 }
 
+TEST_F(TreeThreads, HooksMayBeReplacedWhileHandlesAreDropped) {
+    constexpr int rounds = 3000;
+    std::atomic<int> gone{0};
+    std::atomic<bool> isOver{false};
+    const auto count = [&gone](const ObserveReq&, const ObserverCallback&) { ++gone; };
+    m_tree.registerObserverGoneHandler<ObserveReq>("/obs", count);
+    std::vector<ObserveRaiiHandleType<ObserveReq>> handles;
+    for (int i = 0; i < rounds; ++i) {
+        handles.push_back(observe([](const ChangeSetType&, const Status&) {}));
+    }
+    inParallel(2, [&](int thread) {
+        if (thread == 0) {
+            do {
+                m_tree.registerObserverGoneHandler<ObserveReq>("/obs", count);
+            } while (!isOver);
+        } else {
+            handles.clear();
+            isOver = true;
+        }
+    });
+    EXPECT_EQ(gone, rounds);
+}
+
 TEST(PathThreads, EachUsesAnInstanceOfItsOwn) {
     std::atomic<int> matched{0};
     inParallel(4, [&](int) {
