@@ -223,7 +223,7 @@ TEST_F(ServingFrameDeathTest, CallsTheCapabilitiesInOrderUnderTheirLocks) {
                     "\\|B.proxyObsTreesReady locked"
                     "\\|\\[debug\\] Started serving proxy observer trees\\|notify READY=1"
                     "\\|notify STOPPING=1\\|\\[info\\] Shutting down server"
-                    "\\|served\\|server gone\\|A gone\\|B gone\\|"));
+                    "\\|served\\|A gone\\|B gone\\|server gone\\|"));
 }
 
 [[noreturn]] void runWithoutId() {

@@ -19,7 +19,14 @@ constexpr const char* defaultConfigDir = "/var/lib/halvo";
 LumServiceCtx::LumServiceCtx(const std::string& programName)
     : m_options(std::make_unique<cxxopts::Options>(programName)) {}
 
-LumServiceCtx::~LumServiceCtx() = default;
+LumServiceCtx::~LumServiceCtx() {
+    if (m_grpcServer) {
+        m_grpcServer->Shutdown();
+    }
+    // Ahead of the server object: a queue thread that still finds a finished call in its queue would
+    // request the next one from a server that is gone.
+    m_capabilities.clear();
+}
 
 void LumServiceCtx::addCapability(std::unique_ptr<ICapMngr> capability) {
     const int id = capability->id();

@@ -36,7 +36,8 @@ public:
     /// The program name stands in the help text.
     explicit LumServiceCtx(const std::string& programName);
 
-    /// Destroys the server first and the capabilities, in the order of their list, after it.
+    /// Shuts the server down, then destroys the capabilities, in the order of their list, and then
+    /// the server, which their threads may still ask for calls.
     virtual ~LumServiceCtx();
 
     LumServiceCtx(const LumServiceCtx&) = delete;
