@@ -146,6 +146,24 @@ bool PathManipulation::matches(const PathComponents& pathComponents,
     return true;
 }
 
+bool PathManipulation::isKey(std::string_view text) const {
+    if (text.empty() || text.front() != separator || text.find('*') != std::string_view::npos) {
+        return false;
+    }
+    std::size_t start = 1;
+    while (text.size() > 1) {
+        const auto end = std::min(text.find(separator, start), text.size());
+        if (end == start || isFunctionTreeOnly(text.substr(start, end - start))) {
+            return false;
+        }
+        if (end == text.size()) {
+            break;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
 bool PathManipulation::keyMatches(const std::string& key,
                                   const PathComponents& matcherComponents) const {
     const auto stop =

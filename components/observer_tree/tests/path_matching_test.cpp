@@ -33,6 +33,7 @@ Outcome match(const std::string& key, const std::string& pattern) {
     const auto result = outcomeOf(path.parsePath(PathType::Key, key), matcher);
     EXPECT_EQ(outcome([&] { return path.keyMatches(key, matcher); }), result)
         << key << " against " << pattern << ", unparsed";
+    EXPECT_TRUE(path.isKey(key)) << key;
     return result;
 }
 
@@ -124,6 +125,7 @@ TEST(PathMatching, RefusesAMalformedKeyWhereverItDiffersFromThePattern) {
     const auto matcher = path.parsePath(PathType::KeyPattern, "/a/**");
     for (const auto* key : {"", "a", "/b//c", "/b/", "/b/.c.", "/b/*", "/a/**"}) {
         EXPECT_THROW(path.keyMatches(key, matcher), PathError) << key;
+        EXPECT_FALSE(path.isKey(key)) << key;
     }
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "hox/cpputil/log/logger_name.h"
 #include "hox/observer_tree/path_components.h"
@@ -28,6 +29,9 @@ public:
     /// key.
     bool matches(const PathComponents& pathComponents,
                  const PathComponents& matcherComponents) const;
+
+    /// Whether parsePath takes the text as a key.
+    bool isKey(std::string_view text) const;
 
     /// What parsing the key and matching it gives or throws, without building its components.
     bool keyMatches(const std::string& key, const PathComponents& matcherComponents) const;

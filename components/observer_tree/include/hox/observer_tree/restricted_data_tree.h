@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <utility>
+#include <variant>
 
 #include "hox/observer_tree/access_violation_error.h"
 #include "hox/observer_tree/path_manipulation.h"
@@ -24,13 +26,20 @@ public:
             return;
         }
         auto pattern = m_path.parsePath(PathType::FunctionTreeAddress, address);
+        const bool isLiteral = std::all_of(pattern.begin(), pattern.end(), [](const auto& part) {
+            return std::holds_alternative<std::string>(part);
+        });
         pattern.emplace_back(WildCard::DoubleStar);
         m_keyPattern = std::move(pattern);
         m_address = address;
+        m_hasLiteralPrefix = isLiteral && address.size() > 1;
     }
 
     /// Throws PathError for a malformed key, AccessViolationError for one outside the limit.
     void checkAccess(const KeyType& key) const {
+        if (liesUnderLiteralPrefix(key) && m_path.isKey(key)) {
+            return;
+        }
         if (!m_path.keyMatches(key, m_keyPattern)) {
             throw AccessViolationError("Not allowed to access \"" + key + "\" with key pattern \"" +
                                            m_path.componentsToString(m_keyPattern) + "\" in effect",
@@ -57,8 +66,15 @@ public:
     }
 
 private:
+    /// True makes a well-formed key match; false says nothing.
+    bool liesUnderLiteralPrefix(const KeyType& key) const {
+        return m_hasLiteralPrefix && key.size() > m_address.size() &&
+               key[m_address.size()] == '/' && key.compare(0, m_address.size(), m_address) == 0;
+    }
+
     PathManipulation m_path;
-    std::string m_address;  // what m_keyPattern was made from
+    bool m_hasLiteralPrefix = false;  // m_address stands for itself alone
+    std::string m_address;            // what m_keyPattern was made from
     PathComponents m_keyPattern;
 };
 
