@@ -30,7 +30,6 @@ AsyncGrpcServerHandler::~AsyncGrpcServerHandler() {
         drainQueue();
     }
     freeAllTags();
-    m_server.reset();
 }
 
 void AsyncGrpcServerHandler::addMethod(const google::protobuf::MethodDescriptor& method,
@@ -43,9 +42,8 @@ void AsyncGrpcServerHandler::addService(std::shared_ptr<IRequestWrapperService> 
     m_services.push_back(std::move(service));
 }
 
-void AsyncGrpcServerHandler::startCompletionQueueThread(std::shared_ptr<grpc::Server> server) {
+void AsyncGrpcServerHandler::startCompletionQueueThread() {
     HOX_ASSERT(!m_completionQueueThread);
-    m_server = std::move(server);
     std::promise<void> requested;
     auto firstCallsRequested = requested.get_future();
     m_completionQueueThread =

@@ -17,7 +17,8 @@
 namespace Hox::ObserverTree::Test {
 
 /// A tree with the handlers of items, served as in a running program: over TCP, by the handler's
-/// own thread. Taken apart in the order of the frame: server, then tree and handler.
+/// own thread. Taken apart in the order of the frame: the server is shut down, then tree and handler
+/// go, then the server object.
 template <typename ServiceType>
 class ServedTree {
 public:
@@ -32,7 +33,7 @@ public:
         server = serverBuilder.BuildAndStart();
         address = "127.0.0.1:" + std::to_string(port);
         handler = builder.asyncGrpcServerHandler();
-        handler->startCompletionQueueThread(server);
+        handler->startCompletionQueueThread();
     }
     ~ServedTree() { shutdown(std::chrono::milliseconds(0)); }
     ServedTree(const ServedTree&) = delete;
@@ -57,17 +58,14 @@ public:
     }
 
     void shutdown(std::chrono::milliseconds grace) {
-        if (server) {
-            server->Shutdown(std::chrono::system_clock::now() + grace);
-            server.reset();
-        }
+        server->Shutdown(std::chrono::system_clock::now() + grace);
     }
 
     std::shared_ptr<std::mutex> mutex = std::make_shared<std::mutex>();
     ItemHandlers handlers;
+    std::unique_ptr<grpc::Server> server;
     std::unique_ptr<GrpcServerObserverTree> tree;
     std::shared_ptr<AsyncGrpcServerHandler> handler;  // goes ahead of the tree
-    std::shared_ptr<grpc::Server> server;
     std::string address;
 };
 

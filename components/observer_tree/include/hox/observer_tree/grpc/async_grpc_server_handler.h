@@ -2,7 +2,6 @@
 
 #include <google/protobuf/descriptor.h>
 #include <grpcpp/completion_queue.h>
-#include <grpcpp/server.h>
 #include <spdlog/logger.h>
 
 #include <chrono>
@@ -39,7 +38,8 @@ public:
                            std::shared_ptr<std::mutex> capabilityMutex);
 
     /// Shuts the queue down, ends the thread and frees all calls. The server has been shut down by
-    /// its owner; the caller does not hold the capability's mutex, which the thread may need.
+    /// its owner, but still exists: what its queue gives back refers to it. The caller does not
+    /// hold the capability's mutex, which the thread may need.
     virtual ~AsyncGrpcServerHandler();
     AsyncGrpcServerHandler(const AsyncGrpcServerHandler&) = delete;
     AsyncGrpcServerHandler(AsyncGrpcServerHandler&&) = delete;
@@ -56,12 +56,9 @@ public:
     void addService(std::shared_ptr<IRequestWrapperService> service);
 
     /// Starts the thread, once; the server runs already. Returns when a first call of each method
-    /// has been requested. The caller may hold the capability's mutex.
-    ///
-    /// Calls that gRPC gives back refer to the server object until the queue has been drained, so
-    /// the server is kept alive until the thread has ended. An owner that passes none sees to that
-    /// itself.
-    void startCompletionQueueThread(std::shared_ptr<grpc::Server> server = nullptr);
+    /// has been requested, so that the server may be shut down at once. The caller may hold the
+    /// capability's mutex.
+    void startCompletionQueueThread();
 
     /// Requests a first call of each bound method. The thread does this for itself; for callers
     /// that drive the events by hand, as is processEvent.
@@ -110,7 +107,6 @@ private:
     };
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
-    std::shared_ptr<grpc::Server> m_server;
     std::shared_ptr<std::mutex> m_capabilityMutex;
     std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
     std::vector<std::shared_ptr<IRequestWrapperService>> m_services;
