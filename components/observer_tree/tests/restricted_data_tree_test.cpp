@@ -1,5 +1,8 @@
 #include "hox/observer_tree/restricted_data_tree.h"
 
+#include <map>
+#include <random>
+
 #include "hox/observer_tree/path_error.h"
 #include "tree_test_kit.h"
 
@@ -85,6 +88,49 @@ TEST(RestrictedDataTree, RefusesMalformedKeys) {
     }
     EXPECT_TRUE(tree.empty());
     EXPECT_THAT(tree.takeChangeSet(), IsEmpty());
+}
+
+std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
+    std::string path;
+    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
+        const auto last = static_cast<int>(choice.size()) - 1;
+        const auto pick = std::uniform_int_distribution<>(0, last)(random);
+        path += "/" + choice[static_cast<std::size_t>(pick)];
+    }
+    return path.empty() ? "/" : path;
+}
+
+/// The text of what the call throws, without its place.
+std::string failureOf(const std::function<void()>& call) {
+    const auto text = thrownBy<Hox::Error>(call);
+    return text.substr(0, text.rfind('('));
+}
+
+TEST(RestrictedDataTree, ChecksAsParserAndMatcherDo) {
+    std::mt19937 random(20220808);
+    const PathManipulation path;
+    std::map<std::string, int> seen;
+    DataTree tree;
+    for (int round = 0; round < 20000; ++round) {
+        const auto address = randomPath(random, {"a", "b", "ab", ".x."});
+        const auto key = randomPath(random, {"a", "b", "ab", "a", "b", "*", "", ".x."});
+        tree.setKeyPattern(address);
+        auto limit = path.parsePath(PathType::FunctionTreeAddress, address);
+        limit.emplace_back(WildCard::DoubleStar);
+        const auto expected = failureOf([&] {
+            if (!path.matches(path.parsePath(PathType::Key, key), limit)) {
+                throw AccessViolationError("Not allowed to access \"" + key +
+                                               "\" with key pattern \"" +
+                                               path.componentsToString(limit) + "\" in effect",
+                                           __FILE__, __LINE__);
+            }
+        });
+        ASSERT_EQ(failureOf([&] { tree.checkAccess(key); }), expected) << address << " " << key;
+        ++seen[expected.substr(0, expected.find(':'))];
+    }
+    EXPECT_GT(seen["AccessViolationError"], 1000);
+    EXPECT_GT(seen["PathError"], 1000);
+    EXPECT_GT(seen["nothing thrown"], 1000);
 }
 
 TEST(RestrictedDataTree, ChecksEachWayToWriteFirst) {
