@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "grpc/hand_driven_server.h"
-#include "hox/cpputil/assertion/assertion.h"
 #include "hox/testing/log_capture.h"
-#include "hox/testing/wait_until.h"
 
 namespace Hox::ObserverTree::Test {
 namespace {
@@ -15,9 +13,7 @@ using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 using NextStatus = grpc::CompletionQueue::NextStatus;
