@@ -23,8 +23,8 @@ LumServiceCtx::~LumServiceCtx() {
     if (m_grpcServer) {
         m_grpcServer->Shutdown();
     }
-    // Ahead of the server object: a queue thread that still finds a finished call in its queue would
-    // request the next one from a server that is gone.
+    // Ahead of the server object: a queue thread that still finds a finished call in its queue
+    // would request the next one from a server that is gone.
     m_capabilities.clear();
 }
 

@@ -17,9 +17,10 @@ class LumServiceCtx;
 
 /// One capability of the service, driven by the frame.
 ///
-/// The frame owns it from addCapability() on and destroys it on the main thread, after the gRPC
-/// server has gone. Each hook below is called once, in the order of declaration; all capabilities
-/// pass a hook before the first one gets the next. An exception out of a hook ends the process.
+/// The frame owns it from addCapability() on and destroys it on the main thread, once the gRPC
+/// server has shut down and ahead of the server object. Each hook below but onDiscoveryEvent() is
+/// called once, in the order of declaration; all capabilities pass a hook before the first one gets
+/// the next. An exception out of a hook ends the process.
 class ICapMngr {
 public:
     ICapMngr();

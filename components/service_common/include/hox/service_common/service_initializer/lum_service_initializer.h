@@ -26,8 +26,9 @@ public:
     LumServiceInitializer(int argc, char** argv);
 
     /// Joins the shutdown thread, then takes the process apart: capabilities that never got
-    /// initialised, the server, the capabilities. Where this object handles the signals, they stay
-    /// blocked on the calling thread from here on.
+    /// initialised, the capabilities, the server. The shutdown descriptor stays open and the log
+    /// system installed. Where this object handles the signals, they stay blocked on the calling
+    /// thread from here on.
     virtual ~LumServiceInitializer();
 
     LumServiceInitializer(const LumServiceInitializer&) = delete;
