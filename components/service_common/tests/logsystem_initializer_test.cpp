@@ -13,6 +13,7 @@
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/stdout_logger.h"
 #include "hox/linutils/log/split_logger.h"
+#include "hox/service_common/service_initializer/lum_service_initializer.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/private_mounts.h"
 
@@ -129,6 +130,14 @@ TEST_F(LogsystemInitializerTest, DoesNotFallBackWhenTheFileCannotBeOpened) {
     std::ofstream("/var/log/halvo") << "in the folder's place";
     EXPECT_THROW(initialize({"program"}), spdlog::spdlog_ex);
     EXPECT_EQ(Log::getLogsystem(), before);
+}
+
+TEST_F(LogsystemInitializerTest, TakesACommandLineThatIsNotThere) {
+    LumServiceInitializer service(0, nullptr);
+    EXPECT_TRUE(isInstalled<Log::SplitLogger>());
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(service.initialize(), 1);
+    EXPECT_THAT(::testing::internal::GetCapturedStdout(), ::testing::HasSubstr("service options:"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 
 #include <gmock/gmock.h>
+#include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -11,6 +12,8 @@
 #include "frame_fixture.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/error/invalid_argument_error.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/stdout_logger.h"
 
 namespace Hox::Service {
 namespace {
@@ -207,6 +210,17 @@ TEST(Frame, WritesTheShutdownDescriptorWithoutAServer) {
     service.serverShutdown();
     EXPECT_EQ(Fixture::eventCount(made.front()), 2U);
     EXPECT_THAT(events.all(), IsEmpty());
+}
+
+TEST(Frame, LeavesTheShutdownDescriptorAndTheLogSystemBehind) {
+    Fixture::NotifySocket notifySocket;
+    Fixture::EventLog events(notifySocket);
+    Fixture::Arguments line(commandLine({}));
+    const auto before = Fixture::openEventDescriptors();
+    { LumServiceInitializer service(line.argc(), line.argv()); }
+    EXPECT_EQ(Fixture::openEventDescriptors().size(), before.size() + 1);
+    EXPECT_NE(std::dynamic_pointer_cast<Log::StdoutLogger>(Log::getLogsystem()), nullptr);
+    EXPECT_NE(spdlog::get("ServiceInitializer"), nullptr);
 }
 
 TEST(Frame, LetsExceptionsOfCapabilitiesPassAndFreesTheirMutex) {

@@ -122,6 +122,17 @@ public:
         serve([signalNumber] { kill(getpid(), signalNumber); });
     }
 
+    /// Serves until an exception of this type ends it, whose text becomes an event.
+    template <typename Exception>
+    void serveInVain() {
+        try {
+            m_service->serverStart();
+            check(false, "no exception");
+        } catch (const Exception& error) {
+            m_events.add(error.what());
+        }
+    }
+
     /// Takes the frame apart, prints the events and ends the process.
     [[noreturn]] void leave() {
         m_service.reset();
@@ -429,12 +440,7 @@ TEST_F(ServingFrameDeathTest, IgnoresSignalsOnceItHasGone) {
     ChildFrame frame({"--port", "abc"});
     frame.add("A", 18);
     frame.initialize();
-    try {
-        frame.service().serverStart();
-        check(false, "no exception");
-    } catch (const CppUtil::InitializationError& error) {
-        frame.events().add(error.what());
-    }
+    frame.serveInVain<CppUtil::InitializationError>();
     frame.leave();
 }
 
@@ -450,12 +456,7 @@ TEST_F(ServingFrameDeathTest, RefusesAPortThatCannotBeBound) {
     ChildFrame frame({"--port", "PORT"});
     frame.initialize();
     frame.serveUntil(SIGTERM);
-    try {
-        frame.service().serverStart();
-        check(false, "no exception");
-    } catch (const CppUtil::InitializationError& error) {
-        frame.events().add(error.what());
-    }
+    frame.serveInVain<CppUtil::InitializationError>();
     frame.leave();
 }
 
@@ -471,12 +472,7 @@ TEST_F(ServingFrameDeathTest, ServesOnlyOnce) {
     frame.add("A", 18, std::move(hooks));
     frame.initialize();
     const auto mutex = frame.service().getServiceCtx().getCapabilities().front().second->getMutex();
-    try {
-        frame.service().serverStart();
-        check(false, "no exception");
-    } catch (const std::runtime_error& error) {
-        frame.events().add(error.what());
-    }
+    frame.serveInVain<std::runtime_error>();
     check(Fixture::isFree(*mutex), "the mutex is free");
     check(!frame.service().getServiceCtx().getCapabilityLock(), "the slot is empty");
     check(frame.events().count("notify READY=1") == 0, "not ready");
