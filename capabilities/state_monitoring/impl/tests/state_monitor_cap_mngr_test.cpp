@@ -56,6 +56,7 @@ public:
     Service& operator=(const Service&) = delete;
 
     Api::StateMonitoringService::Stub& stub() { return *m_stub; }
+    std::mutex& mutex() { return *m_manager.getMutex(); }
 
     template <typename Req, typename Resp>
     grpc::Status call(grpc::Status (Api::StateMonitoringService::Stub::*method)(
@@ -193,6 +194,10 @@ INSTANTIATE_TEST_SUITE_P(
         ConfCase{"Both",
                  {"--sys_mon", "--statemon_services", "10.0.0.1:5000,5001"},
                  {"10.0.0.1:5000", "10.0.0.1:5001"}},
+        // What counts is that the option stands there.
+        ConfCase{"BothWithAValue",
+                 {"--sys_mon=false", "--statemon_services", "10.0.0.1:5000,5001"},
+                 {"10.0.0.1:5000", "10.0.0.1:5001"}},
         ConfCase{"OneService",
                  {"--sys_mon", "--statemon_services", "10.0.0.1:5000"},
                  {"10.0.0.1:5000"}}),
@@ -227,6 +232,19 @@ TEST(StateMonitorCapMngr, ServesReportsOverGrpc) {
                           Api::GetStateMonitorStatusReq(), status)
                     .ok());
     EXPECT_TRUE(status.has_monitorstatus());
+}
+
+TEST(StateMonitorCapMngr, AnswersUnderItsMutex) {
+    Service service;
+    {
+        const std::lock_guard<std::mutex> lock(service.mutex());
+        grpc::ClientContext context;
+        context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(200));
+        Api::GetCurrentStateResp resp;
+        EXPECT_EQ(service.stub().getCurrentState(&context, {}, &resp).error_code(),
+                  grpc::StatusCode::DEADLINE_EXCEEDED);
+    }
+    EXPECT_EQ(service.currentState(), Api::StateSeverity::OK);
 }
 
 TEST(StateMonitorCapMngr, StreamsReportsOverGrpc) {
