@@ -17,8 +17,8 @@
 namespace Hox::ObserverTree::Test {
 
 /// A tree with the handlers of items, served as in a running program: over TCP, by the handler's
-/// own thread. Taken apart in the order of the frame: the server is shut down, then tree and handler
-/// go, then the server object.
+/// own thread. Taken apart in the order of the frame: the server is shut down, then tree and
+/// handler go, then the server object.
 template <typename ServiceType>
 class ServedTree {
 public:
