@@ -13,6 +13,7 @@ using ::testing::StartsWith;
 /// Looks like a generated service, but no descriptor pool knows it.
 struct UnknownService {
     class Service : public grpc::Service {};
+    // NOLINTNEXTLINE(readability-identifier-naming): the name that generated code has.
     static const char* service_full_name() { return "Hox.ObserverTree.Test.UnknownService"; }
 };
 

@@ -41,16 +41,19 @@ QueueEvent asNotOk(QueueEvent event) {
 
 /// A stream whose snapshot, an item of count 1 at /items/a, has been written and read.
 struct RunningStream {
-    explicit RunningStream(HandDrivenServer& server) {
-        createItem(*server.tree, "a", 1);
-        client = std::make_unique<ObserveClient>(*server.stub);
-        tag = server.processNext();
+    explicit RunningStream(HandDrivenServer& server)
+        : client(observeOneItem(server)), tag(server.processNext()) {
         EXPECT_TRUE(client->read());
         EXPECT_EQ(server.processNext(), tag);
     }
 
+    static std::unique_ptr<ObserveClient> observeOneItem(HandDrivenServer& server) {
+        createItem(*server.tree, "a", 1);
+        return std::make_unique<ObserveClient>(*server.stub);
+    }
+
     std::unique_ptr<ObserveClient> client;
-    void* tag = nullptr;
+    void* tag;
 };
 
 TEST(AsyncGrpcServerEvents, EachMethodIsRequestedOnceAtTheStart) {
@@ -69,7 +72,7 @@ TEST(AsyncGrpcServerEvents, UnaryCallsRunTheirOperation) {
         const char* operation;
         const char* answer;
     };
-    const Row rows[] = {
+    const std::vector<Row> rows = {
         {&TestService::Stub::createItem, "createItem", "CREATE", "created x"},
         {&TestService::Stub::readItem, "readItem", "READ", "read x"},
         {&TestService::Stub::updateItem, "updateItem", "UPDATE", "updated x"},

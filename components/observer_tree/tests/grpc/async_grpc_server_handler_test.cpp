@@ -30,6 +30,15 @@ std::unique_ptr<AsyncGrpcServerHandler> handlerWithoutServer(grpc::ServerBuilder
                                                     std::make_shared<std::mutex>());
 }
 
+/// That many observers of everything.
+std::vector<std::unique_ptr<ObserveClient>> observe(TestService::Stub& stub, std::size_t count) {
+    std::vector<std::unique_ptr<ObserveClient>> observers(count);
+    for (auto& observer : observers) {
+        observer = std::make_unique<ObserveClient>(stub);
+    }
+    return observers;
+}
+
 /// Sends the bytes as a request of createItem, whatever they are.
 grpc::Status sendBytes(const std::shared_ptr<grpc::Channel>& channel, const std::string& bytes) {
     grpc::GenericStub stub(channel);
@@ -162,13 +171,11 @@ TEST(AsyncGrpcServerHandler, ManyClientsAndOtherThreadsOfTheCapabilityExcludeEac
     const LogCapture silence(handlerLogger, spdlog::level::off);
     ServedTree<TestService> served;
     const auto stub = served.newStub();
-    std::vector<std::unique_ptr<ObserveClient>> observers;
-    for (int index = 0; index < 4; ++index) {
-        observers.push_back(std::make_unique<ObserveClient>(*stub));
-    }
+    const auto observers = observe(*stub, 4);
     ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 4; }));
 
     std::vector<std::thread> threads;
+    threads.reserve(writers + observers.size());
     for (int writer = 0; writer < writers; ++writer) {
         threads.emplace_back([&, writer] {
             for (int count = 1; count <= changes; ++count) {
@@ -185,7 +192,7 @@ TEST(AsyncGrpcServerHandler, ManyClientsAndOtherThreadsOfTheCapabilityExcludeEac
             }
         });
     }
-    for (auto& observer : observers) {
+    for (const auto& observer : observers) {
         threads.emplace_back([&observer] {
             std::map<std::string, int> last;
             for (int received = 0; received < writers * changes; ++received) {
@@ -204,13 +211,10 @@ TEST(AsyncGrpcServerHandler, ManyClientsAndOtherThreadsOfTheCapabilityExcludeEac
 TEST(AsyncGrpcServerHandler, TwoHundredObserversGetTheSameChange) {
     ServedTree<TestService> served;
     const auto stub = served.newStub();
-    std::vector<std::unique_ptr<ObserveClient>> observers;
-    for (int index = 0; index < 200; ++index) {
-        observers.push_back(std::make_unique<ObserveClient>(*stub));
-    }
+    const auto observers = observe(*stub, 200);
     ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 200; }));
     served.create("a", 3);
-    for (auto& observer : observers) {
+    for (const auto& observer : observers) {
         ASSERT_TRUE(observer->read());
         EXPECT_EQ(currentCount(observer->element, "/items/a"), 3);
     }

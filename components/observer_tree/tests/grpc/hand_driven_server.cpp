@@ -102,7 +102,7 @@ bool HandDrivenServer::hasEvent() {
     return m_kept != nullptr;
 }
 
-bool HandDrivenServer::process(const QueueEvent& event) {
+bool HandDrivenServer::process(const QueueEvent& event) const {
     return handler->processEvent(event.outcome, event.tag, event.ok);
 }
 

@@ -62,7 +62,7 @@ public:
     bool hasEvent();
 
     /// Hands an event to the handler.
-    bool process(const QueueEvent& event);
+    bool process(const QueueEvent& event) const;
 
     /// Takes the next event and hands it on as it is; returns its tag.
     void* processNext();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "hox/observer_tree/change_set_conversion.h"
 #include "test_service.pb.h"
@@ -54,7 +55,7 @@ TEST(WireMessageMemo, BuildsAnewWhatDiffers) {
     const auto current = value(1);
     const auto other = value(1);
     const ChangeSetType base{{"/a", {{current, nullptr}}}};
-    const ChangeSetType different[] = {
+    const std::vector<ChangeSetType> different = {
         {{"/b", {{current, nullptr}}}},
         {{"/a", {{other, nullptr}}}},
         {{"/a", {{current, other}}}},
