@@ -92,6 +92,7 @@ std::shared_ptr<grpc::Channel> Cases::connect() const {
 
 std::vector<grpc::ByteBuffer> Cases::createRequests() const {
     std::vector<grpc::ByteBuffer> requests;
+    requests.reserve(static_cast<std::size_t>(m_options.origins));
     for (int i = 0; i < m_options.origins; ++i) {
         requests.push_back(createRequest(sampleNotification(i)));
     }
@@ -100,6 +101,7 @@ std::vector<grpc::ByteBuffer> Cases::createRequests() const {
 
 std::vector<std::string> Cases::markerPatterns(std::size_t first, std::size_t count) const {
     std::vector<std::string> patterns;
+    patterns.reserve(count);
     for (std::size_t i = first; i < first + count; ++i) {
         patterns.push_back(latestKey(markerNotification(static_cast<int>(i))));
     }

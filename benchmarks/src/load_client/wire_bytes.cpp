@@ -11,7 +11,7 @@ std::string methodName(const char* method) {
 
 grpc::ByteBuffer toBytes(const google::protobuf::Message& message) {
     const grpc::Slice slice(message.SerializeAsString());
-    return grpc::ByteBuffer(&slice, 1);
+    return {&slice, 1};
 }
 
 void fromBytes(const grpc::ByteBuffer& bytes, google::protobuf::Message& message) {

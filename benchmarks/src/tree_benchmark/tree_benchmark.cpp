@@ -1,6 +1,7 @@
 #include <benchmark/benchmark.h>
 
 #include <any>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -96,6 +97,7 @@ BENCHMARK(insertWithoutObservers)->Arg(1)->Arg(10000);
 void deliver(benchmark::State& state, bool isSilent) {
     Fixture fixture(1);
     std::vector<std::any> observers;
+    observers.reserve(static_cast<std::size_t>(state.range(0)));
     for (int i = 0; i < state.range(0); ++i) {
         // Patterns of their own, as different clients have.
         observers.push_back(fixture.observe(isSilent ? latestKey(markerNotification(i))

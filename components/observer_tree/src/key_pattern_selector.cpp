@@ -10,12 +10,9 @@ namespace Hox::ObserverTree {
 
 void KeyPatternSelector::deliver(const ChangeSetType& changes,
                                  const ObserverCallbackMap<ObserveReq>& observers) {
-    struct PassGuard {
-        KeyPatternSelector& selector;
-        ~PassGuard() { selector.forgetPass(); }
-    };
     ++m_pass;
-    const PassGuard guard{*this};
+    const auto forget = [](KeyPatternSelector* selector) { selector->forgetPass(); };
+    const std::unique_ptr<KeyPatternSelector, decltype(forget)> atEnd(this, forget);
     const Status ok;
     for (const auto& [address, observer] : observers) {
         std::any& derived = *observer.derived;
