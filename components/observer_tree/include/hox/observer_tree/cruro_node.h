@@ -311,7 +311,7 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
                     .emplace(observer.observeCallback.get(), observer);
             }
         }
-        const ObserveRaiiHandleType<InMsgType> handle(
+        ObserveRaiiHandleType<InMsgType> handle(
             record.release(),
             [weakNode = this->weak_from_this()](Stored* storedTypeObserverCallback) {
                 const std::unique_ptr<Stored> owned(storedTypeObserverCallback);
