@@ -4,10 +4,12 @@
 
 #include "grpc/served_tree.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
+#include "hox/testing/log_capture.h"
 
 namespace Hox::ObserverTree::Test {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
 /// Looks like a generated service, but no descriptor pool knows it.
@@ -58,6 +60,15 @@ TEST(AsyncGRPCServerObsTreeBuilder, BuildsABindingWithoutAValidType) {
     EXPECT_NE(served.newStub(), nullptr);
 }
 
+TEST(AsyncGRPCServerObsTreeBuilder, TracesEachBinding) {
+    const Hox::Testing::LogCapture log(
+        "async_grpc_server_obs_tree_builder.h::Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder");
+    { const ServedTree<WrongTypeService> served; }
+    EXPECT_THAT(log.textsAt(spdlog::level::trace),
+                ElementsAre("Bound method Hox.ObserverTree.Test.WrongTypeService.reserved to key "
+                            "/items, type 0"));
+}
+
 TEST(AsyncGRPCServerObsTreeBuilder, RefusesAServiceThatThePoolDoesNotKnow) {
     grpc::ServerBuilder serverBuilder;
     AsyncGRPCServerObsTreeBuilder builder(&serverBuilder, std::make_shared<std::mutex>());
@@ -78,6 +89,18 @@ TEST(AsyncGRPCServerObsTreeBuilder, HandsOutOneHandlerOfItsOwn) {
     const AsyncGRPCServerObsTreeBuilder second(&serverBuilder, std::make_shared<std::mutex>());
     EXPECT_NE(first.asyncGrpcServerHandler(), nullptr);
     EXPECT_NE(first.asyncGrpcServerHandler(), second.asyncGrpcServerHandler());
+}
+
+TEST(GrpcServerObserverTree, KeepsItsHandlerAlive) {
+    grpc::ServerBuilder serverBuilder;
+    auto builder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(&serverBuilder,
+                                                                   std::make_shared<std::mutex>());
+    const std::weak_ptr<AsyncGrpcServerHandler> handler = builder->asyncGrpcServerHandler();
+    auto tree = std::make_unique<GrpcServerObserverTree>(builder->asyncGrpcServerHandler());
+    builder.reset();
+    EXPECT_FALSE(handler.expired());
+    tree.reset();
+    EXPECT_TRUE(handler.expired());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
+#include "hox/testing/log_capture.h"
 #include "test_service.pb.h"
 
 namespace Hox::ObserverTree::Test {
@@ -34,6 +35,15 @@ TEST(ProtoObsTreeBuilder, FindsBoundMethodsInDeclarationOrder) {
     EXPECT_THAT(methodNames("Hox.ObserverTree.Test.TestService"),
                 ElementsAre("createItem", "readItem", "updateItem", "removeItem", "readItemToo",
                             "readMissing", "observeItems", "observeMissing"));
+}
+
+TEST(ProtoObsTreeBuilder, TracesWhatItFinds) {
+    const Hox::Testing::LogCapture log(
+        "proto_obs_tree_builder.h::Hox::ObserverTree::ProtoObsTreeBuilder");
+    methodNames("Hox.ObserverTree.Test.TestService");
+    EXPECT_THAT(log.textsAt(spdlog::level::trace),
+                ElementsAre("Service Hox.ObserverTree.Test.TestService binds 8 of 9 methods to a "
+                            "tree"));
 }
 
 TEST(ProtoObsTreeBuilder, FindsNothingInAServiceWithoutBindings) {

@@ -442,6 +442,17 @@ TEST(AsyncGrpcServerEvents, EveryEventInShutdownOnlyFreesItsCall) {
     EXPECT_FALSE(arriving.get().status.ok());
 }
 
+TEST(AsyncGrpcServerEvents, AnswerThatNeverLeftInShutdownRequestsNothing) {
+    HandDrivenServer server;
+    auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
+    server.processNext();
+    call.get();
+    const auto finished = server.next();
+    server.process(queueShutdown);
+    EXPECT_TRUE(server.process(asNotOk(finished)));
+    EXPECT_EQ(server.service->requests("readItem"), 1);
+}
+
 TEST(AsyncGrpcServerEvents, ChangesInShutdownAreNotWritten) {
     HandDrivenServer server;
     RunningStream stream(server);

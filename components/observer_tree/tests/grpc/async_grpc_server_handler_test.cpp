@@ -6,6 +6,8 @@
 #include <grpcpp/generic/generic_stub.h>
 
 #include <atomic>
+#include <future>
+#include <mutex>
 #include <thread>
 
 #include "grpc/served_tree.h"
@@ -58,6 +60,15 @@ grpc::Status sendBytes(const std::shared_ptr<grpc::Channel>& channel, const std:
     return status;
 }
 
+/// Whether anybody holds the mutex, the calling thread included.
+bool isLocked(std::mutex& mutex) {
+    return std::async(std::launch::async,
+                      [&mutex] {
+                          return !std::unique_lock<std::mutex>(mutex, std::try_to_lock).owns_lock();
+                      })
+        .get();
+}
+
 TEST(AsyncGrpcServerHandler, TellsOfItsLifeAtDebugLevel) {
     const LogCapture log(handlerLogger, spdlog::level::debug);
     { const ServedTree<TestService> served; }
@@ -69,6 +80,42 @@ TEST(AsyncGrpcServerHandler, TellsOfItsLifeAtDebugLevel) {
     EXPECT_EQ(texts[texts.size() - 2], "Shutdown");
     EXPECT_EQ(texts.back(), "AsyncGrpcServerHandler Thread Exited ");
     EXPECT_EQ(log.textsAt(spdlog::level::debug).size(), texts.size());
+}
+
+TEST(AsyncGrpcServerHandler, HoldsTheCapabilityMutexInHandlersAndWhileObservationsEnd) {
+    std::atomic<int> locked{0};
+    std::atomic<int> unlocked{0};
+    {
+        ServedTree<TestService> served;
+        const auto note = [&locked, &unlocked, mutex = served.mutex] {
+            ++(isLocked(*mutex) ? locked : unlocked);
+        };
+        served.tree->registerUnaryOpHandler<UnaryOps::READ, Item, Answer>(
+            "/missing", [note](const Item& /*item*/, DataTree& /*data*/) {
+                note();
+                return UnaryHandlerReturnType<Answer>{std::make_unique<Answer>(), Status()};
+            });
+        served.tree->registerObserverGoneHandler<ObserveReq>(
+            "/items", [note](const ObserveReq& /*request*/, const ObserverCallback& /*callback*/) {
+                note();
+            });
+        const auto stub = served.newStub();
+        EXPECT_TRUE(startCall(*stub, &TestService::Stub::readMissing, "x").get().status.ok());
+        EXPECT_EQ(locked, 1);
+
+        const auto observers = observe(*stub, 2);
+        ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 2; }));
+        observers.front()->context.TryCancel();
+        EXPECT_TRUE(waitUntil([&] { return locked == 2; }));
+        served.shutdown(std::chrono::milliseconds(0));
+        EXPECT_TRUE(waitUntil([&] { return locked == 3; }));
+    }
+    EXPECT_EQ(locked, 3);
+    EXPECT_EQ(unlocked, 0);
+}
+
+TEST(AsyncGrpcServerHandler, LooksForItsEndTwiceASecond) {
+    EXPECT_EQ(AsyncGrpcServerHandler::pollInterval, std::chrono::milliseconds(500));
 }
 
 TEST(AsyncGrpcServerHandler, LogsNothingFromInfoUpwardsInOrdinaryService) {
