@@ -93,6 +93,17 @@ bool isDoubleStar(const PathComponent& component) {
     return wildCard != nullptr && *wildCard == WildCard::DoubleStar;
 }
 
+/// Decides where everything ahead of the pattern's DoubleStar matches.
+bool restMatches(std::size_t pathSize, const PathComponents& matcherComponents) {
+    if (matcherComponents.size() - 1 > pathSize) {
+        return false;
+    }
+    if (!std::holds_alternative<WildCard>(matcherComponents.back())) {
+        throw UnexpectedIndex();
+    }
+    return true;
+}
+
 }  // namespace
 
 PathManipulation::PathManipulation()
@@ -137,13 +148,7 @@ bool PathManipulation::matches(const PathComponents& pathComponents,
     if (stop == matcherComponents.end()) {
         return pathLeftIter == pathComponents.end();
     }
-    if (matcherComponents.size() - 1 > pathComponents.size()) {
-        return false;
-    }
-    if (!std::holds_alternative<WildCard>(matcherComponents.back())) {
-        throw UnexpectedIndex();
-    }
-    return true;
+    return restMatches(pathComponents.size(), matcherComponents);
 }
 
 bool PathManipulation::isKey(std::string_view text) const {
@@ -183,16 +188,10 @@ bool PathManipulation::keyMatches(const std::string& key,
         isMatch = isMatch && (literal == nullptr || *literal == text);
         ++matcher;
     });
-    if (!isMatch || matcher != stop || !isOpenEnded) {
-        return isMatch && matcher == stop;
-    }
-    if (matcherComponents.size() - 1 > componentCount) {
+    if (!isMatch || matcher != stop) {
         return false;
     }
-    if (!std::holds_alternative<WildCard>(matcherComponents.back())) {
-        throw UnexpectedIndex();
-    }
-    return true;
+    return !isOpenEnded || restMatches(componentCount, matcherComponents);
 }
 
 std::string PathManipulation::componentsToString(const PathComponents& components) const {
