@@ -16,7 +16,7 @@ namespace Hox::Testing {
 /// One capture: what it asks for, what it has got, and what it must put back.
 struct LogCapture::Capture {
     std::optional<std::string> loggerName;
-    spdlog::level::level_enum level;
+    spdlog::level::level_enum level = spdlog::level::trace;
     std::vector<LogRecord> records;
     std::vector<std::pair<std::shared_ptr<spdlog::logger>, spdlog::level::level_enum>> formerLevels;
 

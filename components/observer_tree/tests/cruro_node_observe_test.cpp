@@ -56,7 +56,7 @@ protected:
 TEST_F(ObservedNode, DeliversToAllObservers) {
     Observations first;
     Observations second;
-    const auto handles = {observe(first, "1"), observe(second, "2")};
+    [[maybe_unused]] const auto handles = {observe(first, "1"), observe(second, "2")};
     deliver("/a");
     EXPECT_THAT(first.calls(), ElementsAre("/a: null -> /a"));
     EXPECT_THAT(second.calls(), ElementsAre("/a: null -> /a"));

@@ -96,7 +96,7 @@ std::string doubleRegistration(const std::string& name) {
         return [content](const StringValue&, DataTree&) { return answer(content); };
     };
     node.setUnaryHandler<OpId, StringValue, Int64Value>(handler(1));
-    const auto text = thrownBy<DoubleRegistrationError>(
+    auto text = thrownBy<DoubleRegistrationError>(
         [&] { node.setUnaryHandler<OpId, StringValue, Int64Value>(handler(2)); }, "cruro_node.h");
     const auto& typed = node.callUnaryHandler<OpId, StringValue, Int64Value>(message(""), tree);
     EXPECT_EQ(typed.message->value(), 1) << name;

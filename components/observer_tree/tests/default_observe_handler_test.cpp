@@ -72,8 +72,9 @@ TEST_F(DefaultObserveHandler, SelectsForEachObserverByItself) {
     Observations some;
     Observations none;
     Observations again;
-    const auto handles = {observe("/**", all.callback()), observe("/a/*", some.callback()),
-                          observe("/b", none.callback()), observe("/a/*", again.callback())};
+    [[maybe_unused]] const auto handles = {
+        observe("/**", all.callback()), observe("/a/*", some.callback()),
+        observe("/b", none.callback()), observe("/a/*", again.callback())};
     update(m_tree, "/", "/a /a/b");
     EXPECT_THAT(all.calls(), ElementsAre("/a: null -> v, /a/b: null -> v"));
     EXPECT_THAT(some.calls(), ElementsAre("/a/b: null -> v"));
@@ -117,8 +118,9 @@ TEST_F(DefaultObserveHandler, PassesOverAMalformedPatternWithoutHarmToOthers) {
     Observations bad;
     Observations good;
     Observations alsoGood;
-    const auto handles = {observe("/**", good.callback()), observe("bad", bad.callback()),
-                          observe("/**", alsoGood.callback())};
+    [[maybe_unused]] const auto handles = {observe("/**", good.callback()),
+                                           observe("bad", bad.callback()),
+                                           observe("/**", alsoGood.callback())};
     EXPECT_EQ(bad.take().size(), 1U);
     update(m_tree, "/", "/a");
     EXPECT_THAT(bad.calls(), IsEmpty());

@@ -75,7 +75,7 @@ TEST_F(Delivery, MakesOneChangeSetOfAllWritesOfAHandler) {
         data.insert_or_assign("/w/1", value("y"));
         data.insert_or_assign("/w/2", value("z"));
     });
-    const auto handles = {observe("/z", "z"), observe("/y", "y")};
+    [[maybe_unused]] const auto handles = {observe("/z", "z"), observe("/y", "y")};
     update(m_tree, "/w");
     EXPECT_THAT(m_events, ElementsAre("z: [/w/1: null -> y] [/w/2: x -> z]",
                                       "y: [/w/1: null -> y] [/w/2: x -> z]"));
@@ -83,7 +83,8 @@ TEST_F(Delivery, MakesOneChangeSetOfAllWritesOfAHandler) {
 
 TEST_F(Delivery, FollowsTheOrderInWhichObserveNodesWereRegistered) {
     m_tree.registerDefaultObserveHandler("/m");
-    const auto handles = {observe("/m", "m"), observe("/y", "y"), observe("/z", "z")};
+    [[maybe_unused]] const auto handles = {observe("/m", "m"), observe("/y", "y"),
+                                           observe("/z", "z")};
     update(m_tree, "/a", "1");
     EXPECT_THAT(m_events,
                 ElementsAre("z: [/a: null -> 1]", "y: [/a: null -> 1]", "m: [/a: null -> 1]"));
@@ -228,8 +229,9 @@ TEST_F(Delivery, BringsOnlyWhatThePatternSelectsFromTheSnapshot) {
     update(m_tree, "/b", "2");
     Observations some;
     Observations none;
-    const auto handles = {m_tree.observe<ObserveReq>("/z", pattern("/b"), some.callback(), 0),
-                          m_tree.observe<ObserveReq>("/z", pattern("/c/**"), none.callback(), 0)};
+    [[maybe_unused]] const auto handles = {
+        m_tree.observe<ObserveReq>("/z", pattern("/b"), some.callback(), 0),
+        m_tree.observe<ObserveReq>("/z", pattern("/c/**"), none.callback(), 0)};
     EXPECT_THAT(some.calls(), ElementsAre("/b: null -> 2"));
     EXPECT_THAT(none.calls(), IsEmpty());
 }

@@ -12,8 +12,6 @@ namespace {
 using Hox::Testing::LogCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using TestKit::message;
-using TestKit::Observations;
 using TestKit::onUpdate;
 using TestKit::onUpdateWrite;
 using TestKit::pattern;

@@ -62,7 +62,7 @@ TEST_F(TreeOps, ReturnWhatTheHandlerReturns) {
 
 template <UnaryOps OpId>
 std::string missing(ObserverTree& tree, const std::string& address) {
-    const auto typed = thrownBy<FuncNodeHandlerError>(
+    auto typed = thrownBy<FuncNodeHandlerError>(
         [&] { tree.callApiOp<OpId, StringValue, StringValue>(address, message("")); },
         "observer_tree_ops.cpp");
     const auto cast = thrownBy<FuncNodeHandlerError>(

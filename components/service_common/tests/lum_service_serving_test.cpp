@@ -34,7 +34,6 @@ using Fixture::FakeCapMngr;
 using Fixture::NotifySocket;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
-using ::testing::KilledBySignal;
 using Hook = std::function<void(LumServiceCtx&)>;
 
 void check(bool condition, const std::string& what) {

@@ -27,7 +27,6 @@ using Hox::ObserverTree::ProtoStatus;
 using Hox::Testing::EqualsProto;
 using Hox::Testing::protoFromText;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 

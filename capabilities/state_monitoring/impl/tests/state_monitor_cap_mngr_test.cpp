@@ -26,7 +26,6 @@ using Hox::ObserverTree::ObsTreeObserveChangeSet;
 using Hox::Service::LumServiceCtx;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 // The state monitor as the frame runs it, with a server that is reached in process only.
 class Service {

@@ -20,6 +20,7 @@ const RegexCharSet& wordChars() {
 RegexAutomaton::RegexAutomaton(const RegexSyntax& syntax) : m_charSets(syntax.charSets()) {
     addState(Kind::Empty, end);
     m_pending.resize(1);
+    // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): the end state comes first.
     m_start = build(syntax, syntax.root(), end);
     m_byteEdges = reverse(true);
     m_emptyEdges = reverse(false);
