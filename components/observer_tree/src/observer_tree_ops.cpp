@@ -107,6 +107,7 @@ void ObserverTreeOps::runDeferredCallbacks() {
 void ObserverTreeOps::deliver(const ChangeSetType& changes) {
     traceChanges(changes);
     // By index: an observer may register a further node.
+    // NOLINTNEXTLINE(modernize-loop-convert)
     for (std::size_t i = 0; i < m_observeNodes->size(); ++i) {
         const auto node = m_observeNodes->at(i);
         node->callObserveHandler(changes, std::any{});

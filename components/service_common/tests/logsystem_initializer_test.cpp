@@ -32,10 +32,10 @@ bool isInstalled() {
 /// Runs below a private /var/log, with nothing installed before and after.
 class LogsystemInitializerTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { s_private = Testing::mountPrivateFolders({"/run", "/var/log"}); }
+    static void SetUpTestSuite() { isPrivate = Testing::mountPrivateFolders({"/run", "/var/log"}); }
 
     void SetUp() override {
-        if (!s_private) {
+        if (!isPrivate) {
             GTEST_SKIP() << "this machine allows no private mounts";
         }
         std::filesystem::remove_all("/var/log/halvo");
@@ -61,7 +61,7 @@ protected:
     }
 
 private:
-    inline static bool s_private = false;
+    inline static bool isPrivate = false;
 };
 
 TEST_F(LogsystemInitializerTest, FindsTheFlagWhereverItStands) {

@@ -25,8 +25,7 @@ const DataTreeVal& dereference(const DataTreeValPtr& value, const char* side);
 template <typename T>
 void callTypedObserver(const ChangeSetType& changes,
                        const std::function<void(const T&, const T&)>& callback) {
-    const ChangeSetType copy = changes;
-    const auto& change = copy.begin()->second.at(0);
+    const ChangeSetMapVal change = changes.begin()->second.at(0);
     T current;
     T previous;
     if (change.current) {
