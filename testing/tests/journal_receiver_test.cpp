@@ -17,15 +17,15 @@ using ::testing::Pair;
 
 class JournalReceiverTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { s_private = mountPrivateFolders({"/run"}); }
+    static void SetUpTestSuite() { isPrivate = mountPrivateFolders({"/run"}); }
     void SetUp() override {
-        if (!s_private) {
+        if (!isPrivate) {
             GTEST_SKIP() << "this machine allows no private mounts";
         }
     }
 
 private:
-    inline static bool s_private = false;
+    inline static bool isPrivate = false;
 };
 
 TEST_F(JournalReceiverTest, ReadsFieldsInOrder) {

@@ -15,16 +15,15 @@ void KeyPatternSelector::deliver(const ChangeSetType& changes,
     const std::unique_ptr<KeyPatternSelector, decltype(forget)> atEnd(this, forget);
     const Status ok;
     for (const auto& [address, observer] : observers) {
-        std::any& derived = *observer.derived;
-        if (!derived.has_value()) {
-            derived = selectionFor(observer.request->key_pattern());
+        if (!observer.derived) {
+            observer.derived = selectionFor(observer.request->key_pattern());
         }
-        const auto& selection = std::any_cast<const SelectionPtr&>(derived);
+        const auto* selection = static_cast<const Selection*>(observer.derived.get());
         if (selection->kind == Selection::Kind::Nothing) {
             continue;
         }
         if (selection->pass != m_pass) {
-            select(changes, selection);
+            select(changes, std::static_pointer_cast<Selection>(observer.derived));
         }
         if (selection->isWhole) {
             (*observer.observeCallback)(changes, ok);

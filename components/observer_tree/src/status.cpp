@@ -10,7 +10,9 @@ Status::Status(ProtoStatus::StatusCode statusCode, const std::string& errorMessa
     // NOLINTNEXTLINE(readability-container-size-empty): the text of the report is settled.
     HOX_ASSERT(statusCode != ProtoStatus::OK || errorMessage.size() == 0);
     m_proto.set_statuscode(statusCode);
-    m_proto.set_errormessage(errorMessage);
+    if (!errorMessage.empty()) {
+        m_proto.set_errormessage(errorMessage);
+    }
 }
 
 }  // namespace Hox::ObserverTree

@@ -218,6 +218,32 @@ TEST(DataTreeMap, LeavesAnEmptyChangeSetWhenItIsTaken) {
     EXPECT_EQ(map.size(), 2U);
 }
 
+TEST(DataTreeMap, WritesTheSameWithEveryHint) {
+    const std::vector<std::string> present{"/b", "/d", "/f"};
+    for (const std::string key : {"/a", "/b", "/c", "/d", "/e", "/f", "/g"}) {
+        DataTreeValMap expected;
+        for (const auto& other : present) {
+            expected.insert_or_assign(other, value(other));
+        }
+        expected.insert_or_assign(key, value("new"));
+        const auto lines = linesOf(expected.takeChangeSet());
+        for (int steps = 0; steps <= static_cast<int>(present.size()); ++steps) {
+            DataTreeValMap map;
+            for (const auto& other : present) {
+                map.insert_or_assign(other, value(other));
+            }
+            const auto [place, isNew] =
+                map.insert_or_assign(std::next(map.begin(), steps), std::string(key), value("new"));
+            EXPECT_EQ(place->first, key);
+            EXPECT_EQ(textOf(place->second), "new");
+            EXPECT_EQ(isNew, expected.size() == present.size() + 1) << key << " at " << steps;
+            EXPECT_EQ(keysOf(map), keysOf(expected)) << key << " at " << steps;
+            EXPECT_EQ(linesOf(map.takeChangeSet()), lines) << key << " at " << steps;
+            EXPECT_EQ(map.createdIndex(), expected.createdIndex());
+        }
+    }
+}
+
 TEST(DataTreeMap, KeepsOldValuesAliveInTheChangeSet) {
     DataTreeValMap map;
     map.insert_or_assign("/a", value("1"));

@@ -19,7 +19,8 @@ template <typename ErrorType>
 std::string textOf(const std::string& message) {
     static_assert(std::is_base_of_v<Hox::Error, ErrorType>);
     const ErrorType fromString(message, "dir/file.cpp", 5);
-    const ErrorType fromCString(message.c_str(), "dir/file.cpp", 5);
+    const char* text = message.c_str();
+    const ErrorType fromCString(text, "dir/file.cpp", 5);
     EXPECT_STREQ(fromString.what(), fromCString.what());
     const std::exception& base = fromString;
     return base.what();

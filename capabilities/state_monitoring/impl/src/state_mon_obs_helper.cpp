@@ -1,5 +1,6 @@
 #include "hox/state_monitoring/state_mon_obs_helper.h"
 
+#include <iterator>
 #include <utility>
 
 #include "hox/cpputil/assertion/assertion.h"
@@ -98,8 +99,8 @@ void StateMonObsHelper::storeNotification(const Api::StateNotification& notifica
     stored.set_index(m_nextIndex);
     *stored.mutable_statenotification() = notification;
     auto key = latestKey(notification);
-    const auto former = tree.find(key);
-    const bool hasFormer = former != tree.end();
+    const auto former = tree.lower_bound(key);
+    const bool hasFormer = former != tree.end() && former->first == key;
     if (hasFormer) {
         stored.mutable_previousstateseverity()->set_stateseverity(
             former->second->get<Api::StoredNotification>().statenotification().severity());
@@ -109,8 +110,11 @@ void StateMonObsHelper::storeNotification(const Api::StateNotification& notifica
         std::make_shared<const DataTreeVal>(std::move(stored));
 
     // Throws for a malformed key, with nothing changed yet.
-    tree.insert_or_assign(std::move(key), Hox::ObserverTree::DataTreeValPtr(value));
-    tree.insert_or_assign(archiveKey(m_nextIndex), Hox::ObserverTree::DataTreeValPtr(value));
+    tree.insert_or_assign(former, std::move(key), Hox::ObserverTree::DataTreeValPtr(value));
+    const auto behindNewest = m_archiveCount > 0 ? std::next(m_newestArchived) : tree.begin();
+    m_newestArchived = tree.insert_or_assign(behindNewest, archiveKey(m_nextIndex),
+                                             Hox::ObserverTree::DataTreeValPtr(value))
+                           .first;
     if (hasFormer) {
         countSeverity(formerSeverity, -1);
     }

@@ -55,9 +55,9 @@ public:
     struct ObsCallbackStoredType {
         std::shared_ptr<ObserverCallback> observeCallback;
         std::shared_ptr<InMsgType> request;
-        /// What the observe handler derived from the request, for its use alone, so that it need
-        /// not derive it again at every change. GUARDED_BY(m_observerMutex)
-        std::shared_ptr<std::any> derived;
+        /// What the observe handler of the node derived from the request, for its eyes alone, so
+        /// that it need not derive it again at every change. GUARDED_BY(m_observerMutex)
+        mutable std::shared_ptr<void> derived;
     };
 
     /// The observers of a node, keyed by the address of their callback object.
@@ -300,8 +300,7 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
     using Stored = ObsCallbackStoredType<InMsgType>;
     try {
         const Stored observer{std::make_shared<ObserverCallback>(std::move(callback)),
-                              std::shared_ptr<InMsgType>(inMsg.New()),
-                              std::make_shared<std::any>()};
+                              std::shared_ptr<InMsgType>(inMsg.New()), nullptr};
         observer.request->CopyFrom(inMsg);
         auto record = std::make_unique<Stored>(observer);
         {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <utility>
 #include <vector>
@@ -37,12 +38,20 @@ public:
     /// Stores the value and records the change, also when old and new value are equal. The first
     /// overwrite within one batch fixes what is reported as previous. True stands for a new key.
     std::pair<iterator, bool> insert_or_assign(const KeyType& key, const ValueType& value) {
-        return write(KeyType(key), ValueType(value));
+        return write(m_values.lower_bound(key), KeyType(key), ValueType(value));
     }
 
     /// The same, taking over key and value.
     std::pair<iterator, bool> insert_or_assign(KeyType&& key, ValueType&& value) {
-        return write(std::move(key), std::move(value));
+        const auto position = m_values.lower_bound(key);
+        return write(position, std::move(key), std::move(value));
+    }
+
+    /// The same for a caller that knows where the key stands or would stand: at `hint`, an element
+    /// of this map or its end. A wrong hint costs time only.
+    std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
+        const auto position = isLowerBound(hint, key) ? hint : m_values.lower_bound(key);
+        return write(position, std::move(key), std::move(value));
     }
 
     /// Removes the key and records the change; a key with a default reappears with it. Nothing
@@ -60,7 +69,8 @@ public:
             m_values.erase(found);
         }
         if (fallback != m_defaults.end()) {
-            write(KeyType(fallback->first), ValueType(fallback->second));
+            write(m_values.lower_bound(fallback->first), KeyType(fallback->first),
+                  ValueType(fallback->second));
         }
     }
 
@@ -89,9 +99,15 @@ private:
         return changes.back();
     }
 
-    std::pair<iterator, bool> write(KeyType&& key, ValueType&& value) {
+    bool isLowerBound(iterator position, const KeyType& key) const {
+        const auto isBefore = m_values.key_comp();
+        return (position == m_values.end() || !isBefore(position->first, key)) &&
+               (position == m_values.begin() || isBefore(std::prev(position)->first, key));
+    }
+
+    /// `position` is the key's lower bound.
+    std::pair<iterator, bool> write(iterator position, KeyType&& key, ValueType&& value) {
         auto& change = pendingChange(key);
-        const auto position = m_values.lower_bound(key);
         const bool isNew = position == m_values.end() || m_values.key_comp()(key, position->first);
         ++m_modifiedIndex;
         if (isNew) {
@@ -103,8 +119,10 @@ private:
         if (isNew) {
             return {m_values.emplace_hint(position, std::move(key), std::move(value)), true};
         }
-        position->second = std::move(value);
-        return {position, false};
+        // Erasing nothing gives the same position with the right to write.
+        const auto writable = m_values.erase(position, position);
+        writable->second = std::move(value);
+        return {writable, false};
     }
 
     Values m_values;

@@ -59,6 +59,12 @@ public:
         return TreeType::insert_or_assign(std::move(key), std::move(value));
     }
 
+    /// The same with the place of the key.
+    std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
+        checkAccess(key);
+        return TreeType::insert_or_assign(hint, std::move(key), std::move(value));
+    }
+
     /// As the base class, after checkAccess, which an absent key has to pass too.
     void erase(const KeyType& key) {
         checkAccess(key);

@@ -67,6 +67,8 @@ private:
     std::shared_ptr<spdlog::logger> m_logger;
     int32_t m_nextIndex = 0;
     int32_t m_archiveCount = 0;
+    /// The place of the newest archive key; counts while there is one.
+    Hox::ObserverTree::DataTree::iterator m_newestArchived;
     int32_t m_archiveSize;
     bool m_isSystemMonitor;
     std::string m_serviceId;
