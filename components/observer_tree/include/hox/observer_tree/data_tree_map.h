@@ -74,11 +74,18 @@ public:
         }
     }
 
+    // Reading has no side effects; iterators stay valid until their element is erased.
+    /// The element of the key, or the end.
     iterator find(const KeyType& key) const { return m_values.find(key); }
+    /// The first element whose key is not below the key, or the end.
     iterator lower_bound(const KeyType& key) const { return m_values.lower_bound(key); }
+    /// The element with the lowest key.
     iterator begin() const { return m_values.begin(); }
+    /// Behind the element with the highest key.
     iterator end() const { return m_values.end(); }
+    /// Number of keys.
     std::size_t size() const { return m_values.size(); }
+    /// Whether there is no key.
     bool empty() const { return m_values.empty(); }
 
     /// Takes the pending change set out and leaves an empty one. For the tree's delivery loop only.

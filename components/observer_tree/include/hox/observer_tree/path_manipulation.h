@@ -18,6 +18,7 @@ namespace Hox::ObserverTree {
 /// Comparison is byte by byte, without normalisation.
 class PathManipulation {
 public:
+    /// Takes the class's logger; throws what the log system throws.
     PathManipulation();
 
     /// Splits the path into its components. Throws PathError when it is malformed for its type.

@@ -17,8 +17,11 @@ public:
     /// Asserts that an OK status has no text.
     Status(ProtoStatus::StatusCode statusCode, const std::string& errorMessage);
 
+    /// Whether the code is OK.
     bool isOk() const { return m_proto.statuscode() == ProtoStatus::OK; }
+    /// The code, by number that of gRPC.
     ProtoStatus::StatusCode statusCode() const { return m_proto.statuscode(); }
+    /// The text, empty with OK; valid as long as this object.
     const std::string& errorMessage() const { return m_proto.errormessage(); }
 
     /// The form that travels on an observe stream.
