@@ -2,9 +2,11 @@
 
 #include <utility>
 
+#include "hox/cpputil/regex/bounded_regex.h"
 #include "hox/observer_tree/path_error.h"
 #include "key_pattern_selector.h"
 #include "obstree.pb.h"
+#include "reg_ex_selector.h"
 
 namespace Hox::ObserverTree {
 
@@ -40,6 +42,25 @@ void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
             } catch (const PathError& error) {
                 callback(ChangeSetType(), Status(ProtoStatus::INVALID_ARGUMENT, error.what()));
             }
+        });
+}
+
+void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
+    registerNewObserverHandler<RegExObserveReq>(
+        key, [](const RegExObserveReq& request, const ObserverCallback& callback) {
+            try {
+                Hox::CppUtil::BoundedRegex{request.reg_ex()};
+            } catch (const std::exception& error) {
+                callback(ChangeSetType(),
+                         Status(ProtoStatus::INVALID_ARGUMENT,
+                                "Regular expression error, regex \"" + request.reg_ex() +
+                                    "\" not valid - " + error.what()));
+            }
+        });
+    registerObserveHandler<RegExObserveReq>(
+        key,
+        [](const ChangeSetType& changes, const ObserverCallbackMap<RegExObserveReq>& observers) {
+            RegExSelector::deliver(changes, observers);
         });
 }
 

@@ -27,6 +27,11 @@ public:
     /// stays silent. Throws as the registrations do.
     void registerDefaultObserveHandler(const std::string& key);
 
+    /// Lets observers with a RegExObserveReq watch the keys that their expression matches as a
+    /// whole. A malformed expression is answered like a malformed pattern. Throws as the
+    /// registrations do.
+    void registerDefaultRegExObserveHandler(const std::string& key);
+
     /// One line per key with its value, in key order. Takes the data lock. For diagnosis.
     std::string dumpDataTree();
 

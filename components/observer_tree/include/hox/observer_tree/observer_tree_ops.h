@@ -99,6 +99,11 @@ public:
         return findUnaryNode(OpId, key);
     }
 
+    /// Takes the handler lock, so that several operations of this thread stand together.
+    std::unique_lock<std::recursive_mutex> lockHandlers() {
+        return std::unique_lock<std::recursive_mutex>(*m_handlerLock);
+    }
+
     /// Delivers all pending changes, and those that observers make meanwhile, to all observers, and
     /// runs the deferred callbacks, `callback` among them unless it is empty. Inside a delivery it
     /// only leaves the callback to the outer run. Runs with both locks of the tree held; the

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <any>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "hox/cpputil/regex/bounded_regex.h"
+#include "hox/cpputil/semaphore/binary_semaphore.h"
+#include "hox/observer_tree/observer_tree.h"
+#include "hox/observer_tree/persistence/inode_data_hndlr.h"
+#include "hox/observer_tree/persistence/node_data_file_hndlr.h"
+#include "obstree_internals.pb.h"
+
+namespace Hox::ObserverTree {
+
+/// Keeps the keys of a tree that an expression selects alive across restarts, in a directory, in a
+/// central store, or in both.
+///
+/// Works through the tree's public operations only. Its registered handlers stay in the tree and
+/// refer to this object, so the owner keeps it as long as the tree serves requests. All functions
+/// run on a thread that holds the capability's mutex.
+class PersistenceHndlr {
+public:
+    /// Registers its handlers. `lock` is the frame's slot for its lock of the capability, null or
+    /// empty after start-up; nodeType, nodeId and capabilityId address the central store. Throws
+    /// what BoundedRegex throws for a malformed keyRegex, DoubleRegistrationError for a second
+    /// handler on one tree.
+    PersistenceHndlr(ObserverTree& tree, std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                     const std::string& nodeType, const std::string& nodeId,
+                     const std::string& capabilityId, const std::string& keyRegex);
+    virtual ~PersistenceHndlr() = default;
+    PersistenceHndlr(const PersistenceHndlr&) = delete;
+    PersistenceHndlr(PersistenceHndlr&&) = delete;
+    PersistenceHndlr& operator=(const PersistenceHndlr&) = delete;
+    PersistenceHndlr& operator=(PersistenceHndlr&&) = delete;
+
+    /// Attaches the central store. To be done before persisting starts.
+    void setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr);
+
+    /// Loads the directory, which is made if missing, in place of what the tree holds, then starts
+    /// persisting if asked to. An empty directory name stands for none. Throws
+    /// std::filesystem::filesystem_error.
+    void init(bool startPersisting, const std::string& persistDir);
+
+    /// Stores every further change; with persistFirstChange also all that the tree holds now,
+    /// before this call returns. With a central store it waits for the store's first answer, and
+    /// lets go of the capability's lock meanwhile. Asserts that it is not persisting already.
+    void startPersistingObsTree(const std::string& persistDir, bool persistFirstChange);
+
+    /// Ends persisting to the directory.
+    void stopPersistingObsTree();
+
+    /// Writes the changes to the tree. Without isPatch all other selected keys go; with doCompare
+    /// equal values raise no change.
+    void applyChangeSet(const ChangeSetType& changes, bool isPatch, bool doCompare);
+
+    /// The file store, for operations on whole directories.
+    NodeDataFileHndlr& nodeDataFile() { return m_nodeDataFile; }
+
+private:
+    UnaryHandlerReturnType<UpdateDataTreeResp> update(const UpdateDataTreeReq& request,
+                                                      DataTree& tree);
+    UnaryHandlerReturnType<ReadDataTreeResp> read(const ReadDataTreeReq& request,
+                                                  DataTree& tree) const;
+    void startCentralObserving();
+    void onCentralData(const ChangeSetType& changes, const Status& status,
+                       Hox::CppUtil::BinarySemaphore& firstAnswer);
+    void onTreeChanged(const ChangeSetType& changes, const Status& status,
+                       const std::string& persistDir);
+    void storeCentrally(ChangeSetType& changes);
+    ChangeSetType readWholePicture();
+
+    std::shared_ptr<spdlog::logger> m_logger;
+    ObserverTree& m_tree;
+    std::unique_ptr<std::unique_lock<std::mutex>>& m_lock;
+    std::string m_nodeType;
+    std::string m_nodeId;
+    std::string m_capabilityId;
+    std::string m_persistKeyRegex;
+    std::any m_observeRaiiHandle;
+    NodeDataFileHndlr m_nodeDataFile;
+    bool m_persistFirstChange = false;
+    std::shared_ptr<INodeDataHndlr> m_nodeDataHndlr;
+    std::string m_confStateId;
+    bool m_storeCentrally = false;
+    int m_storedCount = 0;
+    std::any m_centralObserveHandle;
+    bool m_centralDataSeen = false;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,18 @@
+hox_add_library(hox_observer_tree_persistence
+    HEADERS
+        include/hox/observer_tree/persistence/inode_data_hndlr.h
+        include/hox/observer_tree/persistence/node_data_file_hndlr.h
+        include/hox/observer_tree/persistence/persistence_hndlr.h
+        include/hox/observer_tree/persistence/store_node_data_return.h
+    SOURCES
+        src/persistence/node_data_file_hndlr.cpp
+        src/persistence/persistence_hndlr.cpp
+    PUBLIC hox_observer_tree)
+
+hox_add_test(hox_observer_tree_persistence_test
+    SOURCES
+        tests/persistence/node_data_file_hndlr_test.cpp
+        tests/persistence/persistence_hndlr_test.cpp
+    LIBS hox_observer_tree_persistence hox_testing
+    LABELS threads)
+target_include_directories(hox_observer_tree_persistence_test PRIVATE tests)

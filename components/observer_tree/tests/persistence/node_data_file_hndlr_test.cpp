@@ -1,0 +1,184 @@
+#include "hox/observer_tree/persistence/node_data_file_hndlr.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "hox/testing/log_capture.h"
+#include "hox/testing/temp_dir.h"
+#include "tree_test_kit.h"
+
+namespace fs = std::filesystem;
+
+namespace Hox::ObserverTree {
+namespace {
+
+using Hox::Testing::LogCapture;
+using Hox::Testing::TempDir;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using TestKit::value;
+
+google::protobuf::Any packed(const std::string& text) {
+    google::protobuf::Any any;
+    any.PackFrom(TestKit::message(text));
+    return any;
+}
+
+std::string contentOf(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const fs::path& file, const std::string& content) {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+}
+
+/// All entries below the folder, by their paths inside it.
+std::set<std::string> entriesOf(const fs::path& folder) {
+    std::set<std::string> entries;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        entries.insert(fs::relative(entry.path(), folder).string());
+    }
+    return entries;
+}
+
+class NodeDataFiles : public ::testing::Test {
+protected:
+    TempDir m_parent;
+    const fs::path m_dir = m_parent / "conf";
+    NodeDataFileHndlr m_files;
+};
+
+TEST_F(NodeDataFiles, HoldTheJsonOfThePackedMessageWithoutALineFeed) {
+    m_files.saveNodeData(m_dir, "/a/b", packed("some \"text\""));
+    EXPECT_EQ(contentOf(m_dir / "a/b/data"),
+              R"({"@type":"type.googleapis.com/google.protobuf.StringValue",)"
+              R"("value":"some \"text\""})");
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/b", "a/b/data"));
+}
+
+TEST_F(NodeDataFiles, LieInTheWorkingDirectoryForTheRoot) {
+    m_files.saveNodeData(m_dir, "/", packed("root"));
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("data"));
+}
+
+TEST_F(NodeDataFiles, ReplaceAnEarlierValueAndALeftOverTemporaryFile) {
+    writeFile(m_dir / "a/data~", "half a val");
+    m_files.saveNodeData(m_dir, "/a", packed("one"));
+    m_files.saveNodeData(m_dir, "/a", packed("two"));
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/data"));
+    EXPECT_EQ(TestKit::textOf(m_files.readNodeData(m_dir).at("/a").at(0).current), "two");
+}
+
+TEST_F(NodeDataFiles, StayEmptyForAValueThatHasNoJson) {
+    google::protobuf::Any unknown;
+    unknown.set_type_url("type.googleapis.com/No.Such.Type");
+    unknown.set_value("x");
+    m_files.saveNodeData(m_dir, "/a", unknown);
+    EXPECT_EQ(contentOf(m_dir / "a/data"), "");
+    EXPECT_EQ(m_files.readNodeData(m_dir).at("/a").at(0).current->toAny()->type_url(), "");
+}
+
+TEST_F(NodeDataFiles, KeepAValueBesideItsChildren) {
+    m_files.saveNodeData(m_dir, "/a/b", packed("b"));
+    m_files.saveNodeData(m_dir, "/a", packed("a"));
+    m_files.removeNodeData(m_dir, "/a");
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/b", "a/b/data"));
+}
+
+TEST_F(NodeDataFiles, TakeEmptyDirectoriesAlongUpToTheFirstThatHoldsSomething) {
+    writeFile(m_parent / "other", "kept");
+    m_files.saveNodeData(m_dir, "/a/b", packed("b"));
+    m_files.removeNodeData(m_dir, "/a/b");
+    EXPECT_FALSE(fs::exists(m_dir)) << "the working directory goes as well";
+    EXPECT_TRUE(fs::exists(m_parent / "other"));
+}
+
+TEST_F(NodeDataFiles, MayBeRemovedWithoutHavingBeenSaved) {
+    m_files.saveNodeData(m_dir, "/a", packed("a"));
+    fs::create_directories(m_dir / "empty/below");
+    m_files.removeNodeData(m_dir, "/never/saved");
+    EXPECT_TRUE(fs::exists(m_dir / "empty/below"));
+    m_files.removeNodeData(m_dir, "/empty/below");
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/data"));
+}
+
+TEST_F(NodeDataFiles, AreWrittenAndRemovedByTheFirstChangeOfEachKey) {
+    m_files.saveNodeData(m_dir, "/gone", packed("old"));
+    ChangeSetType changes;
+    changes["/a"] = {ChangeSetMapVal{value("1"), nullptr}, ChangeSetMapVal{value("2"), nullptr}};
+    changes["/a/b"] = {ChangeSetMapVal{value("3"), value("0")}};
+    changes["/gone"] = {ChangeSetMapVal{nullptr, value("old")}};
+    changes["/z/y/x"] = {ChangeSetMapVal{value("4"), nullptr}};
+    m_files.saveChangeSet(changes, m_dir);
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)),
+                ElementsAre("/a: null -> 1", "/a/b: null -> 3", "/z/y/x: null -> 4"));
+    EXPECT_FALSE(fs::exists(m_dir / "gone"));
+}
+
+TEST_F(NodeDataFiles, AreMadeAnewBehindARemovalThatTookTheirDirectories) {
+    m_files.saveNodeData(m_dir, "/a/m", packed("old"));
+    ChangeSetType changes;
+    changes["/a/m"] = {ChangeSetMapVal{nullptr, nullptr}};
+    changes["/a/n"] = {ChangeSetMapVal{value("new"), nullptr}};
+    m_files.saveChangeSet(changes, m_dir);
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/n", "a/n/data"));
+}
+
+TEST_F(NodeDataFiles, WantAChangeForEachKey) {
+    ChangeSetType changes;
+    changes["/a"] = {};
+    EXPECT_THROW(m_files.saveChangeSet(changes, m_dir), std::out_of_range);
+}
+
+TEST_F(NodeDataFiles, AreReadByTheirNameAlone) {
+    m_files.saveNodeData(m_dir, "/a/b", packed("b"));
+    writeFile(m_dir / "a/data~", "{}");
+    writeFile(m_dir / "a/data.old", "{}");
+    fs::create_directories(m_dir / "c/data");
+    fs::create_directories(m_dir / "d");
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)), ElementsAre("/a/b: null -> b"));
+}
+
+TEST_F(NodeDataFiles, YieldTheSameKeysFromADirectoryNamedWithASlashAtItsEnd) {
+    m_files.saveNodeData(m_dir, "/a/b", packed("b"));
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir / "")), ElementsAre("/a/b: null -> b"));
+}
+
+TEST_F(NodeDataFiles, YieldTheEmptyKeyForTheFileInTheWorkingDirectory) {
+    m_files.saveNodeData(m_dir, "/", packed("root"));
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)), ElementsAre(": null -> root"));
+}
+
+TEST_F(NodeDataFiles, YieldAnEmptyValueWhenTheyAreBroken) {
+    writeFile(m_dir / "a/data", R"({"@type":"type.googleapis.com/google.protobuf.StringV)");
+    const auto changes = m_files.readNodeData(m_dir);
+    ASSERT_EQ(changes.count("/a"), 1U);
+    EXPECT_EQ(changes.at("/a").at(0).current->toAny()->ByteSizeLong(), 0U);
+    EXPECT_EQ(changes.at("/a").at(0).previous, nullptr);
+}
+
+TEST_F(NodeDataFiles, ReportErrorsOfTheFileSystem) {
+    writeFile(m_dir / "a", "not a directory");
+    EXPECT_THROW(m_files.saveNodeData(m_dir, "/a/b", packed("b")), fs::filesystem_error);
+    EXPECT_THROW(m_files.readNodeData(m_parent / "missing"), fs::filesystem_error);
+}
+
+TEST_F(NodeDataFiles, AreTraced) {
+    LogCapture log("NodeDataFileHndlr");
+    m_files.saveNodeData(m_dir, "/a", packed("x"));
+    m_files.removeNodeData(m_dir, "/a");
+    EXPECT_THAT(log.textsAt(spdlog::level::trace),
+                ElementsAre("Saving node data - workingDir " + m_dir.string() + " key: /a, data " +
+                                packed("x").DebugString(),
+                            "Removing node data - key: /a"));
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree
