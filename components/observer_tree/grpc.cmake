@@ -1,19 +1,27 @@
 hox_add_library(hox_observer_tree_grpc
     HEADERS
+        include/hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h
         include/hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h
         include/hox/observer_tree/builders/obs_tree_build_error.h
         include/hox/observer_tree/builders/proto_obs_tree_builder.h
+        include/hox/observer_tree/grpc/async_grpc_client_handler.h
         include/hox/observer_tree/grpc/async_grpc_server_handler.h
         include/hox/observer_tree/grpc/async_method_desc.h
         include/hox/observer_tree/grpc/grpc_server_observer_tree.h
         include/hox/observer_tree/grpc/grpc_wrapper_service.h
+        include/hox/observer_tree/grpc/in_process_gate.h
         include/hox/observer_tree/grpc/irequest_wrapper_service.h
+        include/hox/observer_tree/grpc/owned_rpc_method.h
+        include/hox/observer_tree/proxy_observer_tree.h
     SOURCES
+        src/builders/async_grpc_proxy_obs_tree_builder.cpp
         src/builders/async_grpc_server_obs_tree_builder.cpp
         src/builders/proto_obs_tree_builder.cpp
+        src/grpc/async_grpc_client_handler.cpp
         src/grpc/async_grpc_server_events.cpp
         src/grpc/async_grpc_server_handler.cpp
         src/grpc/async_method_desc.cpp
+        src/grpc/in_process_gate.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
     PUBLIC hox_observer_tree gRPC::grpc++)
@@ -43,6 +51,7 @@ if(HALVO_BUILD_TESTS)
         SOURCES
             tests/grpc/async_grpc_server_events_test.cpp
             tests/grpc/async_grpc_server_handler_test.cpp
+            tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp
         LIBS hox_observer_tree_grpc_test_support

@@ -22,14 +22,15 @@ namespace Hox::ObserverTree::Test {
 template <typename ServiceType>
 class ServedTree {
 public:
-    ServedTree() {
+    /// Serves on a port of its own, or on that of a former one.
+    explicit ServedTree(const std::string& listeningAddress = "127.0.0.1:0") {
         grpc::ServerBuilder serverBuilder;
         AsyncGRPCServerObsTreeBuilder builder(&serverBuilder, mutex);
         tree = std::make_unique<GrpcServerObserverTree>(builder.asyncGrpcServerHandler());
         registerItemHandlers(*tree, handlers);
         builder.buildServerObsTree<ServiceType>(*tree);
         int port = 0;
-        serverBuilder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+        serverBuilder.AddListeningPort(listeningAddress, grpc::InsecureServerCredentials(), &port);
         server = serverBuilder.BuildAndStart();
         address = "127.0.0.1:" + std::to_string(port);
         handler = builder.asyncGrpcServerHandler();

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+#include <grpcpp/channel.h>
+
+#include <memory>
+#include <mutex>
+
+#include "hox/observer_tree/builders/proto_obs_tree_builder.h"
+#include "hox/observer_tree/grpc/async_grpc_client_handler.h"
+#include "hox/observer_tree/proxy_observer_tree.h"
+#include "obstree.pb.h"
+
+namespace Hox::ObserverTree {
+
+/// The proxy tree that this builder makes.
+using GrpcProxyObserverTree = ProxyObserverTree<AsyncGrpcClientHandler>;
+
+/// Builds proxy trees from the descriptors that the remote services were built from.
+///
+/// Without state of its own: one object serves all proxies, from any thread.
+class AsyncGrpcProxyObsTreeBuilder : public ProtoObsTreeBuilder {
+public:
+    AsyncGrpcProxyObsTreeBuilder();
+
+    /// A proxy with a client handler, thread and queue of its own, which run under the capability's
+    /// mutex. The gate is that of the process's own server if the channel leads there, else null.
+    /// Throws ObsTreeBuildError for a service that the descriptor pool lacks and for a method whose
+    /// operation does not exist.
+    template <typename ServiceType>
+    std::shared_ptr<GrpcProxyObserverTree> createProxyObsTree(
+        const std::shared_ptr<grpc::Channel>& channel, const std::shared_ptr<std::mutex>& mutex,
+        std::shared_ptr<InProcessGate> gate) const {
+        const bool inProcess = gate != nullptr;
+        const auto handler = std::make_shared<AsyncGrpcClientHandler>(mutex);
+        handler->startThread();
+        auto tree = std::make_shared<GrpcProxyObserverTree>(channel, handler, std::move(gate));
+        buildProxyObsTree<ServiceType>(tree, inProcess, channel, handler);
+        return tree;
+    }
+
+    /// Binds each method of the service that carries obs_tree_option to the proxy.
+    template <typename ServiceType>
+    void buildProxyObsTree(const std::shared_ptr<GrpcProxyObserverTree>& tree, bool inProcess,
+                           const std::shared_ptr<grpc::Channel>& channel,
+                           const std::shared_ptr<AsyncGrpcClientHandler>& handler) const {
+        for (const auto* method :
+             getObsTreeMethods(*google::protobuf::DescriptorPool::generated_pool(),
+                               ServiceType::service_full_name())) {
+            bindMethod(*method, *tree, inProcess, channel, handler);
+        }
+    }
+
+private:
+    void bindMethod(const google::protobuf::MethodDescriptor& method, GrpcProxyObserverTree& tree,
+                    bool inProcess, const std::shared_ptr<grpc::Channel>& channel,
+                    const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;
+    void addObserve(const google::protobuf::MethodDescriptor& method, const ObsTreeOptions& options,
+                    GrpcProxyObserverTree& tree, const std::shared_ptr<grpc::Channel>& channel,
+                    bool inProcess, const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+};
+
+}  // namespace Hox::ObserverTree

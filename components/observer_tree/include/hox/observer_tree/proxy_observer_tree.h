@@ -1,0 +1,135 @@
+#pragma once
+
+#include <google/protobuf/message.h>
+#include <grpcpp/channel.h>
+#include <grpcpp/client_context.h>
+#include <grpcpp/impl/client_unary_call.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/observer_tree/grpc/in_process_gate.h"
+#include "hox/observer_tree/grpc/owned_rpc_method.h"
+#include "hox/observer_tree/observer_tree.h"
+
+namespace Hox::ObserverTree {
+
+/// A tree in another service, or in this process: observed like any tree, and called by blocking
+/// gRPC.
+///
+/// Stores no remote values and evaluates no pattern: one local observer is one gRPC stream, whose
+/// change sets go straight to the callback on the client handler's thread. A stream whose peer is
+/// lost ends with one CANCELLED call; to observe again, drop the handle and observe anew. Dropped
+/// by its owner without the capability's mutex, which the client handler's thread may need.
+template <typename ClientHandler>
+class ProxyObserverTree : public ObserverTree {
+public:
+    /// Made by the builder, which binds the methods afterwards. The gate is that of the process's
+    /// own server, null for a tree in another service.
+    ProxyObserverTree(std::shared_ptr<grpc::Channel> channel,
+                      std::shared_ptr<ClientHandler> clientHandler,
+                      std::shared_ptr<InProcessGate> gate)
+        : m_channel(std::move(channel)),
+          m_clientHandler(std::move(clientHandler)),
+          m_gate(std::move(gate)) {}
+
+    /// Cancels all running observations, then ends the client handler unless somebody shares it.
+    ~ProxyObserverTree() override = default;
+    ProxyObserverTree(const ProxyObserverTree&) = delete;
+    ProxyObserverTree(ProxyObserverTree&&) = delete;
+    ProxyObserverTree& operator=(const ProxyObserverTree&) = delete;
+    ProxyObserverTree& operator=(ProxyObserverTree&&) = delete;
+
+    /// Asks the channel to connect and waits until it is ready, at once in the same process. False
+    /// when the deadline has passed.
+    bool waitForConnected(std::chrono::system_clock::time_point deadline) const {
+        if (inProcess()) {
+            return true;
+        }
+        for (;;) {
+            const auto state = m_channel->GetState(true);
+            if (state == GRPC_CHANNEL_READY) {
+                return true;
+            }
+            if (!m_channel->WaitForStateChange(state, deadline)) {
+                return false;
+            }
+        }
+    }
+
+    /// Calls a remote operation and waits for its answer without a deadline. Runs on the caller's
+    /// thread, which may hold its capability's mutex but not one that the serving side needs.
+    /// UNAVAILABLE when the process's own server has been shut down. Throws std::out_of_range when
+    /// the service has no such operation.
+    Status callUnary(const std::string& key, UnaryOps operation,
+                     const google::protobuf::Message& request,
+                     google::protobuf::Message& response) const {
+        const auto& method = m_unaryMethods.at({key, operation})->method();
+        const auto passage = passGate();
+        if (inProcess() && !passage.owns_lock()) {
+            return {ProtoStatus::UNAVAILABLE, "The server has been shut down"};
+        }
+        grpc::ClientContext context;
+        const grpc::Status status =
+            grpc::internal::BlockingUnaryCall<google::protobuf::Message, google::protobuf::Message>(
+                m_channel.get(), method, &context, request, &response);
+        return status.ok() ? Status()
+                           : Status(static_cast<ProtoStatus::StatusCode>(status.error_code()),
+                                    status.error_message());
+    }
+
+    /// Whether the tree is served by this process.
+    bool inProcess() const { return m_gate != nullptr; }
+
+    /// To be held while a call is started. It owns nothing for a tree in another service, and when
+    /// the process's own server has been shut down, so that nothing may be started any more.
+    std::shared_lock<std::shared_mutex> passGate() const {
+        return m_gate ? m_gate->pass() : std::shared_lock<std::shared_mutex>();
+    }
+
+    /// The connection, for waiting on it in steps.
+    const std::shared_ptr<grpc::Channel>& channel() const { return m_channel; }
+
+    /// Stores the method of an operation in place of a former one. For the builder.
+    void setUnaryMethod(const std::string& key, UnaryOps operation,
+                        std::unique_ptr<OwnedRpcMethod> method) {
+        m_unaryMethods[{key, operation}] = std::move(method);
+    }
+
+    /// Keeps the stream of an observer, known by its request. For the builder's hooks.
+    void addRemoteObservation(const google::protobuf::Message& inMsg,
+                              typename ClientHandler::CallMethodRaiiHandleType handle) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_observerMap.insert_or_assign(&inMsg, std::move(handle));
+    }
+
+    /// Cancels the stream of an observer; asserts that there is one. For the builder's hooks.
+    void removeRemoteObservation(const google::protobuf::Message* inMsg) {
+        decltype(m_observerMap.extract(inMsg)) observation;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            observation = m_observerMap.extract(inMsg);
+        }
+        Hox::CppUtil::getAssertion().assertTrue(!observation.empty(), "m_observerMap.erase(inMsg)",
+                                                __FILE__, __LINE__);
+    }
+
+private:
+    std::shared_ptr<grpc::Channel> m_channel;
+    std::shared_ptr<ClientHandler> m_clientHandler;
+    /// Running streams, keyed by the observer's own copy of its request. GUARDED_BY(m_mutex)
+    std::map<const google::protobuf::Message*, typename ClientHandler::CallMethodRaiiHandleType>
+        m_observerMap;
+    /// Held for the map alone, not for the end of a call.
+    std::mutex m_mutex;
+    std::shared_ptr<InProcessGate> m_gate;
+    std::map<std::pair<std::string, UnaryOps>, std::unique_ptr<OwnedRpcMethod>> m_unaryMethods;
+};
+
+}  // namespace Hox::ObserverTree

@@ -1,0 +1,338 @@
+#include "hox/observer_tree/proxy_observer_tree.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "grpc/served_tree.h"
+#include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
+#include "hox/observer_tree/builders/obs_tree_build_error.h"
+#include "hox/observer_tree/func_node_handler_error.h"
+#include "hox/testing/wait_until.h"
+
+namespace Hox::ObserverTree::Test {
+namespace {
+
+using Hox::Testing::waitUntil;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// What an observer was told, from whatever thread.
+class Told {
+public:
+    void add(const std::string& line) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_lines.push_back(line);
+    }
+    std::vector<std::string> lines() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+    bool waitFor(std::size_t count) const {
+        return waitUntil([&] { return lines().size() >= count; });
+    }
+
+    /// "<code> <text> <key>=<count>..."
+    ObserverCallback callback() {
+        return [this](const ChangeSetType& changes, const Status& status) {
+            std::string line = std::to_string(status.statusCode()) + " " + status.errorMessage();
+            for (const auto& [key, keyChanges] : changes) {
+                const auto& current = keyChanges.at(0).current;
+                line += " " + key + "=" +
+                        (current ? std::to_string(current->get<Item>().count()) : "gone");
+            }
+            add(line);
+        };
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+/// A proxy with its capability's mutex, used as a capability does.
+class Client {
+public:
+    explicit Client(const std::shared_ptr<grpc::Channel>& channel,
+                    const std::shared_ptr<InProcessGate>& gate = nullptr)
+        : proxy(AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(channel, mutex,
+                                                                               gate)) {}
+
+    std::any observe(const std::string& pattern, ObserverCallback callback) {
+        ObserveReq request;
+        request.set_key_pattern(pattern);
+        const std::lock_guard<std::mutex> lock(*mutex);
+        return proxy->observe<ObserveReq>("/items", request, std::move(callback), 0);
+    }
+
+    void drop(std::any& handle) {
+        const std::lock_guard<std::mutex> lock(*mutex);
+        handle.reset();
+    }
+
+    Status call(UnaryOps operation, const std::string& name, Answer& answer) const {
+        Item item;
+        item.set_name(name);
+        return proxy->callUnary("/items", operation, item, answer);
+    }
+
+    std::shared_ptr<std::mutex> mutex = std::make_shared<std::mutex>();
+    std::shared_ptr<GrpcProxyObserverTree> proxy;
+};
+
+class ProxyTree : public ::testing::Test {
+protected:
+    ProxyTree() { client.emplace(served->newChannel()); }
+
+    void expectObservers(int count) {
+        EXPECT_TRUE(waitUntil([&] { return served->handlers.observers == count; }))
+            << served->handlers.observers << " observers";
+    }
+
+    std::optional<ServedTree<TestService>> served{std::in_place};
+    Told told;
+    std::optional<Client> client;
+};
+
+TEST_F(ProxyTree, CallsUnaryOperationsByKey) {
+    Answer answer;
+    EXPECT_TRUE(client->call(UnaryOps::CREATE, "a", answer).isOk());
+    EXPECT_EQ(answer.text(), "created a");
+    EXPECT_TRUE(client->call(UnaryOps::UPDATE, "a", answer).isOk());
+    EXPECT_EQ(answer.text(), "updated a");
+    EXPECT_TRUE(client->call(UnaryOps::READ, "a", answer).isOk());
+    EXPECT_EQ(answer.text(), "read a");
+    EXPECT_TRUE(client->call(UnaryOps::REMOVE, "a", answer).isOk());
+    EXPECT_EQ(answer.text(), "removed a");
+}
+
+TEST_F(ProxyTree, PassesCodeAndTextOfAFailureOn) {
+    Answer answer;
+    const Status status = client->call(UnaryOps::READ, "fail", answer);
+    EXPECT_EQ(status.statusCode(), ProtoStatus::NOT_FOUND);
+    EXPECT_EQ(status.errorMessage(), "no such item");
+}
+
+TEST_F(ProxyTree, KnowsNoOperationThatTheServiceLacks) {
+    Answer answer;
+    try {
+        client->proxy->callUnary("/items/other", UnaryOps::READ, Item(), answer);
+        FAIL();
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ(error.what(), "map::at");
+    }
+}
+
+TEST_F(ProxyTree, DeliversTheSnapshotAndThenEveryChange) {
+    served->create("a", 1);
+    const auto handle = client->observe("/items/*", told.callback());
+    ASSERT_TRUE(told.waitFor(1));
+    served->create("b", 2);
+    served->create("a", 3);
+    ASSERT_TRUE(told.waitFor(3));
+    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1", "0  /items/b=2", "0  /items/a=3"));
+}
+
+TEST_F(ProxyTree, LetsTheServerApplyThePattern) {
+    const auto handle = client->observe("/items/a*", told.callback());
+    ASSERT_TRUE(told.waitFor(1));
+    EXPECT_THAT(told.lines().at(0),
+                StartsWith("3 PathError: More than two *'s in key_pattern component not allowed"));
+}
+
+TEST_F(ProxyTree, OpensAStreamForEachObserver) {
+    Told other;
+    auto first = client->observe("/items/a", told.callback());
+    auto second = client->observe("/items/b", other.callback());
+    expectObservers(2);
+    served->create("a", 1);
+    served->create("b", 2);
+    ASSERT_TRUE(told.waitFor(1) && other.waitFor(1));
+    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1"));
+    EXPECT_THAT(other.lines(), ElementsAre("0  /items/b=2"));
+    client->drop(first);
+    expectObservers(1);
+    client->drop(second);
+    expectObservers(0);
+}
+
+TEST_F(ProxyTree, IsSilentOnceTheHandleHasBeenDropped) {
+    auto handle = client->observe("/items/*", told.callback());
+    expectObservers(1);
+    client->drop(handle);
+    expectObservers(0);
+    served->create("a", 1);
+    Told later;
+    const auto second = client->observe("/items/*", later.callback());
+    ASSERT_TRUE(later.waitFor(1));
+    EXPECT_TRUE(told.lines().empty());
+}
+
+TEST_F(ProxyTree, LetsAnObserverDropItsOwnHandleInItsCallback) {
+    std::any handle;
+    auto record = told.callback();
+    handle = client->observe("/items/*", [&](const ChangeSetType& changes, const Status& status) {
+        handle.reset();
+        record(changes, status);
+    });
+    served->create("a", 1);
+    ASSERT_TRUE(told.waitFor(1));
+    expectObservers(0);
+    served->create("b", 2);
+    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1"));
+}
+
+TEST_F(ProxyTree, WaitsForACallbackThatRunsWhileTheHandleIsDroppedElsewhere) {
+    std::promise<void> entered;
+    std::promise<void> mayLeave;
+    std::atomic<bool> hasLeft{false};
+    auto handle = client->observe("/items/*", [&](const ChangeSetType&, const Status&) {
+        entered.set_value();
+        mayLeave.get_future().wait();
+        hasLeft = true;
+    });
+    served->create("a", 1);
+    entered.get_future().wait();
+    // Without the capability's mutex on purpose: the call's own mutex has to suffice.
+    auto dropped = std::async(std::launch::async, [&] {
+        handle.reset();
+        return hasLeft.load();
+    });
+    EXPECT_EQ(dropped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    mayLeave.set_value();
+    EXPECT_TRUE(dropped.get());
+}
+
+TEST_F(ProxyTree, TellsTheLossOfThePeerOnceAndWorksAgainWhenItIsBack) {
+    auto handle = client->observe("/items/*", told.callback());
+    expectObservers(1);
+    const std::string address = served->address;
+    served->shutdown(std::chrono::milliseconds(0));
+    ASSERT_TRUE(told.waitFor(1));
+    EXPECT_THAT(told.lines(), ElementsAre("1 Some error occured!"));
+    Answer answer;
+    EXPECT_EQ(client->call(UnaryOps::READ, "a", answer).statusCode(), ProtoStatus::UNAVAILABLE);
+
+    served.emplace(address);
+    ASSERT_TRUE(client->proxy->waitForConnected(std::chrono::system_clock::now() +
+                                                std::chrono::seconds(30)));
+    EXPECT_TRUE(client->call(UnaryOps::READ, "a", answer).isOk());
+    EXPECT_EQ(served->handlers.allObservers, 0) << "nobody observes again by himself";
+    client->drop(handle);
+    handle = client->observe("/items/*", told.callback());
+    served->create("a", 5);
+    ASSERT_TRUE(told.waitFor(2));
+    EXPECT_THAT(told.lines(), ElementsAre("1 Some error occured!", "0  /items/a=5"));
+}
+
+TEST_F(ProxyTree, GivesUpWaitingAtTheDeadline) {
+    const Client absent(grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials()));
+    EXPECT_FALSE(absent.proxy->waitForConnected(std::chrono::system_clock::now() +
+                                                std::chrono::milliseconds(100)));
+}
+
+TEST_F(ProxyTree, CancelsItsStreamsWhenItGoes) {
+    const auto handle = client->observe("/items/*", told.callback());
+    expectObservers(1);
+    client.reset();
+    expectObservers(0);
+    EXPECT_TRUE(told.lines().empty());
+}
+
+TEST_F(ProxyTree, WorksInTheSameProcess) {
+    const auto gate = std::make_shared<InProcessGate>();
+    {
+        Client inside(served->server->InProcessChannel(grpc::ChannelArguments()), gate);
+        EXPECT_TRUE(inside.proxy->waitForConnected(std::chrono::system_clock::time_point::min()));
+        auto handle = inside.observe("/items/*", told.callback());
+        Answer answer;
+        EXPECT_TRUE(inside.call(UnaryOps::CREATE, "a", answer).isOk());
+        ASSERT_TRUE(told.waitFor(1));
+        EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=0"));
+        gate->close();
+        served->shutdown(std::chrono::milliseconds(0));
+        inside.drop(handle);
+    }
+    EXPECT_EQ(told.lines().size(), 1U) << "a stream that ends in the process is not reported";
+}
+
+TEST_F(ProxyTree, StartsNothingOnAServerOfItsProcessThatHasBeenShutDown) {
+    const auto gate = std::make_shared<InProcessGate>();
+    Client inside(served->server->InProcessChannel(grpc::ChannelArguments()), gate);
+    gate->close();
+    served->shutdown(std::chrono::milliseconds(0));
+    Answer answer;
+    const Status status = inside.call(UnaryOps::CREATE, "b", answer);
+    EXPECT_EQ(status.statusCode(), ProtoStatus::UNAVAILABLE);
+    EXPECT_EQ(status.errorMessage(), "The server has been shut down");
+    auto handle = inside.observe("/items/*", told.callback());
+    inside.drop(handle);
+    EXPECT_TRUE(told.lines().empty());
+}
+
+TEST(InProcessGate, WaitsForThoseWhoHavePassed) {
+    InProcessGate gate;
+    auto passage = gate.pass();
+    EXPECT_TRUE(passage.owns_lock());
+    auto closing = std::async(std::launch::async, [&gate] { gate.close(); });
+    EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    passage.unlock();
+    closing.get();
+    EXPECT_FALSE(gate.pass().owns_lock());
+}
+
+TEST(ProxyTreeBuilder, OffersNothingToObserveWithoutAnObserveMethod) {
+    const auto mutex = std::make_shared<std::mutex>();
+    const auto channel = grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials());
+    const auto proxy =
+        AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<PlainService>(channel, mutex, nullptr);
+    EXPECT_THROW(proxy->observe<ObserveReq>("/items", ObserveReq(), nullptr, 0),
+                 FuncNodeHandlerError);
+}
+
+TEST(ProxyTreeBuilder, RefusesAMethodWithoutAValidOperation) {
+    const auto mutex = std::make_shared<std::mutex>();
+    const auto channel = grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials());
+    try {
+        AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<WrongTypeService>(channel, mutex,
+                                                                            nullptr);
+        FAIL();
+    } catch (const ObsTreeBuildError& error) {
+        EXPECT_THAT(error.what(),
+                    StartsWith("ObsTree Build Error: No handler implemented for action: 0rpc "
+                               "reserved("));
+    }
+}
+
+TEST(AsyncGrpcClientHandlerDeathTest, RefusesUnaryMethodsAndASecondThread) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto* service = google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
+        TestService::service_full_name());
+    const auto channel = grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials());
+    EXPECT_DEATH(
+        std::make_shared<AsyncGrpcClientHandler>(std::make_shared<std::mutex>())
+            ->callMethodServerStreaming(Item(), *service->FindMethodByName("readItem"), channel,
+                                        false, nullptr),
+        "The async API should no longer be used for unary calls. Use blocking gRPC directly.");
+    EXPECT_DEATH(
+        {
+            const auto handler =
+                std::make_shared<AsyncGrpcClientHandler>(std::make_shared<std::mutex>());
+            handler->startThread();
+            handler->startThread();
+        },
+        "Assertion failed: \\[!m_thread\\]");
+    EXPECT_DEATH(
+        {
+            const Client client(channel);
+            client.proxy->removeRemoteObservation(nullptr);
+        },
+        "Assertion failed: \\[m_observerMap.erase\\(inMsg\\)\\]");
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree::Test
