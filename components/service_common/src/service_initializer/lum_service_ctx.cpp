@@ -16,11 +16,15 @@ constexpr const char* defaultConfigDir = "/var/lib/halvo";
 
 }  // namespace
 
-LumServiceCtx::LumServiceCtx(const std::string& programName)
-    : m_options(std::make_unique<cxxopts::Options>(programName)) {}
+LumServiceCtx::LumServiceCtx(
+    const std::string& programName,
+    std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> proxyObsTreeBuilder)
+    : m_options(std::make_unique<cxxopts::Options>(programName)),
+      m_proxyObsTreeHelper(std::move(proxyObsTreeBuilder), m_grpcServer) {}
 
 LumServiceCtx::~LumServiceCtx() {
     if (m_grpcServer) {
+        m_proxyObsTreeHelper.inProcessGate()->close();
         m_grpcServer->Shutdown();
     }
     // Ahead of the server object: a queue thread that still finds a finished call in its queue

@@ -65,7 +65,8 @@ LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
       m_logger(Log::getLogsystem()->getLogger("ServiceInitializer")),
       m_argv(argv),
       m_argc(argc),
-      m_ctx(argc > 0 && argv != nullptr ? argv[0] : "") {
+      m_proxyObsTreeBuilder(std::make_shared<ObserverTree::AsyncGrpcProxyObsTreeBuilder>()),
+      m_ctx(argc > 0 && argv != nullptr ? argv[0] : "", m_proxyObsTreeBuilder) {
     addServiceOptions(m_ctx);
     global_fd_shutdown = eventfd(0, 0);
     HOX_ASSERT(global_fd_shutdown > 0);
@@ -133,8 +134,9 @@ void LumServiceInitializer::serverShutdown() {
     sd_notify(0, "STOPPING=1");
     m_logger->log(Log::here(), spdlog::level::info, "Shutting down server");
     // Shutdown must not run in a signal handler.
-    m_shutdownThread = std::make_unique<std::thread>([server = m_ctx.getGrpcServer().get()] {
-        server->Shutdown(std::chrono::system_clock::now() + shutdownGrace);
+    m_shutdownThread = std::make_unique<std::thread>([this] {
+        m_ctx.getProxyObsTreeHelper().inProcessGate()->close();
+        m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now() + shutdownGrace);
     });
 }
 

@@ -9,6 +9,7 @@
 
 #include "hox/service_common/capability/icap_mngr.h"
 #include "hox/service_common/service_initializer/capability_paths.h"
+#include "hox/service_common/service_initializer/proxy_obs_tree_helper.h"
 #include "hox/service_common/service_initializer/service_identity.h"
 
 namespace cxxopts {
@@ -17,7 +18,6 @@ class ParseResult;
 }  // namespace cxxopts
 
 namespace grpc {
-class Server;
 class ServerBuilder;
 }  // namespace grpc
 
@@ -33,8 +33,10 @@ public:
     using CapabilityList = std::vector<std::pair<int, std::unique_ptr<ICapMngr>>>;
     using CapabilityLock = std::unique_ptr<std::unique_lock<std::mutex>>;
 
-    /// The program name stands in the help text.
-    explicit LumServiceCtx(const std::string& programName);
+    /// The program name stands in the help text; the builder is the frame's.
+    explicit LumServiceCtx(
+        const std::string& programName,
+        std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> proxyObsTreeBuilder = {});
 
     /// Shuts the server down, then destroys the capabilities, in the order of their list, and then
     /// the server, which their threads may still ask for calls.
@@ -78,6 +80,9 @@ public:
     /// Replaces the identity.
     void setIdentity(ServiceIdentity identity);
 
+    /// Opens proxy trees, from serverStarted() on.
+    const ProxyObsTreeHelper& getProxyObsTreeHelper() const { return m_proxyObsTreeHelper; }
+
     /// The slot of the frame's lock on the capability that it is calling now, null outside such a
     /// call. Code under the call that blocks lets go of the lock through it.
     CapabilityLock& getCapabilityLock() { return m_capabilityLock; }
@@ -99,6 +104,7 @@ private:
     CapabilityList m_capabilities;
     std::unique_ptr<cxxopts::Options> m_options;
     std::unique_ptr<cxxopts::ParseResult> m_parseResult;
+    ProxyObsTreeHelper m_proxyObsTreeHelper;
     ServiceIdentity m_identity;
     std::unique_ptr<grpc::ServerBuilder> m_serverBuilder;
     std::unique_ptr<grpc::Server> m_grpcServer;

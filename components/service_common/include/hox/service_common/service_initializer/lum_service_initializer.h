@@ -88,6 +88,7 @@ private:
     bool m_isInitialized = false;
     char** m_argv;
     int m_argc;
+    std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> m_proxyObsTreeBuilder;
     LumServiceCtx m_ctx;
     std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
     std::unique_ptr<std::thread> m_shutdownThread;
