@@ -3,6 +3,7 @@
 #include <clocale>
 #include <memory>
 
+#include "hox/configuration/conf_cap_mngr.h"
 #include "hox/introspection/introspection_cap_mngr.h"
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 #include "hox/service_common/service_initializer/service_initialize_assert.h"
@@ -16,6 +17,7 @@ int main(int argc, char** argv) {
 
     auto service = std::make_unique<Hox::Service::LumServiceInitializer>(argc, argv);
     Hox::Service::initAssertion(true);
+    service->addCapability(std::make_unique<Hox::Capability::Configuration::ConfCapMngr>());
     service->addCapability(
         std::make_unique<Hox::Capability::Introspection::IntrospectionCapMngr>());
     service->addCapability(

@@ -56,6 +56,8 @@ class Client:
         self.channel = open_channel(address)
         self.state = Stub(self.channel,
                           protos.service(protos.state, "StateMonitoringService"))
+        self.configuration = Stub(self.channel,
+                                  protos.service(protos.configuration, "ConfigurationService"))
         self.introspection = Stub(self.channel,
                                   protos.service(protos.introspection, "IntrospectionService"))
 

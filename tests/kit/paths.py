@@ -9,6 +9,7 @@ PROTO_ROOTS = [
     ROOT / "components/hox_protos/proto",
     ROOT / "third_party",
     ROOT / "capabilities/state_monitoring/api/proto",
+    ROOT / "capabilities/configuration/api/proto",
     ROOT / "capabilities/introspection/api/proto",
 ]
 

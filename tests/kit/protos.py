@@ -11,7 +11,8 @@ from kit.paths import PROTO_ROOTS
 class Protos:
     """The modules that protoc made of all proto files.
 
-    state: state monitoring; tree: the observer tree's wire; introspection: log levels.
+    state: state monitoring; configuration: the configuration store; tree: the observer tree's
+    wire; introspection: log levels.
     """
 
     def __init__(self, out):
@@ -22,6 +23,7 @@ class Protos:
         sys.path.insert(0, str(out))
         self.tree = importlib.import_module("obstree_pb2")
         self.state = importlib.import_module("state_monitoring_pb2")
+        self.configuration = importlib.import_module("configuration_pb2")
         self.introspection = importlib.import_module("introspection_pb2")
 
     def service(self, module, name):

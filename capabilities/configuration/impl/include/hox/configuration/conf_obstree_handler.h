@@ -1,0 +1,82 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <any>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "configuration.pb.h"
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
+#include "hox/observer_tree/observer_tree.h"
+#include "hox/observer_tree/persistence/persistence_hndlr.h"
+
+namespace Hox::Capability::Configuration {
+
+/// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
+///
+/// Changes stay in memory until somebody saves them. All functions, and the destructor, run under
+/// the capability's mutex; the handlers run under the tree's locks as well. The tree refers to this
+/// object, which therefore outlives the serving of requests.
+class ConfObstreeHandler {
+public:
+    /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
+    /// frame's slot for its lock of the capability. Throws std::filesystem::filesystem_error.
+    ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
+                       std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                       const std::string& confPath, const std::string& serviceId);
+    virtual ~ConfObstreeHandler() = default;
+    ConfObstreeHandler(const ConfObstreeHandler&) = delete;
+    ConfObstreeHandler(ConfObstreeHandler&&) = delete;
+    ConfObstreeHandler& operator=(const ConfObstreeHandler&) = delete;
+    ConfObstreeHandler& operator=(ConfObstreeHandler&&) = delete;
+
+    /// Where state notifications go. Without one none are sent.
+    void setStateTree(std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> stateTree);
+
+    /// Registers the handlers of the function tree.
+    void registerObsTreeHandlers();
+
+    /// Starts to watch the tree for changes that observers of slices have to hear of.
+    void addObservers();
+
+private:
+    template <typename Resp>
+    using Return = Hox::ObserverTree::UnaryHandlerReturnType<Resp>;
+
+    Return<Api::UpdateCapConfResp> updateCapConf(const Api::UpdateCapConfReq& request,
+                                                 Hox::ObserverTree::DataTree& tree);
+    Return<Api::ReadCapConfResp> readCapConf(const Api::ReadCapConfReq& request,
+                                             Hox::ObserverTree::DataTree& tree) const;
+    void observeCapConf(const Api::ObserveCapConfReq& request,
+                        const Hox::ObserverTree::ObserverCallback& callback);
+    void stopObserveCapConf(const Api::ObserveCapConfReq& request);
+    void onConfTreeChanged(const Hox::ObserverTree::ChangeSetType& changes,
+                           const Hox::ObserverTree::Status& status);
+
+    Hox::ObserverTree::Status checkUpdate(const Api::UpdateCapConfReq& request,
+                                          const std::string& capConfKey,
+                                          const Hox::ObserverTree::DataTree& tree) const;
+    void applyChanges(const Api::UpdateCapConfReq& request, const std::string& capConfKey,
+                      Hox::ObserverTree::DataTree& tree);
+    void notifyUnsaved() const;
+
+    std::function<std::string()> _HALVOMACRO_loggerName = [] {
+        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+    };
+    std::shared_ptr<spdlog::logger> m_logger;
+    Hox::ObserverTree::ObserverTree& m_tree;
+    std::map<std::string, Hox::ObserverTree::ObserverCallback> m_observeCbMap;
+    std::any m_confObserveHandle;
+    bool m_ignoreTreeChanges = true;
+    std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> m_persistHndlr;
+    std::string m_confPath;
+    std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> m_stateTree;
+    std::string m_serviceId;
+};
+
+}  // namespace Hox::Capability::Configuration

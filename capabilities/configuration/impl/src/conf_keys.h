@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+
+#include "configuration.pb.h"
+#include "hox/observer_tree/data_tree.h"
+
+namespace Hox::Capability::Configuration {
+
+/// Where all configuration lies.
+constexpr const char* confRoot = "/sys/conf";
+
+/// The key that holds the state id of a slice, inside the slice.
+constexpr const char* stateIdKey = "/__csid";
+
+/// The root of a slice: every key of the slice starts with this text.
+std::string capConfKey(const Api::ConfId& confId);
+
+/// The root of a slice without what all roots have in common.
+std::string uniqueConfId(const Api::ConfId& confId);
+
+/// Length of the slice root that the key starts with. Asserts that the key is long enough to have
+/// one.
+std::size_t sliceRootLength(const std::string& key);
+
+/// The native form of a slice that has been read, by keys inside the slice. All keys belong to one
+/// slice.
+Hox::ObserverTree::ChangeSetType splitCapConfKeys(
+    const Hox::ObserverTree::ObsTreeObserveChangeSet& changeSet);
+
+/// Calls `action` with each element of the tree whose key starts with the prefix, in key order.
+template <typename Action>
+void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::string& prefix,
+                       const Action& action) {
+    for (auto it = tree.lower_bound(prefix);
+         it != tree.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
+        action(*it);
+    }
+}
+
+/// Why the file store cannot hold the key, or an empty text.
+std::string whyNotStorable(const std::string& key);
+
+}  // namespace Hox::Capability::Configuration

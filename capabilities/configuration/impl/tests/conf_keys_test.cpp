@@ -1,0 +1,115 @@
+#include "conf_keys.h"
+
+#include <gmock/gmock.h>
+#include <google/protobuf/wrappers.pb.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "state_id.h"
+
+namespace Hox::Capability::Configuration {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+Api::ConfId confId(const std::string& type, const std::string& id, const std::string& capability) {
+    Api::ConfId result;
+    result.set_nodetype(type);
+    result.set_nodeid(id);
+    result.set_capabilityid(capability);
+    return result;
+}
+
+TEST(ConfKeys, ComposeTheRootOfASlice) {
+    EXPECT_EQ(capConfKey(confId("mb", "0", "tuner")), "/sys/conf/mb/0/tuner");
+    EXPECT_EQ(uniqueConfId(confId("mb", "0", "tuner")), "mb/0/tuner");
+}
+
+TEST(ConfKeys, FindTheRootAgainByCountingSlashes) {
+    EXPECT_EQ(sliceRootLength("/sys/conf/mb/0/tuner/a/b"),
+              std::string("/sys/conf/mb/0/tuner").size());
+    EXPECT_EQ(sliceRootLength("/sys/conf///x/y"), std::string("/sys/conf///x").size());
+}
+
+TEST(ConfKeysDeathTest, WantThreeSlashesBehindThePrefix) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const char* key : {"/sys/conf/mb/0/tuner", "/sys/conf/", "/sys", ""}) {
+        EXPECT_DEATH(sliceRootLength(key), "Assertion failed: \\[iter != key.end\\(\\)\\]") << key;
+    }
+}
+
+TEST(ConfKeys, SplitGivesLocalKeys) {
+    Hox::ObserverTree::ObsTreeObserveChangeSet changeSet;
+    for (const char* key :
+         {"/sys/conf/mb/0/net/b", "/sys/conf/mb/0/net/a", "/sys/conf/mb/0/net/__csid"}) {
+        (*changeSet.mutable_node_change_map())[key]
+            .add_nodepairlist()
+            ->mutable_currentmessage()
+            ->set_value(key);
+    }
+    std::vector<std::string> keys;
+    for (const auto& [key, changes] : splitCapConfKeys(changeSet)) {
+        keys.push_back(key);
+        EXPECT_EQ(changes.size(), 1U);
+        EXPECT_EQ(changes.at(0).previous, nullptr);
+        EXPECT_EQ(changes.at(0).current->toAny()->value(), "/sys/conf/mb/0/net" + key);
+    }
+    EXPECT_THAT(keys, ElementsAre("/__csid", "/a", "/b"));
+    EXPECT_TRUE(splitCapConfKeys({}).empty());
+}
+
+TEST(ConfKeys, ThatNoFileCanHoldAreTold) {
+    const std::string component(255, 'x');
+    EXPECT_EQ(whyNotStorable("/sys/" + component + "/b"), "");
+    EXPECT_THAT(whyNotStorable("/sys/" + component + "x/b"),
+                HasSubstr("/sys/" + component + "x/b"));
+    EXPECT_THAT(whyNotStorable("/a/data/b"), HasSubstr("/a/data/b"));
+    EXPECT_THAT(whyNotStorable("/a/data~"), HasSubstr("/a/data~"));
+    EXPECT_EQ(whyNotStorable("/a/database"), "");
+    std::string longKey;
+    while (longKey.size() < 3000) {
+        longKey += "/123456789";
+    }
+    EXPECT_EQ(whyNotStorable(longKey), "");
+    EXPECT_THAT(whyNotStorable(longKey + "x"), HasSubstr(longKey));
+}
+
+TEST(StateId, IsStoredInItsOddForm) {
+    const auto value = stateIdToValue("17");
+    EXPECT_EQ(value->get<google::protobuf::StringValue>().value(),
+              R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":"17"})");
+    EXPECT_TRUE(holdsStateId(*value, "17"));
+    EXPECT_FALSE(holdsStateId(*value, "18"));
+}
+
+TEST(StateId, ThatCannotBeReadMatchesNothing) {
+    google::protobuf::StringValue text;
+    for (const char* broken :
+         {"", "17", "{",
+          R"({"@type":"type.googleapis.com/google.protobuf.Int32Value","value":17})"}) {
+        text.set_value(broken);
+        EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), broken)) << broken;
+        EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), "")) << broken;
+    }
+    google::protobuf::Any foreign;
+    foreign.set_type_url("type.googleapis.com/No.Such");
+    EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(foreign), ""));
+    google::protobuf::Any undecodable;
+    undecodable.set_type_url("type.googleapis.com/google.protobuf.StringValue");
+    undecodable.set_value("\xff\xff");
+    EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(undecodable), ""));
+}
+
+TEST(StateId, IsTheSystemClocksCount) {
+    const auto id = newStateId();
+    EXPECT_EQ(id.size(), 19U) << id;
+    EXPECT_EQ(id.find_first_not_of("0123456789"), std::string::npos) << id;
+    EXPECT_LE(id, newStateId());
+}
+
+}  // namespace
+}  // namespace Hox::Capability::Configuration
