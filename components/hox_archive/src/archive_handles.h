@@ -1,0 +1,55 @@
+#pragma once
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <memory>
+#include <string>
+
+namespace Hox::Archive {
+
+/// Closes and frees a handle for reading.
+struct ReaderDeleter {
+    void operator()(::archive* handle) const { archive_read_free(handle); }
+};
+
+/// Closes and frees a handle for writing. What was not written yet is written now: the memory that
+/// an archive goes to must outlive its writer.
+struct WriterDeleter {
+    void operator()(::archive* handle) const {
+        archive_write_close(handle);  // after a fatal error freeing alone leaves the file open
+        archive_write_free(handle);
+    }
+};
+
+/// Frees an entry.
+struct EntryDeleter {
+    void operator()(::archive_entry* entry) const { archive_entry_free(entry); }
+};
+
+using Reader = std::unique_ptr<::archive, ReaderDeleter>;
+using Writer = std::unique_ptr<::archive, WriterDeleter>;
+using Entry = std::unique_ptr<::archive_entry, EntryDeleter>;
+
+/// Reads archives of all formats through all filters. This and the next four throw std::bad_alloc.
+Reader newReader();
+
+/// Walks the file system, and asks the system for the names of users and groups.
+Reader newDiskReader();
+
+/// Writes an archive whose format is still to be set.
+Writer newWriter();
+
+/// Writes to the file system, and asks the system for the numbers of users and groups.
+Writer newDiskWriter();
+
+/// An empty entry.
+Entry newEntry();
+
+/// A copy of the entry; throws std::bad_alloc.
+Entry cloneOf(::archive_entry* entry);
+
+/// What went wrong last with the handle; empty if nothing did.
+std::string errorText(::archive* handle);
+
+}  // namespace Hox::Archive
