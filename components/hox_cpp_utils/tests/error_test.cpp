@@ -25,6 +25,7 @@
 #include "hox/observer_tree/path_error.h"
 #include "hox/service_discovery/error/service_discovery_error.h"
 #include "hox/service_discovery/error/service_discovery_publish_error.h"
+#include "hox/system_api/error/serial_number_error.h"
 
 namespace Hox {
 namespace {
@@ -106,6 +107,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "DataTreeValError Error: the message(folder/file.cpp:5)"},
         ErrorCase{"ArchiveError", textsCaughtAs<ArchiveError, Error>,
                   "Archiving error: the message(folder/file.cpp:5)"},
+        ErrorCase{"SerialNumberError", textsCaughtAs<SystemAPI::SerialNumberError, Error>,
+                  "the message(folder/file.cpp:5)"},
         ErrorCase{"ServiceDiscoveryError", textsCaughtAs<ServiceDiscoveryError, Error>,
                   "Service Discovery Error: the message(folder/file.cpp:5)"}),
     [](const auto& instance) { return std::string(instance.param.name); });

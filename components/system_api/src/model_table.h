@@ -1,0 +1,13 @@
+#pragma once
+
+#include <vector>
+
+#include "hox/system_api/model_info.h"
+
+namespace Hox::SystemAPI {
+
+/// The product models that exist, in the order of the file that the build took them from. Each part
+/// number occurs once. Callable from any thread.
+const std::vector<ModelInfo>& modelTable();
+
+}  // namespace Hox::SystemAPI
