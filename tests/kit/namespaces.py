@@ -2,6 +2,7 @@
 import ctypes
 import itertools
 import os
+import shutil
 import socket
 import subprocess
 
@@ -35,3 +36,33 @@ def free_port():
         except OSError:
             continue
     raise AssertionError("unreachable")
+
+
+#: Gives the command an /etc and a /tmp of its own; the latter keeps the folder that is named first.
+_OWN_MACHINE = r"""
+set -e
+folder=$1 etc=$2 marker=$3; shift 3
+mount --bind "$etc" /etc
+mount --bind "$folder" /mnt
+mount -t tmpfs tmpfs /tmp
+mkdir -p "$folder"
+mount --bind /mnt "$folder"
+if [ "$marker" = yes ]; then : > /tmp/headend_override_compat_check; fi
+exec "$@"
+"""
+
+
+def own_machine(folder, keep, variant=None, serial=None, override=False):
+    """Words to put before a command that works below the folder `keep`: it sees a variant file and a
+    serial file with these texts (None: no file), and the marker that forces packages or not.
+    """
+    etc = folder / "etc"
+    etc.mkdir(parents=True)
+    for name in ("hosts", "nsswitch.conf", "passwd", "group", "localtime"):
+        if os.path.exists(f"/etc/{name}"):
+            shutil.copy(f"/etc/{name}", etc / name)
+    for name, text in (("sw_variant", variant), ("serial", serial)):
+        if text is not None:
+            (etc / name).write_text(text)
+    return ["unshare", "-m", "sh", "-c", _OWN_MACHINE, "sh", str(keep), str(etc),
+            "yes" if override else "no"]

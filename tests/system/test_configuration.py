@@ -4,60 +4,9 @@ import threading
 
 import grpc
 import pytest
-from google.protobuf import any_pb2, wrappers_pb2
+from google.protobuf import any_pb2
 
-from kit.client import Stream
-
-STATE_ID = "/__csid"
-
-
-class Slice:
-    """A foreign service that owns the slice mb/0/<capability>."""
-
-    def __init__(self, client, capability="tuner"):
-        self.client = client
-        self.protos = client.protos
-        self.conf_id = self.protos.configuration.ConfId(
-            nodeType="mb", nodeId="0", capabilityId=capability)
-        self.state_id = ""
-
-    def update(self, values=None, removed=(), patch=True, state_id=None):
-        """Pushes values (key to text), keeps and returns the new state id."""
-        request = self.protos.configuration.UpdateCapConfReq(
-            confId=self.conf_id, isPatch=patch,
-            lastCapConfStateId=self.state_id if state_id is None else state_id)
-        for key, text in (values or {}).items():
-            pair = request.capConfChangeset.node_change_map[key].nodePairList.add()
-            pair.currentMessage.Pack(wrappers_pb2.StringValue(value=text))
-        for key in removed:
-            request.capConfChangeset.node_change_map[key].nodePairList.add()
-        self.state_id = self.client.configuration.updateCapConf(request).capConfStateId
-        return self.state_id
-
-    def observe(self, state_id=""):
-        request = self.protos.configuration.ObserveCapConfReq(
-            confId=self.conf_id, lastCapConfStateId=state_id)
-        return Stream(self.client.configuration.observeCapConf(request))
-
-    def content(self):
-        """All values of the slice but its state id, as a new observer gets them."""
-        stream = self.observe("no such id")
-        found = texts(stream.next())
-        stream.cancel()
-        found.pop(STATE_ID, None)
-        return found
-
-
-def texts(element):
-    """Key to text of one element, which must be OK."""
-    assert element.observeStatus.statusCode == 0, element.observeStatus
-    found = {}
-    for key, changes in element.node_change_map.items():
-        value = wrappers_pb2.StringValue()
-        assert changes.nodePairList[0].currentMessage.Unpack(value)
-        found[key] = value.value
-    return found
-
+from kit.configuration import STATE_ID, Slice, texts
 
 @pytest.fixture
 def tuner(client):

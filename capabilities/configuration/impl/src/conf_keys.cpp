@@ -1,10 +1,12 @@
 #include "conf_keys.h"
 
+#include <google/protobuf/wrappers.pb.h>
+
 #include <algorithm>
-#include <map>
 
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/observer_tree/change_set_conversion.h"
+#include "hox/observer_tree/path_manipulation.h"
 
 namespace Hox::Capability::Configuration {
 
@@ -16,6 +18,13 @@ constexpr std::size_t uniqueIdStart = 10;  // behind "/sys/conf/"
 constexpr int slashesOfSlice = 3;
 constexpr std::size_t maxComponentSize = 255;
 constexpr std::size_t maxKeySize = 3000;
+
+/// Whether the key goes into the tree when it is loaded.
+bool isKept(const std::string& key) {
+    const std::string start = std::string(confRoot) + "/";
+    return key.compare(0, start.size(), start) == 0 &&
+           key.find_first_of("\n\r") == std::string::npos;
+}
 
 bool isReservedName(const std::string& component) {
     return component == "data" || component == "data~";
@@ -54,6 +63,17 @@ ChangeSetType splitCapConfKeys(const Hox::ObserverTree::ObsTreeObserveChangeSet&
                            std::move(keyChanges));
     }
     return local;
+}
+
+void checkSaved(const ChangeSetType& content) {
+    const Hox::ObserverTree::PathManipulation path;
+    for (const auto& [key, changes] : content) {
+        if (isKept(key)) {
+            path.parsePath(Hox::ObserverTree::PathType::Key, key);
+        } else if (key == stateIdKey) {
+            changes.at(0).current->get<google::protobuf::StringValue>();
+        }
+    }
 }
 
 std::string whyNotStorable(const std::string& key) {

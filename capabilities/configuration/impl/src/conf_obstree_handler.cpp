@@ -28,6 +28,7 @@ using Hox::ObserverTree::UnaryOps;
 
 namespace {
 
+constexpr const char* dataAddress = "/sys/conf/.data.";
 constexpr const char* readAddress = "/.rcc.";
 constexpr const char* observeAddress = "/sys/.conf.";
 
@@ -100,6 +101,14 @@ void ConfObstreeHandler::registerObsTreeHandlers() {
         confRoot, [this](const Api::UpdateCapConfReq& request, DataTree& tree) {
             return updateCapConf(request, tree);
         });
+    m_tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetSysConfReq, Api::GetSysConfResp>(
+        dataAddress, [this](const Api::GetSysConfReq& /*request*/, DataTree& /*tree*/) {
+            return readSysConf();
+        });
+    m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
+        dataAddress, [this](const Api::UpdateSysConfReq& request, DataTree& /*tree*/) {
+            return updateSysConf(request);
+        });
     m_tree.registerNewObserverHandler<Api::ObserveCapConfReq>(
         confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
             observeCapConf(request, callback);
@@ -136,7 +145,7 @@ ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCap
     m_ignoreTreeChanges = true;
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Updating system configuration for {}",
                   root);
-    notifyUnsaved();
+    notify(StateMonitoring::Api::WARN, "Sysconf cap update");
     if (!request.ispatch()) {
         removeSlice(root, tree);
     }
@@ -185,19 +194,20 @@ void ConfObstreeHandler::applyChanges(const Api::UpdateCapConfReq& request,
     }
 }
 
-void ConfObstreeHandler::notifyUnsaved() const {
+void ConfObstreeHandler::notify(StateMonitoring::Api::StateSeverity severity,
+                                const std::string& msg) const {
     if (!m_stateTree) {
         return;
     }
     namespace Monitor = Hox::Capability::StateMonitoring::Api;
     Monitor::CreateStateNotificationReq request;
     auto& notification = *request.mutable_statenotification();
-    notification.set_severity(Monitor::WARN);
+    notification.set_severity(severity);
     notification.set_service_id(m_serviceId);
     notification.set_type(
         Api::StateNotificationTypes_Name(Api::Cap_Configuration_SysConfPersisted));
     notification.set_source("sys/conf/update");
-    notification.set_msg("Sysconf cap update");
+    notification.set_msg(msg);
     *notification.mutable_timestamp() = google::protobuf::util::TimeUtil::GetCurrentTime();
     Monitor::CreateStateNotificationResp response;
     m_stateTree->callUnary("/state/notifications", UnaryOps::CREATE, request, response);

@@ -1,140 +1,25 @@
 #include "hox/configuration/conf_obstree_handler.h"
 
 #include <gmock/gmock.h>
-#include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "configuration_store.h"
 #include "hox/testing/log_capture.h"
-#include "hox/testing/temp_dir.h"
 
 namespace Hox::Capability::Configuration {
 namespace {
 
-using google::protobuf::StringValue;
-using Hox::ObserverTree::ChangeSetType;
-using Hox::ObserverTree::ObserverTree;
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
-using Hox::ObserverTree::UnaryOps;
 using Hox::Testing::LogCapture;
-using Hox::Testing::TempDir;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-
-google::protobuf::Any packed(const std::string& text) {
-    StringValue message;
-    message.set_value(text);
-    google::protobuf::Any any;
-    any.PackFrom(message);
-    return any;
-}
-
-/// An update of the slice mb/0/<capability>.
-class Update {
-public:
-    explicit Update(const std::string& capability, const std::string& stateId = "") {
-        request.mutable_confid()->set_nodetype("mb");
-        request.mutable_confid()->set_nodeid("0");
-        request.mutable_confid()->set_capabilityid(capability);
-        request.set_lastcapconfstateid(stateId);
-        request.set_ispatch(true);
-    }
-    Update& set(const std::string& key, const std::string& text) {
-        *pair(key).mutable_currentmessage() = packed(text);
-        return *this;
-    }
-    Update& remove(const std::string& key) {
-        pair(key);
-        return *this;
-    }
-    Update& full() {
-        request.set_ispatch(false);
-        return *this;
-    }
-
-    Api::UpdateCapConfReq request;
-
-private:
-    Hox::ObserverTree::ObsTreeDataNodePair& pair(const std::string& key) {
-        return *(*request.mutable_capconfchangeset()->mutable_node_change_map())[key]
-                    .add_nodepairlist();
-    }
-};
-
-class ConfigurationStore : public ::testing::Test {
-protected:
-    ConfigurationStore() { start(); }
-
-    void start() {
-        m_tree.emplace();
-        m_handler.emplace(*m_tree, m_lock, (m_dir / "conf").string(), "head-1");
-        m_handler->registerObsTreeHandlers();
-        m_handler->addObservers();
-    }
-
-    Status tryUpdate(const Update& update) {
-        auto result =
-            m_tree->callApiOp<UnaryOps::UPDATE, Api::UpdateCapConfReq, Api::UpdateCapConfResp>(
-                "/sys/conf", update.request);
-        m_stateId = result.message->capconfstateid();
-        return result.status;
-    }
-
-    /// Updates and returns the new state id.
-    std::string update(const Update& request) {
-        const Status status = tryUpdate(request);
-        EXPECT_TRUE(status.isOk()) << status.errorMessage();
-        EXPECT_FALSE(m_stateId.empty());
-        return m_stateId;
-    }
-
-    /// Observes a slice; "<code> <key>=<text>..." for each call.
-    std::any observe(const std::string& capability, const std::string& stateId,
-                     std::vector<std::string>& told) {
-        Api::ObserveCapConfReq request;
-        *request.mutable_confid() = Update(capability).request.confid();
-        request.set_lastcapconfstateid(stateId);
-        return m_tree->observe<Api::ObserveCapConfReq>(
-            "/sys/conf", request,
-            [&told](const ChangeSetType& changes, const Status& status) {
-                std::string line = std::to_string(status.statusCode()) + status.errorMessage();
-                for (const auto& [key, keyChanges] : changes) {
-                    line += " " + key;
-                    if (key != "/__csid") {
-                        line += "=" + keyChanges.at(0).current->get<StringValue>().value();
-                    }
-                }
-                told.push_back(line);
-            },
-            0);
-    }
-
-    /// The keys and texts of the whole store, without the state ids' values.
-    std::vector<std::string> content() {
-        std::vector<std::string> lines;
-        const std::string dump = m_tree->dumpDataTree();
-        std::size_t start = 0;
-        while ((start = dump.find("key: \"", start)) != std::string::npos) {
-            start += 6;
-            lines.push_back(dump.substr(start, dump.find('"', start) - start));
-        }
-        return lines;
-    }
-
-    TempDir m_dir;
-    std::unique_ptr<std::unique_lock<std::mutex>> m_lock;
-    std::optional<ObserverTree> m_tree;
-    std::optional<ConfObstreeHandler> m_handler;
-    std::string m_stateId;
-};
 
 TEST_F(ConfigurationStore, AcceptsTheFirstUpdateOfASliceWithAnyStateId) {
     LogCapture log;
@@ -257,7 +142,6 @@ TEST_F(ConfigurationStore, LoadsWhatHasBeenSavedAndNothingElse) {
         {std::make_shared<const Hox::ObserverTree::DataTreeVal>(packed("kept")), nullptr}};
     saved["/elsewhere"] = saved.begin()->second;
     Hox::ObserverTree::NodeDataFileHndlr().saveChangeSet(saved, m_dir / "conf");
-    m_handler.reset();
     start();
     EXPECT_THAT(content(), ElementsAre("/sys/conf/mb/0/tuner/a"));
     update(Update("tuner", "a slice without a state id takes any").set("/b", "2"));

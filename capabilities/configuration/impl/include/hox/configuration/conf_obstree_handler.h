@@ -3,6 +3,7 @@
 #include <spdlog/logger.h>
 
 #include <any>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,14 +15,16 @@
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
+#include "state_monitoring.pb.h"
 
 namespace Hox::Capability::Configuration {
 
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
-/// Changes stay in memory until somebody saves them. All functions, and the destructor, run under
-/// the capability's mutex; the handlers run under the tree's locks as well. The tree refers to this
-/// object, which therefore outlives the serving of requests.
+/// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
+/// directory that is replaced in one step and never edited. All functions, and the destructor, run
+/// under the capability's mutex; the handlers run under the tree's locks as well. The tree refers
+/// to this object, which therefore outlives the serving of requests.
 class ConfObstreeHandler {
 public:
     /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
@@ -63,7 +66,23 @@ private:
                                           const Hox::ObserverTree::DataTree& tree) const;
     void applyChanges(const Api::UpdateCapConfReq& request, const std::string& capConfKey,
                       Hox::ObserverTree::DataTree& tree);
-    void notifyUnsaved() const;
+    void notify(StateMonitoring::Api::StateSeverity severity, const std::string& msg) const;
+
+    // The working copy, the saved copy and packages: conf_obstree_handler_packages.cpp.
+    Return<Api::GetSysConfResp> readSysConf() const;
+    Return<Api::UpdateSysConfResp> updateSysConf(const Api::UpdateSysConfReq& request);
+    Hox::ObserverTree::Status saveSysConfData(const std::string& data);
+    Hox::ObserverTree::Status unpack(const std::string& data,
+                                     const std::filesystem::path& dir) const;
+    Hox::ObserverTree::Status examinePackage(const std::filesystem::path& dir,
+                                             Hox::ObserverTree::ChangeSetType& content) const;
+    bool confIsCompatible(const std::filesystem::path& dir) const;
+    void saveChanges();
+    void discardChanges();
+    void announceDiscard();
+    void clearSysConfData();
+    std::filesystem::path makeScratchDirectory() const;
+    void putInForce(const std::filesystem::path& scratch) const;
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <google/protobuf/wrappers.pb.h>
+#include <gtest/gtest.h>
+
+#include <any>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hox/configuration/conf_obstree_handler.h"
+#include "hox/testing/temp_dir.h"
+
+namespace Hox::Capability::Configuration {
+
+/// The packed form of a text.
+google::protobuf::Any packed(const std::string& text);
+
+/// An update of the slice mb/0/<capability>.
+class Update {
+public:
+    explicit Update(const std::string& capability, const std::string& stateId = "");
+    Update& set(const std::string& key, const std::string& text);
+    Update& remove(const std::string& key);
+    Update& full();
+
+    Api::UpdateCapConfReq request;
+
+private:
+    Hox::ObserverTree::ObsTreeDataNodePair& pair(const std::string& key);
+};
+
+/// A store in a tree of its own, saved below a folder of its own.
+class ConfigurationStore : public ::testing::Test {
+protected:
+    ConfigurationStore();
+
+    /// As at the start of the service: with what is saved.
+    void start();
+
+    Hox::ObserverTree::Status tryUpdate(const Update& update);
+
+    /// Updates and returns the new state id.
+    std::string update(const Update& request);
+
+    /// Observes a slice; "<code> <key>=<text>..." for each call, "<key>=gone" for a removal.
+    std::any observe(const std::string& capability, const std::string& stateId,
+                     std::vector<std::string>& told);
+
+    /// The keys of the whole store.
+    std::vector<std::string> content();
+
+    Hox::Testing::TempDir m_dir;
+    std::unique_ptr<std::unique_lock<std::mutex>> m_lock;
+    std::optional<Hox::ObserverTree::ObserverTree> m_tree;
+    std::optional<ConfObstreeHandler> m_handler;
+    std::string m_stateId;
+};
+
+}  // namespace Hox::Capability::Configuration

@@ -1,0 +1,255 @@
+"""Save, discard, export, import and clear: the working copy, the saved copy, and packages."""
+import io
+import json
+import signal
+import tarfile
+import threading
+
+import grpc
+import pytest
+
+from kit.configuration import (STATE_ID, Slice, clear, discard, export_package, import_package, save,
+                               texts)
+from kit.namespaces import own_machine
+
+SAVED = "config/configuration"
+
+
+def serial(part_number, kind=0):
+    return json.dumps([{"type": str(kind), "serial": "S1", "partnumber": str(part_number),
+                        "revision": "2"}])
+
+
+def saved_files(service):
+    root = service.folder / SAVED
+    return {str(path.relative_to(root)): path.read_bytes()
+            for path in root.rglob("*") if path.is_file()}
+
+
+def members(package):
+    with tarfile.open(fileobj=io.BytesIO(package), mode="r:gz") as archive:
+        return {entry.name: archive.extractfile(entry).read()
+                for entry in archive if entry.isfile()}
+
+
+def value_file(text):
+    return json.dumps({"@type": "type.googleapis.com/google.protobuf.StringValue", "value": text},
+                      separators=(",", ":")).encode()
+
+
+def slice_files(values):
+    """The saved copy of the slice mb/0/tuner, made elsewhere."""
+    state_id = value_file(value_file("made elsewhere").decode())
+    return {f"sys/conf/mb/0/tuner{key}/data": content for key, content in
+            [(STATE_ID, state_id), *((key, value_file(text)) for key, text in values.items())]}
+
+
+def tar(files, mode="w:gz"):
+    out = io.BytesIO()
+    with tarfile.open(fileobj=out, mode=mode) as archive:
+        for name, content in files.items():
+            entry = tarfile.TarInfo(name)
+            entry.size = len(content)
+            archive.addfile(entry, io.BytesIO(content))
+    return out.getvalue()
+
+
+@pytest.fixture
+def tuner(client):
+    return Slice(client)
+
+
+@pytest.fixture
+def machine(start, tmp_path):
+    """Starts a service on a machine of a given kind."""
+    count = iter(range(100))
+
+    def launch(**kind):
+        return start(prefix=own_machine(tmp_path / f"m{next(count)}", keep=tmp_path, **kind))
+
+    return launch
+
+
+def test_a_saved_slice_survives_a_kill(start, service, client, tuner):
+    tuner.update({"/a": "1", "/b/c": "2"})
+    save(client)
+    tuner.update({"/unsaved": "3"})
+    service.signal(signal.SIGKILL)
+    assert service.wait_end() == -signal.SIGKILL
+    again = start("--configdir", str(service.folder / "config"))
+    assert Slice(again.client()).content() == {"/a": "1", "/b/c": "2"}
+
+
+def test_the_state_tells_what_is_unsaved(client, tuner):
+    for action, text in ((save, "Sysconf saved"), (discard, "Sysconf discard changes"),
+                         (clear, "Sysconf discard changes")):
+        tuner.state_id = ""
+        clear(client)
+        tuner.update({"/a": "1"})
+        assert client.current_state() == "WARN"
+        action(client)
+        assert client.current_state() == "OK"
+        stored, = client.latest().stateList
+        note = stored.stateNotification
+        assert (note.service_id, note.type, note.source, note.msg, note.extendedInfo) == (
+            "head-1", "Cap_Configuration_SysConfPersisted", "sys/conf/update", text, "")
+
+
+def test_observers_hear_of_a_discard_and_of_no_update(client, tuner):
+    state_id = tuner.update({"/a": "1", "/b": "2"})
+    save(client)
+    stream = tuner.observe(state_id)
+    assert stream.next().observeStatus.statusCode == 6
+    tuner.update({"/a": "changed", "/c": "3"})
+    discard(client)
+    heard = texts(stream.next())
+    assert {key: heard[key] for key in ("/a", "/b", "/c")} == {"/a": "1", "/b": "2", "/c": None}
+    assert set(heard) == {"/a", "/b", "/c", STATE_ID}
+    tuner.state_id = state_id
+    tuner.update({"/a": "4"})
+    discard(client)
+    assert texts(stream.next())["/a"] == "1"
+
+
+def test_a_package_replaces_everything_and_comes_back_byte_for_byte(service, client, tuner):
+    tuner.update({"/a": "1", "/ü/ß": "ä"})
+    Slice(client, "other").update({"/x": "9"})
+    save(client)
+    package = export_package(client)
+    assert members(package) == saved_files(service)
+    assert members(package)["swvariant"] == b"output:QAM\n"
+    before = saved_files(service)
+    clear(client)
+    assert saved_files(service) == {}
+    assert tuner.content() == {}
+    import_package(client, package)
+    assert saved_files(service) == before
+    assert tuner.content() == {"/a": "1", "/ü/ß": "ä"}
+
+
+def test_a_package_fits_its_machine_only(machine):
+    first = machine(variant="output:COFDM\n", serial=serial(100003)).client()
+    Slice(first).update({"/a": "1"})
+    save(first)
+    package = export_package(first)
+    assert members(package)["swvariant"] == b"output:COFDM\n"
+    assert members(package)["partno"] == b"100003\n"
+    twin = machine(variant="output:COFDM\n", serial=serial(100003)).client()
+    import_package(twin, package)
+    assert Slice(twin).content() == {"/a": "1"}
+    for kind, identity in (
+            ({"variant": "output:QAM\n", "serial": serial(100003)}, "QAM partNo:100003"),
+            ({"variant": "output:COFDM\n", "serial": serial(100004)}, "COFDM partNo:100004"),
+            ({"variant": "output:COFDM\n", "serial": serial(5)}, "COFDM partNo:0"),
+            ({"variant": "output:XYZ\n", "serial": serial(100003, kind=1)}, "UNKNOWN partNo:0"),
+            ({}, "QAM partNo:0")):
+        other = machine(**kind)
+        with pytest.raises(grpc.RpcError) as refused:
+            import_package(other.client(), package)
+        assert refused.value.code() == grpc.StatusCode.INVALID_ARGUMENT
+        assert (refused.value.details()
+                == "The configuration file is not compatible with this system")
+        assert Slice(other.client()).content() == {}
+        assert (f"Incompatible configuration files. System type output: {identity} "
+                "configuration file type output: COFDM partNo:100003") in other.stdout
+
+
+def test_the_marker_forces_a_package_onto_another_machine(machine):
+    forced = machine(variant="output:QAM\n", override=True).client()
+    import_package(forced, tar({
+        "swvariant": b"output:COFDM\n", "partno": b"100003\n",
+        **slice_files({"/a": "forced"})}))
+    assert Slice(forced).content() == {"/a": "forced"}
+
+
+@pytest.mark.parametrize("mode", ["w", "w:bz2", "w:xz"])
+def test_any_archive_will_do(client, mode):
+    import_package(client, tar(slice_files({"/a": "x"}), mode))
+    assert Slice(client).content() == {"/a": "x"}
+
+
+@pytest.mark.parametrize("package", [b"garbage", b"\x00" * 100, b"x" * 3_000_000,
+                                     tar({"partno": b"1\n" * 3000})[:90]],
+                         ids=["text", "zeros", "3 MB", "truncated"])
+def test_what_is_no_package_is_refused(service, client, tuner, package):
+    tuner.update({"/a": "1"})
+    save(client)
+    before = saved_files(service)
+    with pytest.raises(grpc.RpcError) as refused:
+        import_package(client, package)
+    assert refused.value.code() == grpc.StatusCode.INTERNAL
+    assert refused.value.details().startswith("Unable to unpack to filesystem - Error ")
+    assert saved_files(service) == before
+    assert tuner.content() == {"/a": "1"}
+    service.assert_alive()
+
+
+def test_an_update_of_no_kind_is_refused(client):
+    with pytest.raises(grpc.RpcError) as refused:
+        client.configuration.updateSysConf(client.protos.configuration.UpdateSysConfReq())
+    assert refused.value.code() == grpc.StatusCode.INVALID_ARGUMENT
+    assert refused.value.details() == "Update Type invalid"
+
+
+def test_a_configuration_that_fits_no_package_is_saved_all_the_same(service, client, tuner):
+    tuner.update({f"/{number}": "x" * 10_000 for number in range(60)})
+    save(client)
+    with pytest.raises(grpc.RpcError) as refused:
+        export_package(client)
+    assert refused.value.code() == grpc.StatusCode.INTERNAL
+    assert refused.value.details().startswith("Unable to pack from filesystem - Error ")
+    assert "the buffer is exceeding bufMaxSize" in refused.value.details()
+    assert len(saved_files(service)) == 63  # the state id and the two files of the identity as well
+
+
+def test_clearing_takes_the_programme_guide_along(service, client, tuner):
+    tuner.update({"/a": "1"})
+    save(client)
+    guide = service.folder / "config/epg/today"
+    guide.parent.mkdir()
+    guide.write_text("news")
+    clear(client)
+    assert not guide.parent.exists()
+    assert "Failed to clear EPG data" not in service.stdout
+    clear(client)
+    assert "Failed to clear EPG data - Success" in service.stdout
+    assert set(members(export_package(client))) == {"swvariant", "partno"}
+
+
+def test_saving_among_twenty_clients_keeps_one_order_of_events(start):
+    """Each writer writes the same number under two keys at once: whatever is saved or seen at any
+    time holds it twice."""
+    service = start()
+    rounds = 15
+    failures = []
+
+    def write(number):
+        try:
+            own = Slice(service.client(), f"c{number:02}")
+            for count in range(rounds):
+                own.update({"/first": str(count), "/second": str(count)})
+                content = own.content()
+                assert content == {"/first": str(count), "/second": str(count)}, content
+        except Exception as error:  # pylint: disable=broad-except
+            failures.append(error)
+
+    writers = [threading.Thread(target=write, args=(number,)) for number in range(20)]
+    for writer in writers:
+        writer.start()
+    client = service.client()
+    saves = 0
+    while saves < 5 or any(writer.is_alive() for writer in writers):
+        save(client)
+        saves += 1
+        files = saved_files(service)
+        for number in range(20):
+            pair = [files.get(f"sys/conf/mb/0/c{number:02}/{key}/data") for key in ("first", "second")]
+            assert pair[0] == pair[1]
+    for writer in writers:
+        writer.join()
+    assert failures == []
+    save(client)
+    service.stop()
+    again = start("--configdir", str(service.folder / "config")).client()
+    for number in range(20):
+        assert set(Slice(again, f"c{number:02}").content().values()) == {str(rounds - 1)}
