@@ -94,12 +94,12 @@ TEST_F(ArchiveFaults, ATruncatedArchiveOfOtherFormatsIsReadOrRefused) {
     const auto tar = foreignArchive(archive_write_set_format_ustar,
                                     {{"first", AE_IFREG, "content"}, {"second", AE_IFREG, "2"}});
     int refused = 0;
-    for (const auto& bytes : {zip, tar.substr(0, 2 * 1024)}) {
+    for (const auto& bytes : {zip, tar.substr(0, 1100)}) {
         for (std::size_t length = 0; length < bytes.size(); ++length) {
             refused += unpacks(bytes.substr(0, length)) ? 0 : 1;
         }
     }
-    EXPECT_GT(refused, 1000);
+    EXPECT_GT(refused, 1000 + static_cast<int>(zip.size()) / 2);
 }
 
 TEST_F(ArchiveFaults, RandomBytesAreReadOrRefused) {

@@ -14,8 +14,14 @@ TEST(EntryCopy, ABlockThatCannotBeWrittenIsCodeOne) {
     ASSERT_EQ(archive_read_open_memory(reader.get(), bytes.data(), bytes.size()), ARCHIVE_OK);
     ::archive_entry* entry = nullptr;
     ASSERT_EQ(archive_read_next_header(reader.get(), &entry), ARCHIVE_OK);
-    const auto writerWithoutEntry = newDiskWriter();
-    EXPECT_EQ(copyData(reader.get(), writerWithoutEntry.get()), 1);
+    const Testing::TempDir room;
+    const auto shorter = newEntry();
+    archive_entry_set_pathname(shorter.get(), (room / "file").c_str());
+    archive_entry_set_filetype(shorter.get(), AE_IFREG);
+    archive_entry_set_size(shorter.get(), 3);
+    const auto writer = newDiskWriter();
+    ASSERT_EQ(archive_write_header(writer.get(), shorter.get()), ARCHIVE_OK);
+    EXPECT_EQ(copyData(reader.get(), writer.get()), 1);
 }
 
 TEST(EntryCopyDeathTest, NeedsBothSides) {
