@@ -1,9 +1,8 @@
-"""Feeds the package log of this machine to a service of its own and shows what comes of it."""
+"""Feeds the package log of this machine to a service of its own and shows what comes of it; then
+takes its configuration files through the store."""
 import collections
 import json
-import os
 import pathlib
-import subprocess
 import sys
 import tempfile
 import time
@@ -15,22 +14,14 @@ try:
 except OSError:
     pass  # without root the demo shares the machine's network, on a port that nobody uses
 
+import demo_configuration  # noqa: E402
 import package_log  # noqa: E402
+from demo_show import check, headline, start_process  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
 
 SHOWN = 8
 RANK = {"ERROR": 0, "WARN": 1, "BOOTING": 2, "OK": 3}
-
-
-def check(condition, what):
-    """Ends the demo with a clear word where what it shows would be wrong."""
-    if not condition:
-        raise SystemExit(f"demo: FAILED: {what}")
-
-
-def headline(text):
-    print(f"\n{text}\n{'-' * len(text)}")
 
 
 def clock(seconds):
@@ -45,15 +36,6 @@ def expected_latest(reports):
 def expected_state(reports):
     severities = {reports[index].severity for index in expected_latest(reports).values()}
     return next((name for name in ("ERROR", "WARN") if name in severities), "OK")
-
-
-def start_watcher(service, folder, count):
-    """The second process. Its first line of output is its snapshot."""
-    (folder / "watcher").mkdir()
-    return subprocess.Popen(
-        [sys.executable, str(pathlib.Path(__file__).with_name("demo_watch.py")),
-         service.address, str(folder / "watcher"), str(count)],
-        stdout=subprocess.PIPE, text=True, env=os.environ)
 
 
 def feed(client, reports):
@@ -120,7 +102,7 @@ def show_last_reports(client, reports):
            for entry in stored] == wanted, "wrong last reports")
 
 
-def run(folder, count):
+def run_reports(folder, count):
     reports, origin = package_log.read(count)
     check(reports, "this machine has no packages")
     protos = Protos(folder / "generated")
@@ -131,7 +113,7 @@ def run(folder, count):
         print(f"halvo-system runs on {service.address} and has told READY=1.")
         client = service.client()
         feed(client, reports[:1])
-        watcher = start_watcher(service, folder, len(reports))
+        watcher = start_process("demo_watch.py", folder / "watcher", service, len(reports))
         snapshot = watcher.stdout.readline()  # from now on the watcher hears of every change
         feed(client, reports[1:])
         print(f"Fed {len(reports)} reports from {origin}, "
@@ -143,8 +125,7 @@ def run(folder, count):
         show_latest(client, reports)
         show_last_reports(client, reports)
         service.stop()
-        print(f"\nSIGTERM: ended with status 0 after {service.stop_seconds:.2f} s. "
-              "All of the above was checked.")
+        print(f"\nSIGTERM: ended with status 0 after {service.stop_seconds:.2f} s.")
     finally:
         if watcher is not None and watcher.poll() is None:
             watcher.kill()
@@ -158,7 +139,9 @@ def main():
     with tempfile.TemporaryDirectory(prefix="halvo-demo-") as folder:
         out = pathlib.Path(folder)
         (out / "generated").mkdir()
-        run(out, count)
+        run_reports(out, count)
+        demo_configuration.run(out)
+        print("\nAll of the above was checked.")
 
 
 if __name__ == "__main__":
