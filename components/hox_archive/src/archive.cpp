@@ -14,8 +14,8 @@ namespace Hox::Archive {
 
 namespace {
 
-constexpr std::size_t kReadBlock = 10240;
-constexpr std::uintmax_t kBufferReserve = 1536;
+constexpr std::size_t readBlock = 10240;
+constexpr std::uintmax_t bufferReserve = 1536;
 
 bool pathExists(const std::filesystem::path& path) {
     std::error_code error;
@@ -67,7 +67,7 @@ void unpack(::archive* reader, const std::filesystem::path& directory) {
 
 bool containsEntry(const std::filesystem::path& archive, const std::string& name) {
     const auto reader = newReader();
-    if (archive_read_open_filename(reader.get(), archive.c_str(), kReadBlock) != ARCHIVE_OK) {
+    if (archive_read_open_filename(reader.get(), archive.c_str(), readBlock) != ARCHIVE_OK) {
         throw CppUtil::FileSystemError("Error opening file: " + errorText(reader.get()), __FILE__,
                                        __LINE__);
     }
@@ -102,7 +102,7 @@ void packToFile(ArchiveFormat format, const std::filesystem::path& archive,
 Buffer packToBuffer(ArchiveFormat format, const std::filesystem::path& directory,
                     std::size_t bufMaxSize, bool stripBase, bool /*diskOptions*/) {
     const auto source = canonicalOrThrow(directory);
-    const auto size = directorySize(source) + kBufferReserve;
+    const auto size = directorySize(source) + bufferReserve;
     if (bufMaxSize < size) {
         throw ArchiveError("the buffer is exceeding bufMaxSize", __FILE__, __LINE__);
     }
@@ -120,7 +120,7 @@ void unpackFile(const std::filesystem::path& archive, const std::filesystem::pat
         throw CppUtil::FileSystemError("Error opening file: (archive)", __FILE__, __LINE__);
     }
     const auto reader = newReader();
-    check(archive_read_open_filename(reader.get(), archive.c_str(), kReadBlock), reader.get());
+    check(archive_read_open_filename(reader.get(), archive.c_str(), readBlock), reader.get());
     unpack(reader.get(), directory);
 }
 

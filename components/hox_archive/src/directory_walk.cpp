@@ -14,8 +14,8 @@ namespace Hox::Archive {
 
 namespace {
 
-constexpr std::size_t kReadBlock = 10240;
-constexpr std::uintmax_t kDirectoryEstimate = 32;
+constexpr std::size_t readBlock = 10240;
+constexpr std::uintmax_t directoryEstimate = 32;
 
 std::string sourcePathOf(::archive_entry* entry) {
     const char* path = archive_entry_sourcepath(entry);
@@ -32,7 +32,7 @@ std::string nameBelow(std::string base, const std::string& path) {
 void writeFileData(::archive* ar, const std::string& path) {
     const auto file = LinuxCppUtil::openFileDescriptor(path, O_RDONLY);
     const int fd = LinuxCppUtil::fileDescriptorNumber(file);
-    std::array<char, kReadBlock> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+    std::array<char, readBlock> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
     for (auto length = ::read(fd, block.data(), block.size()); length > 0;
          length = ::read(fd, block.data(), block.size())) {
         archive_write_data(ar, block.data(), static_cast<std::size_t>(length));
@@ -114,7 +114,7 @@ std::uintmax_t directorySize(const std::filesystem::path& directory) {
     } catch (const std::filesystem::filesystem_error&) {
         return 0;
     }
-    return fileBytes + std::max<std::uintmax_t>(directories, 1) * kDirectoryEstimate;
+    return fileBytes + std::max<std::uintmax_t>(directories, 1) * directoryEstimate;
 }
 
 }  // namespace Hox::Archive

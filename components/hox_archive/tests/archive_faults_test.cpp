@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-const char* const kNoText = "Archiving error: \\(.*archive\\.cpp:[0-9]+\\)";
+const char* const noText = "Archiving error: \\(.*archive\\.cpp:[0-9]+\\)";
 
 std::string archiveError(const std::string& message) {
     return "Archiving error: " + message + "\\(.*archive\\.cpp:[0-9]+\\)";
@@ -145,7 +145,7 @@ TEST_F(ArchiveFaults, ANameThatTheLocaleDoesNotKnowStopsTheUnpacking) {
         writeFile(m_source / "Größe", "content");
         bytes = packed(ArchiveFormat::TarGz, m_source);
     }
-    EXPECT_THAT(unpackText(bytes), MatchesRegex(kNoText));
+    EXPECT_THAT(unpackText(bytes), MatchesRegex(noText));
     EXPECT_THAT(treeOf(m_destination), IsEmpty());
 }
 
@@ -261,7 +261,7 @@ TEST_F(ArchiveFaults, DataThatCannotBeReadEndsTheUnpacking) {
             archive_write_set_passphrase(writer, "secret");
         },
         {{"first", AE_IFREG, "1"}, {"second", AE_IFREG, "2"}});
-    EXPECT_THAT(unpackText(bytes), MatchesRegex(kNoText));
+    EXPECT_THAT(unpackText(bytes), MatchesRegex(noText));
     EXPECT_EQ(treeOf(m_destination).count("second"), 0U);
 }
 

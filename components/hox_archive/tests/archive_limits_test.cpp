@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-constexpr std::size_t kEmptyEstimate = 32 + 1536;
+constexpr std::size_t emptyEstimate = 32 + 1536;
 
 class ArchiveLimits : public ArchiveTest {
 protected:
@@ -51,12 +51,12 @@ protected:
 };
 
 TEST_F(ArchiveLimits, AnEmptyFolderTakesOneFoldersRoom) {
-    expectEstimate(kEmptyEstimate);
+    expectEstimate(emptyEstimate);
 }
 
 TEST_F(ArchiveLimits, TheFirstFolderCostsNothingMore) {
     fs::create_directory(m_source / "sub");
-    expectEstimate(kEmptyEstimate);
+    expectEstimate(emptyEstimate);
 }
 
 TEST_F(ArchiveLimits, EachFurtherFolderCosts32Bytes) {
@@ -66,13 +66,13 @@ TEST_F(ArchiveLimits, EachFurtherFolderCosts32Bytes) {
 
 TEST_F(ArchiveLimits, FilesCostTheirSizeInFoldersToo) {
     writeFile(m_source / "file", std::string(1000, 'x'));
-    expectEstimate(1000 + kEmptyEstimate);
+    expectEstimate(1000 + emptyEstimate);
     writeFile(m_source / "sub/sub/file", std::string(234, 'x'));
     expectEstimate(1234 + 2 * 32 + 1536);
 }
 
 TEST_F(ArchiveLimits, ALargeFolderIsRefusedAlthoughItWouldFitOncePacked) {
-    writeFile(m_source / "zeros", std::string(524288 - kEmptyEstimate, '\0'));
+    writeFile(m_source / "zeros", std::string(524288 - emptyEstimate, '\0'));
     EXPECT_LT(packed(ArchiveFormat::TarGz, m_source, true, false, 524288).size(), 2000U);
     writeFile(m_source / "one byte", "1");
     expectEstimate(524289);
@@ -81,7 +81,7 @@ TEST_F(ArchiveLimits, ALargeFolderIsRefusedAlthoughItWouldFitOncePacked) {
 TEST_F(ArchiveLimits, ALinkCostsWhatItLeadsTo) {
     writeFile(m_room / "target", std::string(500, 'x'));
     fs::create_symlink("../target", m_source / "to a file");
-    expectEstimate(500 + kEmptyEstimate);
+    expectEstimate(500 + emptyEstimate);
     fs::create_symlink("../destination", m_source / "to a folder");
     fs::create_symlink("../destination", m_source / "to a folder too");
     expectEstimate(500 + 2 * 32 + 1536);
@@ -136,7 +136,7 @@ TEST_F(ArchiveLimits, AFileHasNoLimit) {
 }
 
 TEST_F(ArchiveLimits, NoLimitBelowTheEstimateIsEnough) {
-    for (const std::size_t limit : {std::size_t{0}, std::size_t{1}, kEmptyEstimate - 1}) {
+    for (const std::size_t limit : {std::size_t{0}, std::size_t{1}, emptyEstimate - 1}) {
         EXPECT_THROW(packed(ArchiveFormat::Zip, m_source, true, false, limit), ArchiveError);
     }
     EXPECT_THAT(entriesOf(packed(ArchiveFormat::Zip, m_source, true, false, SIZE_MAX)), IsEmpty());

@@ -25,7 +25,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 
-constexpr auto kUnknownFormat = static_cast<ArchiveFormat>(3);
+constexpr auto unknownFormat = static_cast<ArchiveFormat>(3);
 
 std::string archiveError(const std::string& message) {
     return "Archiving error: " + message + "\\(.*archive\\.cpp:[0-9]+\\)";
@@ -209,16 +209,16 @@ TEST_F(ArchiveTest, AFileInPlaceOfTheFolderIsTheRootOfTheWalk) {
 TEST_F(ArchiveTest, AnUnknownFormatFailsAtTheFirstEntry) {
     writeFile(m_source / "file", "content");
     const auto* text = "Format must be set before you can write to an archive.";
-    EXPECT_THAT(textThrownBy<ArchiveError>([this] { packed(kUnknownFormat, m_source); }),
+    EXPECT_THAT(textThrownBy<ArchiveError>([this] { packed(unknownFormat, m_source); }),
                 MatchesRegex(archiveError(text)));
     EXPECT_THAT(textThrownBy<ArchiveError>(
-                    [this] { packToFile(kUnknownFormat, m_archive, m_source, true, false); }),
+                    [this] { packToFile(unknownFormat, m_archive, m_source, true, false); }),
                 MatchesRegex(archiveError(text)));
 }
 
 TEST_F(ArchiveTest, AnUnknownFormatWithoutEntriesIsNoError) {
-    EXPECT_EQ(packed(kUnknownFormat, m_source), "");
-    packToFile(kUnknownFormat, m_archive, m_source, true, false);
+    EXPECT_EQ(packed(unknownFormat, m_source), "");
+    packToFile(unknownFormat, m_archive, m_source, true, false);
     EXPECT_EQ(readFile(m_archive), "");
 }
 

@@ -10,7 +10,7 @@ namespace Hox::SystemAPI {
 
 namespace {
 
-constexpr int kMachineType = 0;
+constexpr int machineType = 0;
 
 }  // namespace
 
@@ -19,7 +19,7 @@ std::optional<ModelInfo> findModel(const std::filesystem::path& serialFile) {
         const auto records = readSerialRecords(serialFile);
         const auto machine =
             std::find_if(records.begin(), records.end(),
-                         [](const SerialRecord& record) { return record.type == kMachineType; });
+                         [](const SerialRecord& record) { return record.type == machineType; });
         if (machine == records.end()) {
             return std::nullopt;
         }

@@ -18,16 +18,16 @@ namespace Hox::SystemAPI {
 
 namespace {
 
-constexpr auto kDefaultVariant = HeadendSWVariant::QAM;
-constexpr auto kKey = "output";
-constexpr char kKeyEnd = ':';
-constexpr std::array kNames = {std::pair{HeadendSWVariant::QAM, "QAM"},
-                               std::pair{HeadendSWVariant::COFDM, "COFDM"}};
+constexpr auto defaultVariant = HeadendSWVariant::QAM;
+constexpr auto outputKey = "output";
+constexpr char keyEnd = ':';
+constexpr std::array names = {std::pair{HeadendSWVariant::QAM, "QAM"},
+                              std::pair{HeadendSWVariant::COFDM, "COFDM"}};
 
 HeadendSWVariant variantOf(const std::string& name) {
     const auto* const row = std::find_if(
-        kNames.begin(), kNames.end(), [&name](const auto& known) { return known.second == name; });
-    return row == kNames.end() ? HeadendSWVariant::UNKNOWN : row->first;
+        names.begin(), names.end(), [&name](const auto& known) { return known.second == name; });
+    return row == names.end() ? HeadendSWVariant::UNKNOWN : row->first;
 }
 
 }  // namespace
@@ -36,17 +36,17 @@ HeadendSWVariant deSerialize(const std::filesystem::path& path) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);
     if (status.type() == std::filesystem::file_type::not_found) {
-        return kDefaultVariant;
+        return defaultVariant;
     }
     std::ifstream stream(path);
     return deSerialize(stream);
 }
 
 HeadendSWVariant deSerialize(std::istream& stream) {
-    auto variant = kDefaultVariant;
+    auto variant = defaultVariant;
     std::string key;
-    while (std::getline(stream, key, kKeyEnd)) {
-        if (key == kKey) {
+    while (std::getline(stream, key, keyEnd)) {
+        if (key == outputKey) {
             std::string name;
             variant = std::getline(stream, name) ? variantOf(name) : HeadendSWVariant::UNKNOWN;
         }
@@ -66,9 +66,9 @@ HeadendSWVariant deSerialize(std::istream& stream) {
 void serialize(HeadendSWVariant variant, const std::filesystem::path& path) {
     const auto temp = path.string() + ".new";
     std::ofstream stream(temp);
-    for (const auto& [known, name] : kNames) {
+    for (const auto& [known, name] : names) {
         if (known == variant) {
-            stream << kKey << kKeyEnd << name << '\n';
+            stream << outputKey << keyEnd << name << '\n';
         }
     }
     stream.close();
