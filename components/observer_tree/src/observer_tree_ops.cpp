@@ -91,6 +91,7 @@ void ObserverTreeOps::callAllObserveHandlers(DataTree& tree, std::function<void(
         if (!changes.empty()) {
             deliver(changes);
         }
+        tree.recycle(std::move(changes));
         changes = tree.takeChangeSet();
     }
     m_callbacksBeingProcessed = false;

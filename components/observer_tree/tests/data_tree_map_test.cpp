@@ -244,6 +244,47 @@ TEST(DataTreeMap, WritesTheSameWithEveryHint) {
     }
 }
 
+TEST(DataTreeMap, ErasesAtAPlaceAsByKey) {
+    DataTreeValMap map({{"/b", value("default")}});
+    map.insert_or_assign("/a", value("1"));
+    map.insert_or_assign("/b", value("2"));
+    map.takeChangeSet();
+    map.erase(map.find("/a"));
+    map.erase(map.find("/b"));
+    EXPECT_THAT(keysOf(map), ElementsAre("/b"));
+    EXPECT_THAT(linesOf(map.takeChangeSet()), ElementsAre("/a: 1 -> null", "/b: 2 -> default"));
+    EXPECT_EQ(map.modifiedIndex(), 5U);
+    EXPECT_EQ(map.createdIndex(), 3U);
+}
+
+TEST(DataTreeMap, RecordsAfterARecycledChangeSetAsBeforeIt) {
+    DataTreeValMap map;
+    for (const auto* const content : {"1", "2", "3"}) {
+        for (int key = 0; key < 20; ++key) {
+            map.insert_or_assign("/" + std::to_string(key), value(content));
+        }
+        map.recycle(map.takeChangeSet());
+        EXPECT_THAT(map.takeChangeSet(), IsEmpty());
+    }
+    map.insert_or_assign("/new", value("4"));
+    map.insert_or_assign("/7", value("5"));
+    map.erase("/8");
+    EXPECT_THAT(linesOf(map.takeChangeSet()),
+                ElementsAre("/7: 3 -> 5", "/8: 3 -> null", "/new: null -> 4"));
+}
+
+TEST(DataTreeMap, LetsGoOfTheValuesOfARecycledChangeSet) {
+    DataTreeValMap map;
+    map.insert_or_assign("/a", value("1"));
+    map.insert_or_assign("/b", value("2"));
+    const std::weak_ptr<const DataTreeVal> erased = map.find("/a")->second;
+    map.erase("/a");
+    auto changes = map.takeChangeSet();
+    EXPECT_FALSE(erased.expired());
+    map.recycle(std::move(changes));
+    EXPECT_TRUE(erased.expired());
+}
+
 TEST(DataTreeMap, KeepsOldValuesAliveInTheChangeSet) {
     DataTreeValMap map;
     map.insert_or_assign("/a", value("1"));

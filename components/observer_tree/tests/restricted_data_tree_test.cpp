@@ -146,6 +146,15 @@ TEST(RestrictedDataTree, ChecksEachWayToWriteFirst) {
               refusal("/b", "a/**"));
     EXPECT_EQ(accessError([&] { tree.erase(key); }), refusal("/b", "a/**"));
     EXPECT_EQ(accessError([&] { tree.erase("/absent"); }), refusal("/absent", "a/**"));
+    EXPECT_EQ(accessError([&] { tree.erase(tree.find("/b")); }), refusal("/b", "a/**"));
+    EXPECT_EQ(
+        accessError([&] { tree.insert_or_assign(tree.find("/b"), std::string("/b"), value("2")); }),
+        refusal("/b", "a/**"));
+    EXPECT_EQ(accessError([&] {
+                  tree.insert_or_assign(tree.find("/b"), std::string("/absent"), value("2"));
+              }),
+              refusal("/absent", "a/**"));
+    EXPECT_THROW(tree.insert_or_assign(tree.end(), std::string("/a/"), value("2")), PathError);
     EXPECT_THAT(tree.takeChangeSet(), IsEmpty());
     EXPECT_EQ(tree.modifiedIndex(), 1U);
     EXPECT_EQ(textOf(tree.find("/b")->second), "1");
@@ -163,7 +172,11 @@ TEST(RestrictedDataTree, WritesInsideTheLimitAsTheMapDoes) {
     tree.erase("/a/b");
     tree.erase("/a/absent");
     EXPECT_THAT(linesOf(tree.takeChangeSet()), ElementsAre("/a/b: 2 -> null"));
-    EXPECT_EQ(tree.modifiedIndex(), 4U);
+    tree.insert_or_assign(tree.find("/a/c"), std::string("/a/c"), value("4"));
+    EXPECT_THAT(linesOf(tree.takeChangeSet()), ElementsAre("/a/c: 3 -> 4"));
+    tree.erase(tree.find("/a/c"));
+    EXPECT_THAT(linesOf(tree.takeChangeSet()), ElementsAre("/a/c: 4 -> null"));
+    EXPECT_EQ(tree.modifiedIndex(), 6U);
     EXPECT_EQ(tree.createdIndex(), 2U);
 }
 

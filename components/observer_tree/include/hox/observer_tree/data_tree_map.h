@@ -28,7 +28,9 @@ public:
     using const_iterator = typename Values::const_iterator;
 
     /// `defaults` holds what an erased key falls back to.
-    explicit DataTreeMap(Values defaults = {}) : m_defaults(std::move(defaults)) {}
+    explicit DataTreeMap(Values defaults = {}) : m_defaults(std::move(defaults)) {
+        m_spareChanges.reserve(maxSpareChanges);
+    }
     virtual ~DataTreeMap() = default;
     DataTreeMap(const DataTreeMap&) = delete;
     DataTreeMap(DataTreeMap&&) = delete;
@@ -50,28 +52,31 @@ public:
     /// The same for a caller that knows where the key stands or would stand: at `hint`, an element
     /// of this map or its end. A wrong hint costs time only.
     std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
-        const auto position = isLowerBound(hint, key) ? hint : m_values.lower_bound(key);
-        return write(position, std::move(key), std::move(value));
+        return write(hint, std::move(key), std::move(value));
     }
 
     /// Removes the key and records the change; a key with a default reappears with it. Nothing
     /// happens for an absent key without a default.
     void erase(const KeyType& key) {
-        // Looked up first: the key may be that of the element that goes.
-        const auto fallback = m_defaults.find(key);
         const auto found = m_values.find(key);
         if (found != m_values.end()) {
-            ++m_modifiedIndex;
-            auto& change = pendingChange(key);
-            if (!change.previous) {
-                change.previous = found->second;
-            }
-            m_values.erase(found);
+            erase(found);
+        } else {
+            restoreDefault(m_defaults.find(key));
         }
-        if (fallback != m_defaults.end()) {
-            write(m_values.lower_bound(fallback->first), KeyType(fallback->first),
-                  ValueType(fallback->second));
+    }
+
+    /// The same for the key at a place of this map other than its end.
+    void erase(iterator position) {
+        // Looked up first: the key goes with its element.
+        const auto fallback = m_defaults.find(position->first);
+        ++m_modifiedIndex;
+        auto& change = pendingChange(position->first);
+        if (!change.previous) {
+            change.previous = position->second;
         }
+        m_values.erase(position);
+        restoreDefault(fallback);
     }
 
     // Reading has no side effects; iterators stay valid until their element is erased.
@@ -91,6 +96,17 @@ public:
     /// Takes the pending change set out and leaves an empty one. For the tree's delivery loop only.
     ChangeSet takeChangeSet() { return std::exchange(m_changeSet, ChangeSet()); }
 
+    /// Lets go of the values of a change set that is done with; some of its memory serves the next
+    /// one. For the tree's delivery loop only.
+    void recycle(ChangeSet&& used) noexcept {
+        while (!used.empty() && m_spareChanges.size() < maxSpareChanges) {
+            auto node = used.extract(used.begin());
+            node.mapped().clear();
+            m_spareChanges.push_back(std::move(node));
+        }
+        used.clear();
+    }
+
     /// Number of effective writes so far. For diagnosis.
     uint64_t modifiedIndex() const { return m_modifiedIndex; }
 
@@ -98,43 +114,61 @@ public:
     uint64_t createdIndex() const { return m_createdIndex; }
 
 private:
+    /// As many keys as a short handler writes.
+    static constexpr std::size_t maxSpareChanges = 8;
+
     ChangeSetMapVal& pendingChange(const KeyType& key) {
-        auto& changes = m_changeSet[key];
+        auto position = m_changeSet.lower_bound(key);
+        if (position == m_changeSet.end() || m_changeSet.key_comp()(key, position->first)) {
+            position = insertChange(position, key);
+        }
+        auto& changes = position->second;
         if (changes.empty()) {
             changes.emplace_back();
         }
         return changes.back();
     }
 
-    bool isLowerBound(iterator position, const KeyType& key) const {
-        const auto isBefore = m_values.key_comp();
-        return (position == m_values.end() || !isBefore(position->first, key)) &&
-               (position == m_values.begin() || isBefore(std::prev(position)->first, key));
+    typename ChangeSet::iterator insertChange(typename ChangeSet::iterator position,
+                                              const KeyType& key) {
+        if (m_spareChanges.empty()) {
+            return m_changeSet.try_emplace(position, key);
+        }
+        auto node = std::move(m_spareChanges.back());
+        m_spareChanges.pop_back();
+        node.key() = key;
+        return m_changeSet.insert(position, std::move(node));
     }
 
-    /// `position` is the key's lower bound.
-    std::pair<iterator, bool> write(iterator position, KeyType&& key, ValueType&& value) {
+    void restoreDefault(iterator fallback) {
+        if (fallback != m_defaults.end()) {
+            write(m_values.lower_bound(fallback->first), KeyType(fallback->first),
+                  ValueType(fallback->second));
+        }
+    }
+
+    std::pair<iterator, bool> write(iterator hint, KeyType&& key, ValueType&& value) {
         auto& change = pendingChange(key);
-        const bool isNew = position == m_values.end() || m_values.key_comp()(key, position->first);
+        const auto formerSize = m_values.size();
+        const auto position = m_values.try_emplace(hint, std::move(key), value);
+        const bool isNew = m_values.size() != formerSize;
         ++m_modifiedIndex;
         if (isNew) {
             ++m_createdIndex;
-        } else if (!change.previous) {
-            change.previous = position->second;
+        } else {
+            if (!change.previous) {
+                change.previous = position->second;
+            }
+            position->second = value;
         }
-        change.current = value;
-        if (isNew) {
-            return {m_values.emplace_hint(position, std::move(key), std::move(value)), true};
-        }
-        // Erasing nothing gives the same position with the right to write.
-        const auto writable = m_values.erase(position, position);
-        writable->second = std::move(value);
-        return {writable, false};
+        change.current = std::move(value);
+        return {position, isNew};
     }
 
     Values m_values;
     Values m_defaults;
     ChangeSet m_changeSet;
+    std::vector<typename ChangeSet::node_type> m_spareChanges;
     uint64_t m_modifiedIndex = 0;
     uint64_t m_createdIndex = 0;
 };

@@ -61,7 +61,11 @@ public:
 
     /// The same with the place of the key.
     std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
-        checkAccess(key);
+        if (hint != this->end() && hint->first == key) {
+            checkAccessToStored(key);
+        } else {
+            checkAccess(key);
+        }
         return TreeType::insert_or_assign(hint, std::move(key), std::move(value));
     }
 
@@ -71,7 +75,20 @@ public:
         TreeType::erase(key);
     }
 
+    /// The same for the key at a place of this tree other than its end.
+    void erase(iterator position) {
+        checkAccessToStored(position->first);
+        TreeType::erase(position);
+    }
+
 private:
+    /// As checkAccess, for a key that stands in the tree and is therefore well-formed.
+    void checkAccessToStored(const KeyType& key) const {
+        if (!liesUnderLiteralPrefix(key)) {
+            checkAccess(key);
+        }
+    }
+
     /// True makes a well-formed key match; false says nothing.
     bool liesUnderLiteralPrefix(const KeyType& key) const {
         return m_hasLiteralPrefix && key.size() > m_address.size() &&
