@@ -80,6 +80,57 @@ TEST_F(UnaryNode, ServesTheSameHandlerByDescriptor) {
     EXPECT_EQ(result.status.errorMessage(), "why");
 }
 
+TEST_F(UnaryNode, LetsATakingHandlerEmptyOnlyARequestThatIsGivenOver) {
+    std::vector<std::string> taken;
+    m_node->setUnaryTakingHandler<UnaryOps::READ, StringValue, Int64Value>(
+        [&taken](StringValue&& request, DataTree&) {
+            taken.push_back(std::move(*request.mutable_value()));
+            request.clear_value();
+            return answer(7, Status(ProtoStatus::ABORTED, "why"));
+        });
+    auto request = message("text");
+    EXPECT_EQ((m_node->callUnaryHandler<UnaryOps::READ, StringValue, Int64Value>(request, m_tree))
+                  .message->value(),
+              7);
+    const auto copied = readCast(request);
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*copied.message).value(), 7);
+    EXPECT_EQ(request.value(), "text");
+    const auto given = m_node->callUnaryHandlerCast<UnaryOps::READ>(std::move(request), m_tree);
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*given.message).value(), 7);
+    EXPECT_EQ(given.status.errorMessage(), "why");
+    EXPECT_EQ(request.value(), "");  // NOLINT(bugprone-use-after-move)
+    EXPECT_THAT(taken, ElementsAre("text", "text", "text"));
+}
+
+TEST_F(UnaryNode, GivesARequestOverToAHandlerThatOnlyReads) {
+    onRead([](const StringValue& request, DataTree&) {
+        return answer(static_cast<int64_t>(request.value().size()));
+    });
+    auto request = message("four");
+    const auto result = m_node->callUnaryHandlerCast<UnaryOps::READ>(std::move(request), m_tree);
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*result.message).value(), 4);
+    EXPECT_EQ(request.value(), "four");  // NOLINT(bugprone-use-after-move)
+}
+
+TEST_F(UnaryNode, KeepsTheFirstHandlerAlsoAgainstATakingOne) {
+    onRead([](const StringValue&, DataTree&) { return answer(1); });
+    EXPECT_THROW((m_node->setUnaryTakingHandler<UnaryOps::READ, StringValue, Int64Value>(
+                     [](StringValue&&, DataTree&) { return answer(2); })),
+                 DoubleRegistrationError);
+    const auto result = m_node->callUnaryHandlerCast<UnaryOps::READ>(message(""), m_tree);
+    EXPECT_EQ(dynamic_cast<const Int64Value&>(*result.message).value(), 1);
+}
+
+TEST_F(UnaryNode, FailsForAnotherMessageTypeThatIsGivenOver) {
+    const AssertionReports reports;
+    m_node->setUnaryTakingHandler<UnaryOps::READ, StringValue, Int64Value>(
+        [](StringValue&&, DataTree&) { return answer(1); });
+    EXPECT_THROW(m_node->callUnaryHandlerCast<UnaryOps::READ>(number(3), m_tree), std::bad_cast);
+    EXPECT_THAT(errors(), ElementsAre("It is forbidden to throw exceptions from crur handler "
+                                      "callbacks - std::bad_cast",
+                                      "msg: value: 3\n"));
+}
+
 TEST_F(UnaryNode, MayAnswerWithoutAMessage) {
     onRead([](const StringValue&, DataTree&) {
         return UnaryHandlerReturnType<Int64Value>{nullptr, Status(ProtoStatus::INTERNAL, "none")};

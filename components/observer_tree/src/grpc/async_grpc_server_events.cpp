@@ -123,8 +123,8 @@ void AsyncGrpcServerHandler::tryCallUnaryOpCast(CallDataTag& callData) {
     HOX_ASSERT(callData->responder.get());
     callData->state = CallDataState::FINISHED;
     try {
-        const auto [message, status] =
-            callData->tree->unaryOpCast<OpId>(callData->options.key(), *callData->request);
+        const auto [message, status] = callData->tree->unaryOpCast<OpId>(
+            callData->options.key(), std::move(*callData->request));
         m_logger->log(Hox::Log::here(), spdlog::level::trace,
                       "Finished unary call for operation {}", toString(OpId));
         const grpc::Status grpcStatus(static_cast<grpc::StatusCode>(status.statusCode()),

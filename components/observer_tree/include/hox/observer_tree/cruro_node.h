@@ -21,6 +21,7 @@
 #include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/type/type_name.h"
 #include "hox/observer_tree/double_registration_error.h"
+#include "hox/observer_tree/message_ptr.h"
 #include "hox/observer_tree/unary_ops.h"
 
 namespace Hox::ObserverTree {
@@ -37,13 +38,17 @@ public:
     /// What a unary handler returns. The message counts only with an OK status.
     template <typename ReturnMsgType>
     struct UnaryHandlerReturnType {
-        std::unique_ptr<ReturnMsgType> message;
+        MessagePtr<ReturnMsgType> message;
         StatusType status;
     };
 
     /// Serves one operation. Reports a failure by its status and never throws.
     template <typename InMsg, typename ReturnMsg>
     using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
+
+    /// The same for an operation that keeps parts of its request: it may move them out.
+    template <typename InMsg, typename ReturnMsg>
+    using UnaryTakingHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(InMsg&&, TreeType&)>;
 
     /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
     /// not throw, wait for another thread that needs the tree, or observe at or drop the last copy
@@ -89,6 +94,11 @@ public:
     template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
     void setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler);
 
+    /// The same for a handler that may take its request over; it gets a copy of a request that its
+    /// caller keeps.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+    void setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler);
+
     /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
     template <typename InMsg>
     void setObserveHandler(ObserveHandler<InMsg> handler);
@@ -115,7 +125,20 @@ public:
     /// The same by descriptor. Throws std::bad_cast for another message type.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(const BaseMsgType& inMsg,
-                                                             TreeType& tree);
+                                                             TreeType& tree) {
+        return guardCastHandler(inMsg,
+                                [&] { return slot(m_unaryCastHandlers, OpId)(inMsg, tree); });
+    }
+
+    /// The same for a request that nobody reads afterwards.
+    template <UnaryOps OpId>
+    UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(BaseMsgType&& inMsg, TreeType& tree) {
+        const auto& takingHandler = slot(m_unaryTakingCastHandlers, OpId);
+        if (!takingHandler) {
+            return callUnaryHandlerCast<OpId>(std::as_const(inMsg), tree);
+        }
+        return guardCastHandler(inMsg, [&] { return takingHandler(std::move(inMsg), tree); });
+    }
 
     /// Registers an observer for the life of the handle. An exception is logged, fails an assertion
     /// and is thrown on. The handle may be dropped on any thread; it waits there for a delivery
@@ -157,6 +180,9 @@ private:
     template <typename InMsg>
     void release(const ObsCallbackStoredType<InMsg>& observer);
 
+    template <typename Call>
+    UnaryHandlerReturnType<BaseMsgType> guardCastHandler(const BaseMsgType& inMsg, Call call);
+
     void logFailure(const std::string& text, const BaseMsgType& message, const char* label) {
         m_logger->log(Hox::Log::here(), spdlog::level::err, "{}", text);
         m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message.DebugString());
@@ -168,6 +194,9 @@ private:
     std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(const BaseMsgType&, TreeType&)>,
                unaryOpsCount>
         m_unaryCastHandlers;
+    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(BaseMsgType&&, TreeType&)>,
+               unaryOpsCount>
+        m_unaryTakingCastHandlers;
     std::optional<std::function<void(const NodesChangedType&, std::any&, const std::any&)>>
         m_observeHandler;
     std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
@@ -195,6 +224,17 @@ void CRURONode<B, T, N, S>::setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handl
         return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
     };
     slot(m_unaryHandlers, OpId) = std::move(handler);
+}
+
+template <typename B, typename T, typename N, typename S>
+template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+void CRURONode<B, T, N, S>::setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler) {
+    setUnaryHandler<OpId, InMsg, ReturnMsg>(
+        [handler](const InMsg& inMsg, T& tree) { return handler(InMsg(inMsg), tree); });
+    slot(m_unaryTakingCastHandlers, OpId) = [handler = std::move(handler)](B&& inMsg, T& tree) {
+        auto result = handler(dynamic_cast<InMsg&&>(inMsg), tree);
+        return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
+    };
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -279,11 +319,11 @@ auto CRURONode<B, T, N, S>::callUnaryHandler(const InMsgType& inMsg, T& tree)
 }
 
 template <typename B, typename T, typename N, typename S>
-template <UnaryOps OpId>
-auto CRURONode<B, T, N, S>::callUnaryHandlerCast(const B& inMsg, T& tree)
+template <typename Call>
+auto CRURONode<B, T, N, S>::guardCastHandler(const B& inMsg, Call call)
     -> UnaryHandlerReturnType<B> {
     try {
-        return slot(m_unaryCastHandlers, OpId)(inMsg, tree);
+        return call();
     } catch (const std::exception& error) {
         logFailure(
             std::string("It is forbidden to throw exceptions from crur handler callbacks - ") +

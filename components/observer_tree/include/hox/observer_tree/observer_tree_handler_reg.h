@@ -39,6 +39,17 @@ public:
             ->template setUnaryHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
     }
 
+    /// The same for a handler that may move parts out of its request. It gets a copy of the request
+    /// unless the caller has given that over.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
+    void registerUnaryTakingOpHandler(const std::string& key,
+                                      UnaryTakingHandler<InMsg, ReturnMsg> handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        findOrCreateNode(key, toString(OpId))
+            ->template setUnaryTakingHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
+    }
+
     /// Registers the handler that selects changes for the observers of the address. Throws
     /// DoubleRegistrationError when the address has one.
     template <typename InMsg>

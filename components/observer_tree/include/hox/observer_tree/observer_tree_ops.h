@@ -58,18 +58,14 @@ public:
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> unaryOpCast(const std::string& key,
                                                     const BaseMsgType& inMsg) {
-        const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
-        TreeNode& node = requireUnaryNode(OpId, key);
-        if (m_logger->should_log(spdlog::level::trace)) {
-            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
-                          toString(OpId), getTemplateTypeName<BaseMsgType>(),
-                          getTemplateTypeName<BaseMsgType>());
-        }
-        const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
-        m_dataTree->setKeyPattern(key);
-        auto result = node.callUnaryHandlerCast<OpId>(inMsg, *m_dataTree);
-        callAllObserveHandlers(*m_dataTree, {});
-        return result;
+        return runCast<OpId>(key, inMsg);
+    }
+
+    /// The same for a caller that gives its message over: what the handler took is missing from it
+    /// afterwards.
+    template <UnaryOps OpId>
+    UnaryHandlerReturnType<BaseMsgType> unaryOpCast(const std::string& key, BaseMsgType&& inMsg) {
+        return runCast<OpId>(key, std::move(inMsg));
     }
 
     /// Registers an observer at exactly this address and delivers the first snapshot to it, before
@@ -116,6 +112,23 @@ protected:
     const std::shared_ptr<std::recursive_mutex>& dataLock() const { return m_dataLock; }
 
 private:
+    template <UnaryOps OpId, typename Message>
+    UnaryHandlerReturnType<BaseMsgType> runCast(const std::string& key, Message&& inMsg) {
+        const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
+        TreeNode& node = requireUnaryNode(OpId, key);
+        if (m_logger->should_log(spdlog::level::trace)) {
+            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
+                          toString(OpId), getTemplateTypeName<BaseMsgType>(),
+                          getTemplateTypeName<BaseMsgType>());
+        }
+        const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
+        m_dataTree->setKeyPattern(key);
+        auto result =
+            node.template callUnaryHandlerCast<OpId>(std::forward<Message>(inMsg), *m_dataTree);
+        callAllObserveHandlers(*m_dataTree, {});
+        return result;
+    }
+
     FunctionTree::iterator findUnaryNode(UnaryOps operation, const std::string& key);
     TreeNode& requireUnaryNode(UnaryOps operation, const std::string& key);
     std::shared_ptr<TreeNode> requireObserveNode(const std::string& key);
