@@ -3,24 +3,17 @@
 #include <algorithm>
 
 #include "hox/observer_tree/change_set_conversion.h"
+#include "hox/observer_tree/message_ptr.h"
 
 namespace Hox::ObserverTree {
 
 namespace {
 
-bool isSame(const ChangeSetMapVal& left, const ChangeSetMapVal& right) {
-    return left.current == right.current && left.previous == right.previous;
-}
-
-bool isSame(const ChangeSetType& left, const ChangeSetType& right) {
+bool isSame(const std::vector<ChangeSetMapVal>& left, const std::vector<ChangeSetMapVal>& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [](const auto& leftEntry, const auto& rightEntry) {
-                          return leftEntry.first == rightEntry.first &&
-                                 std::equal(leftEntry.second.begin(), leftEntry.second.end(),
-                                            rightEntry.second.begin(), rightEntry.second.end(),
-                                            [](const auto& leftChange, const auto& rightChange) {
-                                                return isSame(leftChange, rightChange);
-                                            });
+                      [](const auto& leftChange, const auto& rightChange) {
+                          return leftChange.current == rightChange.current &&
+                                 leftChange.previous == rightChange.previous;
                       });
 }
 
@@ -31,11 +24,12 @@ std::shared_ptr<const ObsTreeObserveChangeSet> WireMessageMemo::message(
     if (isLast(changes, status)) {
         return m_message;
     }
-    auto built = std::make_shared<ObsTreeObserveChangeSet>();
+    const std::shared_ptr<ObsTreeObserveChangeSet> built =
+        makeArenaMessage<ObsTreeObserveChangeSet>();
     toWire(changes, *built);
     *built->mutable_observestatus() = status.proto();
     if (changes.size() <= maxKeys) {
-        m_changes = changes;
+        remember(changes);
         m_status = status;
         m_message = built;
     }
@@ -50,7 +44,22 @@ void WireMessageMemo::clear() {
 bool WireMessageMemo::isLast(const ChangeSetType& changes, const Status& status) const {
     return m_message && changes.size() == m_changes.size() &&
            status.statusCode() == m_status.statusCode() &&
-           status.errorMessage() == m_status.errorMessage() && isSame(changes, m_changes);
+           status.errorMessage() == m_status.errorMessage() &&
+           std::equal(changes.begin(), changes.end(), m_changes.begin(),
+                      [](const auto& change, const auto& remembered) {
+                          return isSame(change.second, remembered.second) &&
+                                 change.first == remembered.first;
+                      });
+}
+
+void WireMessageMemo::remember(const ChangeSetType& changes) {
+    m_changes.resize(changes.size());
+    auto remembered = m_changes.begin();
+    for (const auto& [key, keyChanges] : changes) {
+        remembered->first = key;
+        remembered->second = keyChanges;
+        ++remembered;
+    }
 }
 
 }  // namespace Hox::ObserverTree

@@ -2,6 +2,9 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "hox/observer_tree/data_tree.h"
 #include "hox/observer_tree/status.h"
@@ -26,8 +29,10 @@ public:
 
 private:
     bool isLast(const ChangeSetType& changes, const Status& status) const;
+    void remember(const ChangeSetType& changes);
 
-    ChangeSetType m_changes;
+    /// The changes of the last element in a form whose memory serves the next one.
+    std::vector<std::pair<std::string, std::vector<ChangeSetMapVal>>> m_changes;
     Status m_status;
     std::shared_ptr<const ObsTreeObserveChangeSet> m_message;
 };
