@@ -8,29 +8,80 @@
 
 namespace Hox::ObserverTree {
 
+namespace {
+
+/// The last eight bytes of the text's first `size`, 0 where that is less.
+uint64_t endOf(std::string_view text, std::size_t size) {
+    uint64_t end = 0;
+    if (size >= sizeof(end)) {
+        std::memcpy(&end, text.data() + (size - sizeof(end)), sizeof(end));
+    }
+    return end;
+}
+
+}  // namespace
+
 void KeyPatternSelector::deliver(const ChangeSetType& changes,
                                  const ObserverCallbackMap<ObserveReq>& observers) {
+    if (observers.empty()) {
+        return;
+    }
+    if (!isListOf(observers)) {
+        listWatchers(observers);
+    }
     ++m_pass;
     const auto forget = [](KeyPatternSelector* selector) { selector->forgetPass(); };
     const std::unique_ptr<KeyPatternSelector, decltype(forget)> atEnd(this, forget);
+    for (const auto& change : changes) {
+        m_changedKeys.emplace_back(change.first);
+    }
     const Status ok;
-    for (const auto& [address, observer] : observers) {
-        if (!observer.derived) {
-            observer.derived = selectionFor(observer.request->key_pattern());
+    for (const auto& watcher : m_watchers) {
+        if (!watcher.mayWatch(m_changedKeys)) {
+            continue;
         }
-        const auto* selection = static_cast<const Selection*>(observer.derived.get());
+        const auto& selection = watcher.watch->selection;
         if (selection->kind == Selection::Kind::Nothing) {
             continue;
         }
         if (selection->pass != m_pass) {
-            select(changes, std::static_pointer_cast<Selection>(observer.derived));
+            select(changes, selection);
         }
         if (selection->isWhole) {
-            (*observer.observeCallback)(changes, ok);
+            (*watcher.callback)(changes, ok);
         } else if (!selection->part.empty()) {
-            (*observer.observeCallback)(selection->part, ok);
+            (*watcher.callback)(selection->part, ok);
         }
     }
+}
+
+bool KeyPatternSelector::Watcher::mayWatch(const std::vector<std::string_view>& keys) const {
+    // Keys of one tree mostly begin alike, so that the end of the prefix tells most.
+    return std::any_of(keys.begin(), keys.end(), [this](std::string_view key) {
+        return key.size() >= prefixSize && endOf(key, prefixSize) == prefixEnd;
+    });
+}
+
+bool KeyPatternSelector::isListOf(const ObserverCallbackMap<ObserveReq>& observers) const {
+    // The first one tells the only observer of a snapshot from an only observer that is listed.
+    return *m_isListCurrent && m_watchers.size() == observers.size() &&
+           m_watchers.front().callback == observers.begin()->first;
+}
+
+void KeyPatternSelector::listWatchers(const ObserverCallbackMap<ObserveReq>& observers) {
+    *m_isListCurrent = false;
+    m_watchers.clear();
+    for (const auto& [address, observer] : observers) {
+        if (!observer.derived) {
+            observer.derived = std::make_shared<Watch>(
+                selectionFor(observer.request->key_pattern()), m_isListCurrent);
+        }
+        const auto* watch = static_cast<const Watch*>(observer.derived.get());
+        const auto& prefix = watch->selection->prefix;
+        m_watchers.push_back(
+            {observer.observeCallback.get(), watch, prefix.size(), endOf(prefix, prefix.size())});
+    }
+    *m_isListCurrent = true;
 }
 
 KeyPatternSelector::SelectionPtr KeyPatternSelector::selectionFor(const std::string& keyPattern) {
@@ -115,6 +166,7 @@ void KeyPatternSelector::forgetPass() {
     }
     m_withPart.clear();
     m_selected.clear();
+    m_changedKeys.clear();
 }
 
 }  // namespace Hox::ObserverTree

@@ -4,6 +4,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "hox/observer_tree/path_manipulation.h"
@@ -43,6 +45,32 @@ private:
     };
     using SelectionPtr = std::shared_ptr<Selection>;
 
+    /// What is derived from one observer's request; tells when that observer goes.
+    struct Watch {
+        Watch(SelectionPtr shared, std::shared_ptr<bool> isCurrent)
+            : selection(std::move(shared)), isListCurrent(std::move(isCurrent)) {}
+        ~Watch() { *isListCurrent = false; }
+        Watch(const Watch&) = delete;
+        Watch(Watch&&) = delete;
+        Watch& operator=(const Watch&) = delete;
+        Watch& operator=(Watch&&) = delete;
+
+        const SelectionPtr selection;
+        const std::shared_ptr<bool> isListCurrent;
+    };
+
+    /// An observer in short, so that one that watches something else is passed over at a glance.
+    struct Watcher {
+        const ObserverCallback* callback;
+        const Watch* watch;
+        std::size_t prefixSize;
+        uint64_t prefixEnd;  // the last bytes of the prefix, 0 where it has fewer
+
+        bool mayWatch(const std::vector<std::string_view>& keys) const;
+    };
+
+    void listWatchers(const ObserverCallbackMap<ObserveReq>& observers);
+    bool isListOf(const ObserverCallbackMap<ObserveReq>& observers) const;
     SelectionPtr selectionFor(const std::string& keyPattern);
     void parse(const std::string& keyPattern, Selection& selection) const;
     void dropUnusedSelections();
@@ -51,9 +79,13 @@ private:
     void forgetPass();
 
     PathManipulation m_path;
+    /// The observers in map order; counts as long as all of them are there.
+    std::vector<Watcher> m_watchers;
+    std::shared_ptr<bool> m_isListCurrent = std::make_shared<bool>(false);
     std::map<std::string, std::weak_ptr<Selection>> m_selections;
     std::size_t m_sweepSize = 16;  // size of m_selections that makes a sweep worth its while
     uint64_t m_pass = 0;
+    std::vector<std::string_view> m_changedKeys;            // of one pass
     std::vector<ChangeSetType::const_iterator> m_selected;  // of one selection
     std::vector<SelectionPtr> m_withPart;  // hold changes that must not outlive the pass
 };
