@@ -35,14 +35,15 @@ void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree&
 }
 
 void StateMonObsHelper::registerStateHandlers(Hox::ObserverTree::ObserverTree& tree) {
-    tree.registerUnaryOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
-                                Api::CreateStateNotificationResp>(
-        "/state/notifications",
-        [this](const auto& req, DataTree& data) { return createStateNotification(req, data); });
+    tree.registerUnaryTakingOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
+                                      Api::CreateStateNotificationResp>(
+        "/state/notifications", [this](Api::CreateStateNotificationReq&& req, DataTree& data) {
+            return createStateNotification(std::move(req), data);
+        });
     tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetStateNotificationsReq,
                                 Api::GetStateNotificationsResp>(
         "/state/notifications",
-        [this](const auto& req, DataTree& data) { return getStateNotifications(req, data); });
+        [this](const auto& req, DataTree&) { return getStateNotifications(req); });
     tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetLatestStateNotificationsReq,
                                 Api::GetLatestStateNotificationsResp>(
         "/state/latest",
@@ -81,50 +82,58 @@ void StateMonObsHelper::registerConnectionHandlers(Hox::ObserverTree::ObserverTr
     tree.registerDefaultObserveHandler("/");
 }
 
-auto StateMonObsHelper::createStateNotification(const Api::CreateStateNotificationReq& req,
+auto StateMonObsHelper::createStateNotification(Api::CreateStateNotificationReq&& req,
                                                 DataTree& tree)
     -> Result<Api::CreateStateNotificationResp> {
     auto resp = std::make_unique<Api::CreateStateNotificationResp>();
+    req.mutable_statenotification();  // an absent one counts as an empty one
     try {
-        storeNotification(req.statenotification(), tree);
+        storeNotification(std::unique_ptr<Api::StateNotification>(req.release_statenotification()),
+                          tree);
         return {std::move(resp), Status()};
     } catch (const PathError& error) {
         return {std::move(resp), Status(ProtoStatus::FAILED_PRECONDITION, error.what())};
     }
 }
 
-void StateMonObsHelper::storeNotification(const Api::StateNotification& notification,
+void StateMonObsHelper::storeNotification(std::unique_ptr<Api::StateNotification> notification,
                                           DataTree& tree) {
-    Api::StoredNotification stored;
-    stored.set_index(m_nextIndex);
-    *stored.mutable_statenotification() = notification;
-    auto key = latestKey(notification);
+    auto key = latestKey(*notification);
+    const auto severity = notification->severity();
     const auto former = tree.lower_bound(key);
     const bool hasFormer = former != tree.end() && former->first == key;
+    Api::StoredNotification stored;
+    stored.set_index(m_nextIndex);
+    stored.set_allocated_statenotification(notification.release());
     if (hasFormer) {
         stored.mutable_previousstateseverity()->set_stateseverity(
             former->second->get<Api::StoredNotification>().statenotification().severity());
     }
     const auto formerSeverity = stored.previousstateseverity().stateseverity();
-    const Hox::ObserverTree::DataTreeValPtr value =
+    Hox::ObserverTree::DataTreeValPtr value =
         std::make_shared<const DataTreeVal>(std::move(stored));
 
     // Throws for a malformed key, with nothing changed yet.
     tree.insert_or_assign(former, std::move(key), Hox::ObserverTree::DataTreeValPtr(value));
-    const auto behindNewest = m_archiveCount > 0 ? std::next(m_newestArchived) : tree.begin();
-    m_newestArchived = tree.insert_or_assign(behindNewest, archiveKey(m_nextIndex),
-                                             Hox::ObserverTree::DataTreeValPtr(value))
-                           .first;
+    archive(std::move(value), tree);
     if (hasFormer) {
         countSeverity(formerSeverity, -1);
     }
-    countSeverity(notification.severity(), 1);
-    ++m_archiveCount;
-    if (m_archiveCount > m_archiveSize) {
-        tree.erase(archiveKey(m_nextIndex - m_archiveSize));
-        --m_archiveCount;
-    }
+    countSeverity(severity, 1);
     ++m_nextIndex;
+}
+
+void StateMonObsHelper::archive(Hox::ObserverTree::DataTreeValPtr value, DataTree& tree) {
+    const auto& notification = value->get<Api::StoredNotification>();
+    const auto behindNewest =
+        m_archive.empty() ? tree.begin() : std::next(m_archive.back().position);
+    const auto position =
+        tree.insert_or_assign(behindNewest, archiveKey(m_nextIndex), std::move(value)).first;
+    m_archive.push_back({position, &notification});
+    if (m_archive.size() > static_cast<std::size_t>(m_archiveSize)) {
+        tree.erase(m_archive.front().position);
+        m_archive.pop_front();
+    }
 }
 
 void StateMonObsHelper::countSeverity(Api::StateSeverity severity, int32_t difference) {

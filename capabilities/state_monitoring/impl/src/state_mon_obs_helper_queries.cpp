@@ -12,6 +12,7 @@
 namespace Hox::Capability::StateMonitoring {
 
 using Hox::ObserverTree::DataTree;
+using Hox::ObserverTree::makeArenaMessage;
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
 
@@ -22,31 +23,18 @@ bool isEarlier(const google::protobuf::Timestamp& left, const google::protobuf::
                                              : left.nanos() < right.nanos();
 }
 
-void selectByTime(const google::protobuf::Timestamp& from, TypeFilter& filter, const DataTree& tree,
-                  Api::GetStateNotificationsResp& resp) {
-    for (auto entry = tree.lower_bound(archivePrefix); liesUnder(entry, archivePrefix, tree);
-         ++entry) {
-        const auto& stored = entry->second->get<Api::StoredNotification>();
-        const auto& notification = stored.statenotification();
-        if (!isEarlier(notification.timestamp(), from) && filter.accepts(notification.type())) {
-            *resp.add_statelist() = stored;
-        }
-    }
-}
-
 }  // namespace
 
-auto StateMonObsHelper::getStateNotifications(const Api::GetStateNotificationsReq& req,
-                                              const DataTree& tree) const
+auto StateMonObsHelper::getStateNotifications(const Api::GetStateNotificationsReq& req) const
     -> Result<Api::GetStateNotificationsResp> {
-    auto resp = std::make_unique<Api::GetStateNotificationsResp>();
+    auto resp = makeArenaMessage<Api::GetStateNotificationsResp>();
     std::string failure;
     try {
         TypeFilter filter(req.typeregex());
         if (req.has_timestamp()) {
-            selectByTime(req.timestamp(), filter, tree, *resp);
+            selectByTime(req.timestamp(), filter, *resp);
         } else {
-            selectByIndex(req.index(), filter, tree, *resp);
+            selectByIndex(req.index(), filter, *resp);
         }
         return {std::move(resp), Status()};
     } catch (const std::regex_error& error) {
@@ -58,23 +46,18 @@ auto StateMonObsHelper::getStateNotifications(const Api::GetStateNotificationsRe
     return {std::move(resp), Status(ProtoStatus::FAILED_PRECONDITION, failure)};
 }
 
-void StateMonObsHelper::selectByIndex(int32_t index, TypeFilter& filter, const DataTree& tree,
+void StateMonObsHelper::selectByIndex(int32_t index, TypeFilter& filter,
                                       Api::GetStateNotificationsResp& resp) const {
-    const auto limit =
-        index < 0 ? -static_cast<int64_t>(index) : std::numeric_limits<int64_t>::max();
-    const auto newest = tree.find(archiveKey(std::max(m_nextIndex, 1) - 1));
-    const auto oldest = tree.lower_bound(archiveKey(std::max(index, 0)));
-    if (!liesUnder(oldest, archivePrefix, tree) || newest == tree.end()) {
-        return;
-    }
+    const auto limit = index < 0 ? static_cast<std::size_t>(-static_cast<int64_t>(index))
+                                 : std::numeric_limits<std::size_t>::max();
     std::vector<const Api::StoredNotification*> selected;
-    for (auto entry = newest;; --entry) {
-        const auto& stored = entry->second->get<Api::StoredNotification>();
+    for (auto entry = m_archive.rbegin(); entry != m_archive.rend(); ++entry) {
+        const auto& stored = *entry->notification;
+        if (stored.index() < index || selected.size() == limit) {
+            break;
+        }
         if (filter.accepts(stored.statenotification().type())) {
             selected.push_back(&stored);
-        }
-        if (entry == oldest || static_cast<int64_t>(selected.size()) == limit) {
-            break;
         }
     }
     // Behind the walk: the entries lie scattered in memory, and a walk without copying waits less.
@@ -85,10 +68,20 @@ void StateMonObsHelper::selectByIndex(int32_t index, TypeFilter& filter, const D
     }
 }
 
+void StateMonObsHelper::selectByTime(const google::protobuf::Timestamp& from, TypeFilter& filter,
+                                     Api::GetStateNotificationsResp& resp) const {
+    for (const auto& entry : m_archive) {
+        const auto& notification = entry.notification->statenotification();
+        if (!isEarlier(notification.timestamp(), from) && filter.accepts(notification.type())) {
+            *resp.add_statelist() = *entry.notification;
+        }
+    }
+}
+
 auto StateMonObsHelper::getLatestStateNotifications(const Api::GetLatestStateNotificationsReq& req,
                                                     const DataTree& tree) const
     -> Result<Api::GetLatestStateNotificationsResp> {
-    auto resp = std::make_unique<Api::GetLatestStateNotificationsResp>();
+    auto resp = makeArenaMessage<Api::GetLatestStateNotificationsResp>();
     if (req.changesetonly()) {
         return {std::move(resp), Status(ProtoStatus::UNIMPLEMENTED, "Changeset is not supported")};
     }

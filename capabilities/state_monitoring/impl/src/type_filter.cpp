@@ -8,13 +8,14 @@ bool TypeFilter::accepts(std::string_view type) {
     if (m_expression.empty()) {
         return true;
     }
-    const auto known = m_verdicts.find(type);
-    if (known != m_verdicts.end()) {
-        return known->second;
+    if (m_last == nullptr || m_last->first != type) {
+        auto known = m_verdicts.find(type);
+        if (known == m_verdicts.end()) {
+            known = m_verdicts.emplace(type, search(type)).first;
+        }
+        m_last = &*known;
     }
-    const bool verdict = search(type);
-    m_verdicts.emplace(type, verdict);
-    return verdict;
+    return m_last->second;
 }
 
 bool TypeFilter::search(std::string_view type) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "hox/cpputil/regex/bounded_regex.h"
 
@@ -32,6 +33,8 @@ private:
     const std::string& m_expression;
     std::optional<Hox::CppUtil::BoundedRegex> m_regex;
     std::unordered_map<std::string_view, bool> m_verdicts;
+    /// The type that came last, as types come in rows; null before the first one.
+    const std::pair<const std::string_view, bool>* m_last = nullptr;
 };
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -48,27 +49,35 @@ private:
     template <typename Msg>
     using Result = Hox::ObserverTree::UnaryHandlerReturnType<Msg>;
 
+    /// An archive key of the tree and the notification that it holds.
+    struct ArchiveEntry {
+        DataTree::iterator position;
+        const Api::StoredNotification* notification;
+    };
+
     void registerStateHandlers(Hox::ObserverTree::ObserverTree& tree);
     void registerConnectionHandlers(Hox::ObserverTree::ObserverTree& tree);
 
     Result<Api::CreateStateNotificationResp> createStateNotification(
-        const Api::CreateStateNotificationReq& req, DataTree& tree);
+        Api::CreateStateNotificationReq&& req, DataTree& tree);
     Result<Api::GetStateNotificationsResp> getStateNotifications(
-        const Api::GetStateNotificationsReq& req, const DataTree& tree) const;
+        const Api::GetStateNotificationsReq& req) const;
     Result<Api::GetLatestStateNotificationsResp> getLatestStateNotifications(
         const Api::GetLatestStateNotificationsReq& req, const DataTree& tree) const;
     Result<Api::GetCurrentStateResp> getCurrentState() const;
 
-    void storeNotification(const Api::StateNotification& notification, DataTree& tree);
+    void storeNotification(std::unique_ptr<Api::StateNotification> notification, DataTree& tree);
+    void archive(Hox::ObserverTree::DataTreeValPtr value, DataTree& tree);
     void countSeverity(Api::StateSeverity severity, int32_t difference);
-    void selectByIndex(int32_t index, TypeFilter& filter, const DataTree& tree,
+    void selectByIndex(int32_t index, TypeFilter& filter,
                        Api::GetStateNotificationsResp& resp) const;
+    void selectByTime(const google::protobuf::Timestamp& from, TypeFilter& filter,
+                      Api::GetStateNotificationsResp& resp) const;
 
     std::shared_ptr<spdlog::logger> m_logger;
     int32_t m_nextIndex = 0;
-    int32_t m_archiveCount = 0;
-    /// The place of the newest archive key; counts while there is one.
-    Hox::ObserverTree::DataTree::iterator m_newestArchived;
+    /// The archive keys, oldest first, for who need not look them up.
+    std::deque<ArchiveEntry> m_archive;
     int32_t m_archiveSize;
     bool m_isSystemMonitor;
     std::string m_serviceId;
