@@ -13,6 +13,7 @@
 namespace Hox::Capability::StateMonitoring {
 
 using Hox::ObserverTree::DataTreeVal;
+using Hox::ObserverTree::DataTreeValPtr;
 using Hox::ObserverTree::PathError;
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
@@ -100,30 +101,30 @@ void StateMonObsHelper::storeNotification(std::unique_ptr<Api::StateNotification
                                           DataTree& tree) {
     auto key = latestKey(*notification);
     const auto severity = notification->severity();
-    const auto former = tree.lower_bound(key);
-    const bool hasFormer = former != tree.end() && former->first == key;
+    const auto former = m_latest.find(key);
     Api::StoredNotification stored;
     stored.set_index(m_nextIndex);
     stored.set_allocated_statenotification(notification.release());
-    if (hasFormer) {
-        stored.mutable_previousstateseverity()->set_stateseverity(
-            former->second->get<Api::StoredNotification>().statenotification().severity());
+    if (former != m_latest.end()) {
+        stored.mutable_previousstateseverity()->set_stateseverity(former->second.severity);
     }
-    const auto formerSeverity = stored.previousstateseverity().stateseverity();
-    Hox::ObserverTree::DataTreeValPtr value =
-        std::make_shared<const DataTreeVal>(std::move(stored));
+    DataTreeValPtr value = std::make_shared<const DataTreeVal>(std::move(stored));
 
-    // Throws for a malformed key, with nothing changed yet.
-    tree.insert_or_assign(former, std::move(key), Hox::ObserverTree::DataTreeValPtr(value));
-    archive(std::move(value), tree);
-    if (hasFormer) {
-        countSeverity(formerSeverity, -1);
+    if (former != m_latest.end()) {
+        tree.insert_or_assign(former->second.position, std::move(key), DataTreeValPtr(value));
+        countSeverity(former->second.severity, -1);
+        former->second.severity = severity;
+    } else {
+        // Throws for a malformed key, with nothing changed yet.
+        const auto position = tree.insert_or_assign(std::move(key), DataTreeValPtr(value)).first;
+        m_latest.emplace(position->first, LatestEntry{position, severity});
     }
     countSeverity(severity, 1);
+    archive(std::move(value), tree);
     ++m_nextIndex;
 }
 
-void StateMonObsHelper::archive(Hox::ObserverTree::DataTreeValPtr value, DataTree& tree) {
+void StateMonObsHelper::archive(DataTreeValPtr value, DataTree& tree) {
     const auto& notification = value->get<Api::StoredNotification>();
     const auto behindNewest =
         m_archive.empty() ? tree.begin() : std::next(m_archive.back().position);

@@ -8,6 +8,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "hox/observer_tree/observer_tree.h"
 #include "state_monitoring.pb.h"
@@ -49,6 +51,12 @@ private:
     template <typename Msg>
     using Result = Hox::ObserverTree::UnaryHandlerReturnType<Msg>;
 
+    /// A latest key of the tree and the severity of what it holds.
+    struct LatestEntry {
+        DataTree::iterator position;
+        Api::StateSeverity severity;
+    };
+
     /// An archive key of the tree and the notification that it holds.
     struct ArchiveEntry {
         DataTree::iterator position;
@@ -76,6 +84,8 @@ private:
 
     std::shared_ptr<spdlog::logger> m_logger;
     int32_t m_nextIndex = 0;
+    /// The latest keys, which are never removed, by their text in the tree.
+    std::unordered_map<std::string_view, LatestEntry> m_latest;
     /// The archive keys, oldest first, for who need not look them up.
     std::deque<ArchiveEntry> m_archive;
     int32_t m_archiveSize;
