@@ -303,6 +303,46 @@ TEST(BoundedRegex, AnswersLikeTheLibraryForRandomExpressions) {
     }
 }
 
+TEST(BoundedRegex, AnswersLikeTheLibraryForPlainTextsAndPrefixes) {
+    const std::vector<std::string> subjects{
+        "",           "/",           "/sys",         "/sys/conf",     "/sys/conf/",
+        "/sys/confx", "/sys/conf/a", "/sys/conf/\n", "/sys/conf/a\r", "/sys/conf/a\nb",
+        "/__csid",    "/__csid/",    "/__csi",       "x/sys/conf/a",  "/sys/conf/\xc3\xa4",
+        "a.b",        "aXb",         "\xc3\xa4",     "\xc3\xb6"};
+    for (const char* expression : {"/sys/conf/.*|/__csid",
+                                   "/sys/conf",
+                                   ".*",
+                                   "",
+                                   "|/sys",
+                                   "/sys/conf/.*.*",
+                                   "/sys/.*f/a",
+                                   "(/sys/conf/.*)|/__csid",
+                                   "(?:/sys|/__csid)",
+                                   "/sys/conf/.+",
+                                   "/sys/conf/.?",
+                                   "a\\.b",
+                                   "a.b",
+                                   "\xc3\xa4.*",
+                                   "/__csid$",
+                                   "^/sys/conf/.*",
+                                   "/sys/conf/[^\n\r]*",
+                                   "/sys/conf/.*?",
+                                   "/sys/conf/.{0,}",
+                                   "a[.]b",
+                                   "/sys(?=/).*"}) {
+        expectSameAnswers(expression, subjects);
+    }
+}
+
+TEST(BoundedRegex, CountsItsStepsForPlainTextsToo) {
+    BoundedRegex regex("/sys/conf/.*|/__csid");
+    EXPECT_TRUE(regex.matches("/sys/conf/a"));
+    const auto once = regex.steps();
+    EXPECT_GE(once, 11U);
+    EXPECT_FALSE(regex.matches("/sys/state/a"));
+    EXPECT_GT(regex.steps(), once);
+}
+
 TEST(BoundedRegex, KnowsWhatLiesAheadOfALookahead) {
     BoundedRegex start("a(?=^b)");
     EXPECT_FALSE(start.search("ab"));

@@ -9,6 +9,8 @@
 namespace Hox::CppUtil {
 
 class RegexAutomaton;
+class RegexLiterals;
+class RegexSyntax;
 
 /// A regular expression (ECMAScript grammar) from a source that is not trusted.
 ///
@@ -51,7 +53,10 @@ public:
     std::uint64_t steps() const;
 
 private:
+    explicit BoundedRegex(const RegexSyntax& syntax);
+
     std::unique_ptr<RegexAutomaton> m_automaton;
+    std::unique_ptr<RegexLiterals> m_literals;  // null for an expression of another kind
 };
 
 }  // namespace Hox::CppUtil
