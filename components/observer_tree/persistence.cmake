@@ -6,6 +6,8 @@ hox_add_library(hox_observer_tree_persistence
         include/hox/observer_tree/persistence/store_node_data_return.h
     SOURCES
         src/persistence/node_data_file_hndlr.cpp
+        src/persistence/node_file.cpp
+        src/persistence/node_file.h
         src/persistence/persistence_hndlr.cpp
     PUBLIC hox_observer_tree)
 

@@ -2,12 +2,18 @@
 
 #include <google/protobuf/util/json_util.h>
 
-#include <fstream>
-#include <unordered_set>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "hox/observer_tree/utils.h"
+#include "persistence/node_file.h"
 
 namespace fs = std::filesystem;
 
@@ -15,44 +21,69 @@ namespace Hox::ObserverTree {
 
 namespace {
 
-constexpr const char* dataName = "data";
-constexpr const char* temporaryName = "data~";
+constexpr std::string_view dataName = "/data";
+constexpr std::string_view temporaryName = "/data~";
+constexpr mode_t directoryMode = 0777;
 
-fs::path nodeDirectory(const fs::path& workingDir, const std::string& key) {
-    return key.size() > 1 ? workingDir / key.substr(1) : workingDir;
+std::string nodeDirectory(const fs::path& workingDir, const std::string& key) {
+    std::string directory = workingDir.native();
+    if (key.size() > 1) {
+        const bool needsSeparator = !directory.empty() && directory.back() != '/';
+        directory.append(key, needsSeparator ? 0 : 1);
+    }
+    return directory;
 }
 
-std::string readFile(const fs::directory_entry& entry) {
-    std::string content(entry.file_size(), '\0');
-    std::ifstream file(entry.path(), std::ios::binary);
-    file.read(content.data(), static_cast<std::streamsize>(content.size()));
-    content.resize(static_cast<std::size_t>(file.gcount()));
-    return content;
+std::string fileIn(const std::string& directory, std::string_view name) {
+    std::string file;
+    file.reserve(directory.size() + name.size());
+    return file.append(directory).append(name);
+}
+
+bool endsWith(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+void rename(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) {
+        throw fs::filesystem_error("cannot rename", from, to,
+                                   std::error_code(errno, std::generic_category()));
+    }
 }
 
 }  // namespace
 
-/// Makes directories, each at most once in its life: the keys of a change set share most of theirs.
+/// Makes directories with as few questions to the file system as it can: below a directory that it
+/// has made itself it expects nothing to be there.
 class NodeDataFileHndlr::DirectoryMaker {
 public:
-    void make(const fs::path& directory) {
-        if (m_made.count(directory.native()) != 0) {
-            return;
-        }
-        const fs::path parent = directory.parent_path();
-        if (m_made.count(parent.native()) != 0) {
-            fs::create_directory(directory);
-        } else {
+    /// Throws std::filesystem::filesystem_error.
+    void make(const std::string& directory) {
+        if (!isExpectedMissing(directory)) {
+            fs::path highest = highestMissing(directory);
+            if (fs::create_directories(directory)) {
+                m_made = highest.native() + '/';
+            }
+        } else if (::mkdir(directory.c_str(), directoryMode) != 0) {
             fs::create_directories(directory);
-            m_made.insert(parent.native());
         }
-        m_made.insert(directory.native());
     }
 
-    void forget() { m_made.clear(); }
+    /// Whether the directory lies below one that this object has made. A guess: it may be there.
+    bool isExpectedMissing(const std::string& directory) const {
+        return !m_made.empty() && directory.compare(0, m_made.size(), m_made) == 0;
+    }
 
 private:
-    std::unordered_set<std::string> m_made;
+    static fs::path highestMissing(fs::path directory) {
+        std::error_code ignored;
+        while (directory.has_parent_path() && !fs::exists(directory.parent_path(), ignored)) {
+            directory = directory.parent_path();
+        }
+        return directory;
+    }
+
+    std::string m_made;  // the highest directory made last, with a slash at its end
 };
 
 NodeDataFileHndlr::NodeDataFileHndlr()
@@ -71,23 +102,33 @@ void NodeDataFileHndlr::save(const fs::path& workingDir, const std::string& key,
                       "Saving node data - workingDir {} key: {}, data {}", workingDir.string(), key,
                       data.DebugString());
     }
-    const fs::path directory = nodeDirectory(workingDir, key);
-    directories.make(directory);
+    const std::string directory = nodeDirectory(workingDir, key);
+    const std::string temporary = fileIn(directory, temporaryName);
     std::string json;
     // A value that cannot be converted leaves an empty file; the key is kept.
     static_cast<void>(google::protobuf::util::MessageToJsonString(data, &json));
-    const fs::path temporary = directory / temporaryName;
-    {
-        std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-        file << json;
+    writeTemporary(directory, temporary, json, directories);
+    rename(temporary, fileIn(directory, dataName));
+}
+
+void NodeDataFileHndlr::writeTemporary(const std::string& directory, const std::string& temporary,
+                                       const std::string& text, DirectoryMaker& directories) {
+    if (!directories.isExpectedMissing(directory)) {
+        const auto file = NodeFile::create(temporary);
+        if (file.isOpen()) {
+            file.write(text);
+            return;
+        }
     }
-    fs::rename(temporary, directory / dataName);
+    directories.make(directory);
+    // A file that cannot be opened shows when it is renamed.
+    NodeFile::create(temporary).write(text);
 }
 
 void NodeDataFileHndlr::removeNodeData(const fs::path& workingDir, const std::string& key) {
     m_logger->log(Hox::Log::here(), spdlog::level::trace, "Removing node data - key: {}", key);
     fs::path directory = nodeDirectory(workingDir, key);
-    fs::remove(directory / dataName);
+    fs::remove(fileIn(directory.native(), dataName));
     while (fs::exists(directory) && fs::is_empty(directory)) {
         fs::remove(directory);
         directory = directory.parent_path();
@@ -102,7 +143,6 @@ void NodeDataFileHndlr::saveChangeSet(const ChangeSetType& changes, const fs::pa
             save(workingDir, key, *current->toAny(), directories);
         } else {
             removeNodeData(workingDir, key);
-            directories.forget();
         }
     }
 }
@@ -111,15 +151,16 @@ ChangeSetType NodeDataFileHndlr::readNodeData(const fs::path& workingDir) {
     ChangeSetType result;
     const std::size_t prefixLength = workingDir.native().size();
     for (const auto& entry : fs::recursive_directory_iterator(workingDir)) {
-        if (entry.path().filename() != dataName || !entry.is_regular_file()) {
+        const std::string& file = entry.path().native();
+        if (!endsWith(file, dataName) || !entry.is_regular_file()) {
             continue;
         }
-        const std::string directory = entry.path().parent_path().native();
-        std::string key = directory.substr(std::min(prefixLength, directory.size()));
+        std::string key = file.substr(0, file.size() - dataName.size());
+        key.erase(0, prefixLength);
         if (!key.empty() && key.front() != '/') {
             key.insert(key.begin(), '/');
         }
-        const std::string json = readFile(entry);
+        const std::string json = NodeFile::open(file).readAll();
         google::protobuf::Any packed;
         // A broken file yields an empty value: the key itself is kept.
         static_cast<void>(google::protobuf::util::JsonStringToMessage(json, &packed));

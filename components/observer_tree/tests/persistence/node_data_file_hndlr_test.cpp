@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <system_error>
 
 #include "hox/testing/log_capture.h"
 #include "hox/testing/temp_dir.h"
@@ -131,6 +132,38 @@ TEST_F(NodeDataFiles, AreMadeAnewBehindARemovalThatTookTheirDirectories) {
     EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/n", "a/n/data"));
 }
 
+TEST_F(NodeDataFiles, FindTheirDirectoriesThereOrMakeThem) {
+    m_files.saveNodeData(m_dir, "/a/b", packed("old"));
+    ChangeSetType changes;
+    for (const char* key : {"/a/b", "/a/b/c", "/a/c/d/e", "/a/c/d/f", "/a/c/g", "/b"}) {
+        changes[key] = {ChangeSetMapVal{value(key), nullptr}};
+    }
+    m_files.saveChangeSet(changes, m_dir);
+    EXPECT_THAT(
+        TestKit::linesOf(m_files.readNodeData(m_dir)),
+        ElementsAre("/a/b: null -> /a/b", "/a/b/c: null -> /a/b/c", "/a/c/d/e: null -> /a/c/d/e",
+                    "/a/c/d/f: null -> /a/c/d/f", "/a/c/g: null -> /a/c/g", "/b: null -> /b"));
+    const auto again = entriesOf(m_dir);
+    m_files.saveChangeSet(changes, m_dir);
+    EXPECT_EQ(entriesOf(m_dir), again);
+}
+
+TEST_F(NodeDataFiles, LieInADirectoryNamedWithASlashAtItsEndToo) {
+    ChangeSetType changes;
+    changes["/a"] = {ChangeSetMapVal{value("1"), nullptr}};
+    changes["/a/b"] = {ChangeSetMapVal{value("2"), nullptr}};
+    m_files.saveChangeSet(changes, m_dir / "");
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/b", "a/b/data", "a/data"));
+    m_files.removeNodeData(m_dir / "", "/a/b");
+    EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/data"));
+}
+
+TEST_F(NodeDataFiles, HoldLongValuesInFull) {
+    const std::string text(1000000, 'x');
+    m_files.saveNodeData(m_dir, "/a", packed(text));
+    EXPECT_EQ(TestKit::textOf(m_files.readNodeData(m_dir).at("/a").at(0).current), text);
+}
+
 TEST_F(NodeDataFiles, WantAChangeForEachKey) {
     ChangeSetType changes;
     changes["/a"] = {};
@@ -168,6 +201,20 @@ TEST_F(NodeDataFiles, ReportErrorsOfTheFileSystem) {
     writeFile(m_dir / "a", "not a directory");
     EXPECT_THROW(m_files.saveNodeData(m_dir, "/a/b", packed("b")), fs::filesystem_error);
     EXPECT_THROW(m_files.readNodeData(m_parent / "missing"), fs::filesystem_error);
+}
+
+TEST_F(NodeDataFiles, ThatCannotBeWrittenShowWhenTheyAreRenamed) {
+    m_files.saveNodeData(m_dir, "/a", packed("old"));
+    fs::create_directories(m_dir / "a/data~");
+    try {
+        m_files.saveNodeData(m_dir, "/a", packed("new"));
+        FAIL() << "nothing thrown";
+    } catch (const fs::filesystem_error& error) {
+        EXPECT_EQ(error.code(), std::errc::not_a_directory);
+        EXPECT_EQ(error.path1(), m_dir / "a/data~");
+        EXPECT_EQ(error.path2(), m_dir / "a/data");
+    }
+    EXPECT_EQ(TestKit::textOf(m_files.readNodeData(m_dir).at("/a").at(0).current), "old");
 }
 
 TEST_F(NodeDataFiles, AreTraced) {

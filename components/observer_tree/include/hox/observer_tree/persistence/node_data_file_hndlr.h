@@ -47,6 +47,8 @@ private:
 
     void save(const std::filesystem::path& workingDir, const std::string& key,
               const google::protobuf::Any& data, DirectoryMaker& directories);
+    static void writeTemporary(const std::string& directory, const std::string& temporary,
+                               const std::string& text, DirectoryMaker& directories);
 
     std::shared_ptr<spdlog::logger> m_logger;
 };
