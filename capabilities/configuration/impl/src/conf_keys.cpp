@@ -3,14 +3,21 @@
 #include <google/protobuf/wrappers.pb.h>
 
 #include <algorithm>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "hox/cpputil/assertion/assertion.h"
-#include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/path_manipulation.h"
 
 namespace Hox::Capability::Configuration {
 
+using Hox::ObserverTree::ChangeSetMapVal;
 using Hox::ObserverTree::ChangeSetType;
+using Hox::ObserverTree::DataTreeVal;
+using Hox::ObserverTree::DataTreeValPtr;
 
 namespace {
 
@@ -26,7 +33,16 @@ bool isKept(const std::string& key) {
            key.find_first_of("\n\r") == std::string::npos;
 }
 
-bool isReservedName(const std::string& component) {
+DataTreeValPtr takeValue(google::protobuf::Any& packed) {
+    return std::make_shared<const DataTreeVal>(std::move(packed));
+}
+
+ChangeSetMapVal takeChange(Hox::ObserverTree::ObsTreeDataNodePair& pair) {
+    return {pair.has_currentmessage() ? takeValue(*pair.mutable_currentmessage()) : nullptr,
+            pair.has_prevmessage() ? takeValue(*pair.mutable_prevmessage()) : nullptr};
+}
+
+bool isReservedName(std::string_view component) {
     return component == "data" || component == "data~";
 }
 
@@ -51,16 +67,25 @@ std::size_t sliceRootLength(const std::string& key) {
     return static_cast<std::size_t>(iter - key.begin());
 }
 
-ChangeSetType splitCapConfKeys(const Hox::ObserverTree::ObsTreeObserveChangeSet& changeSet) {
-    ChangeSetType local;
-    auto changes = Hox::ObserverTree::fromWire(changeSet);
-    if (changes.empty()) {
-        return local;
+ChangeSetType splitCapConfKeys(Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet) {
+    auto& wireMap = *changeSet.mutable_node_change_map();
+    std::vector<std::decay_t<decltype(wireMap)>::value_type*> entries;
+    entries.reserve(wireMap.size());
+    for (auto& entry : wireMap) {
+        entries.push_back(&entry);
     }
-    const std::size_t prefixLength = sliceRootLength(changes.begin()->first);
-    for (auto& [key, keyChanges] : changes) {
+    std::sort(entries.begin(), entries.end(),
+              [](const auto* left, const auto* right) { return left->first < right->first; });
+    ChangeSetType local;
+    const std::size_t prefixLength = entries.empty() ? 0 : sliceRootLength(entries.front()->first);
+    for (auto* entry : entries) {
+        const std::string& key = entry->first;
+        ChangeSetType::mapped_type changes;
+        for (auto& pair : *entry->second.mutable_nodepairlist()) {
+            changes.push_back(takeChange(pair));
+        }
         local.emplace_hint(local.end(), key.substr(std::min(prefixLength, key.size())),
-                           std::move(keyChanges));
+                           std::move(changes));
     }
     return local;
 }
@@ -83,13 +108,13 @@ std::string whyNotStorable(const std::string& key) {
     std::size_t start = 1;
     while (start < key.size()) {
         const std::size_t end = std::min(key.find('/', start), key.size());
-        const std::string component = key.substr(start, end - start);
+        const auto component = std::string_view(key).substr(start, end - start);
         if (component.size() > maxComponentSize) {
             return "Key has a component of more than " + std::to_string(maxComponentSize) +
                    " bytes: " + key;
         }
         if (isReservedName(component)) {
-            return "Key has the reserved component " + component + ": " + key;
+            return "Key has the reserved component " + std::string(component) + ": " + key;
         }
         start = end + 1;
     }

@@ -23,10 +23,10 @@ std::string uniqueConfId(const Api::ConfId& confId);
 /// one.
 std::size_t sliceRootLength(const std::string& key);
 
-/// The native form of a slice that has been read, by keys inside the slice. All keys belong to one
-/// slice.
+/// The native form of a slice that has been read, by keys inside the slice; takes the values out of
+/// the message. All keys belong to one slice.
 Hox::ObserverTree::ChangeSetType splitCapConfKeys(
-    const Hox::ObserverTree::ObsTreeObserveChangeSet& changeSet);
+    Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet);
 
 /// Calls `action` with each element of the tree whose key starts with the prefix, in key order.
 template <typename Action>

@@ -3,13 +3,12 @@
 #include <google/protobuf/util/time_util.h>
 
 #include <utility>
-#include <vector>
 
 #include "conf_keys.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
-#include "hox/observer_tree/path_error.h"
+#include "slice_update.h"
 #include "state_id.h"
 #include "state_monitoring.pb.h"
 
@@ -17,11 +16,7 @@ namespace Hox::Capability::Configuration {
 
 using Hox::ObserverTree::ChangeSetType;
 using Hox::ObserverTree::DataTree;
-using Hox::ObserverTree::DataTreeVal;
 using Hox::ObserverTree::ObserverCallback;
-using Hox::ObserverTree::ObsTreeDataNodePairList;
-using Hox::ObserverTree::PathManipulation;
-using Hox::ObserverTree::PathType;
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
 using Hox::ObserverTree::UnaryOps;
@@ -32,49 +27,11 @@ constexpr const char* dataAddress = "/sys/conf/.data.";
 constexpr const char* readAddress = "/.rcc.";
 constexpr const char* observeAddress = "/sys/.conf.";
 
-/// The only pair of an entry that counts. A sender that leaves the list empty breaks the protocol
-/// of the configuration store, which ends the process in every kind of build.
-const Hox::ObserverTree::ObsTreeDataNodePair& firstPair(const ObsTreeDataNodePairList& list) {
-    if (list.nodepairlist().empty()) {
-        Hox::CppUtil::getAssertion().assertTrue(
-            false, "CHECK failed: (index) < (current_size_): ", __FILE__, __LINE__);
-        std::abort();
-    }
-    return list.nodepairlist(0);
-}
-
-/// Finds what the tree or the file store would refuse in a client's key; rootIsValid tells that the
-/// slice's root is a well-formed key by itself.
-Status checkKey(const std::string& root, bool rootIsValid, const std::string& key) {
-    const PathManipulation path;
-    const std::string composed = root + key;
-    try {
-        path.parsePath(PathType::Key, key);
-        if (!rootIsValid || key.size() == 1) {
-            path.parsePath(PathType::Key, composed);
-        }
-    } catch (const Hox::ObserverTree::PathError& error) {
-        return {ProtoStatus::FAILED_PRECONDITION, error.what()};
-    }
-    const std::string refusal = whyNotStorable(composed);
-    return refusal.empty() ? Status() : Status(ProtoStatus::INVALID_ARGUMENT, refusal);
-}
-
-bool isValidKey(const std::string& key) {
-    try {
-        PathManipulation().parsePath(PathType::Key, key);
-        return true;
-    } catch (const Hox::ObserverTree::PathError&) {
-        return false;
-    }
-}
-
-void removeSlice(const std::string& root, DataTree& tree) {
-    std::vector<std::string> keys;
-    forEachWithPrefix(tree, root, [&keys](const auto& element) { keys.push_back(element.first); });
-    for (const auto& key : keys) {
-        tree.erase(key);
-    }
+/// Whether the request rests on the slice's state. A slice without a state id takes any.
+bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& root,
+                      const DataTree& tree) {
+    const auto stateId = tree.find(root + stateIdKey);
+    return stateId == tree.end() || holdsStateId(*stateId->second, request.lastcapconfstateid());
 }
 
 }  // namespace
@@ -138,7 +95,14 @@ ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCap
     const Api::UpdateCapConfReq& request, DataTree& tree) {
     auto response = std::make_unique<Api::UpdateCapConfResp>();
     const std::string root = capConfKey(request.confid());
-    Status refusal = checkUpdate(request, root, tree);
+    if (!holdsLastStateId(request, root, tree)) {
+        m_logger->log(Hox::Log::here(), spdlog::level::warn,
+                      "Configuration state id did not match");
+        return {std::move(response),
+                Status(ProtoStatus::FAILED_PRECONDITION, "ConfState identifier didnt match")};
+    }
+    const SliceUpdate update(request, root);
+    Status refusal = update.check();
     if (!refusal.isOk()) {
         return {std::move(response), std::move(refusal)};
     }
@@ -146,52 +110,16 @@ ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCap
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Updating system configuration for {}",
                   root);
     notify(StateMonitoring::Api::WARN, "Sysconf cap update");
-    if (!request.ispatch()) {
-        removeSlice(root, tree);
-    }
-    applyChanges(request, root, tree);
+    update.apply(tree, [this](const std::string& key, const google::protobuf::Any& value) {
+        if (m_logger->should_log(spdlog::level::debug)) {
+            m_logger->log(Hox::Log::here(), spdlog::level::debug,
+                          "Updating system configuration for {} - {}", key, value.DebugString());
+        }
+    });
     const std::string stateId = newStateId();
     tree.insert_or_assign(root + stateIdKey, stateIdToValue(stateId));
     response->set_capconfstateid(stateId);
     return {std::move(response), Status()};
-}
-
-Status ConfObstreeHandler::checkUpdate(const Api::UpdateCapConfReq& request,
-                                       const std::string& capConfKey, const DataTree& tree) const {
-    const auto stateId = tree.find(capConfKey + stateIdKey);
-    if (stateId != tree.end() && !holdsStateId(*stateId->second, request.lastcapconfstateid())) {
-        m_logger->log(Hox::Log::here(), spdlog::level::warn,
-                      "Configuration state id did not match");
-        return {ProtoStatus::FAILED_PRECONDITION, "ConfState identifier didnt match"};
-    }
-    const bool rootIsValid = isValidKey(capConfKey);
-    for (const auto& [key, pairList] : request.capconfchangeset().node_change_map()) {
-        firstPair(pairList);
-        Status refusal = checkKey(capConfKey, rootIsValid, key);
-        if (!refusal.isOk()) {
-            return refusal;
-        }
-    }
-    return checkKey(capConfKey, rootIsValid, stateIdKey);
-}
-
-void ConfObstreeHandler::applyChanges(const Api::UpdateCapConfReq& request,
-                                      const std::string& capConfKey, DataTree& tree) {
-    for (const auto& [key, pairList] : request.capconfchangeset().node_change_map()) {
-        const auto& pair = firstPair(pairList);
-        std::string fullKey = capConfKey + key;
-        if (!pair.has_currentmessage()) {
-            tree.erase(fullKey);
-            continue;
-        }
-        if (m_logger->should_log(spdlog::level::debug)) {
-            m_logger->log(Hox::Log::here(), spdlog::level::debug,
-                          "Updating system configuration for {} - {}", fullKey,
-                          pair.currentmessage().DebugString());
-        }
-        tree.insert_or_assign(std::move(fullKey),
-                              std::make_shared<const DataTreeVal>(pair.currentmessage()));
-    }
 }
 
 void ConfObstreeHandler::notify(StateMonitoring::Api::StateSeverity severity,
@@ -241,7 +169,7 @@ void ConfObstreeHandler::observeCapConf(const Api::ObserveCapConfReq& request,
     const auto read = m_tree.callApiOp<UnaryOps::READ, Api::ReadCapConfReq, Api::ReadCapConfResp>(
         readAddress, readRequest);
     if (read.message->has_capconfchangeset()) {
-        callback(splitCapConfKeys(read.message->capconfchangeset()), Status());
+        callback(splitCapConfKeys(std::move(*read.message->mutable_capconfchangeset())), Status());
     } else {
         callback(ChangeSetType(), Status(ProtoStatus::ALREADY_EXISTS, std::string()));
     }

@@ -5,7 +5,9 @@
 #include <google/protobuf/wrappers.pb.h>
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
+#include <string_view>
 
 #include "hox/cpputil/error/error.h"
 
@@ -16,19 +18,54 @@ using google::protobuf::StringValue;
 
 namespace {
 
-std::optional<std::string> valueToStateId(const Hox::ObserverTree::DataTreeVal& value) {
-    try {
-        Any packed;
-        StringValue stateId;
-        const auto& json = value.get<StringValue>().value();
-        if (google::protobuf::util::JsonStringToMessage(json, &packed).ok() &&
-            packed.UnpackTo(&stateId)) {
-            return stateId.value();
+// What stands around a state id in the JSON of its packed StringValue.
+constexpr std::string_view jsonStart =
+    R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":")";
+constexpr std::string_view jsonEnd = R"("})";
+
+/// Whether the text stands in JSON as it is, like every state id of this service.
+bool isNumber(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+std::string toJson(const std::string& stateId) {
+    std::string json;
+    if (isNumber(stateId)) {
+        return json.append(jsonStart).append(stateId).append(jsonEnd);
+    }
+    StringValue text;
+    text.set_value(stateId);
+    Any packed;
+    packed.PackFrom(text);
+    static_cast<void>(google::protobuf::util::MessageToJsonString(packed, &json));
+    return json;
+}
+
+std::optional<std::string> fromJson(std::string_view json) {
+    const std::size_t frame = jsonStart.size() + jsonEnd.size();
+    if (json.size() > frame && json.substr(0, jsonStart.size()) == jsonStart &&
+        json.substr(json.size() - jsonEnd.size()) == jsonEnd) {
+        const auto stateId = json.substr(jsonStart.size(), json.size() - frame);
+        if (isNumber(stateId)) {
+            return std::string(stateId);
         }
-    } catch (const Hox::Error&) {
-        // Not the form that this service writes.
+    }
+    Any packed;
+    StringValue text;
+    if (google::protobuf::util::JsonStringToMessage({json.data(), json.size()}, &packed).ok() &&
+        packed.UnpackTo(&text)) {
+        return text.value();
     }
     return std::nullopt;
+}
+
+std::optional<std::string> valueToStateId(const Hox::ObserverTree::DataTreeVal& value) {
+    try {
+        return fromJson(value.get<StringValue>().value());
+    } catch (const Hox::Error&) {
+        // Not the form that this service writes.
+        return std::nullopt;
+    }
 }
 
 }  // namespace
@@ -38,12 +75,8 @@ std::string newStateId() {
 }
 
 Hox::ObserverTree::DataTreeValPtr stateIdToValue(const std::string& stateId) {
-    StringValue inner;
-    inner.set_value(stateId);
-    Any packed;
-    packed.PackFrom(inner);
     StringValue outer;
-    static_cast<void>(google::protobuf::util::MessageToJsonString(packed, outer.mutable_value()));
+    outer.set_value(toJson(stateId));
     return std::make_shared<const Hox::ObserverTree::DataTreeVal>(std::move(outer));
 }
 

@@ -1,6 +1,7 @@
 #include "conf_keys.h"
 
 #include <gmock/gmock.h>
+#include <google/protobuf/util/json_util.h>
 #include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
@@ -52,7 +53,7 @@ TEST(ConfKeys, SplitGivesLocalKeys) {
             ->set_value(key);
     }
     std::vector<std::string> keys;
-    for (const auto& [key, changes] : splitCapConfKeys(changeSet)) {
+    for (const auto& [key, changes] : splitCapConfKeys(std::move(changeSet))) {
         keys.push_back(key);
         EXPECT_EQ(changes.size(), 1U);
         EXPECT_EQ(changes.at(0).previous, nullptr);
@@ -84,6 +85,31 @@ TEST(StateId, IsStoredInItsOddForm) {
               R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":"17"})");
     EXPECT_TRUE(holdsStateId(*value, "17"));
     EXPECT_FALSE(holdsStateId(*value, "18"));
+}
+
+TEST(StateId, IsStoredAsTheConversionToJsonWritesIt) {
+    for (const std::string stateId : {"1763700000000000000", "0", "", "a \"b\"", "12 ", "<1>"}) {
+        google::protobuf::StringValue text;
+        text.set_value(stateId);
+        google::protobuf::Any packed;
+        packed.PackFrom(text);
+        std::string json;
+        ASSERT_TRUE(google::protobuf::util::MessageToJsonString(packed, &json).ok());
+        const auto value = stateIdToValue(stateId);
+        EXPECT_EQ(value->get<google::protobuf::StringValue>().value(), json);
+        EXPECT_TRUE(holdsStateId(*value, stateId)) << stateId;
+        EXPECT_FALSE(holdsStateId(*value, stateId + "1")) << stateId;
+    }
+}
+
+TEST(StateId, IsReadFromAnyFormOfItsJson) {
+    google::protobuf::StringValue text;
+    text.set_value(
+        R"({ "value": "17", "@type": "type.googleapis.com/google.protobuf.StringValue" })");
+    EXPECT_TRUE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), "17"));
+    text.set_value(
+        R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":"\u0031"})");
+    EXPECT_TRUE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), "1"));
 }
 
 TEST(StateId, ThatCannotBeReadMatchesNothing) {

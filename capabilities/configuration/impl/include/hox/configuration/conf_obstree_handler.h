@@ -61,11 +61,6 @@ private:
     void onConfTreeChanged(const Hox::ObserverTree::ChangeSetType& changes,
                            const Hox::ObserverTree::Status& status);
 
-    Hox::ObserverTree::Status checkUpdate(const Api::UpdateCapConfReq& request,
-                                          const std::string& capConfKey,
-                                          const Hox::ObserverTree::DataTree& tree) const;
-    void applyChanges(const Api::UpdateCapConfReq& request, const std::string& capConfKey,
-                      Hox::ObserverTree::DataTree& tree);
     void notify(StateMonitoring::Api::StateSeverity severity, const std::string& msg) const;
 
     // The working copy, the saved copy and packages: conf_obstree_handler_packages.cpp.
