@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "common/sample_configuration.h"
+
 namespace Hox::Benchmarks {
 
 namespace {
@@ -27,6 +29,10 @@ BareAnswers::BareAnswers(int snapshotKeys) {
         m_snapshot.back().value.PackFrom(stored(notification, i));
     }
     m_formerReport.PackFrom(m_archive.back());
+    for (int i = 0; i < snapshotKeys; ++i) {
+        m_slice.push_back({settingKey(i), settingValue(i)});
+    }
+    m_slice.push_back({"/__csid", settingValue(0)});
 }
 
 void BareAnswers::fill(Api::GetStateNotificationsResp& response) const {
@@ -38,13 +44,20 @@ void BareAnswers::fill(Api::GetStateNotificationsResp& response) const {
 }
 
 ObserverTree::ObsTreeObserveChangeSet BareAnswers::snapshot(const std::string& keyPattern) const {
-    const std::size_t count = keyPattern == snapshotPattern ? m_snapshot.size() : 1;
+    return changeSet(m_snapshot, keyPattern == snapshotPattern ? m_snapshot.size() : 1);
+}
+
+ObserverTree::ObsTreeObserveChangeSet BareAnswers::slice() const {
+    return changeSet(m_slice, m_slice.size());
+}
+
+ObserverTree::ObsTreeObserveChangeSet BareAnswers::changeSet(const std::vector<KeyAndValue>& values,
+                                                             std::size_t count) {
     ObserverTree::ObsTreeObserveChangeSet result;
     result.mutable_observestatus();
     auto& changes = *result.mutable_node_change_map();
     for (std::size_t i = 0; i < count; ++i) {
-        *changes[m_snapshot[i].key].add_nodepairlist()->mutable_currentmessage() =
-            m_snapshot[i].value;
+        *changes[values[i].key].add_nodepairlist()->mutable_currentmessage() = values[i].value;
     }
     return result;
 }

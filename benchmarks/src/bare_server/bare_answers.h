@@ -2,6 +2,7 @@
 
 #include <google/protobuf/any.pb.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,7 @@ namespace Hox::Benchmarks {
 /// Builds messages of the service's size and shape, each afresh, from constant parts.
 class BareAnswers {
 public:
-    /// `snapshotKeys` is how many keys the snapshot of `snapshotPattern` holds.
+    /// `snapshotKeys` is how many keys the snapshot of `snapshotPattern` and a slice hold.
     explicit BareAnswers(int snapshotKeys);
 
     /// A full archive.
@@ -21,6 +22,9 @@ public:
 
     /// The first element of a stream with this pattern.
     ObserverTree::ObsTreeObserveChangeSet snapshot(const std::string& keyPattern) const;
+
+    /// The first element of a stream over a slice: all of its settings and its state id.
+    ObserverTree::ObsTreeObserveChangeSet slice() const;
 
     /// The element for the report with this index, its aged-out one included once the archive of
     /// the service would be full.
@@ -33,8 +37,12 @@ private:
         google::protobuf::Any value;
     };
 
+    static ObserverTree::ObsTreeObserveChangeSet changeSet(const std::vector<KeyAndValue>& values,
+                                                           std::size_t count);
+
     std::vector<Api::StoredNotification> m_archive;
     std::vector<KeyAndValue> m_snapshot;
+    std::vector<KeyAndValue> m_slice;
     google::protobuf::Any m_formerReport;
 };
 

@@ -5,33 +5,36 @@
 
 namespace Hox::Benchmarks {
 
-using Service = Api::StateMonitoringService::AsyncService;
-
 BareServer::BareServer(const std::string& address, int snapshotKeys)
     : m_answers(snapshotKeys),
-      m_queue(listen(m_builder, address, m_service).AddCompletionQueue()),
+      m_queue(listen(address).AddCompletionQueue()),
       m_server(m_builder.BuildAndStart()),
-      m_streams{m_service, *m_queue, m_answers, {}},
-      m_create{m_service, *m_queue, &Service::RequestcreateStateNotification,
+      m_streams{m_monitorService, *m_queue, m_answers, {}},
+      m_sliceStreams{m_configurationService, *m_queue, m_answers},
+      m_create{m_monitorService, *m_queue, &MonitorService::RequestcreateStateNotification,
                [this](const auto& request, auto& /*response*/) {
                    tellObservers(request.statenotification());
                }},
       m_currentState{
-          m_service, *m_queue, &Service::RequestgetCurrentState,
+          m_monitorService, *m_queue, &MonitorService::RequestgetCurrentState,
           [](const auto& /*request*/, auto& response) { response.set_currentstate(Api::OK); }},
       m_notifications{
-          m_service, *m_queue, &Service::RequestgetStateNotifications,
-          [this](const auto& /*request*/, auto& response) { m_answers.fill(response); }} {
+          m_monitorService, *m_queue, &MonitorService::RequestgetStateNotifications,
+          [this](const auto& /*request*/, auto& response) { m_answers.fill(response); }},
+      m_updateSlice{m_configurationService, *m_queue, &ConfigurationService::RequestupdateCapConf,
+                    [this](const auto& /*request*/, auto& response) {
+                        response.set_capconfstateid(std::to_string(m_nextStateId++));
+                    }} {
     if (!m_server) {
         throw std::runtime_error("Cannot listen on " + address);
     }
 }
 
-grpc::ServerBuilder& BareServer::listen(grpc::ServerBuilder& builder, const std::string& address,
-                                        grpc::Service& service) {
-    builder.AddListeningPort(address, grpc::InsecureServerCredentials());
-    builder.RegisterService(&service);
-    return builder;
+grpc::ServerBuilder& BareServer::listen(const std::string& address) {
+    m_builder.AddListeningPort(address, grpc::InsecureServerCredentials());
+    m_builder.RegisterService(&m_monitorService);
+    m_builder.RegisterService(&m_configurationService);
+    return m_builder;
 }
 
 BareServer::~BareServer() {
@@ -49,7 +52,9 @@ void BareServer::run(const volatile std::sig_atomic_t& isToEnd) {
     CreateCall::request(m_create);
     CurrentStateCall::request(m_currentState);
     NotificationsCall::request(m_notifications);
-    ObserveStream::request(m_streams);
+    UpdateSliceCall::request(m_updateSlice);
+    NotificationStream::request(m_streams);
+    SliceStream::request(m_sliceStreams);
     while (isToEnd == 0) {
         void* tag = nullptr;
         bool ok = false;

@@ -3,17 +3,21 @@
 #include <grpcpp/grpcpp.h>
 
 #include <csignal>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "bare_server/bare_answers.h"
-#include "bare_server/observe_stream.h"
+#include "bare_server/notification_stream.h"
+#include "bare_server/slice_stream.h"
 #include "bare_server/unary_call.h"
+#include "configuration.grpc.pb.h"
+#include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Benchmarks {
 
-/// What gRPC itself costs: the measured methods of the state monitor on one completion queue and
-/// one thread, the messages parsed and answered, nothing stored.
+/// What gRPC itself costs: the measured methods of the state monitor and the configuration store on
+/// one completion queue and one thread, the messages parsed and answered, nothing stored.
 class BareServer {
 public:
     /// Listens on the address. Throws std::runtime_error when it cannot.
@@ -28,25 +32,34 @@ public:
     void run(const volatile std::sig_atomic_t& isToEnd);
 
 private:
-    using CreateCall = UnaryCall<Api::CreateStateNotificationReq, Api::CreateStateNotificationResp>;
-    using CurrentStateCall = UnaryCall<Api::GetCurrentStateReq, Api::GetCurrentStateResp>;
+    using MonitorService = Api::StateMonitoringService::AsyncService;
+    using ConfigurationService = ConfApi::ConfigurationService::AsyncService;
+    using CreateCall = UnaryCall<MonitorService, Api::CreateStateNotificationReq,
+                                 Api::CreateStateNotificationResp>;
+    using CurrentStateCall =
+        UnaryCall<MonitorService, Api::GetCurrentStateReq, Api::GetCurrentStateResp>;
     using NotificationsCall =
-        UnaryCall<Api::GetStateNotificationsReq, Api::GetStateNotificationsResp>;
+        UnaryCall<MonitorService, Api::GetStateNotificationsReq, Api::GetStateNotificationsResp>;
+    using UpdateSliceCall =
+        UnaryCall<ConfigurationService, ConfApi::UpdateCapConfReq, ConfApi::UpdateCapConfResp>;
 
-    static grpc::ServerBuilder& listen(grpc::ServerBuilder& builder, const std::string& address,
-                                       grpc::Service& service);
+    grpc::ServerBuilder& listen(const std::string& address);
     void tellObservers(const Api::StateNotification& notification);
 
     const BareAnswers m_answers;
-    Api::StateMonitoringService::AsyncService m_service;
+    MonitorService m_monitorService;
+    ConfigurationService m_configurationService;
     grpc::ServerBuilder m_builder;
     std::unique_ptr<grpc::ServerCompletionQueue> m_queue;
     std::unique_ptr<grpc::Server> m_server;
-    ObserveStreams m_streams;
+    NotificationStreams m_streams;
+    const SliceStreams m_sliceStreams;
     const CreateCall::Method m_create;
     const CurrentStateCall::Method m_currentState;
     const NotificationsCall::Method m_notifications;
+    const UpdateSliceCall::Method m_updateSlice;
     int m_nextIndex = 0;
+    std::int64_t m_nextStateId = 1600000000000000000;
 };
 
 }  // namespace Hox::Benchmarks

@@ -4,20 +4,20 @@
 
 namespace Hox::Benchmarks {
 
-ObserveStream::ObserveStream(ObserveStreams& streams)
-    : m_streams(streams), m_writer(&m_context), m_doneHandler(*this) {
+ObserveStream::ObserveStream() : m_writer(&m_context), m_doneHandler(*this) {
     m_context.AsyncNotifyWhenDone(&m_doneHandler);
-    streams.service.RequestobserveStateNotifications(&m_context, &m_request, &m_writer,
-                                                     &streams.queue, &streams.queue, this);
 }
 
 void ObserveStream::handle(bool ok) {
     if (!m_isStarted) {
-        if (!ok) {
+        if (ok) {
+            requestNext();
+        }
+        if (!ok || m_isDone) {
             delete this;
             return;
         }
-        request(m_streams);
+        m_isStarted = true;
         start();
         return;
     }
@@ -31,17 +31,6 @@ void ObserveStream::handle(bool ok) {
     }
 }
 
-void ObserveStream::start() {
-    m_isStarted = true;
-    if (m_isDone) {
-        delete this;
-        return;
-    }
-    m_watchesCreates = m_request.key_pattern() == watchAllPattern;
-    m_streams.running.insert(this);
-    write(m_streams.answers.snapshot(m_request.key_pattern()));
-}
-
 void ObserveStream::write(ObserverTree::ObsTreeObserveChangeSet element) {
     if (m_isWriting) {
         m_queue.push_back(std::move(element));
@@ -53,7 +42,7 @@ void ObserveStream::write(ObserverTree::ObsTreeObserveChangeSet element) {
 
 void ObserveStream::DoneHandler::handle(bool /*ok*/) {
     m_stream.m_isDone = true;
-    m_stream.m_streams.running.erase(&m_stream);
+    m_stream.onDone();
     if (m_stream.m_isStarted && !m_stream.m_isWriting) {
         delete &m_stream;
     }

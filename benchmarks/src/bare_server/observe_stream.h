@@ -1,45 +1,39 @@
 #pragma once
 
 #include <grpcpp/grpcpp.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
+#include <grpcpp/support/async_stream.h>
 
 #include <deque>
-#include <set>
 
-#include "bare_server/bare_answers.h"
 #include "common/event_handler.h"
-#include "state_monitoring.grpc.pb.h"
+#include "obstree.pb.h"
 
 namespace Hox::Benchmarks {
 
-class ObserveStream;
-
-/// What all streams share; lives as long as the server.
-struct ObserveStreams {
-    Api::StateMonitoringService::AsyncService& service;
-    grpc::ServerCompletionQueue& queue;
-    const BareAnswers& answers;
-    std::set<ObserveStream*> running;
-};
-
-/// One observe stream: a flag that says whether it watches what is created, and a queue of
-/// elements, as only one write may be under way.
+/// One observe stream: a queue of elements, as only one write may be under way. The object deletes
+/// itself at the end of the stream.
 class ObserveStream : public EventHandler {
 public:
-    /// Waits for a stream; the object deletes itself.
-    static void request(ObserveStreams& streams) { new ObserveStream(streams); }
-
-    ~ObserveStream() override { m_streams.running.erase(this); }
+    ~ObserveStream() override = default;
     ObserveStream(const ObserveStream&) = delete;
     ObserveStream(ObserveStream&&) = delete;
     ObserveStream& operator=(const ObserveStream&) = delete;
     ObserveStream& operator=(ObserveStream&&) = delete;
 
-    bool watchesCreates() const { return m_watchesCreates; }
-
     /// Writes the element, or queues it while another one is on its way.
     void write(ObserverTree::ObsTreeObserveChangeSet element);
 
     void handle(bool ok) override;
+
+protected:
+    using Writer = grpc::ServerAsyncWriter<ObserverTree::ObsTreeObserveChangeSet>;
+
+    /// The derived class requests its method's next stream with context, writer and this as tag.
+    ObserveStream();
+
+    grpc::ServerContext& context() { return m_context; }
+    Writer& writer() { return m_writer; }
 
 private:
     class DoneHandler : public EventHandler {
@@ -51,19 +45,20 @@ private:
         ObserveStream& m_stream;
     };
 
-    explicit ObserveStream(ObserveStreams& streams);
-    void start();
+    /// Waits for a further stream of the method.
+    virtual void requestNext() = 0;
+    /// The request has arrived: writes the first element.
+    virtual void start() = 0;
+    /// The peer has gone.
+    virtual void onDone() {}
 
-    ObserveStreams& m_streams;
     grpc::ServerContext m_context;
-    grpc::ServerAsyncWriter<ObserverTree::ObsTreeObserveChangeSet> m_writer;
-    ObserverTree::ObserveReq m_request;
+    Writer m_writer;
     DoneHandler m_doneHandler;
     std::deque<ObserverTree::ObsTreeObserveChangeSet> m_queue;
     bool m_isStarted = false;
     bool m_isWriting = false;
     bool m_isDone = false;
-    bool m_watchesCreates = false;
 };
 
 }  // namespace Hox::Benchmarks

@@ -5,15 +5,13 @@
 #include <functional>
 
 #include "common/event_handler.h"
-#include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Benchmarks {
 
 /// One call of a unary method. The method's next call is requested when this answer has left.
-template <typename Request, typename Response>
+template <typename Service, typename Request, typename Response>
 class UnaryCall : public EventHandler {
 public:
-    using Service = Capability::StateMonitoring::Api::StateMonitoringService::AsyncService;
     using RequestFunction = void (Service::*)(grpc::ServerContext*, Request*,
                                               grpc::ServerAsyncResponseWriter<Response>*,
                                               grpc::CompletionQueue*, grpc::ServerCompletionQueue*,

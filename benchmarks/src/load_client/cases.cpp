@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/sample_notifications.h"
+#include "load_client/measuring.h"
 #include "load_client/observer_group.h"
 #include "load_client/unary_load.h"
 #include "load_client/wire_bytes.h"
@@ -16,36 +17,7 @@ namespace {
 
 constexpr std::size_t maxCalls = 1000000;
 constexpr std::size_t maxSnapshots = 20;
-
-double microseconds(std::chrono::nanoseconds time) {
-    return std::chrono::duration<double, std::micro>(time).count();
-}
-
-/// Time on the wall and on the server's processors since it was made.
-class Stopwatch {
-public:
-    explicit Stopwatch(const ServerMeter& meter)
-        : m_meter(meter), m_processorStart(meter.processorTime()), m_start(Clock::now()) {}
-
-    Figures per(std::size_t count, const std::string& rateName) const {
-        const auto wall = microseconds(Clock::now() - m_start);
-        const auto processor = microseconds(m_meter.processorTime() - m_processorStart);
-        return {{rateName, 1e6 * static_cast<double>(count) / wall},
-                {"cpu_us", processor / static_cast<double>(count)}};
-    }
-
-private:
-    const ServerMeter& m_meter;
-    const std::chrono::nanoseconds m_processorStart;
-    const Clock::time_point m_start;
-};
-
-double quantile(std::vector<double>& samples, double share) {
-    const auto position =
-        static_cast<std::ptrdiff_t>(share * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + position, samples.end());
-    return samples[static_cast<std::size_t>(position)];
-}
+constexpr auto observeMethod = "observeStateNotifications";
 
 grpc::ByteBuffer createRequest(const Api::StateNotification& notification) {
     Api::CreateStateNotificationReq request;
@@ -53,10 +25,10 @@ grpc::ByteBuffer createRequest(const Api::StateNotification& notification) {
     return toBytes(request);
 }
 
-void require(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
+grpc::ByteBuffer observeRequest(const std::string& keyPattern) {
+    ObserverTree::ObserveReq request;
+    request.set_key_pattern(keyPattern);
+    return toBytes(request);
 }
 
 }  // namespace
@@ -73,6 +45,9 @@ Figures Cases::run(const std::string& name) {
         {"deliveries", &Cases::deliveries},
         {"snapshot", &Cases::snapshot},
         {"memory", &Cases::memory},
+        {"update-configuration", &Cases::updateConfiguration},
+        {"configuration-snapshot", &Cases::configurationSnapshot},
+        {"create-delay", &Cases::createDelay},
     };
     const auto found = cases.find(name);
     require(found != cases.end(), "No such case");
@@ -99,13 +74,13 @@ std::vector<grpc::ByteBuffer> Cases::createRequests() const {
     return requests;
 }
 
-std::vector<std::string> Cases::markerPatterns(std::size_t first, std::size_t count) const {
-    std::vector<std::string> patterns;
-    patterns.reserve(count);
+std::vector<grpc::ByteBuffer> Cases::markerRequests(std::size_t first, std::size_t count) const {
+    std::vector<grpc::ByteBuffer> requests;
+    requests.reserve(count);
     for (std::size_t i = first; i < first + count; ++i) {
-        patterns.push_back(latestKey(markerNotification(static_cast<int>(i))));
+        requests.push_back(observeRequest(latestKey(markerNotification(static_cast<int>(i)))));
     }
-    return patterns;
+    return requests;
 }
 
 Figures Cases::fill() {
@@ -136,9 +111,9 @@ Figures Cases::measureUnary(const char* method, std::vector<grpc::ByteBuffer> re
 }
 
 Figures Cases::create() {
-    ObserverGroup silent(m_loop, connect(),
+    ObserverGroup silent(m_loop, connect(), methodName(observeMethod),
                          [] { throw std::runtime_error("A silent observer got a change"); });
-    silent.open(markerPatterns(0, m_options.observers));
+    silent.open(markerRequests(0, m_options.observers));
     auto figures = measureUnary("createStateNotification", createRequests());
     silent.close();
     return figures;
@@ -167,10 +142,11 @@ Figures Cases::notifications() {
 Figures Cases::delay() {
     std::vector<double> samples;
     Clock::time_point start;
-    ObserverGroup observers(m_loop, connect(), [&samples, &start] {
+    ObserverGroup observers(m_loop, connect(), methodName(observeMethod), [&samples, &start] {
         samples.push_back(microseconds(Clock::now() - start));
     });
-    observers.open(std::vector<std::string>(m_options.observers, watchAllPattern));
+    observers.open(
+        std::vector<grpc::ByteBuffer>(m_options.observers, observeRequest(watchAllPattern)));
     UnaryLoad writer(m_loop, connect(), methodName("createStateNotification"), createRequests());
 
     const auto writeOne = [this, &start, &observers, &writer] {
@@ -197,8 +173,9 @@ Figures Cases::delay() {
 }
 
 Figures Cases::deliveries() {
-    ObserverGroup observers(m_loop, connect(), [] {});
-    observers.open(std::vector<std::string>(m_options.observers, watchAllPattern));
+    ObserverGroup observers(m_loop, connect(), methodName(observeMethod), [] {});
+    observers.open(
+        std::vector<grpc::ByteBuffer>(m_options.observers, observeRequest(watchAllPattern)));
     UnaryLoad writers(m_loop, connect(), methodName("createStateNotification"), createRequests());
     writers.callOnce();
     m_loop.runUntil("a change",
@@ -221,9 +198,9 @@ Figures Cases::snapshot() {
     const auto end = Clock::now() + m_options.time;
     const Stopwatch stopwatch(m_meter);
     do {
-        ObserverGroup observer(m_loop, channel, [] {});
+        ObserverGroup observer(m_loop, channel, methodName(observeMethod), [] {});
         const auto start = Clock::now();
-        observer.open({snapshotPattern});
+        observer.open({observeRequest(snapshotPattern)});
         samples.push_back(microseconds(Clock::now() - start));
         if (samples.size() == 1) {
             ObserverTree::ObsTreeObserveChangeSet element;
@@ -239,10 +216,10 @@ Figures Cases::snapshot() {
 }
 
 Figures Cases::memory() {
-    ObserverGroup observers(m_loop, connect(), [] {});
-    observers.open(markerPatterns(0, 20));
+    ObserverGroup observers(m_loop, connect(), methodName(observeMethod), [] {});
+    observers.open(markerRequests(0, 20));
     const auto before = m_meter.residentBytes();
-    observers.open(markerPatterns(20, m_options.observers));
+    observers.open(markerRequests(20, m_options.observers));
     const auto after = m_meter.residentBytes();
     observers.close();
     return {

@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "load_client/event_loop.h"
+#include "load_client/measuring.h"
 #include "load_client/server_meter.h"
 
 namespace Hox::Benchmarks {
@@ -21,12 +21,11 @@ struct CaseOptions {
     std::size_t outstanding = 1;          ///< calls at a time
     std::size_t observers = 0;            ///< streams
     int origins = 100;                    ///< origins that report in turn
+    int settings = 10;                    ///< keys of an update of the configuration
+    bool isSaving = false;                ///< whether the configuration is saved over and over
     int markers = 0;                      ///< origins of which each is watched by one observer
     std::chrono::milliseconds time{500};  ///< how long the measured part lasts
 };
-
-/// Name of a figure to its value.
-using Figures = std::map<std::string, double>;
 
 /// The measured cases. Each works on a channel of its own and checks once that the server answers
 /// as expected. Throws std::runtime_error when it does not.
@@ -46,10 +45,13 @@ private:
     Figures deliveries();
     Figures snapshot();
     Figures memory();
+    Figures updateConfiguration();
+    Figures configurationSnapshot();
+    Figures createDelay();
 
     std::shared_ptr<grpc::Channel> connect() const;
     std::vector<grpc::ByteBuffer> createRequests() const;
-    std::vector<std::string> markerPatterns(std::size_t first, std::size_t count) const;
+    std::vector<grpc::ByteBuffer> markerRequests(std::size_t first, std::size_t count) const;
     Figures measureUnary(const char* method, std::vector<grpc::ByteBuffer> requests);
 
     const CaseOptions m_options;

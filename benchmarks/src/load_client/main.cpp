@@ -14,8 +14,10 @@ using Hox::Benchmarks::CaseOptions;
 
 constexpr auto usage =
     "Usage: halvo-load-client <case> --target <address> --process <id> [--outstanding <n>]\n"
-    "           [--observers <n>] [--origins <n>] [--markers <n>] [--time <milliseconds>]\n"
+    "           [--observers <n>] [--origins <n>] [--markers <n>] [--settings <n>]\n"
+    "           [--saving <0|1>] [--time <milliseconds>]\n"
     "Cases: fill create current-state notifications delay deliveries snapshot memory\n"
+    "       update-configuration configuration-snapshot create-delay\n"
     "Prints the figures as one line of JSON.\n";
 
 CaseOptions parseOptions(int argc, char** argv) {
@@ -26,6 +28,8 @@ CaseOptions parseOptions(int argc, char** argv) {
         {"--outstanding", [&](const auto& value) { options.outstanding = std::stoul(value); }},
         {"--observers", [&](const auto& value) { options.observers = std::stoul(value); }},
         {"--origins", [&](const auto& value) { options.origins = std::stoi(value); }},
+        {"--settings", [&](const auto& value) { options.settings = std::stoi(value); }},
+        {"--saving", [&](const auto& value) { options.isSaving = std::stoi(value) != 0; }},
         {"--markers", [&](const auto& value) { options.markers = std::stoi(value); }},
         {"--time",
          [&](const auto& value) { options.time = std::chrono::milliseconds(std::stol(value)); }},

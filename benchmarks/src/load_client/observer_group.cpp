@@ -3,20 +3,14 @@
 #include <stdexcept>
 #include <utility>
 
-#include "load_client/wire_bytes.h"
-#include "obstree.pb.h"
-
 namespace Hox::Benchmarks {
 
 /// One stream: request, then one read after the other, then the status.
 class ObserverGroup::Stream : public EventHandler {
 public:
-    Stream(ObserverGroup& group, const std::string& keyPattern) : m_group(group) {
-        ObserverTree::ObserveReq request;
-        request.set_key_pattern(keyPattern);
-        m_request = toBytes(request);
-        m_call = group.m_stub.PrepareCall(&m_context, methodName("observeStateNotifications"),
-                                          &group.m_loop.queue());
+    Stream(ObserverGroup& group, grpc::ByteBuffer request)
+        : m_group(group), m_request(std::move(request)) {
+        m_call = group.m_stub.PrepareCall(&m_context, group.m_method, &group.m_loop.queue());
         m_call->StartCall(this);
     }
 
@@ -71,14 +65,17 @@ private:
 };
 
 ObserverGroup::ObserverGroup(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel,
-                             ArrivalHandler onArrival)
-    : m_loop(loop), m_stub(channel), m_onArrival(std::move(onArrival)) {}
+                             std::string method, ArrivalHandler onArrival)
+    : m_loop(loop),
+      m_stub(channel),
+      m_method(std::move(method)),
+      m_onArrival(std::move(onArrival)) {}
 
 ObserverGroup::~ObserverGroup() = default;
 
-void ObserverGroup::open(const std::vector<std::string>& keyPatterns) {
-    for (const auto& keyPattern : keyPatterns) {
-        m_streams.push_back(std::make_unique<Stream>(*this, keyPattern));
+void ObserverGroup::open(const std::vector<grpc::ByteBuffer>& requests) {
+    for (const auto& request : requests) {
+        m_streams.push_back(std::make_unique<Stream>(*this, request));
     }
     m_loop.runUntil("the snapshots", [this] { return m_snapshots == m_streams.size(); });
 }

@@ -20,15 +20,15 @@ public:
     using ArrivalHandler = std::function<void()>;
 
     ObserverGroup(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel,
-                  ArrivalHandler onArrival);
+                  std::string method, ArrivalHandler onArrival);
     ~ObserverGroup();
     ObserverGroup(const ObserverGroup&) = delete;
     ObserverGroup(ObserverGroup&&) = delete;
     ObserverGroup& operator=(const ObserverGroup&) = delete;
     ObserverGroup& operator=(ObserverGroup&&) = delete;
 
-    /// Opens one more stream per pattern and returns when each has got its snapshot.
-    void open(const std::vector<std::string>& keyPatterns);
+    /// Opens one more stream per request and returns when each has got its snapshot.
+    void open(const std::vector<grpc::ByteBuffer>& requests);
 
     /// Cancels all streams and returns when all have ended.
     void close();
@@ -44,6 +44,7 @@ private:
 
     EventLoop& m_loop;
     grpc::GenericStub m_stub;
+    const std::string m_method;
     ArrivalHandler m_onArrival;
     std::vector<std::unique_ptr<Stream>> m_streams;
     std::size_t m_snapshots = 0;

@@ -50,6 +50,11 @@ UnaryLoad::UnaryLoad(EventLoop& loop, const std::shared_ptr<grpc::Channel>& chan
 UnaryLoad::~UnaryLoad() = default;
 
 void UnaryLoad::run(std::size_t outstanding, const std::function<bool()>& goesOn) {
+    start(outstanding, goesOn);
+    finish();
+}
+
+void UnaryLoad::start(std::size_t outstanding, const std::function<bool()>& goesOn) {
     m_goesOn = goesOn;
     while (m_slots.size() < outstanding) {
         m_slots.push_back(std::make_unique<Slot>(*this));
@@ -57,6 +62,9 @@ void UnaryLoad::run(std::size_t outstanding, const std::function<bool()>& goesOn
     for (std::size_t i = 0; i < outstanding; ++i) {
         m_slots[i]->startUnlessOver();
     }
+}
+
+void UnaryLoad::finish() {
     m_loop.runUntil("answers", [this] { return m_answered == m_started && !m_goesOn(); });
 }
 
@@ -64,6 +72,12 @@ const grpc::ByteBuffer& UnaryLoad::callOnce() {
     const auto last = m_started + 1;
     run(1, [this, last] { return m_started < last; });
     return m_slots.front()->answer();
+}
+
+const grpc::ByteBuffer& UnaryLoad::callOnce(grpc::ByteBuffer request) {
+    m_requests.clear();
+    m_requests.push_back(std::move(request));
+    return callOnce();
 }
 
 }  // namespace Hox::Benchmarks

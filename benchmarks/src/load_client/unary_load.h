@@ -31,8 +31,17 @@ public:
     /// is not OK.
     void run(std::size_t outstanding, const std::function<bool()>& goesOn);
 
+    /// The same without waiting: the calls go on while others run the loop.
+    void start(std::size_t outstanding, const std::function<bool()>& goesOn);
+
+    /// Returns once all calls are answered and the condition of start does not hold any more.
+    void finish();
+
     /// Calls once; returns with the answer.
     const grpc::ByteBuffer& callOnce();
+
+    /// Calls once with this request in place of the former ones; returns with the answer.
+    const grpc::ByteBuffer& callOnce(grpc::ByteBuffer request);
 
     /// Calls answered so far.
     std::size_t answered() const { return m_answered; }
@@ -43,7 +52,7 @@ private:
     EventLoop& m_loop;
     grpc::GenericStub m_stub;
     const std::string m_method;
-    const std::vector<grpc::ByteBuffer> m_requests;
+    std::vector<grpc::ByteBuffer> m_requests;
     std::size_t m_started = 0;
     std::size_t m_answered = 0;
     std::function<bool()> m_goesOn;

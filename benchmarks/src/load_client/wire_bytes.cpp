@@ -9,6 +9,10 @@ std::string methodName(const char* method) {
     return std::string("/Hox.Capability.StateMonitoring.Api.StateMonitoringService/") + method;
 }
 
+std::string configurationMethodName(const char* method) {
+    return std::string("/Hox.Capability.Configuration.Api.ConfigurationService/") + method;
+}
+
 grpc::ByteBuffer toBytes(const google::protobuf::Message& message) {
     const grpc::Slice slice(message.SerializeAsString());
     return {&slice, 1};

@@ -10,6 +10,9 @@ namespace Hox::Benchmarks {
 /// The full name of a method of the state monitor, as gRPC takes it.
 std::string methodName(const char* method);
 
+/// The full name of a method of the configuration store.
+std::string configurationMethodName(const char* method);
+
 /// The message as it goes over the wire.
 grpc::ByteBuffer toBytes(const google::protobuf::Message& message);
 

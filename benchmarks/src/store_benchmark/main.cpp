@@ -1,0 +1,211 @@
+#include <google/protobuf/util/message_differencer.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/sample_configuration.h"
+#include "hox/observer_tree/observer_tree.h"
+#include "hox/observer_tree/persistence/node_data_file_hndlr.h"
+#include "hox/observer_tree/persistence/persistence_hndlr.h"
+#include "hox/observer_tree/utils.h"
+#include "store_benchmark/naive_store.h"
+
+namespace fs = std::filesystem;
+
+namespace Hox::Benchmarks {
+
+namespace {
+
+namespace Tree = Hox::ObserverTree;
+
+constexpr auto slice = "/sys/conf/head/1/settings";
+
+Tree::ChangeSetType sampleChanges(int keys) {
+    Tree::ChangeSetType changes;
+    for (int i = 0; i < keys; ++i) {
+        Tree::addToChangeSet(changes, slice + settingKey(i),
+                             std::make_shared<const Tree::DataTreeVal>(settingValue(i)), nullptr,
+                             0);
+    }
+    return changes;
+}
+
+/// A folder of this run, removed with the object.
+class Folder {
+public:
+    explicit Folder(const fs::path& parent) : m_path((parent / "halvo-store.XXXXXX").string()) {
+        if (::mkdtemp(m_path.data()) == nullptr) {
+            throw std::runtime_error("Cannot make a folder in " + parent.string());
+        }
+    }
+    ~Folder() {
+        std::error_code ignored;
+        fs::remove_all(m_path, ignored);
+    }
+    Folder(const Folder&) = delete;
+    Folder(Folder&&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    Folder& operator=(Folder&&) = delete;
+
+    fs::path operator/(const char* name) const { return fs::path(m_path) / name; }
+
+private:
+    std::string m_path;
+};
+
+/// Milliseconds of processor time, user and system, that the work takes.
+double milliseconds(const std::function<void()>& work) {
+    const auto now = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return 1e3 * static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_nsec);
+    };
+    const double start = now();
+    work();
+    return now() - start;
+}
+
+double median(std::vector<double> samples) {
+    const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
+    std::nth_element(samples.begin(), middle, samples.end());
+    return *middle;
+}
+
+/// One line of the table: the store against the naive program, in turns.
+class Line {
+public:
+    Line(const char* title, double aim) : m_title(title), m_aim(aim) {}
+
+    /// Takes the times of both; the naive program goes first in every other call.
+    void measure(const std::function<void()>& store, const std::function<void()>& naive) {
+        const bool isNaiveFirst = m_ratios.size() % 2 == 1;
+        double naiveTime = isNaiveFirst ? milliseconds(naive) : 0;
+        const double storeTime = milliseconds(store);
+        naiveTime = isNaiveFirst ? naiveTime : milliseconds(naive);
+        m_store.push_back(storeTime);
+        m_naive.push_back(naiveTime);
+        m_ratios.push_back(storeTime / naiveTime);
+    }
+
+    void print() const {
+        const double ratio = median(m_ratios);
+        const auto [lowest, highest] = std::minmax_element(m_ratios.begin(), m_ratios.end());
+        std::printf("%-40s <= %4.2f %7.2f %6.2f %6.2f %11.1f %11.1f%s\n", m_title, m_aim, ratio,
+                    *lowest, *highest, median(m_store), median(m_naive),
+                    ratio <= m_aim ? "" : "  short");
+    }
+
+private:
+    const char* m_title;
+    double m_aim;
+    std::vector<double> m_store;
+    std::vector<double> m_naive;
+    std::vector<double> m_ratios;
+};
+
+/// A tree that keeps everything under /sys/conf, as the configuration capability does.
+class PersistentTree {
+public:
+    std::size_t load(const fs::path& folder) {
+        m_persistence.init(false, folder.string());
+        return m_tree
+            .callApiOp<Tree::UnaryOps::READ, Tree::ReadDataTreeReq, Tree::ReadDataTreeResp>(
+                "/.persist_upd_hndlr.", everything())
+            .message->changeset()
+            .node_change_map()
+            .size();
+    }
+
+    void loadOnly(const fs::path& folder) { m_persistence.init(false, folder.string()); }
+
+private:
+    static Tree::ReadDataTreeReq everything() {
+        Tree::ReadDataTreeReq request;
+        request.set_regex("/.*");
+        return request;
+    }
+
+    Tree::ObserverTree m_tree;
+    std::unique_ptr<std::unique_lock<std::mutex>> m_noLock;
+    Tree::PersistenceHndlr m_persistence{m_tree, m_noLock, "", "", "", "/sys/conf/.*"};
+};
+
+void require(bool condition, const char* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+void checkSame(const NaiveStore::Values& ours, const NaiveStore::Values& theirs) {
+    require(std::equal(ours.begin(), ours.end(), theirs.begin(), theirs.end(),
+                       [](const auto& left, const auto& right) {
+                           return left.first == right.first &&
+                                  google::protobuf::util::MessageDifferencer::Equals(left.second,
+                                                                                     right.second);
+                       }),
+            "The store wrote something else than the naive program");
+}
+
+void run(const fs::path& parent, int keys, int rounds) {
+    const auto changes = sampleChanges(keys);
+    Line saving("write the keys into an empty folder: ms", 0.95);
+    Line again("write them once more: ms", 0.95);
+    Line reading("read and parse the files: ms", 1.25);
+    Line loading("load them into a tree: ms", 1.25);
+    Tree::NodeDataFileHndlr store;
+    for (int round = 0; round < rounds; ++round) {
+        const Folder folder(parent);
+        const auto ours = folder / "ours";
+        const auto theirs = folder / "theirs";
+        const auto saveOurs = [&] { store.saveChangeSet(changes, ours); };
+        const auto saveTheirs = [&] { NaiveStore::save(changes, theirs); };
+        saving.measure(saveOurs, saveTheirs);
+        again.measure(saveOurs, saveTheirs);
+        if (round == 0) {
+            checkSame(NaiveStore::load(ours), NaiveStore::load(theirs));
+            require(PersistentTree().load(ours) == changes.size(), "Not all keys were loaded");
+        }
+        Tree::ChangeSetType read;
+        NaiveStore::Values first;
+        NaiveStore::Values second;
+        PersistentTree tree;
+        reading.measure([&] { read = store.readNodeData(ours); },
+                        [&] { first = NaiveStore::load(ours); });
+        loading.measure([&] { tree.loadOnly(ours); }, [&] { second = NaiveStore::load(ours); });
+    }
+    std::printf("%-40s %7s %7s %6s %6s %11s %11s\n", "case", "aim", "ratio", "min", "max", "store",
+                "naive");
+    saving.print();
+    again.print();
+    reading.print();
+    loading.print();
+}
+
+}  // namespace
+
+}  // namespace Hox::Benchmarks
+
+int main(int argc, char** argv) {
+    if (argc > 4) {
+        std::fputs("Usage: halvo-store-benchmark [<folder> [<keys> [<rounds>]]]\n", stderr);
+        return EXIT_FAILURE;
+    }
+    try {
+        Hox::Benchmarks::run(argc > 1 ? argv[1] : "/dev/shm", argc > 2 ? std::stoi(argv[2]) : 10000,
+                             argc > 3 ? std::stoi(argv[3]) : 9);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
