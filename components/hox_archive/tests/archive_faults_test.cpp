@@ -69,7 +69,9 @@ TEST_F(ArchiveFaults, NoBytesAreAnArchiveWithoutEntries) {
     EXPECT_THAT(treeOf(m_destination), IsEmpty());
 }
 
+/// A handful of bytes may by chance look like one of libarchive's text formats, without entries.
 TEST_F(ArchiveFaults, ATruncatedCompressedArchiveIsNeverTakenForAWholeOne) {
+    constexpr std::size_t shortest = 32;
     writeFile(m_source / "first", "content");
     writeFile(m_source / "sub/second", incompressible(300));
     const auto whole = treeOf(m_source);
@@ -80,7 +82,8 @@ TEST_F(ArchiveFaults, ATruncatedCompressedArchiveIsNeverTakenForAWholeOne) {
             if (!unpacks(bytes.substr(0, length))) {
                 ++refused;
             } else {
-                ASSERT_EQ(treeOf(m_destination), whole) << length << " of " << bytes.size();
+                ASSERT_EQ(treeOf(m_destination), length < shortest ? Tree() : whole)
+                    << length << " of " << bytes.size();
             }
         }
         EXPECT_GT(refused, bytes.size() * 3 / 4);
