@@ -17,9 +17,21 @@ constexpr const char* systemVariantFile = "/etc/sw_variant";
 constexpr const char* variantFile = "swvariant";
 constexpr const char* partNumberFile = "partno";
 
-/// A package may hold pipes and devices, which would never come to an end.
+/// A package may hold pipes and devices, which are never opened: they might not come to an end.
 bool isSomethingElseThanAFile(const fs::path& path) {
     return fs::exists(path) && !fs::is_regular_file(path);
+}
+
+void writePartNumber(std::uint32_t partNumber, const fs::path& path) {
+    std::ofstream file;
+    if (!isSomethingElseThanAFile(path)) {
+        file.open(path, std::ios::trunc);
+    }
+    file << partNumber << '\n';
+    file.close();
+    if (file.fail()) {
+        throw Hox::CppUtil::FileSystemError("Unable to write partno file", __FILE__, __LINE__);
+    }
 }
 
 const char* nameOf(HeadendSWVariant variant) {
@@ -67,12 +79,7 @@ SystemIdentity readPackageIdentity(const fs::path& dir) {
 
 void writePackageIdentity(const SystemIdentity& identity, const fs::path& dir) {
     Hox::SystemAPI::serialize(identity.variant, dir / variantFile);
-    std::ofstream file(dir / partNumberFile, std::ios::trunc);
-    file << identity.partNumber << '\n';
-    file.close();
-    if (file.fail()) {
-        throw Hox::CppUtil::FileSystemError("Unable to write partno file", __FILE__, __LINE__);
-    }
+    writePartNumber(identity.partNumber, dir / partNumberFile);
 }
 
 std::string describeIdentity(const SystemIdentity& identity) {

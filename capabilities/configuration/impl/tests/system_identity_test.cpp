@@ -27,6 +27,16 @@ protected:
         EXPECT_EQ(describeIdentity(identity), describeIdentity({variant, partNumber}));
     }
 
+    void expectNoPartNumberIsWritten() {
+        try {
+            writePackageIdentity({}, m_dir.path());
+            FAIL();
+        } catch (const Hox::CppUtil::FileSystemError& error) {
+            EXPECT_NE(std::string(error.what()).find("Unable to write partno file"),
+                      std::string::npos);
+        }
+    }
+
     Hox::Testing::TempDir m_dir;
 };
 
@@ -64,12 +74,12 @@ TEST_F(PackageIdentity, IsWrittenAsItIsRead) {
 
 TEST_F(PackageIdentity, SaysWhenThePartNumberCannotBeWritten) {
     std::filesystem::create_directory(m_dir / "partno");
-    try {
-        writePackageIdentity({}, m_dir.path());
-        FAIL();
-    } catch (const Hox::CppUtil::FileSystemError& error) {
-        EXPECT_NE(std::string(error.what()).find("Unable to write partno file"), std::string::npos);
-    }
+    expectNoPartNumberIsWritten();
+}
+
+TEST_F(PackageIdentity, IsNotWrittenIntoAPipe) {
+    ASSERT_EQ(mkfifo((m_dir / "partno").c_str(), 0600), 0);
+    expectNoPartNumberIsWritten();
 }
 
 TEST(SystemIdentity, IsDescribedForTheLog) {
