@@ -38,13 +38,13 @@ bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& r
 
 ConfObstreeHandler::ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
                                        std::unique_ptr<std::unique_lock<std::mutex>>& lock,
-                                       const std::string& confPath, const std::string& serviceId)
+                                       std::string confPath, std::string serviceId)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(tree),
       m_persistHndlr(std::make_unique<Hox::ObserverTree::PersistenceHndlr>(
           tree, lock, std::string(), std::string(), std::string(), "/sys/conf/.*")),
-      m_confPath(confPath),
-      m_serviceId(serviceId) {
+      m_confPath(std::move(confPath)),
+      m_serviceId(std::move(serviceId)) {
     m_persistHndlr->init(false, m_confPath);
 }
 

@@ -171,7 +171,7 @@ void ConfObstreeHandler::clearSysConfData() {
 
 /// An empty directory beside the saved copy. What an interrupted operation left there ends here.
 fs::path ConfObstreeHandler::makeScratchDirectory() const {
-    const fs::path scratch = m_confPath + ".temp";
+    fs::path scratch = m_confPath + ".temp";
     fs::remove_all(scratch);
     fs::create_directories(scratch);
     return scratch;

@@ -22,16 +22,16 @@ namespace Hox::Capability::Configuration {
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
 /// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
-/// directory that is replaced in one step and never edited. All functions, and the destructor, run
-/// under the capability's mutex; the handlers run under the tree's locks as well. The tree refers
-/// to this object, which therefore outlives the serving of requests.
+/// directory whose values are never edited: all of it is replaced in one step. All functions, and
+/// the destructor, run under the capability's mutex; the handlers run under the tree's locks as
+/// well. The tree refers to this object, which therefore outlives the serving of requests.
 class ConfObstreeHandler {
 public:
     /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
     /// frame's slot for its lock of the capability. Throws std::filesystem::filesystem_error.
     ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
-                       std::unique_ptr<std::unique_lock<std::mutex>>& lock,
-                       const std::string& confPath, const std::string& serviceId);
+                       std::unique_ptr<std::unique_lock<std::mutex>>& lock, std::string confPath,
+                       std::string serviceId);
     virtual ~ConfObstreeHandler() = default;
     ConfObstreeHandler(const ConfObstreeHandler&) = delete;
     ConfObstreeHandler(ConfObstreeHandler&&) = delete;
