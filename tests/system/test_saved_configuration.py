@@ -1,7 +1,9 @@
 """Save, discard, export, import and clear: the working copy, the saved copy, and packages."""
 import io
 import json
+import shutil
 import signal
+import subprocess
 import tarfile
 import threading
 
@@ -95,6 +97,20 @@ def test_the_state_tells_what_is_unsaved(client, tuner):
             "head-1", "Cap_Configuration_SysConfPersisted", "sys/conf/update", text, "")
 
 
+def test_every_operation_makes_its_own_report(client, tuner):
+    tuner.update({"/a": "1"})
+    save(client)
+    save(client)
+    package = export_package(client)
+    discard(client)
+    import_package(client, package)
+    clear(client)
+    notes = [entry.stateNotification.msg for entry in client.notifications(index=-100)]
+    assert notes[::-1] == ["Sysconf cap update", "Sysconf saved", "Sysconf saved",
+                           "Sysconf discard changes", "Sysconf discard changes",
+                           "Sysconf discard changes"]
+
+
 def test_observers_hear_of_a_discard_and_of_no_update(client, tuner):
     state_id = tuner.update({"/a": "1", "/b": "2"})
     save(client)
@@ -166,6 +182,18 @@ def test_the_marker_forces_a_package_onto_another_machine(machine):
 def test_any_archive_will_do(client, mode):
     import_package(client, tar(slice_files({"/a": "x"}), mode))
     assert Slice(client).content() == {"/a": "x"}
+
+
+def test_a_package_may_be_packed_anew_by_hand(client, tmp_path):
+    for name, content in slice_files({"/a": "by hand"}).items():
+        (tmp_path / "copy" / name).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / "copy" / name).write_bytes(content)
+    subprocess.run(["tar", "-czf", tmp_path / "dots.tar.gz", "-C", tmp_path / "copy", "."], check=True)
+    shutil.make_archive(tmp_path / "zipped", "zip", tmp_path / "copy")
+    for package in ("dots.tar.gz", "zipped.zip"):
+        clear(client)
+        import_package(client, (tmp_path / package).read_bytes())
+        assert Slice(client).content() == {"/a": "by hand"}
 
 
 @pytest.mark.parametrize("package", [b"garbage", b"\x00" * 100, b"x" * 3_000_000,

@@ -25,7 +25,6 @@ using Hox::ObserverTree::Status;
 using Hox::ObserverTree::UnaryOps;
 using Hox::Testing::LogCapture;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
@@ -56,6 +55,17 @@ std::string pack(const fs::path& dir) {
                                                           std::size_t{1} << 30U, true, false);
     const std::unique_ptr<std::uint8_t[]> owned(bytes);
     return {reinterpret_cast<const char*>(bytes), size};
+}
+
+/// What is logged unless somebody turns the levels down.
+std::vector<std::string> toldOperator(const LogCapture& log) {
+    std::vector<std::string> texts;
+    for (const auto& record : log.records()) {
+        if (record.level >= spdlog::level::info) {
+            texts.push_back(record.text);
+        }
+    }
+    return texts;
 }
 
 std::string asJson(const std::string& text) {
@@ -360,20 +370,57 @@ TEST_F(SavedConfiguration, LoadsAPackageWithoutIdentityAsOneOfTheDefaultVariant)
     if (readSystemIdentity() == SystemIdentity()) {
         EXPECT_TRUE(status.isOk()) << status.errorMessage();
         EXPECT_THAT(content(), ElementsAre("/sys/conf/mb/0/tuner/p"));
+        EXPECT_TRUE(importPackage("").isOk());
+        EXPECT_THAT(content(), IsEmpty());
     } else {
         EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT);
     }
 }
 
-TEST_F(SavedConfiguration, ThatIsTooLargeMakesNoPackage) {
-    write(m_saved / "sys/conf/mb/0/tuner/big/data", std::string(524288, 'x'));
+TEST_F(SavedConfiguration, MakesAPackageUpToTheLimitAndNoneBeyondIt) {
+    const fs::path big = m_saved / "sys/conf/mb/0/tuner/big/data";
     std::string package;
+    ASSERT_TRUE(exportPackage(package).isOk());
+    const auto identity = fs::file_size(m_saved / "swvariant") + fs::file_size(m_saved / "partno");
+    const std::size_t folders = 6;  // from sys to big
+    const std::size_t most = 524288 - 1536 - folders * 32 - identity;
+    write(big, std::string(most, 'x'));
+    ASSERT_TRUE(exportPackage(package).isOk());
+    EXPECT_NE(package, "");
+    write(big, std::string(most + 1, 'x'));
+    LogCapture log;
     const Status status = exportPackage(package);
     EXPECT_EQ(status.statusCode(), ProtoStatus::INTERNAL);
     EXPECT_THAT(status.errorMessage(),
-                StartsWith("Unable to pack from filesystem - Error Archiving error: "));
-    EXPECT_THAT(status.errorMessage(), HasSubstr("the buffer is exceeding bufMaxSize"));
+                StartsWith("Unable to pack from filesystem - Error Archiving error: the buffer is "
+                           "exceeding bufMaxSize("));
     EXPECT_EQ(package, "");
+    EXPECT_THAT(toldOperator(log), ElementsAre("Reading sys conf"));
+    EXPECT_THAT(filesOf(m_saved),
+                ElementsAre("partno", "swvariant", "sys/conf/mb/0/tuner/big/data"));
+}
+
+TEST_F(SavedConfiguration, MakesNoPackageWithoutIdentityFiles) {
+    struct Case {
+        const char* inTheWay;
+        const char* text;
+    };
+    for (const auto& [inTheWay, text] : {Case{"swvariant.new", "Failed storing into \""},
+                                         Case{"swvariant", "Failed renaming temp file errno 21("},
+                                         Case{"partno", "Unable to write partno file("}}) {
+        fs::create_directory(m_saved / inTheWay);
+        LogCapture log;
+        std::string package;
+        const Status status = exportPackage(package);
+        EXPECT_EQ(status.statusCode(), ProtoStatus::INTERNAL);
+        EXPECT_THAT(status.errorMessage(),
+                    StartsWith(std::string("Unable to pack from filesystem - Error IOErrorr: "
+                                           "Generic filesystem Error: ") +
+                               text));
+        EXPECT_EQ(package, "");
+        EXPECT_THAT(toldOperator(log), ElementsAre("Reading sys conf"));
+        fs::remove(m_saved / inTheWay);
+    }
 }
 
 TEST_F(SavedConfiguration, ThatIsEmptyMakesAPackageOfTheIdentityAlone) {
@@ -395,6 +442,15 @@ TEST_F(SavedConfigurationDeathTest, EndsTheProcessWhereTheCopiesCannotBeExchange
             save();
         },
         "Assertion failed: \\[false\\].*atomic rename exchange failed with errno 2");
+}
+
+TEST_F(SavedConfigurationDeathTest, EndsTheProcessForAPackageWithAKeyInNoSlice) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const fs::path dir = m_dir / "short";
+    write(dir / "sys/conf/mb/0/tuner/data", asJson("no slash behind the slice's root"));
+    writePackageIdentity(readSystemIdentity(), dir);
+    const std::string package = pack(dir);
+    EXPECT_DEATH(importPackage(package), "Assertion failed: \\[iter != key.end\\(\\)\\]");
 }
 
 }  // namespace
