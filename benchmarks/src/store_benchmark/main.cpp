@@ -3,17 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <exception>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "common/sample_configuration.h"
+#include "common/turns.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
@@ -39,79 +36,6 @@ Tree::ChangeSetType sampleChanges(int keys) {
     }
     return changes;
 }
-
-/// A folder of this run, removed with the object.
-class Folder {
-public:
-    explicit Folder(const fs::path& parent) : m_path((parent / "halvo-store.XXXXXX").string()) {
-        if (::mkdtemp(m_path.data()) == nullptr) {
-            throw std::runtime_error("Cannot make a folder in " + parent.string());
-        }
-    }
-    ~Folder() {
-        std::error_code ignored;
-        fs::remove_all(m_path, ignored);
-    }
-    Folder(const Folder&) = delete;
-    Folder(Folder&&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    Folder& operator=(Folder&&) = delete;
-
-    fs::path operator/(const char* name) const { return fs::path(m_path) / name; }
-
-private:
-    std::string m_path;
-};
-
-/// Milliseconds of processor time, user and system, that the work takes.
-double milliseconds(const std::function<void()>& work) {
-    const auto now = [] {
-        timespec time{};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        return 1e3 * static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_nsec);
-    };
-    const double start = now();
-    work();
-    return now() - start;
-}
-
-double median(std::vector<double> samples) {
-    const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
-    std::nth_element(samples.begin(), middle, samples.end());
-    return *middle;
-}
-
-/// One line of the table: the store against the naive program, in turns.
-class Line {
-public:
-    Line(const char* title, double aim) : m_title(title), m_aim(aim) {}
-
-    /// Takes the times of both; the naive program goes first in every other call.
-    void measure(const std::function<void()>& store, const std::function<void()>& naive) {
-        const bool isNaiveFirst = m_ratios.size() % 2 == 1;
-        double naiveTime = isNaiveFirst ? milliseconds(naive) : 0;
-        const double storeTime = milliseconds(store);
-        naiveTime = isNaiveFirst ? naiveTime : milliseconds(naive);
-        m_store.push_back(storeTime);
-        m_naive.push_back(naiveTime);
-        m_ratios.push_back(storeTime / naiveTime);
-    }
-
-    void print() const {
-        const double ratio = median(m_ratios);
-        const auto [lowest, highest] = std::minmax_element(m_ratios.begin(), m_ratios.end());
-        std::printf("%-40s <= %4.2f %7.2f %6.2f %6.2f %11.1f %11.1f%s\n", m_title, m_aim, ratio,
-                    *lowest, *highest, median(m_store), median(m_naive),
-                    ratio <= m_aim ? "" : "  short");
-    }
-
-private:
-    const char* m_title;
-    double m_aim;
-    std::vector<double> m_store;
-    std::vector<double> m_naive;
-    std::vector<double> m_ratios;
-};
 
 /// A tree that keeps everything under /sys/conf, as the configuration capability does.
 class PersistentTree {
@@ -139,12 +63,6 @@ private:
     std::unique_ptr<std::unique_lock<std::mutex>> m_noLock;
     Tree::PersistenceHndlr m_persistence{m_tree, m_noLock, "", "", "", "/sys/conf/.*"};
 };
-
-void require(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
-}
 
 void checkSame(const NaiveStore::Values& ours, const NaiveStore::Values& theirs) {
     require(std::equal(ours.begin(), ours.end(), theirs.begin(), theirs.end(),
@@ -183,8 +101,7 @@ void run(const fs::path& parent, int keys, int rounds) {
                         [&] { first = NaiveStore::load(ours); });
         loading.measure([&] { tree.loadOnly(ours); }, [&] { second = NaiveStore::load(ours); });
     }
-    std::printf("%-40s %7s %7s %6s %6s %11s %11s\n", "case", "aim", "ratio", "min", "max", "store",
-                "naive");
+    Line::printHeading("store", "naive");
     saving.print();
     again.print();
     reading.print();
