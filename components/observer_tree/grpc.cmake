@@ -49,6 +49,7 @@ if(HALVO_BUILD_TESTS)
 
     hox_add_test(hox_observer_tree_grpc_test
         SOURCES
+            tests/grpc/async_grpc_client_handler_test.cpp
             tests/grpc/async_grpc_server_events_test.cpp
             tests/grpc/async_grpc_server_handler_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp

@@ -118,7 +118,7 @@ const grpc::internal::RpcMethod& AsyncGrpcClientHandler::rpcMethodFor(
     const std::shared_ptr<grpc::Channel>& channel,
     const google::protobuf::MethodDescriptor& method) {
     const std::string path = "/" + method.service()->full_name() + "/" + method.name();
-    auto& registered = m_rpcMethods[{channel.get(), path}];
+    auto& registered = m_rpcMethods[{channel, path}];
     if (!registered) {
         registered = std::make_unique<OwnedRpcMethod>(
             path, grpc::internal::RpcMethod::SERVER_STREAMING, channel);
@@ -176,7 +176,7 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
         if (outcome == grpc::CompletionQueue::GOT_EVENT) {
             auto& callData = *static_cast<CallData*>(tag);
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
-                          "{} Received Call Data on Client Queue isOk = {} StatusCode {} "
+                          "{} Received Call Data on Client Queue isOk = {:d} StatusCode {} "
                           "requestState = {}",
                           fmt::ptr(&callData), ok, static_cast<int>(callData.status.error_code()),
                           static_cast<int>(callData.requestState));
@@ -190,7 +190,7 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
     }
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
-                  "AsyncGrpcClientHandler Thread Exited isOk {} isShuttingdown {}", ok,
+                  "AsyncGrpcClientHandler Thread Exited isOk {:d} isShuttingdown {:d}", ok,
                   m_isShuttingDown);
 }
 
@@ -202,8 +202,8 @@ void AsyncGrpcClientHandler::processOkEvent(CallData& callData) {
                 return;
             }
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
-                          "{} Waiting for server streaming, data has value {}", fmt::ptr(&callData),
-                          static_cast<bool>(callData.message));
+                          "{} Waiting for server streaming, data has value {:d}",
+                          fmt::ptr(&callData), callData.message != nullptr);
             callData.requestState = ClientRequestState::STREAMING;
             readNext(callData);
             return;

@@ -11,11 +11,13 @@
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "hox/observer_tree/func_node_handler_error.h"
+#include "hox/testing/log_capture.h"
 #include "hox/testing/wait_until.h"
 
 namespace Hox::ObserverTree::Test {
 namespace {
 
+using Hox::Testing::LogCapture;
 using Hox::Testing::waitUntil;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -207,6 +209,161 @@ TEST_F(ProxyTree, WaitsForACallbackThatRunsWhileTheHandleIsDroppedElsewhere) {
     EXPECT_TRUE(dropped.get());
 }
 
+TEST_F(ProxyTree, LetsACallbackObserveAnewWhileItsOwnHandleIsDroppedElsewhere) {
+    std::promise<void> entered;
+    std::atomic<bool> isLeaving{false};
+    client->proxy->registerObserverGoneHandler<ObserveReq>(
+        "/items", [&](const ObserveReq&, const ObserverCallback&) { isLeaving = true; });
+    std::any next;
+    auto record = told.callback();
+    auto handle = client->observe("/items/a", [&](const ChangeSetType&, const Status&) {
+        entered.set_value();
+        EXPECT_TRUE(waitUntil([&] { return isLeaving.load(); }));
+        ObserveReq request;
+        request.set_key_pattern("/items/b");
+        next = client->proxy->observe<ObserveReq>("/items", request, record, 0);
+    });
+    served->create("a", 1);
+    entered.get_future().wait();
+    // The end of the call waits for the callback, which needs the proxy's observers meanwhile.
+    handle.reset();
+    served->create("b", 2);
+    ASSERT_TRUE(told.waitFor(1));
+    EXPECT_THAT(told.lines(), ElementsAre("0  /items/b=2"));
+    client->drop(next);
+}
+
+TEST_F(ProxyTree, LastCopiesOfHandlesMayDieInAMapThatIsErasedUnderALock) {
+    constexpr int handleCount = 20;
+    std::mutex mapMutex;
+    std::map<int, std::any> handles;
+    std::atomic<int> calls{0};
+    for (int i = 0; i < handleCount; ++i) {
+        handles[i] =
+            client->observe("/items/*", [&](const ChangeSetType&, const Status&) { ++calls; });
+    }
+    expectObservers(handleCount);
+    std::atomic<bool> isOver{false};
+    auto changes = std::async(std::launch::async, [&] {
+        for (int count = 0; !isOver; ++count) {
+            served->create("a", count);
+        }
+    });
+    ASSERT_TRUE(waitUntil([&] { return calls > 0; }));
+    const auto erase = [&](int first) {
+        for (int i = first; i < handleCount; i += 2) {
+            const std::lock_guard<std::mutex> lock(mapMutex);
+            handles.erase(i);
+        }
+    };
+    auto other = std::async(std::launch::async, [&] { erase(0); });
+    erase(1);
+    other.get();
+    const int callsUntilThen = calls;
+    isOver = true;
+    changes.get();
+    expectObservers(0);
+    EXPECT_EQ(calls, callsUntilThen);
+}
+
+TEST_F(ProxyTree, HandlesMayBeDroppedWhileThePeerGoesAndComesBack) {
+    const std::string address = served->address;
+    for (int round = 0; round < 10; ++round) {
+        auto kept = client->observe("/items/*", told.callback());
+        auto dropped = client->observe("/items/*", [](const ChangeSetType&, const Status&) {});
+        expectObservers(2);
+        auto end = std::async(std::launch::async,
+                              [this] { served->shutdown(std::chrono::milliseconds(0)); });
+        dropped.reset();
+        end.get();
+        ASSERT_TRUE(told.waitFor(static_cast<std::size_t>(round) + 1));
+        served.emplace(address);
+        ASSERT_TRUE(client->proxy->waitForConnected(std::chrono::system_clock::now() +
+                                                    std::chrono::seconds(30)));
+    }
+    EXPECT_THAT(told.lines(), testing::Each("1 Some error occured!"));
+}
+
+TEST_F(ProxyTree, LetsAnObserverComeBackInTheCallThatTellsTheLossOfThePeer) {
+    std::any handle;
+    auto record = told.callback();
+    ObserveReq request;
+    request.set_key_pattern("/items/*");
+    handle = client->observe("/items/*", [&](const ChangeSetType& changes, const Status& status) {
+        record(changes, status);
+        handle.reset();
+        handle = client->proxy->observe<ObserveReq>("/items", request, record, 0);
+    });
+    expectObservers(1);
+    const std::string address = served->address;
+    served->shutdown(std::chrono::milliseconds(0));
+    ASSERT_TRUE(told.waitFor(1));
+    EXPECT_EQ(told.lines().front(), "1 Some error occured!");
+    served.emplace(address);
+    client->drop(handle);
+}
+
+/// A capability that serves a tree and writes into it what it observes elsewhere.
+TEST_F(ProxyTree, ChangesFromItsThreadNeverStallAServedStream) {
+    constexpr int changes = 300;
+    ServedTree<TestService> relay;
+    const auto proxy = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(
+        served->newChannel(), relay.mutex, nullptr);
+    std::any handle;
+    {
+        ObserveReq request;
+        request.set_key_pattern("/items/*");
+        const std::lock_guard<std::mutex> lock(*relay.mutex);
+        handle = proxy->observe<ObserveReq>(
+            "/items", request,
+            [&relay](const ChangeSetType& observed, const Status&) {
+                for (const auto& [key, keyChanges] : observed) {
+                    createItem(*relay.tree, "relayed",
+                               keyChanges.at(0).current->get<Item>().count());
+                }
+            },
+            0);
+    }
+    expectObservers(1);
+    const auto stub = relay.newStub();
+    ObserveClient relayed(*stub, "/items/relayed");
+    ObserveClient own(*stub, "/items/own");
+    ASSERT_TRUE(waitUntil([&] { return relay.handlers.observers == 2; }));
+    auto ownChanges = std::async(std::launch::async, [&relay] {
+        for (int count = 1; count <= changes; ++count) {
+            relay.create("own", count);
+        }
+    });
+    auto observed = std::async(std::launch::async, [this] {
+        for (int count = 1; count <= changes; ++count) {
+            served->create("a", count);
+        }
+    });
+    const auto expectAll = [](ObserveClient& observer, const std::string& key) {
+        for (int count = 1; count <= changes; ++count) {
+            ASSERT_TRUE(observer.read());
+            ASSERT_EQ(currentCount(observer.element, key), count);
+        }
+    };
+    auto reader = std::async(std::launch::async, [&] { expectAll(own, "/items/own"); });
+    expectAll(relayed, "/items/relayed");
+    reader.get();
+    ownChanges.get();
+    observed.get();
+    const std::lock_guard<std::mutex> lock(*relay.mutex);
+    handle.reset();
+}
+
+TEST_F(ProxyTree, LogsWhenItsObserversComeAndGo) {
+    const LogCapture log;
+    auto handle = client->observe("/items/*", told.callback());
+    client->drop(handle);
+    EXPECT_TRUE(log.containsInOrder(
+        {"Register Observer Start, add RAII handle to map and call observe on server",
+         "Register Observer Stop, delete RAII handle from map will trigger server unregister",
+         "Finishing streaming call, RAII style"}));
+}
+
 TEST_F(ProxyTree, TellsTheLossOfThePeerOnceAndWorksAgainWhenItIsBack) {
     auto handle = client->observe("/items/*", told.callback());
     expectObservers(1);
@@ -292,6 +449,32 @@ TEST(ProxyTreeBuilder, OffersNothingToObserveWithoutAnObserveMethod) {
         AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<PlainService>(channel, mutex, nullptr);
     EXPECT_THROW(proxy->observe<ObserveReq>("/items", ObserveReq(), nullptr, 0),
                  FuncNodeHandlerError);
+}
+
+/// Tells apart the two methods that are bound to one address and operation.
+class ReadsOfTwoKinds : public TestService::Service {
+    grpc::Status readItem(grpc::ServerContext* /*context*/, const Item* /*request*/,
+                          Answer* response) override {
+        response->set_text("first");
+        return grpc::Status::OK;
+    }
+    grpc::Status readItemToo(grpc::ServerContext* /*context*/, const Item* /*request*/,
+                             Answer* response) override {
+        response->set_text("last");
+        return grpc::Status::OK;
+    }
+};
+
+TEST(ProxyTreeBuilder, LetsTheLastOfTwoEqualMethodsWin) {
+    ReadsOfTwoKinds service;
+    grpc::ServerBuilder builder;
+    builder.RegisterService(&service);
+    const auto server = builder.BuildAndStart();
+    const Client client(server->InProcessChannel(grpc::ChannelArguments()),
+                        std::make_shared<InProcessGate>());
+    Answer answer;
+    EXPECT_TRUE(client.call(UnaryOps::READ, "a", answer).isOk());
+    EXPECT_EQ(answer.text(), "last");
 }
 
 TEST(ProxyTreeBuilder, RefusesAMethodWithoutAValidOperation) {

@@ -82,8 +82,11 @@ private:
     bool m_isShuttingDown = false;  // GUARDED_BY(m_mutex)
     std::unique_ptr<std::thread> m_thread;
     std::recursive_mutex m_mutex;
-    std::map<std::pair<grpc::Channel*, std::string>, std::unique_ptr<OwnedRpcMethod>>
-        m_rpcMethods;                                              // GUARDED_BY(m_mutex)
+    /// Keeps the channels as well: another one at the same address must not find the methods of a
+    /// channel that is gone. GUARDED_BY(m_mutex)
+    std::map<std::pair<std::shared_ptr<grpc::Channel>, std::string>,
+             std::unique_ptr<OwnedRpcMethod>>
+        m_rpcMethods;
     std::map<const CallData*, std::unique_ptr<CallData>> m_calls;  // GUARDED_BY(m_mutex)
     std::atomic<std::thread::id> m_threadId;
     const std::mutex* m_heldCallMutex = nullptr;  // touched by the handler's thread alone

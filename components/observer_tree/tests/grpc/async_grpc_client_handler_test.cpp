@@ -1,0 +1,359 @@
+#include "hox/observer_tree/grpc/async_grpc_client_handler.h"
+
+#include <gmock/gmock.h>
+#include <grpcpp/create_channel.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "hox/testing/log_capture.h"
+#include "hox/testing/wait_until.h"
+#include "obstree.pb.h"
+#include "test_service.grpc.pb.h"
+
+namespace Hox::ObserverTree::Test {
+namespace {
+
+using Handle = AsyncGrpcClientHandler::CallMethodRaiiHandleType;
+using Hox::Testing::LogCapture;
+using Hox::Testing::waitUntil;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+
+/// Streams as the pattern of the request says: "stay" sends one element and lasts until it is
+/// cancelled, "end" and "fail" return behind one element, "flood" sends until it is cancelled.
+class ScriptedService : public TestService::Service {
+public:
+    grpc::Status observeItems(grpc::ServerContext* context, const ObserveReq* request,
+                              grpc::ServerWriter<ObsTreeObserveChangeSet>* writer) override {
+        ++m_running;
+        const auto status = run(*context, request->key_pattern(), *writer);
+        --m_running;
+        return status;
+    }
+
+    int running() const { return m_running; }
+
+private:
+    static grpc::Status run(const grpc::ServerContext& context, const std::string& pattern,
+                            grpc::ServerWriter<ObsTreeObserveChangeSet>& writer) {
+        ObsTreeObserveChangeSet element;
+        (*element.mutable_node_change_map())["/" + pattern];
+        writer.Write(element);
+        if (pattern == "fail") {
+            return {grpc::StatusCode::INTERNAL, "failed"};
+        }
+        while (pattern == "flood" && writer.Write(element)) {
+        }
+        while (pattern == "stay" && !context.IsCancelled()) {
+            std::this_thread::yield();
+        }
+        return grpc::Status::OK;
+    }
+
+    std::atomic<int> m_running{0};
+};
+
+/// What a callback was told: the key of a message, or code and text of a failure.
+class Told {
+public:
+    AsyncGrpcClientHandler::CallBackMethodType callback() {
+        return [this](const std::unique_ptr<google::protobuf::Message>& message,
+                      const grpc::Status& status) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (message) {
+                const auto& element = dynamic_cast<const ObsTreeObserveChangeSet&>(*message);
+                m_lines.push_back(element.node_change_map().begin()->first);
+                EXPECT_TRUE(status.ok());
+            } else {
+                m_lines.push_back(std::to_string(status.error_code()) + " " +
+                                  status.error_message());
+            }
+        };
+    }
+    std::vector<std::string> lines() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+    bool waitFor(std::size_t count) const {
+        return waitUntil([&] { return lines().size() >= count; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+const google::protobuf::MethodDescriptor& observeItems() {
+    return *google::protobuf::DescriptorPool::generated_pool()
+                ->FindServiceByName(TestService::service_full_name())
+                ->FindMethodByName("observeItems");
+}
+
+class ClientHandlerFixture {
+protected:
+    explicit ClientHandlerFixture(bool inProcess) : m_inProcess(inProcess) {
+        grpc::ServerBuilder builder;
+        int port = 0;
+        builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+        builder.RegisterService(&m_service);
+        m_server = builder.BuildAndStart();
+        m_address = "127.0.0.1:" + std::to_string(port);
+        m_channel = newChannel();
+        m_handler->startThread();
+    }
+    ~ClientHandlerFixture() {
+        m_handler.reset();
+        shutdownServer();
+    }
+
+    std::shared_ptr<grpc::Channel> newChannel() const {
+        grpc::ChannelArguments arguments;
+        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        return m_inProcess ? m_server->InProcessChannel(arguments)
+                           : grpc::CreateCustomChannel(
+                                 m_address, grpc::InsecureChannelCredentials(), arguments);
+    }
+
+    Handle start(const std::string& pattern,
+                 const AsyncGrpcClientHandler::CallBackMethodType& callback,
+                 std::shared_ptr<grpc::Channel> channel = nullptr) const {
+        ObserveReq request;
+        request.set_key_pattern(pattern);
+        return m_handler->callMethodServerStreaming(request, observeItems(),
+                                                    channel ? std::move(channel) : m_channel,
+                                                    m_inProcess, callback);
+    }
+
+    void shutdownServer() { m_server->Shutdown(std::chrono::system_clock::now()); }
+
+    bool m_inProcess;
+    ScriptedService m_service;
+    std::unique_ptr<grpc::Server> m_server;
+    std::string m_address;
+    std::shared_ptr<grpc::Channel> m_channel;
+    std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
+    std::shared_ptr<AsyncGrpcClientHandler> m_handler =
+        std::make_shared<AsyncGrpcClientHandler>(m_mutex);
+    Told m_told;
+};
+
+constexpr const char* callGone = "CompletionQueue returned not ok! StatusCode 0 ";
+
+bool sawTheEndOfACall(const LogCapture& log) {
+    return waitUntil([&log] {
+        for (const auto& text : log.texts()) {
+            if (text.find("isOk = 0 StatusCode 0 requestState = ") != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+/// Over a connection and in the process.
+class ClientHandler : public ClientHandlerFixture, public ::testing::TestWithParam<bool> {
+protected:
+    ClientHandler() : ClientHandlerFixture(GetParam()) {}
+
+    LogCapture m_log{"AsyncGrpcClientHandler"};
+};
+
+INSTANTIATE_TEST_SUITE_P(Channels, ClientHandler, ::testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "InProcess" : "Remote"; });
+
+TEST_P(ClientHandler, EndsACallWithoutAWordWhenItsHandleIsDropped) {
+    auto handle = start("stay", m_told.callback());
+    ASSERT_TRUE(m_told.waitFor(1));
+    handle.reset();
+    EXPECT_TRUE(waitUntil([this] { return m_service.running() == 0; }));
+    EXPECT_TRUE(waitUntil([this] { return m_log.contains(callGone); }));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
+}
+
+TEST_P(ClientHandler, LeavesACallAloneThatTheServerEnds) {
+    for (const char* pattern : {"end", "fail"}) {
+        m_log.clear();
+        Told told;
+        auto handle = start(pattern, told.callback());
+        ASSERT_TRUE(sawTheEndOfACall(m_log));
+        EXPECT_THAT(told.lines(), ElementsAre(std::string("/") + pattern));
+        handle.reset();
+        EXPECT_THAT(told.lines(), ElementsAre(std::string("/") + pattern));
+        EXPECT_FALSE(m_log.contains(callGone));
+        EXPECT_TRUE(m_log.contains("Finishing streaming call, RAII style"));
+    }
+}
+
+TEST_P(ClientHandler, TellsTheLossOfAConnectionButNotOfItsOwnProcess) {
+    const auto handle = start("stay", m_told.callback());
+    ASSERT_TRUE(m_told.waitFor(1));
+    shutdownServer();
+    ASSERT_TRUE(sawTheEndOfACall(m_log));
+    if (m_inProcess) {
+        EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
+        EXPECT_FALSE(m_log.contains(callGone));
+    } else {
+        ASSERT_TRUE(m_told.waitFor(2));
+        EXPECT_THAT(m_told.lines(), ElementsAre("/stay", "1 Some error occured!"));
+        EXPECT_TRUE(m_log.contains(callGone));
+    }
+}
+
+TEST_P(ClientHandler, NeverTellsAnythingOnceTheHandleHasBeenDropped) {
+    for (int round = 0; round < 50; ++round) {
+        std::atomic<bool> isDropped{false};
+        std::atomic<int> calls{0};
+        std::atomic<int> tooLate{0};
+        auto handle = start(
+            "flood", [&](const std::unique_ptr<google::protobuf::Message>&, const grpc::Status&) {
+                tooLate += isDropped ? 1 : 0;
+                ++calls;
+            });
+        ASSERT_TRUE(waitUntil([&] { return calls > round % 3; }));
+        handle.reset();
+        isDropped = true;
+        EXPECT_TRUE(waitUntil([this] { return m_service.running() == 0; }));
+        EXPECT_EQ(tooLate, 0);
+    }
+}
+
+TEST_P(ClientHandler, DropsAMessageThatArrivedAheadOfTheEndOfItsHandle) {
+    // The capability's mutex holds the handler's thread at the event of the message.
+    std::unique_lock<std::mutex> lock(*m_mutex);
+    auto handle = start("stay", m_told.callback());
+    ASSERT_TRUE(waitUntil([this] { return m_service.running() == 1; }));
+    handle.reset();
+    lock.unlock();
+    EXPECT_TRUE(waitUntil([this] { return m_log.contains(callGone); }));
+    EXPECT_THAT(m_told.lines(), IsEmpty());
+}
+
+TEST_P(ClientHandler, CallsBackUnderTheCapabilitysMutex) {
+    std::promise<bool> isFree;
+    const auto handle =
+        start("stay", [&](const std::unique_ptr<google::protobuf::Message>&, const grpc::Status&) {
+            isFree.set_value(std::async(std::launch::async, [this] {
+                                 return std::unique_lock(*m_mutex, std::try_to_lock).owns_lock();
+                             }).get());
+        });
+    EXPECT_FALSE(isFree.get_future().get());
+}
+
+TEST_P(ClientHandler, StartsNothingOnceItGoes) {
+    std::promise<void> entered;
+    std::promise<void> refused;
+    const auto* const handler = m_handler.get();
+    const auto handle = start("stay", [&](const std::unique_ptr<google::protobuf::Message>&,
+                                          const grpc::Status&) {
+        entered.set_value();
+        while (const auto other =
+                   const_cast<AsyncGrpcClientHandler*>(handler)->callMethodServerStreaming(
+                       ObserveReq(), observeItems(), m_channel, m_inProcess, m_told.callback())) {
+            std::this_thread::yield();
+        }
+        refused.set_value();
+    });
+    entered.get_future().wait();
+    m_handler.reset();
+    EXPECT_EQ(refused.get_future().wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_THAT(m_told.lines(), IsEmpty());
+}
+
+TEST_P(ClientHandler, ServesAnyNumberOfChannelsInTurn) {
+    for (int round = 0; round < 20; ++round) {
+        Told told;
+        const auto handle = start("stay", told.callback(), newChannel());
+        EXPECT_TRUE(told.waitFor(1));
+    }
+}
+
+TEST_P(ClientHandler, StartsAndEndsCallsOnAllThreads) {
+    constexpr int threadCount = 4;
+    constexpr int rounds = 25;
+    std::atomic<int> told{0};
+    std::vector<std::thread> threads;
+    threads.reserve(threadCount);
+    for (int i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&, i] {
+            for (int round = 0; round < rounds; ++round) {
+                std::atomic<int> calls{0};
+                auto handle = start(
+                    i % 2 == 0 ? "flood" : "end",
+                    [&](const std::unique_ptr<google::protobuf::Message>&, const grpc::Status&) {
+                        ++calls;
+                        ++told;
+                    });
+                EXPECT_TRUE(waitUntil([&] { return calls > 0; }));
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GE(told, threadCount * rounds);
+    EXPECT_TRUE(waitUntil([this] { return m_service.running() == 0; }));
+}
+
+TEST_P(ClientHandler, LogsTheLifeOfACall) {
+    const std::string address = "0x[0-9a-f]+";
+    const std::string event = address + " Received Call Data on Client Queue ";
+    {
+        auto handle = start("stay", m_told.callback());
+        ASSERT_TRUE(m_told.waitFor(1));
+        handle.reset();
+        ASSERT_TRUE(waitUntil([this] { return m_log.contains(callGone); }));
+    }
+    m_handler.reset();
+    EXPECT_THAT(
+        m_log.textsAt(spdlog::level::trace),
+        ElementsAre(MatchesRegex(event + "isOk = 1 StatusCode 0 requestState = 0"),
+                    MatchesRegex(address + " Waiting for server streaming, data has value 1"),
+                    MatchesRegex(event + "isOk = 1 StatusCode 0 requestState = 1"),
+                    MatchesRegex(address + " Server Data Ready for streaming"),
+                    MatchesRegex(event + "isOk = 0 StatusCode 0 requestState = 1")));
+    const auto texts = m_log.textsAt(spdlog::level::debug);
+    EXPECT_THAT(texts, Contains(MatchesRegex("Calling Streaming Method, callData object " +
+                                             address + " created")));
+    EXPECT_THAT(texts, Contains("Finishing streaming call, RAII style"));
+    EXPECT_THAT(texts.back(), MatchesRegex("AsyncGrpcClientHandler Thread Exited isOk [01] "
+                                           "isShuttingdown 1"));
+}
+
+TEST(ClientHandlerThread, TellsItsStartAtDebugLevel) {
+    const LogCapture log("AsyncGrpcClientHandler", spdlog::level::debug);
+    const auto handler = std::make_shared<AsyncGrpcClientHandler>(std::make_shared<std::mutex>());
+    EXPECT_THAT(log.texts(), IsEmpty());
+    handler->startThread();
+    EXPECT_TRUE(waitUntil([&log] { return !log.texts().empty(); }));
+    EXPECT_THAT(log.texts(), ElementsAre(MatchesRegex("[0-9]+:[0-9]+ AsyncGrpcClientHandler Thread "
+                                                      "Started")));
+}
+
+TEST(ClientHandlerWithoutAPeer, IsSilent) {
+    const LogCapture log("AsyncGrpcClientHandler");
+    const auto handler = std::make_shared<AsyncGrpcClientHandler>(std::make_shared<std::mutex>());
+    handler->startThread();
+    Told told;
+    const auto handle = handler->callMethodServerStreaming(
+        ObserveReq(), observeItems(),
+        grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials()), false,
+        told.callback());
+    EXPECT_TRUE(sawTheEndOfACall(log));
+    EXPECT_THAT(told.lines(), IsEmpty());
+    EXPECT_FALSE(log.contains(callGone));
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree::Test
