@@ -1,6 +1,7 @@
 #include "hox/configuration/conf_obstree_handler.h"
 
 #include <gmock/gmock.h>
+#include <grpcpp/create_channel.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "configuration_store.h"
 #include "hox/testing/log_capture.h"
+#include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Capability::Configuration {
 namespace {
@@ -16,9 +18,11 @@ namespace {
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
 using Hox::Testing::LogCapture;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 TEST_F(ConfigurationStore, AcceptsTheFirstUpdateOfASliceWithAnyStateId) {
@@ -27,6 +31,25 @@ TEST_F(ConfigurationStore, AcceptsTheFirstUpdateOfASliceWithAnyStateId) {
     EXPECT_THAT(content(), ElementsAre("/sys/conf/mb/0/tuner/__csid", "/sys/conf/mb/0/tuner/a/b"));
     EXPECT_THAT(log.textsAt(spdlog::level::info),
                 ElementsAre("Updating system configuration for /sys/conf/mb/0/tuner"));
+}
+
+TEST_F(ConfigurationStore, LogsEachValueAtDebugLevel) {
+    LogCapture log;
+    update(Update("tuner").set("/a", "1").remove("/b"));
+    EXPECT_THAT(log.textsAt(spdlog::level::debug),
+                Contains("Updating system configuration for /sys/conf/mb/0/tuner/a - " +
+                         packed("1").DebugString()));
+    EXPECT_THAT(log.textsAt(spdlog::level::debug),
+                Not(Contains(HasSubstr("/sys/conf/mb/0/tuner/b"))));
+}
+
+TEST_F(ConfigurationStore, TakesAnUpdateAlsoWhenTheStateMonitorCannotBeReached) {
+    const auto channel = grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials());
+    m_handler->setStateTree(Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder()
+                                .createProxyObsTree<StateMonitoring::Api::StateMonitoringService>(
+                                    channel, std::make_shared<std::mutex>(), nullptr));
+    update(Update("tuner").set("/a", "1"));
+    EXPECT_THAT(content(), ElementsAre("/sys/conf/mb/0/tuner/__csid", "/sys/conf/mb/0/tuner/a"));
 }
 
 TEST_F(ConfigurationStore, RefusesAStaleStateIdAndChangesNothing) {

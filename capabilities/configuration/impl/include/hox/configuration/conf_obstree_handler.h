@@ -22,9 +22,10 @@ namespace Hox::Capability::Configuration {
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
 /// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
-/// directory whose values are never edited: all of it is replaced in one step. All functions, and
-/// the destructor, run under the capability's mutex; the handlers run under the tree's locks as
-/// well. The tree refers to this object, which therefore outlives the serving of requests.
+/// directory whose values are never edited: all of it is replaced in one step. All functions
+/// run under the capability's mutex; the handlers run under the tree's locks as well. The tree refers
+/// to this object, which therefore outlives the serving of requests. The destructor runs without the
+/// mutex: the state tree's thread, which it may have to join, needs it.
 class ConfObstreeHandler {
 public:
     /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
