@@ -174,7 +174,7 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
             break;
         }
         if (outcome == grpc::CompletionQueue::GOT_EVENT) {
-            auto& callData = *static_cast<CallData*>(tag);
+            auto& callData = callOf(tag);
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
                           "{} Received Call Data on Client Queue isOk = {:d} StatusCode {} "
                           "requestState = {}",
@@ -192,6 +192,11 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "AsyncGrpcClientHandler Thread Exited isOk {:d} isShuttingdown {:d}", ok,
                   m_isShuttingDown);
+}
+
+AsyncGrpcClientHandler::CallData& AsyncGrpcClientHandler::callOf(void* tag) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return *m_calls.at(static_cast<const CallData*>(tag));
 }
 
 void AsyncGrpcClientHandler::processOkEvent(CallData& callData) {

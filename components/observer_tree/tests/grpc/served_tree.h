@@ -50,7 +50,6 @@ public:
         grpc::ChannelArguments arguments;
         arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
         arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 10);
-        arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 10);
         return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
     }
 

@@ -67,6 +67,8 @@ private:
     void drop(const CallData* callData, std::mutex& callMutex,
               std::shared_ptr<grpc::ClientContext>* context);
     void startProcessingCompletionQueue();
+    /// The call behind a tag of the queue, once the thread that starts it has let go of it.
+    CallData& callOf(void* tag);
     void processOkEvent(CallData& callData);
     void processOkUnaryEvent(CallData& callData);
     void processNotOkEvent(CallData& callData);
