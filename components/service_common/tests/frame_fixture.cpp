@@ -1,6 +1,5 @@
 #include "frame_fixture.h"
 
-#include <arpa/inet.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/socket.h>
@@ -59,22 +58,6 @@ Arguments::Arguments(const std::vector<std::string>& arguments) : m_texts{"progr
         m_pointers.push_back(text.data());
     }
     m_pointers.push_back(nullptr);
-}
-
-ReservedPort::ReservedPort() : m_socket(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    require(m_socket >= 0, "socket");
-    const int on = 1;
-    require(setsockopt(m_socket, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)) == 0, "setsockopt");
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    socklen_t size = sizeof(address);
-    require(bind(m_socket, asSocketAddress(address), size) == 0, "bind");
-    require(getsockname(m_socket, asSocketAddress(address), &size) == 0, "getsockname");
-    m_number = ntohs(address.sin6_port);
-}
-
-ReservedPort::~ReservedPort() {
-    close(m_socket);
 }
 
 NotifySocket::NotifySocket() : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {

@@ -30,22 +30,6 @@ private:
     std::vector<char*> m_pointers;
 };
 
-/// A TCP port that nobody else gets while the object lives, and on which a gRPC server can listen.
-class ReservedPort {
-public:
-    ReservedPort();
-    ~ReservedPort();
-    ReservedPort(const ReservedPort&) = delete;
-    ReservedPort& operator=(const ReservedPort&) = delete;
-
-    std::uint16_t number() const { return m_number; }
-    std::string text() const { return std::to_string(m_number); }
-
-private:
-    int m_socket;
-    std::uint16_t m_number = 0;
-};
-
 /// The receiver of the service manager's end, named in NOTIFY_SOCKET.
 class NotifySocket {
 public:

@@ -20,6 +20,7 @@
 #include "frame_fixture.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
+#include "hox/testing/reserved_port.h"
 #include "hox/testing/wait_until.h"
 #include "introspection.grpc.pb.h"
 
@@ -156,7 +157,7 @@ private:
         return arguments;
     }
 
-    Fixture::ReservedPort m_port;
+    Testing::ReservedPort m_port;
     CallsInFlight m_calls;
     NotifySocket m_notifySocket;
     EventLog m_events;
@@ -323,7 +324,7 @@ std::string listenersOn(std::uint16_t port) {
 }
 
 [[noreturn]] void runOnBothPorts() {
-    const Fixture::ReservedPort external;
+    const Testing::ReservedPort external;
     ChildFrame frame({"--port", "PORT", "--extport", external.text()});
     frame.initialize();
     frame.serve([&] {

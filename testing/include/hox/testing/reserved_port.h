@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Hox::Testing {
+
+/// A TCP port that nobody else gets while the object lives, and on which a gRPC server can listen.
+class ReservedPort {
+public:
+    /// Throws std::system_error.
+    ReservedPort();
+    ~ReservedPort();
+    ReservedPort(const ReservedPort&) = delete;
+    ReservedPort& operator=(const ReservedPort&) = delete;
+    ReservedPort(ReservedPort&&) = delete;
+    ReservedPort& operator=(ReservedPort&&) = delete;
+
+    std::uint16_t number() const { return m_number; }
+    std::string text() const { return std::to_string(m_number); }
+
+private:
+    int m_socket;
+    std::uint16_t m_number = 0;
+};
+
+}  // namespace Hox::Testing
