@@ -29,12 +29,12 @@ def command_line(folder, *args, log_to_file=False):
 class Service:
     """One running program with ports, a configuration folder and a notify socket of its own."""
 
-    def __init__(self, protos, folder, *args, extport=False, log_to_file=False, service_id="head-1",
-                 prefix=()):
+    def __init__(self, protos, folder, *args, port=None, extport=False, log_to_file=False,
+                 service_id="head-1", prefix=()):
         self.protos = protos
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
-        self.port = free_port()
+        self.port = port or free_port()
         self.extport = free_port() if extport else None
         self.exit_status = None
         self.stop_seconds = None

@@ -1,0 +1,99 @@
+"""Two services that a third one joins by proxy trees of their state."""
+import signal
+import subprocess
+import threading
+
+import pytest
+
+from kit.paths import program
+from kit.wait import wait_until
+
+
+def address(service):
+    """By number: the resolver behind gRPC loses some bytes at each look-up of a name."""
+    return f"127.0.0.1:{service.port}"
+
+
+class Relay:
+    """The running relay and what it has said so far."""
+
+    def __init__(self, *services):
+        self.lines = []
+        self.process = subprocess.Popen(
+            [str(program().parent / "halvo-relay"), *(address(service) for service in services)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            if line.startswith(("observing ", "lost ")):
+                self.lines.append(line.strip())
+
+    def wait_for(self, line, times=1):
+        wait_until(lambda: self.lines.count(line) >= times, 20, f"'{line}' of {self.lines}")
+
+    def stop(self):
+        self.process.stdin.close()
+        assert self.process.wait(10) == 0
+        self._reader.join(10)
+        self.process.stdout.close()
+
+
+@pytest.fixture
+def relay():
+    running = []
+
+    def launch(*services):
+        running.append(Relay(*services))
+        for service in services:
+            running[-1].wait_for("observing " + address(service))
+        return running[-1]
+
+    yield launch
+    for each in running:
+        each.stop()
+
+
+def sources(client):
+    return {stored.stateNotification.source for stored in client.latest().stateList}
+
+
+def wait_for_source(client, source):
+    wait_until(lambda: source in sources(client), 20, f"{source} among {sources(client)}")
+
+
+def test_each_hears_what_the_other_one_is_told(start, relay):
+    first, second = start(), start()
+    first.client().create(source="before", severity="ERROR")
+    relay(first, second)
+    wait_for_source(second.client(), "before")
+    second.client().create(source="behind", severity="WARN")
+    wait_for_source(first.client(), "behind")
+    assert second.client().current_state() == "ERROR"
+
+
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM])
+def test_one_that_goes_and_comes_back_is_found_again(start, relay, number):
+    first, second = start(), start()
+    running = relay(first, second)
+    first.signal(number)
+    first.wait_end()
+    running.wait_for(f"lost {address(first)}: Some error occured!")
+    second.client().create(source="alone")
+    second.assert_alive()
+    again = start(port=first.port)
+    running.wait_for("observing " + address(first), times=2)
+    again.client().create(source="back")
+    wait_for_source(second.client(), "back")
+    second.client().create(source="answer")
+    wait_for_source(again.client(), "answer")
+
+
+def test_both_end_in_time_while_they_are_observed(start, relay):
+    services = start(), start()
+    running = relay(*services)
+    for service in services:
+        service.stop()
+    for service in services:
+        running.wait_for(f"lost {address(service)}: Some error occured!")
