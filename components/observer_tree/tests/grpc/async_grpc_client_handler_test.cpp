@@ -25,11 +25,8 @@ using Hox::Testing::LogCapture;
 using Hox::Testing::waitUntil;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-using ::testing::Not;
 
 /// Streams as the pattern of the request says: "stay" sends one element and lasts until it is
 /// cancelled, "end" and "fail" return behind one element, "flood" sends until it is cancelled.
@@ -38,7 +35,7 @@ public:
     grpc::Status observeItems(grpc::ServerContext* context, const ObserveReq* request,
                               grpc::ServerWriter<ObsTreeObserveChangeSet>* writer) override {
         ++m_running;
-        const auto status = run(*context, request->key_pattern(), *writer);
+        auto status = run(*context, request->key_pattern(), *writer);
         --m_running;
         return status;
     }
@@ -128,12 +125,11 @@ protected:
 
     Handle start(const std::string& pattern,
                  const AsyncGrpcClientHandler::CallBackMethodType& callback,
-                 std::shared_ptr<grpc::Channel> channel = nullptr) const {
+                 const std::shared_ptr<grpc::Channel>& channel = nullptr) const {
         ObserveReq request;
         request.set_key_pattern(pattern);
-        return m_handler->callMethodServerStreaming(request, observeItems(),
-                                                    channel ? std::move(channel) : m_channel,
-                                                    m_inProcess, callback);
+        return m_handler->callMethodServerStreaming(
+            request, observeItems(), channel ? channel : m_channel, m_inProcess, callback);
     }
 
     void shutdownServer() { m_server->Shutdown(std::chrono::system_clock::now()); }
@@ -254,17 +250,16 @@ TEST_P(ClientHandler, CallsBackUnderTheCapabilitysMutex) {
 TEST_P(ClientHandler, StartsNothingOnceItGoes) {
     std::promise<void> entered;
     std::promise<void> refused;
-    const auto* const handler = m_handler.get();
-    const auto handle = start("stay", [&](const std::unique_ptr<google::protobuf::Message>&,
-                                          const grpc::Status&) {
-        entered.set_value();
-        while (const auto other =
-                   const_cast<AsyncGrpcClientHandler*>(handler)->callMethodServerStreaming(
+    auto* const handler = m_handler.get();
+    const auto handle =
+        start("stay", [&](const std::unique_ptr<google::protobuf::Message>&, const grpc::Status&) {
+            entered.set_value();
+            while (const auto other = handler->callMethodServerStreaming(
                        ObserveReq(), observeItems(), m_channel, m_inProcess, m_told.callback())) {
-            std::this_thread::yield();
-        }
-        refused.set_value();
-    });
+                std::this_thread::yield();
+            }
+            refused.set_value();
+        });
     entered.get_future().wait();
     m_handler.reset();
     EXPECT_EQ(refused.get_future().wait_for(std::chrono::seconds(0)), std::future_status::ready);

@@ -65,10 +65,17 @@ public:
                                                                                gate)) {}
 
     std::any observe(const std::string& pattern, ObserverCallback callback) {
+        std::any handle;
+        observe(handle, pattern, std::move(callback));
+        return handle;
+    }
+
+    /// For a callback that uses its own handle: it finds it in place.
+    void observe(std::any& handle, const std::string& pattern, ObserverCallback callback) {
         ObserveReq request;
         request.set_key_pattern(pattern);
         const std::lock_guard<std::mutex> lock(*mutex);
-        return proxy->observe<ObserveReq>("/items", request, std::move(callback), 0);
+        handle = proxy->observe<ObserveReq>("/items", request, std::move(callback), 0);
     }
 
     void drop(std::any& handle) {
@@ -177,7 +184,7 @@ TEST_F(ProxyTree, IsSilentOnceTheHandleHasBeenDropped) {
 TEST_F(ProxyTree, LetsAnObserverDropItsOwnHandleInItsCallback) {
     std::any handle;
     auto record = told.callback();
-    handle = client->observe("/items/*", [&](const ChangeSetType& changes, const Status& status) {
+    client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
         handle.reset();
         record(changes, status);
     });
@@ -289,7 +296,7 @@ TEST_F(ProxyTree, LetsAnObserverComeBackInTheCallThatTellsTheLossOfThePeer) {
     auto record = told.callback();
     ObserveReq request;
     request.set_key_pattern("/items/*");
-    handle = client->observe("/items/*", [&](const ChangeSetType& changes, const Status& status) {
+    client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
         record(changes, status);
         handle.reset();
         handle = client->proxy->observe<ObserveReq>("/items", request, record, 0);
