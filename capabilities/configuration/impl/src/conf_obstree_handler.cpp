@@ -54,8 +54,9 @@ void ConfObstreeHandler::setStateTree(
 }
 
 void ConfObstreeHandler::registerObsTreeHandlers() {
-    m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq, Api::UpdateCapConfResp>(
-        confRoot, [this](const Api::UpdateCapConfReq& request, DataTree& tree) {
+    m_tree.registerUnaryTakingOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq,
+                                        Api::UpdateCapConfResp>(
+        confRoot, [this](Api::UpdateCapConfReq&& request, DataTree& tree) {
             return updateCapConf(request, tree);
         });
     m_tree.registerUnaryOpHandler<UnaryOps::READ, Api::GetSysConfReq, Api::GetSysConfResp>(
@@ -92,7 +93,7 @@ void ConfObstreeHandler::addObservers() {
 }
 
 ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCapConf(
-    const Api::UpdateCapConfReq& request, DataTree& tree) {
+    Api::UpdateCapConfReq& request, DataTree& tree) {
     auto response = std::make_unique<Api::UpdateCapConfResp>();
     const std::string root = capConfKey(request.confid());
     if (!holdsLastStateId(request, root, tree)) {

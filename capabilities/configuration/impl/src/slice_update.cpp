@@ -24,22 +24,22 @@ namespace {
 
 /// The only pair of an entry that counts. A sender that leaves the list empty breaks the protocol
 /// of the configuration store, which ends the process in every kind of build.
-const Hox::ObserverTree::ObsTreeDataNodePair& firstPair(const ObsTreeDataNodePairList& list) {
+Hox::ObserverTree::ObsTreeDataNodePair& firstPair(ObsTreeDataNodePairList& list) {
     if (list.nodepairlist().empty()) {
         Hox::CppUtil::getAssertion().assertTrue(
             false, "CHECK failed: (index) < (current_size_): ", __FILE__, __LINE__);
         std::abort();
     }
-    return list.nodepairlist(0);
+    return *list.mutable_nodepairlist(0);
 }
 
 }  // namespace
 
-SliceUpdate::SliceUpdate(const Api::UpdateCapConfReq& request, std::string root)
+SliceUpdate::SliceUpdate(Api::UpdateCapConfReq& request, std::string root)
     : m_root(std::move(root)), m_isPatch(request.ispatch()) {
-    const auto& entries = request.capconfchangeset().node_change_map();
+    auto& entries = *request.mutable_capconfchangeset()->mutable_node_change_map();
     m_entries.reserve(entries.size());
-    for (const auto& [key, pairList] : entries) {
+    for (auto& [key, pairList] : entries) {
         m_entries.push_back({&key, &firstPair(pairList)});
     }
     std::sort(m_entries.begin(), m_entries.end(),
@@ -115,10 +115,10 @@ void SliceUpdate::writeEntries(DataTree& tree, const WriteHandler& onWrite) cons
             position = tree.lower_bound(key);
             continue;
         }
-        const auto& value = entry.pair->currentmessage();
+        auto& value = *entry.pair->mutable_currentmessage();
         onWrite(key, value);
-        const auto written = tree.insert_or_assign(position, std::move(key),
-                                                   std::make_shared<const DataTreeVal>(value));
+        const auto written = tree.insert_or_assign(
+            position, std::move(key), std::make_shared<const DataTreeVal>(std::move(value)));
         position = std::next(written.first);
     }
 }

@@ -20,19 +20,20 @@ public:
         std::function<void(const std::string& key, const google::protobuf::Any& value)>;
 
     /// Keeps references to the request. An entry without any pair ends the process.
-    SliceUpdate(const Api::UpdateCapConfReq& request, std::string root);
+    SliceUpdate(Api::UpdateCapConfReq& request, std::string root);
 
     /// Finds what the tree or the file store would refuse in the keys.
     Hox::ObserverTree::Status check() const;
 
-    /// Carries the update out. Unless it is a patch, everything else whose key starts with the
-    /// slice's root goes, with or without a slash behind the root.
+    /// Carries the update out, once: the values are moved out of the request. Unless it is a patch,
+    /// everything else whose key starts with the slice's root goes, with or without a slash behind
+    /// the root.
     void apply(Hox::ObserverTree::DataTree& tree, const WriteHandler& onWrite) const;
 
 private:
     struct Entry {
         const std::string* key;
-        const Hox::ObserverTree::ObsTreeDataNodePair* pair;
+        Hox::ObserverTree::ObsTreeDataNodePair* pair;
     };
 
     Hox::ObserverTree::Status checkKey(const std::string& key, bool isRootValid) const;

@@ -23,9 +23,9 @@ namespace Hox::Capability::Configuration {
 ///
 /// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
 /// directory whose values are never edited: all of it is replaced in one step. All functions
-/// run under the capability's mutex; the handlers run under the tree's locks as well. The tree refers
-/// to this object, which therefore outlives the serving of requests. The destructor runs without the
-/// mutex: the state tree's thread, which it may have to join, needs it.
+/// run under the capability's mutex; the handlers run under the tree's locks as well. The tree
+/// refers to this object, which therefore outlives the serving of requests. The destructor runs
+/// without the mutex: the state tree's thread, which it may have to join, needs it.
 class ConfObstreeHandler {
 public:
     /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
@@ -52,7 +52,7 @@ private:
     template <typename Resp>
     using Return = Hox::ObserverTree::UnaryHandlerReturnType<Resp>;
 
-    Return<Api::UpdateCapConfResp> updateCapConf(const Api::UpdateCapConfReq& request,
+    Return<Api::UpdateCapConfResp> updateCapConf(Api::UpdateCapConfReq& request,
                                                  Hox::ObserverTree::DataTree& tree);
     Return<Api::ReadCapConfResp> readCapConf(const Api::ReadCapConfReq& request,
                                              Hox::ObserverTree::DataTree& tree) const;
