@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Hox::Testing {
+
+/// A system call of a child that has to do with files, at its entry.
+struct FileCall {
+    /// As the manual calls it, "renameat2".
+    std::string name;
+    /// The path that it is given, the first of two, as it stands in the child; empty for calls on a
+    /// file that is open.
+    std::string path;
+    /// Whether it may change anything: an open for reading may not.
+    bool changes = true;
+};
+
+/// What happens to one call, which is not made then.
+struct Fault {
+    /// The number of the call, from 0.
+    std::size_t call = 0;
+    /// The errno that it fails with; 0: the child is killed at the entry of the call.
+    int error = 0;
+};
+
+/// Which calls are listed, and counted for faults.
+enum class FileCalls {
+    None,               ///< none
+    Changing,           ///< each that changes a file or a directory, writes to files included
+    ChangingAndOpening  ///< these and each open for reading
+};
+
+/// How a child has ended.
+struct WatchedRun {
+    std::vector<FileCall> calls;
+    /// The signal that ended it, or 0.
+    int signal = 0;
+    /// What the action returned, if it did.
+    std::optional<std::string> answer;
+    /// What it wrote to standard error.
+    std::string errors;
+};
+
+/// Forks, runs the action in the child and lists its calls to the kernel, with a fault at one of
+/// them if given. sync is listed among the changing calls, but never made: it would wait for the
+/// disks of the whole machine.
+///
+/// Call it in a process without other threads. A child that takes longer than 20 seconds is killed.
+/// Throws std::system_error where the kernel refuses, and std::runtime_error after 20 seconds.
+WatchedRun runWatched(const std::function<std::string()>& action, FileCalls listed,
+                      const std::optional<Fault>& fault = std::nullopt);
+
+}  // namespace Hox::Testing

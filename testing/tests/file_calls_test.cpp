@@ -1,0 +1,119 @@
+#include "hox/testing/file_calls.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+
+#include "hox/testing/temp_dir.h"
+
+namespace fs = std::filesystem;
+
+namespace Hox::Testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class FileCallsTest : public ::testing::Test {
+protected:
+    /// Makes a folder, a file in it, reads the file and gives it another name.
+    std::string work() const {
+        if (mkdir(path("a").c_str(), 0700) != 0) {
+            return "mkdir " + std::to_string(errno);
+        }
+        const int file = open(path("a/b").c_str(), O_WRONLY | O_CREAT, 0600);
+        if (file < 0) {
+            return "open " + std::to_string(errno);
+        }
+        const ssize_t written = write(file, "x", 1);
+        close(file);
+        close(open(path("a/b").c_str(), O_RDONLY | O_CLOEXEC));
+        sync();
+        return rename(path("a/b").c_str(), path("a/c").c_str()) == 0
+                   ? "done " + std::to_string(written)
+                   : "rename " + std::to_string(errno);
+    }
+    std::string path(const std::string& name) const { return (m_dir / name).string(); }
+
+    WatchedRun run(FileCalls listed, const std::optional<Fault>& fault = std::nullopt) const {
+        return runWatched([this] { return work(); }, listed, fault);
+    }
+
+    static std::vector<std::string> names(const WatchedRun& run) {
+        std::vector<std::string> names;
+        for (const auto& call : run.calls) {
+            names.push_back(call.name);
+        }
+        return names;
+    }
+
+    TempDir m_dir;
+};
+
+TEST_F(FileCallsTest, AreListedInTheirOrder) {
+    const auto seen = run(FileCalls::Changing);
+    EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat", "write", "sync", "rename"));
+    EXPECT_EQ(seen.calls.at(1).path, path("a/b"));
+    EXPECT_EQ(seen.calls.at(4).path, path("a/b"));
+    EXPECT_EQ(seen.answer, "done 1");
+    EXPECT_EQ(seen.signal, 0);
+    EXPECT_TRUE(fs::exists(m_dir / "a/c"));
+}
+
+TEST_F(FileCallsTest, CountOpensForReadingOnDemand) {
+    const auto seen = run(FileCalls::ChangingAndOpening);
+    EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat", "write", "openat", "sync", "rename"));
+    EXPECT_TRUE(seen.calls.at(1).changes);
+    EXPECT_FALSE(seen.calls.at(3).changes);
+}
+
+TEST_F(FileCallsTest, GoUnlistedOnDemand) {
+    const auto seen = run(FileCalls::None);
+    EXPECT_THAT(names(seen), ElementsAre("sync"));
+    EXPECT_EQ(seen.answer, "done 1");
+}
+
+TEST_F(FileCallsTest, EndTheChildBeforeTheyAreMade) {
+    const auto seen = run(FileCalls::Changing, Fault{1, 0});
+    EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat"));
+    EXPECT_EQ(seen.signal, SIGKILL);
+    EXPECT_EQ(seen.answer, std::nullopt);
+    EXPECT_TRUE(fs::exists(m_dir / "a"));
+    EXPECT_FALSE(fs::exists(m_dir / "a/b"));
+}
+
+TEST_F(FileCallsTest, FailOnDemandWithoutBeingMade) {
+    EXPECT_EQ(run(FileCalls::Changing, Fault{0, ENOSPC}).answer, "mkdir " + std::to_string(ENOSPC));
+    EXPECT_FALSE(fs::exists(m_dir / "a"));
+    EXPECT_EQ(run(FileCalls::Changing, Fault{4, EIO}).answer, "rename " + std::to_string(EIO));
+    EXPECT_TRUE(fs::exists(m_dir / "a/b"));
+}
+
+TEST(WatchedRun, TellsHowTheChildHasEnded) {
+    const auto aborted = runWatched(
+        []() -> std::string {
+            std::fputs("last words\n", stderr);
+            std::abort();
+        },
+        FileCalls::Changing);
+    EXPECT_EQ(aborted.signal, SIGABRT);
+    EXPECT_EQ(aborted.errors, "last words\n");
+    EXPECT_EQ(aborted.answer, std::nullopt);
+    const auto thrown = runWatched([]() -> std::string { throw std::runtime_error("a text"); },
+                                   FileCalls::Changing);
+    EXPECT_EQ(thrown.signal, 0);
+    EXPECT_EQ(thrown.answer, std::nullopt);
+    EXPECT_EQ(thrown.errors, "exception: a text\n");
+    EXPECT_THAT(thrown.calls, IsEmpty());
+}
+
+}  // namespace
+}  // namespace Hox::Testing
