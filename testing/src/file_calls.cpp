@@ -269,7 +269,8 @@ std::string readPath(pid_t child, std::uint64_t address) {
 /// The parent's side of a running child.
 class Watch {
 public:
-    Watch(pid_t child, const std::optional<Fault>& fault) : m_child(child), m_fault(fault) {}
+    Watch(pid_t child, const std::optional<Fault>& fault, const AtCall& atCall)
+        : m_child(child), m_fault(fault), m_atCall(atCall) {}
 
     /// Answers each call, until nobody is left who could make one.
     void serve(const Descriptor& listener, WatchedRun& run) {
@@ -305,6 +306,9 @@ private:
         }
         const bool dies = response.error == 0 && m_fault && m_fault->call == run.calls.size();
         run.calls.push_back(describe(call, request.data));
+        if (m_atCall) {
+            m_atCall(run.calls.size() - 1, run.calls.back());
+        }
         if (dies) {
             kill(m_child, SIGKILL);
             return;
@@ -324,6 +328,7 @@ private:
 
     const pid_t m_child;
     const std::optional<Fault> m_fault;
+    const AtCall m_atCall;
 };
 
 /// Ends with the child, one way or the other.
@@ -358,7 +363,7 @@ private:
 }  // namespace
 
 WatchedRun runWatched(const std::function<std::string()>& action, FileCalls listed,
-                      const std::optional<Fault>& fault) {
+                      const std::optional<Fault>& fault, const AtCall& atCall) {
     auto filter = filterFor(listed);
     const Descriptor answers(memfd_create("answers", MFD_CLOEXEC), "memfd_create");
     const Descriptor errors(memfd_create("errors", MFD_CLOEXEC), "memfd_create");
@@ -379,7 +384,7 @@ WatchedRun runWatched(const std::function<std::string()>& action, FileCalls list
     theirs.reset();
     WatchedRun run;
     const Descriptor listener(receiveListener(*own), "a filter of system calls");
-    Watch(id, fault).serve(listener, run);
+    Watch(id, fault, atCall).serve(listener, run);
     const int status = child.wait();
     run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     run.errors = readWhole(errors);

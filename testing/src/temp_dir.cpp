@@ -6,8 +6,10 @@
 
 namespace Hox::Testing {
 
-TempDir::TempDir() {
-    auto pattern = (std::filesystem::temp_directory_path() / "halvo-test-XXXXXX").string();
+TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path()) {}
+
+TempDir::TempDir(const std::filesystem::path& parent) {
+    auto pattern = (parent / "halvo-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), "mkdtemp " + pattern);
     }

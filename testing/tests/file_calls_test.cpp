@@ -81,6 +81,16 @@ TEST_F(FileCallsTest, GoUnlistedOnDemand) {
     EXPECT_EQ(seen.answer, "done 1");
 }
 
+TEST_F(FileCallsTest, WaitWhileTheParentLooks) {
+    std::vector<bool> there;
+    runWatched([this] { return work(); }, FileCalls::Changing, std::nullopt,
+               [&](std::size_t number, const FileCall&) {
+                   EXPECT_EQ(number, there.size());
+                   there.push_back(fs::exists(m_dir / "a/b"));
+               });
+    EXPECT_THAT(there, ElementsAre(false, false, true, true, true));
+}
+
 TEST_F(FileCallsTest, EndTheChildBeforeTheyAreMade) {
     const auto seen = run(FileCalls::Changing, Fault{1, 0});
     EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat"));

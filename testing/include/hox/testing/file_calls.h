@@ -45,13 +45,18 @@ struct WatchedRun {
     std::string errors;
 };
 
+using AtCall = std::function<void(std::size_t number, const FileCall& call)>;
+
 /// Forks, runs the action in the child and lists its calls to the kernel, with a fault at one of
 /// them if given. sync is listed among the changing calls, but never made: it would wait for the
 /// disks of the whole machine.
 ///
+/// While a call waits to be made, atCall is told its number and the call; what lies on the disk
+/// then is what a kill at this entry leaves.
+///
 /// Call it in a process without other threads. A child that takes longer than 20 seconds is killed.
 /// Throws std::system_error where the kernel refuses, and std::runtime_error after 20 seconds.
 WatchedRun runWatched(const std::function<std::string()>& action, FileCalls listed,
-                      const std::optional<Fault>& fault = std::nullopt);
+                      const std::optional<Fault>& fault = std::nullopt, const AtCall& atCall = {});
 
 }  // namespace Hox::Testing

@@ -10,6 +10,8 @@ class TempDir {
 public:
     /// Makes the folder below the system's folder for temporary files; throws std::system_error.
     TempDir();
+    /// The same below a folder that exists.
+    explicit TempDir(const std::filesystem::path& parent);
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
