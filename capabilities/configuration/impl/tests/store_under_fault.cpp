@@ -57,6 +57,9 @@ void write(const fs::path& file, const std::string& text) {
 
 std::string packageOfAnotherMachine(const fs::path& dir) {
     SystemIdentity foreign = readSystemIdentity();
+    using Hox::SystemAPI::HeadendSWVariant;
+    foreign.variant =
+        foreign.variant == HeadendSWVariant::QAM ? HeadendSWVariant::COFDM : HeadendSWVariant::QAM;
     foreign.partNumber += 1;
     fs::create_directories(dir);
     writePackageIdentity(foreign, dir);
