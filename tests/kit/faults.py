@@ -1,0 +1,87 @@
+"""Faults at the system calls of a running service, through strace."""
+import os
+import pathlib
+import re
+import signal
+import subprocess
+
+from kit.wait import wait_until
+
+#: What changes files, and the opening of them. A question mark: not on every kind of machine.
+FILE_CALLS = ("?mkdir,mkdirat,?open,openat,?rename,?renameat,renameat2,?unlink,unlinkat,?rmdir,"
+              "?link,linkat,?symlink,symlinkat,?chmod,fchmod,fchmodat,truncate,ftruncate")
+
+#: "1234 mkdir("/a/b", 0777) = 0", or without a result where the process was killed.
+_LINE = re.compile(r"^\d+ +(\w+)\((.*)$")
+
+
+class Call:
+    """One line of strace: the name of the call and its arguments as text."""
+
+    def __init__(self, name, arguments):
+        self.name = name
+        self.arguments = arguments
+
+    @property
+    def path(self):
+        """The first path among the arguments."""
+        return re.search(r'"([^"]*)"', self.arguments).group(1)
+
+    @property
+    def changes(self):
+        """Whether it may change anything: sync and opening for reading do not."""
+        if self.name.startswith("open"):
+            return bool(re.search(r"O_(WRONLY|RDWR|CREAT|TRUNC)", self.arguments))
+        return self.name != "sync"
+
+    def __repr__(self):
+        return f"{self.name}({self.arguments}"
+
+
+class Strace:
+    """Follows all threads of a service, from the first call after the constructor.
+
+    inject: what happens to which calls, as strace's option takes it. It counts each kind of call of
+    each thread by itself; all file calls of an operation come from one thread. sync is never made,
+    because it would wait for the disks of the whole machine. path: the only one whose calls count;
+    opens by the libraries come at any time.
+    """
+
+    def __init__(self, service, inject=None, path=None):
+        self._file = service.folder / "strace"
+        pid = service.process.pid
+        faults = ["-e", f"inject={inject}"] if inject else []
+        if path:
+            faults += ["-P", str(path)]
+        self._process = subprocess.Popen(
+            ["strace", "-f", "-p", str(pid), "-o", str(self._file), "-e",
+             f"trace={FILE_CALLS},sync", *faults, "-e", "inject=sync:retval=0"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_until(lambda: self._follows_all(pid), what="strace's hold of every thread")
+
+    def _follows_all(self, pid):
+        assert self._process.poll() is None, "strace could not be started"
+        tasks = list(pathlib.Path(f"/proc/{pid}/task").iterdir())
+        return all(f"TracerPid:\t{self._process.pid}\n" in (task / "status").read_text()
+                   for task in tasks)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._process.send_signal(signal.SIGTERM)
+        try:
+            self._process.wait(10)
+        finally:
+            self._process.kill()
+            self._process.wait()
+
+    def calls(self):
+        """The calls in their order, once strace has ended."""
+        matches = map(_LINE.match, self._file.read_text(errors="replace").splitlines())
+        return [Call(*match.groups()) for match in matches if match]
+
+
+def all_faults():
+    """Whether every entry is to be tried, with more keys, instead of some."""
+    return bool(os.environ.get("HALVO_ALL_FAULTS"))

@@ -1,0 +1,215 @@
+"""Kills and failing disks in the midst of save, import, clear and export: the whole program."""
+import re
+import shutil
+import signal
+
+import grpc
+import pytest
+
+from kit.configuration import Slice, clear, discard, export_package, import_package, save
+from kit.faults import Strace, all_faults
+
+KEYS = [0, 1, 10] if all_faults() else [0, 1]
+
+
+def values(kind, keys):
+    return {f"/g{number % 3}/{kind if number % 2 else 'both'}{number}": kind
+            for number in range(keys)}
+
+
+class Prepared:
+    """A configuration folder to begin with: a saved copy, and what a crash left beside it."""
+
+    def __init__(self, start, keys):
+        self._start = start
+        self.keys = keys
+        service = start()
+        client = service.client()
+        tuner = Slice(client)
+        tuner.update(values("packaged", keys))
+        save(client)
+        self.package = export_package(client)
+        tuner.update(values("old", keys), patch=False)
+        save(client)
+        self._state_id = tuner.state_id
+        service.stop()
+        self._folder = service.folder / "config"
+        left = self._folder / "configuration.temp/left"
+        left.mkdir(parents=True)
+        (left / "over").write_text("from a crash")
+        (self._folder / "epg").mkdir()
+        (self._folder / "epg/today").write_text("news")
+        self._count = 0
+
+    def service(self, **kwargs):
+        """A new service on a folder of its own with unsaved changes, and a client."""
+        folder = self._folder.parent / f"case{self._count}"
+        self._count += 1
+        shutil.copytree(self._folder, folder)
+        service = self._start("--configdir", str(folder), **kwargs)
+        service.config = folder
+        client = service.client()
+        tuner = Slice(client)
+        tuner.state_id = self._state_id
+        tuner.update(values("new", self.keys), patch=False)
+        return service, client
+
+    def restart(self, service):
+        again = self._start("--configdir", str(service.config))
+        return again, again.client()
+
+    def run(self, operation, client):
+        actions = {"save": save, "clear": clear, "discard": discard, "export": export_package,
+                   "import": lambda target: import_package(target, self.package)}
+        return actions[operation](client)
+
+    def after(self, operation):
+        """What is saved behind the operation."""
+        kind = {"save": "new", "import": "packaged"}.get(operation, "old")
+        return {} if operation == "clear" else values(kind, self.keys)
+
+
+@pytest.fixture
+def prepare(start):
+    return lambda keys: Prepared(start, keys)
+
+
+def chosen(places, exchange):
+    """All, or some: the ends, what surrounds the exchange, and one in the middle of each part."""
+    if all_faults():
+        return places
+    before = [place for place in places if place < exchange]
+    behind = [place for place in places if place > exchange]
+    some = {*before[:1], *before[len(before) // 2:][:1], *before[-1:], *behind[:1],
+            *behind[len(behind) // 2:][:1], *behind[-1:]}
+    return [place for place in places if place in some or place == exchange]
+
+
+def kill_at(prepared, operation, calls, place):
+    """Kills a service at the entry of one call of the operation and returns the remains."""
+    call = calls[place]
+    service, client = prepared.service()
+    if call.name.startswith("open"):
+        case = service.config.name
+        fault = Strace(service, f"{call.name}:signal=KILL",
+                       path=re.sub(r"/case\d+/", f"/{case}/", call.path))
+    else:
+        same = sum(other.name == call.name for other in calls[:place + 1])
+        fault = Strace(service, f"{call.name}:signal=KILL:when={same}")
+    with fault as strace:
+        with pytest.raises(grpc.RpcError):
+            prepared.run(operation, client)
+        assert service.wait_end(20) == -signal.SIGKILL
+    assert strace.calls()[-1].name == call.name
+    return service
+
+
+@pytest.mark.parametrize("keys", KEYS)
+@pytest.mark.parametrize("operation", ["save", "import", "clear", "export"])
+def test_a_kill_leaves_the_whole_old_or_the_whole_new_copy(prepare, operation, keys):
+    prepared = prepare(keys)
+    service, client = prepared.service()
+    with Strace(service) as strace:
+        prepared.run(operation, client)
+    calls = [call for call in strace.calls() if call.changes]
+    names = [call.name for call in calls]
+    exchange = names.index("renameat2") if operation != "export" else len(calls)
+    for place in chosen(list(range(len(calls))), exchange):
+        service = kill_at(prepared, operation, calls, place)
+        again, client = prepared.restart(service)
+        loaded = Slice(client).content()
+        expected = prepared.after(operation if place > exchange else "nothing")
+        assert loaded == expected, (place, calls[place])
+        save(client)
+        assert not (service.config / "configuration.temp").exists()
+        assert Slice(client).content() == expected
+        again.signal(signal.SIGKILL)  # which is faster than an end
+        again.wait_end()
+
+
+def test_a_discard_changes_no_file(prepare):
+    prepared = prepare(1)
+    service, client = prepared.service()
+    with Strace(service) as strace:
+        discard(client)
+    calls = strace.calls()
+    assert calls and not [call for call in calls if call.changes]
+    assert Slice(client).content() == prepared.after("discard")
+
+
+@pytest.mark.parametrize("error, number", [("ENOSPC", 28), ("EIO", 5), ("EACCES", 13)])
+@pytest.mark.parametrize("operation", ["save", "import", "clear"])
+def test_an_exchange_that_fails_ends_the_process(prepare, operation, error, number):
+    prepared = prepare(1)
+    service, client = prepared.service(log_to_file=True)
+    with Strace(service, f"renameat2:error={error}"):
+        with pytest.raises(grpc.RpcError):
+            prepared.run(operation, client)
+        assert service.wait_end(20) == -signal.SIGABRT
+    assert f"atomic rename exchange failed with errno {number}" in service.log
+    _, client = prepared.restart(service)
+    assert Slice(client).content() == prepared.after("nothing")
+
+
+@pytest.mark.parametrize("operation, fault, done", [
+    ("save", "?unlink,unlinkat:error=EIO:when=1", False),  # of what a crash had left
+    ("save", "?mkdir,mkdirat:error=ENOSPC:when=1", False),  # of the scratch directory
+    ("save", "?mkdir,mkdirat:error=EACCES:when=3", False),  # of a key
+    ("save", "?rename,?renameat,renameat2:error=EIO:when=1", False),  # of a value
+    ("import", "?mkdir,mkdirat:error=EIO:when=1", False),
+    ("import", "?rmdir,unlinkat:error=EACCES:when=8", True),  # of the old copy
+    ("clear", "?mkdir,mkdirat:error=EACCES:when=1", False),
+    ("clear", "unlinkat:error=EIO:when=4", True),
+])
+def test_a_disk_that_fails_elsewhere_ends_the_process(prepare, operation, fault, done):
+    prepared = prepare(1)
+    service, client = prepared.service(log_to_file=True)
+    with Strace(service, fault) as strace:
+        with pytest.raises(grpc.RpcError):
+            prepared.run(operation, client)
+        assert service.wait_end(20) == -signal.SIGABRT, strace.calls()
+    assert "filesystem error: " in service.log
+    _, client = prepared.restart(service)
+    assert Slice(client).content() == prepared.after(operation if done else "nothing")
+    save(client)
+    assert not (service.config / "configuration.temp").exists()
+
+
+@pytest.mark.parametrize("operation, fault, text", [
+    ("import", "?mkdir,mkdirat:error=ENOSPC:when=3",
+     "Unable to unpack to filesystem - Error Archiving error: Can't create '"),
+    ("import", "?open,openat:error=EIO:when=4",
+     "Unable to unpack to filesystem - Error Archiving error: Can't create '"),
+    ("export", "?rename,?renameat,renameat2:error=EACCES",
+     "Unable to pack from filesystem - Error IOErrorr: Generic filesystem Error: "
+     "Failed renaming temp file errno 13"),
+])
+def test_a_disk_that_fails_is_told_in_the_answer(prepare, operation, fault, text):
+    prepared = prepare(1)
+    service, client = prepared.service()
+    before = Slice(client).content()
+    with Strace(service, fault) as strace:
+        with pytest.raises(grpc.RpcError) as refused:
+            prepared.run(operation, client)
+    assert refused.value.code() == grpc.StatusCode.INTERNAL, strace.calls()
+    assert refused.value.details().startswith(text)
+    assert Slice(client).content() == before
+    discard(client)
+    assert Slice(client).content() == prepared.after("nothing")
+    prepared.run(operation, client)
+    assert not (service.config / "configuration.temp").exists() or operation == "export"
+
+
+def test_a_guide_that_cannot_be_removed_stays_unnoticed(prepare):
+    prepared = prepare(0)
+    service, client = prepared.service()
+    with Strace(service) as strace:
+        clear(client)
+    removals = [call for call in strace.calls() if call.name == "unlinkat"]
+    guide = next(number for number, call in enumerate(removals, 1) if "today" in call.arguments)
+    service, client = prepared.service()
+    with Strace(service, f"unlinkat:error=EIO:when={guide}"):
+        clear(client)
+    assert (service.config / "epg/today").exists()
+    assert Slice(client).content() == {}
+    assert "Failed to clear EPG data" not in service.stdout
