@@ -281,3 +281,102 @@ def test_saving_among_twenty_clients_keeps_one_order_of_events(start):
     again = start("--configdir", str(service.folder / "config")).client()
     for number in range(20):
         assert set(Slice(again, f"c{number:02}").content().values()) == {str(rounds - 1)}
+
+
+class OwnedSlice:
+    """A slice with a writer and its only observer; knows what it wrote under which state id."""
+
+    def __init__(self, client, capability):
+        self.slice = Slice(client, capability)
+        self.written = {}
+        self.heard = []
+        self.acknowledged = 0
+        self._update(1)
+
+    def observe(self):
+        self.stream = self.slice.observe(self.slice.state_id)
+        assert self.stream.next().observeStatus.statusCode == 6
+
+    def _update(self, count):
+        state_id = self.slice.update({"/first": str(count), "/second": str(count)})
+        self.written[state_id] = count
+        self.acknowledged = count
+
+    def write(self, count):
+        """Writes a number that is higher than all before; a discard in between makes the own state
+        id stale, and the observer is told the one that is back in force."""
+        while True:
+            try:
+                return self._update(count)
+            except grpc.RpcError as error:
+                assert error.code() == grpc.StatusCode.FAILED_PRECONDITION, error
+                self.hear(self.stream.next())
+
+    def hear(self, element):
+        found = texts(element)
+        assert set(found) == {"/first", "/second", STATE_ID}
+        self.slice.state_id = json.loads(found[STATE_ID])["value"]
+        assert found["/first"] == found["/second"] == str(self.written[self.slice.state_id])
+        self.heard.append(self.written[self.slice.state_id])
+
+    def saved(self, files):
+        """The number in the saved copy, which must be one that was written under the saved id."""
+        texts_of = [json.loads(files[f"sys/conf/mb/0/{self.slice.conf_id.capabilityId}{key}/data"])
+                    for key in ("/first", "/second", STATE_ID)]
+        first, second, state_id = (text["value"] for text in texts_of)
+        assert first == second
+        return int(first), json.loads(state_id)["value"]
+
+
+def test_twenty_observed_writers_agree_with_saves_and_discards(start):
+    """Discards take back what was not saved. Every answer, every saved copy and everything that an
+    observer hears fits one order of updates, saves and discards."""
+    service = start()
+    client = service.client()
+    slices = [OwnedSlice(service.client(), f"c{number:02}") for number in range(20)]
+    save(client)
+    for own in slices:
+        own.observe()
+    rounds = 12
+    failures = []
+
+    def work(own):
+        try:
+            for count in range(2, 2 + rounds):
+                own.write(count)
+        except Exception as error:  # pylint: disable=broad-except
+            failures.append(error)
+
+    writers = [threading.Thread(target=work, args=(own,)) for own in slices]
+    for writer in writers:
+        writer.start()
+    saved = [1] * len(slices)
+    discards = 0
+    while discards < 6 or any(writer.is_alive() for writer in writers):
+        floors = [own.acknowledged for own in slices]
+        save(client)
+        files = saved_files(service)
+        for place, own in enumerate(slices):
+            count, state_id = own.saved(files)
+            # The answer to the very update may still be under way.
+            assert own.written.get(state_id, count) == count
+            assert count >= max(saved[place], floors[place] if discards == 0 else 0)
+            saved[place] = count
+        discard(client)
+        discards += 1
+    for writer in writers:
+        writer.join(60)
+        assert not writer.is_alive()
+    assert failures == []
+    discard(client)
+    discards += 1
+    for own in slices:
+        while len(own.heard) < discards:
+            own.hear(own.stream.next())
+        assert own.heard == sorted(own.heard), "what is saved never goes back"
+    files = saved_files(service)
+    assert [own.heard[-1] for own in slices] == [own.saved(files)[0] for own in slices]
+    for own in slices:
+        own.stream.cancel()
+        assert own.stream.rest() == [], "one answer for each discard and none for updates"
+        assert set(own.slice.content().values()) == {str(own.heard[-1])}
