@@ -19,9 +19,11 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace Hox::Testing {
 
@@ -246,14 +248,14 @@ constexpr int endWithoutFilter = 2;
 }
 
 std::string readPath(pid_t child, std::uint64_t address) {
+    const Descriptor memory(
+        open(("/proc/" + std::to_string(child) + "/mem").c_str(), O_RDONLY | O_CLOEXEC), "open");
     std::string path;
     while (true) {
         // Not beyond the end of a page: the next one need not be there.
         char part[256];
         const std::size_t size = std::min<std::uint64_t>(sizeof(part), 4096 - address % 4096);
-        const iovec local = {part, size};
-        const iovec remote = {reinterpret_cast<void*>(address), size};
-        const ssize_t got = process_vm_readv(child, &local, 1, &remote, 1, 0);
+        const ssize_t got = pread(*memory, part, size, static_cast<off_t>(address));
         if (got <= 0) {
             return path;
         }
@@ -266,11 +268,20 @@ std::string readPath(pid_t child, std::uint64_t address) {
     }
 }
 
+/// The path of what is open there; empty for a pipe or a socket, which the sanitizers write to as
+/// well.
+std::string openFile(pid_t child, std::uint64_t descriptor) {
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(
+        "/proc/" + std::to_string(child) + "/fd/" + std::to_string(descriptor), error);
+    return target.is_absolute() ? target.string() : std::string();
+}
+
 /// The parent's side of a running child.
 class Watch {
 public:
-    Watch(pid_t child, const std::optional<Fault>& fault, const AtCall& atCall)
-        : m_child(child), m_fault(fault), m_atCall(atCall) {}
+    Watch(pid_t child, const std::optional<Fault>& fault, AtCall atCall)
+        : m_child(child), m_fault(fault), m_atCall(std::move(atCall)) {}
 
     /// Answers each call, until nobody is left who could make one.
     void serve(const Descriptor& listener, WatchedRun& run) {
@@ -299,13 +310,19 @@ private:
             [&request](const auto& known) { return known.number == request.data.nr; });
         seccomp_notif_resp response{};
         response.id = request.id;
+        const FileCall described = describe(call, request.data);
+        if (call.kind == Kind::Descriptor && described.path.empty()) {
+            response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+            ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+            return;
+        }
         if (m_fault && m_fault->call == run.calls.size()) {
             response.error = -m_fault->error;
         } else if (call.kind != Kind::Sync) {
             response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
         }
         const bool dies = response.error == 0 && m_fault && m_fault->call == run.calls.size();
-        run.calls.push_back(describe(call, request.data));
+        run.calls.push_back(described);
         if (m_atCall) {
             m_atCall(run.calls.size() - 1, run.calls.back());
         }
@@ -321,6 +338,8 @@ private:
         call.name = known.name;
         if (known.kind == Kind::Path || known.kind == Kind::Open) {
             call.path = readPath(m_child, data.args[known.path]);
+        } else if (known.kind == Kind::Descriptor) {
+            call.path = openFile(m_child, data.args[0]);
         }
         call.changes = known.kind != Kind::Open || (data.args[known.path + 1] & writeFlags) != 0;
         return call;

@@ -62,6 +62,7 @@ TEST_F(FileCallsTest, AreListedInTheirOrder) {
     const auto seen = run(FileCalls::Changing);
     EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat", "write", "sync", "rename"));
     EXPECT_EQ(seen.calls.at(1).path, path("a/b"));
+    EXPECT_EQ(seen.calls.at(2).path, path("a/b"));
     EXPECT_EQ(seen.calls.at(4).path, path("a/b"));
     EXPECT_EQ(seen.answer, "done 1");
     EXPECT_EQ(seen.signal, 0);
@@ -73,6 +74,17 @@ TEST_F(FileCallsTest, CountOpensForReadingOnDemand) {
     EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat", "write", "openat", "sync", "rename"));
     EXPECT_TRUE(seen.calls.at(1).changes);
     EXPECT_FALSE(seen.calls.at(3).changes);
+}
+
+TEST_F(FileCallsTest, AreNotWritesToPipes) {
+    const auto seen = runWatched(
+        [] {
+            int ends[2] = {-1, -1};
+            return pipe(ends) == 0 && write(ends[1], "x", 1) == 1 ? "written" : "failed";
+        },
+        FileCalls::Changing);
+    EXPECT_THAT(seen.calls, IsEmpty());
+    EXPECT_EQ(seen.answer, "written");
 }
 
 TEST_F(FileCallsTest, GoUnlistedOnDemand) {

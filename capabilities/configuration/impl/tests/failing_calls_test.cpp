@@ -159,7 +159,7 @@ protected:
 TEST_P(FailingCall, LeavesAWholeCopyAndIsAnsweredOrEndsTheProcess) {
     std::size_t tried = 0;
     for (std::size_t number = 0; number < m_calls.size(); ++number) {
-        if (!canFail(m_calls[number]) || (isSanitized() && number % 3 != 0)) {
+        if (!canFail(m_calls[number]) || (isSanitized() && number % 5 != 0)) {
             continue;
         }
         ++tried;
@@ -177,7 +177,7 @@ TEST_P(FailingCall, LeavesAWholeCopyAndIsAnsweredOrEndsTheProcess) {
         EXPECT_FALSE(fs::exists(m_store.scratch()));
         ASSERT_FALSE(HasFailure()) << run.errors;
     }
-    EXPECT_GT(tried, 3U);
+    EXPECT_GT(tried, 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FailingCall,

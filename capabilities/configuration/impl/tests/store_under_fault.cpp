@@ -18,7 +18,6 @@ namespace fs = std::filesystem;
 
 namespace Hox::Capability::Configuration {
 
-using Hox::ObserverTree::Status;
 using Hox::ObserverTree::UnaryOps;
 using Hox::Testing::Fault;
 using Hox::Testing::FileCalls;

@@ -12,8 +12,8 @@ namespace Hox::Testing {
 struct FileCall {
     /// As the manual calls it, "renameat2".
     std::string name;
-    /// The path that it is given, the first of two, as it stands in the child; empty for calls on a
-    /// file that is open.
+    /// The path that it is given, the first of two, as it stands in the child; for calls on a file
+    /// that is open, the path of that file.
     std::string path;
     /// Whether it may change anything: an open for reading may not.
     bool changes = true;
