@@ -316,21 +316,26 @@ private:
             ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
             return;
         }
-        if (m_fault && m_fault->call == run.calls.size()) {
+        const bool isFirst = m_fault && m_fault->call == run.calls.size();
+        if (isFirst || isLaterOne(described, run)) {
             response.error = -m_fault->error;
         } else if (call.kind != Kind::Sync) {
             response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
         }
-        const bool dies = response.error == 0 && m_fault && m_fault->call == run.calls.size();
         run.calls.push_back(described);
         if (m_atCall) {
             m_atCall(run.calls.size() - 1, run.calls.back());
         }
-        if (dies) {
+        if (isFirst && m_fault->error == 0) {
             kill(m_child, SIGKILL);
             return;
         }
         ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+    }
+
+    bool isLaterOne(const FileCall& call, const WatchedRun& run) const {
+        return m_fault && m_fault->lasting && m_fault->call < run.calls.size() &&
+               run.calls[m_fault->call].name == call.name;
     }
 
     FileCall describe(const KnownCall& known, const seccomp_data& data) const {

@@ -119,6 +119,16 @@ TEST_F(FileCallsTest, FailOnDemandWithoutBeingMade) {
     EXPECT_TRUE(fs::exists(m_dir / "a/b"));
 }
 
+TEST_F(FileCallsTest, FailAgainOnDemand) {
+    const auto twice = [this] {
+        const int first = mkdir(path("a").c_str(), 0700);
+        return std::to_string(first) + " " + std::to_string(mkdir(path("a").c_str(), 0700));
+    };
+    EXPECT_EQ(runWatched(twice, FileCalls::Changing, Fault{0, EIO}).answer, "-1 0");
+    fs::remove(m_dir / "a");
+    EXPECT_EQ(runWatched(twice, FileCalls::Changing, Fault{0, EIO, true}).answer, "-1 -1");
+}
+
 TEST(WatchedRun, TellsHowTheChildHasEnded) {
     const auto aborted = runWatched(
         []() -> std::string {

@@ -164,8 +164,9 @@ TEST_P(FailingCall, LeavesAWholeCopyAndIsAnsweredOrEndsTheProcess) {
         }
         ++tried;
         SCOPED_TRACE(describe(m_operation, number, m_calls[number]));
-        const auto run =
-            m_store.run(m_operation, FileCalls::ChangingAndOpening, Fault{number, m_error});
+        // A disk that cannot be written to stays so: some calls are tried again.
+        const auto run = m_store.run(m_operation, FileCalls::ChangingAndOpening,
+                                     Fault{number, m_error, m_calls[number].changes});
         if (m_operation == Operation::Discard || m_operation == Operation::Export) {
             expectOutcomeOfReading(run, m_calls[number]);
         } else {

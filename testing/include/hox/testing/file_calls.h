@@ -19,12 +19,14 @@ struct FileCall {
     bool changes = true;
 };
 
-/// What happens to one call, which is not made then.
+/// What happens to a call, which is not made then.
 struct Fault {
     /// The number of the call, from 0.
     std::size_t call = 0;
     /// The errno that it fails with; 0: the child is killed at the entry of the call.
     int error = 0;
+    /// Whether each later call of that name fails as well.
+    bool lasting = false;
 };
 
 /// Which calls are listed, and counted for faults.
