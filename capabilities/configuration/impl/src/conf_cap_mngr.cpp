@@ -16,8 +16,11 @@ int ConfCapMngr::id() const {
 }
 
 void ConfCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
-    m_obsTreeBuilder =
-        std::make_unique<AsyncGRPCServerObsTreeBuilder>(&ctx.getServerBuilder(), m_mutex);
+    // The state monitor's thread reads new connections: its calls are many times as frequent, and a
+    // thread that hands them over costs more than they do.
+    constexpr bool isFrequentlyPolled = false;
+    m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(&ctx.getServerBuilder(),
+                                                                       m_mutex, isFrequentlyPolled);
     m_observerTree =
         std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
     m_obsTreeBuilder->buildServerObsTree<Api::ConfigurationService>(*m_observerTree);

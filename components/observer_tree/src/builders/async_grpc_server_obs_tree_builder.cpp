@@ -7,11 +7,12 @@
 namespace Hox::ObserverTree {
 
 AsyncGRPCServerObsTreeBuilder::AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
-                                                             std::shared_ptr<std::mutex> mutex)
+                                                             std::shared_ptr<std::mutex> mutex,
+                                                             bool isFrequentlyPolled)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_serverBuilder(serverBuilder),
       m_asyncGrpcServerHandler(std::make_shared<AsyncGrpcServerHandler>(
-          serverBuilder->AddCompletionQueue(true), std::move(mutex))) {}
+          serverBuilder->AddCompletionQueue(isFrequentlyPolled), std::move(mutex))) {}
 
 void AsyncGRPCServerObsTreeBuilder::logBinding(
     const google::protobuf::MethodDescriptor& method) const {

@@ -1,6 +1,7 @@
 #include "hox/observer_tree/grpc/async_grpc_client_handler.h"
 
 #include <fmt/format.h>
+#include <grpc/grpc.h>
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_stream.h>
 #include <grpcpp/support/async_unary_call.h>
@@ -22,6 +23,17 @@ using Reader = grpc::ClientAsyncReader<Message>;
 using UnaryReader = grpc::ClientAsyncResponseReader<Message>;
 
 constexpr std::chrono::milliseconds pollInterval{500};
+
+/// Calls inside the process need no poller, and one more of them slows down all others.
+std::unique_ptr<grpc::CompletionQueue> makeQueue(bool inProcess) {
+    if (!inProcess) {
+        return std::make_unique<grpc::CompletionQueue>();
+    }
+    const grpc_completion_queue_attributes attributes{GRPC_CQ_CURRENT_VERSION, GRPC_CQ_NEXT,
+                                                      GRPC_CQ_NON_POLLING, nullptr};
+    return std::make_unique<grpc::CompletionQueue>(grpc_completion_queue_create(
+        grpc_completion_queue_factory_lookup(&attributes), &attributes, nullptr));
+}
 
 }  // namespace
 
@@ -55,9 +67,10 @@ struct AsyncGrpcClientHandler::CallData {
     Reader& stream() { return *std::get<std::unique_ptr<Reader>>(reader); }
 };
 
-AsyncGrpcClientHandler::AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex)
+AsyncGrpcClientHandler::AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
+                                               bool inProcess)
     : m_logger(Hox::Log::getLogsystem()->getLogger("AsyncGrpcClientHandler")),
-      m_completionQueue(std::make_unique<grpc::CompletionQueue>()),
+      m_completionQueue(makeQueue(inProcess)),
       m_capabilityMutex(std::move(capabilityMutex)) {}
 
 AsyncGrpcClientHandler::~AsyncGrpcClientHandler() {

@@ -33,7 +33,7 @@ public:
         const std::shared_ptr<grpc::Channel>& channel, const std::shared_ptr<std::mutex>& mutex,
         std::shared_ptr<InProcessGate> gate) const {
         const bool inProcess = gate != nullptr;
-        const auto handler = std::make_shared<AsyncGrpcClientHandler>(mutex);
+        const auto handler = std::make_shared<AsyncGrpcClientHandler>(mutex, inProcess);
         handler->startThread();
         auto tree = std::make_shared<GrpcProxyObserverTree>(channel, handler, std::move(gate));
         buildProxyObsTree<ServiceType>(tree, inProcess, channel, handler);

@@ -18,10 +18,13 @@ namespace Hox::ObserverTree {
 /// that sets the service up, before the server is started.
 class AsyncGRPCServerObsTreeBuilder : public ProtoObsTreeBuilder {
 public:
-    /// Adds a frequently polled queue to the server and makes the handler for it. The server
-    /// builder is not owned and outlives this object; `mutex` is the capability's.
+    /// Adds a queue to the server and makes the handler for it. The server builder is not owned and
+    /// outlives this object; `mutex` is the capability's. New connections are read by the threads
+    /// of frequently polled queues, of which a server needs one; others join for the clients that
+    /// call them.
     AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
-                                  std::shared_ptr<std::mutex> mutex);
+                                  std::shared_ptr<std::mutex> mutex,
+                                  bool isFrequentlyPolled = true);
 
     /// Binds each method of the service that carries obs_tree_option to the tree and registers the
     /// service with the server; its other methods answer UNIMPLEMENTED. `ServiceType` is the class

@@ -37,7 +37,10 @@ public:
         std::unique_ptr<std::shared_ptr<grpc::ClientContext>,
                         std::function<void(std::shared_ptr<grpc::ClientContext>*)>>;
 
-    explicit AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex);
+    /// A handler that is inProcess serves no channel that leaves the process: its thread never reads
+    /// from the network.
+    explicit AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
+                                    bool inProcess = false);
 
     /// Cancels what still runs and ends the thread. The caller does not hold the capability's
     /// mutex.
