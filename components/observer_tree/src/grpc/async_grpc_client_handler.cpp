@@ -7,7 +7,8 @@
 #include <grpcpp/support/async_unary_call.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
+#include <utility>
 #include <variant>
 
 #include "hox/cpputil/assertion/assertion.h"
@@ -23,6 +24,10 @@ using Reader = grpc::ClientAsyncReader<Message>;
 using UnaryReader = grpc::ClientAsyncResponseReader<Message>;
 
 constexpr std::chrono::milliseconds pollInterval{500};
+
+// A lost connection ends its streams and makes its channel idle, in no particular order.
+constexpr std::chrono::milliseconds lossInterval{10};
+constexpr std::chrono::seconds lossPeriod{1};
 
 /// Calls inside the process need no poller, and one more of them slows down all others.
 std::unique_ptr<grpc::CompletionQueue> makeQueue(bool inProcess) {
@@ -169,6 +174,9 @@ void AsyncGrpcClientHandler::drop(const CallData* callData, std::mutex& callMute
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     const auto found = m_calls.find(callData);
     if (found != m_calls.end() && found->second->hasEnded) {
+        // The next call may lie at the same address.
+        m_justEnded.erase(std::remove(m_justEnded.begin(), m_justEnded.end(), callData),
+                          m_justEnded.end());
         m_calls.erase(found);
     }
 }
@@ -181,7 +189,7 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
     bool ok = false;
     for (;;) {
         const auto outcome = m_completionQueue->AsyncNext(
-            &tag, &ok, std::chrono::system_clock::now() + pollInterval);
+            &tag, &ok, std::chrono::system_clock::now() + waitingTime());
         const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
         if (outcome == grpc::CompletionQueue::SHUTDOWN) {
             break;
@@ -196,6 +204,7 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
             ok ? processOkEvent(callData) : processNotOkEvent(callData);
             continue;
         }
+        lookAgainAtEndedCalls();
         const std::lock_guard<std::recursive_mutex> lock(m_mutex);
         if (m_isShuttingDown) {
             break;
@@ -205,6 +214,11 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "AsyncGrpcClientHandler Thread Exited isOk {:d} isShuttingdown {:d}", ok,
                   m_isShuttingDown);
+}
+
+std::chrono::milliseconds AsyncGrpcClientHandler::waitingTime() {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return m_justEnded.empty() ? pollInterval : lossInterval;
 }
 
 AsyncGrpcClientHandler::CallData& AsyncGrpcClientHandler::callOf(void* tag) {
@@ -272,19 +286,58 @@ void AsyncGrpcClientHandler::processOkUnaryEvent(CallData& callData) {
 }
 
 void AsyncGrpcClientHandler::processNotOkEvent(CallData& callData) {
-    {
-        const std::lock_guard<std::mutex> lock(*callData.callMutex);
-        if (mayBeLeftAlone(callData)) {
-            callData.hasEnded = true;
-            return;
+    if (leaveAlone(callData)) {
+        if (!callData.inProcess) {
+            m_lossDeadline = std::chrono::steady_clock::now() + lossPeriod;
+            const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+            m_justEnded.push_back(&callData);
+        }
+        return;
+    }
+    tellLoss(callData);
+    free(&callData);
+}
+
+void AsyncGrpcClientHandler::lookAgainAtEndedCalls() {
+    for (auto& call : takeJustEnded()) {
+        if (leaveAlone(*call)) {
+            const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+            if (std::chrono::steady_clock::now() < m_lossDeadline) {
+                m_justEnded.push_back(call.get());
+            }
+            const auto* key = call.get();
+            m_calls.emplace(key, std::move(call));
+        } else if (call->isHandleHeld()) {
+            tellLoss(*call);
         }
     }
+}
+
+std::vector<std::unique_ptr<AsyncGrpcClientHandler::CallData>>
+AsyncGrpcClientHandler::takeJustEnded() {
+    std::vector<std::unique_ptr<CallData>> calls;
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    for (const auto* call : std::exchange(m_justEnded, {})) {
+        auto node = m_calls.extract(call);
+        if (!node.empty()) {
+            calls.push_back(std::move(node.mapped()));
+        }
+    }
+    return calls;
+}
+
+bool AsyncGrpcClientHandler::leaveAlone(CallData& callData) {
+    const std::lock_guard<std::mutex> lock(*callData.callMutex);
+    callData.hasEnded = mayBeLeftAlone(callData);
+    return callData.hasEnded;
+}
+
+void AsyncGrpcClientHandler::tellLoss(CallData& callData) {
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "CompletionQueue returned not ok! StatusCode {} ",
                   static_cast<int>(callData.status.error_code()));
     callBackIfHeld(callData, nullptr,
                    grpc::Status(grpc::StatusCode::CANCELLED, "Some error occured!"));
-    free(&callData);
 }
 
 bool AsyncGrpcClientHandler::mayBeLeftAlone(const CallData& callData) {

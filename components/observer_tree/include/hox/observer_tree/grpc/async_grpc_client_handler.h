@@ -8,6 +8,7 @@
 #include <spdlog/logger.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "hox/observer_tree/grpc/owned_rpc_method.h"
 
@@ -37,8 +39,8 @@ public:
         std::unique_ptr<std::shared_ptr<grpc::ClientContext>,
                         std::function<void(std::shared_ptr<grpc::ClientContext>*)>>;
 
-    /// A handler that is inProcess serves no channel that leaves the process: its thread never reads
-    /// from the network.
+    /// A handler that is inProcess serves no channel that leaves the process: its thread never
+    /// reads from the network.
     explicit AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
                                     bool inProcess = false);
 
@@ -75,6 +77,11 @@ private:
     void processOkEvent(CallData& callData);
     void processOkUnaryEvent(CallData& callData);
     void processNotOkEvent(CallData& callData);
+    std::chrono::milliseconds waitingTime();
+    void lookAgainAtEndedCalls();
+    std::vector<std::unique_ptr<CallData>> takeJustEnded();
+    static bool leaveAlone(CallData& callData);
+    void tellLoss(CallData& callData);
     static bool mayBeLeftAlone(const CallData& callData);
     void readNext(CallData& callData);
     void callBackIfHeld(CallData& callData, std::unique_ptr<google::protobuf::Message> message,
@@ -93,6 +100,10 @@ private:
              std::unique_ptr<OwnedRpcMethod>>
         m_rpcMethods;
     std::map<const CallData*, std::unique_ptr<CallData>> m_calls;  // GUARDED_BY(m_mutex)
+    /// Calls that ended while their channel did not look lost yet. GUARDED_BY(m_mutex)
+    std::vector<const CallData*> m_justEnded;
+    /// Until when they are looked at again; touched by the handler's thread alone.
+    std::chrono::steady_clock::time_point m_lossDeadline;
     std::atomic<std::thread::id> m_threadId;
     const std::mutex* m_heldCallMutex = nullptr;  // touched by the handler's thread alone
 };
