@@ -108,7 +108,7 @@ public:
 
 private:
     fs::path makeScratch() const {
-        const fs::path scratch = m_folder.string() + ".temp";
+        fs::path scratch = m_folder.string() + ".temp";
         fs::remove_all(scratch);
         fs::create_directories(scratch);
         return scratch;

@@ -79,14 +79,14 @@ void applyEntry(const std::string& key, const ObsTreeDataNodePair& pair, bool do
 
 PersistenceHndlr::PersistenceHndlr(ObserverTree& tree,
                                    std::unique_ptr<std::unique_lock<std::mutex>>& lock,
-                                   const std::string& nodeType, const std::string& nodeId,
-                                   const std::string& capabilityId, const std::string& keyRegex)
+                                   std::string nodeType, std::string nodeId,
+                                   std::string capabilityId, const std::string& keyRegex)
     : m_logger(Hox::Log::getLogsystem()->getLogger("PersistenceHndlr")),
       m_tree(tree),
       m_lock(lock),
-      m_nodeType(nodeType),
-      m_nodeId(nodeId),
-      m_capabilityId(capabilityId),
+      m_nodeType(std::move(nodeType)),
+      m_nodeId(std::move(nodeId)),
+      m_capabilityId(std::move(capabilityId)),
       m_persistKeyRegex(keyRegex + "|" + stateIdKey) {
     m_logger->log(Hox::Log::here(), spdlog::level::trace,
                   "Starting Persistence handler with persistKeyRegex {}", m_persistKeyRegex);

@@ -60,7 +60,7 @@ private:
     /// An archive key of the tree and the notification that it holds.
     struct ArchiveEntry {
         DataTree::iterator position;
-        const Api::StoredNotification* notification;
+        const Api::StoredNotification* notification = nullptr;
     };
 
     void registerStateHandlers(Hox::ObserverTree::ObserverTree& tree);

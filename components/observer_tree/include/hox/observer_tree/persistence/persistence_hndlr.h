@@ -29,8 +29,8 @@ public:
     /// what BoundedRegex throws for a malformed keyRegex, DoubleRegistrationError for a second
     /// handler on one tree.
     PersistenceHndlr(ObserverTree& tree, std::unique_ptr<std::unique_lock<std::mutex>>& lock,
-                     const std::string& nodeType, const std::string& nodeId,
-                     const std::string& capabilityId, const std::string& keyRegex);
+                     std::string nodeType, std::string nodeId, std::string capabilityId,
+                     const std::string& keyRegex);
     virtual ~PersistenceHndlr() = default;
     PersistenceHndlr(const PersistenceHndlr&) = delete;
     PersistenceHndlr(PersistenceHndlr&&) = delete;
