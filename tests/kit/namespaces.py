@@ -6,6 +6,8 @@ import shutil
 import socket
 import subprocess
 
+from kit.paths import program
+
 CLONE_NEWNET = 0x40000000
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -38,16 +40,20 @@ def free_port():
     raise AssertionError("unreachable")
 
 
-#: Gives the command an /etc and a /tmp of its own; the latter keeps the folder that is named first.
+#: Gives the command an /etc and a /tmp of its own; the two folders that are named first stay.
 _OWN_MACHINE = r"""
 set -e
-folder=$1 etc=$2 marker=$3; shift 3
-mount --bind "$etc" /etc
-mount --bind "$folder" /mnt
+mount -t tmpfs tmpfs /mnt
+mkdir /mnt/1 /mnt/2
+mount --bind "$1" /mnt/1
+mount --bind "$2" /mnt/2
+mount --bind "$3" /etc
 mount -t tmpfs tmpfs /tmp
-mkdir -p "$folder"
-mount --bind /mnt "$folder"
-if [ "$marker" = yes ]; then : > /tmp/headend_override_compat_check; fi
+mkdir -p "$1" "$2"
+mount --bind /mnt/1 "$1"
+mount --bind /mnt/2 "$2"
+if [ "$4" = yes ]; then : > /tmp/headend_override_compat_check; fi
+shift 4
 exec "$@"
 """
 
@@ -64,5 +70,5 @@ def own_machine(folder, keep, variant=None, serial=None, override=False):
     for name, text in (("sw_variant", variant), ("serial", serial)):
         if text is not None:
             (etc / name).write_text(text)
-    return ["unshare", "-m", "sh", "-c", _OWN_MACHINE, "sh", str(keep), str(etc),
-            "yes" if override else "no"]
+    return ["unshare", "-m", "sh", "-c", _OWN_MACHINE, "sh", str(keep), str(program().parent),
+            str(etc), "yes" if override else "no"]
