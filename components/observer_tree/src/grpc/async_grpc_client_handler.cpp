@@ -328,8 +328,11 @@ AsyncGrpcClientHandler::takeJustEnded() {
 
 bool AsyncGrpcClientHandler::leaveAlone(CallData& callData) {
     const std::lock_guard<std::mutex> lock(*callData.callMutex);
-    callData.hasEnded = mayBeLeftAlone(callData);
-    return callData.hasEnded;
+    if (!mayBeLeftAlone(callData)) {
+        return false;  // who drops the handle reads the flag without this lock
+    }
+    callData.hasEnded = true;
+    return true;
 }
 
 void AsyncGrpcClientHandler::tellLoss(CallData& callData) {
