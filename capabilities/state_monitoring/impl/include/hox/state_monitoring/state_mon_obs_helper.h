@@ -54,7 +54,7 @@ private:
     /// A latest key of the tree and the severity of what it holds.
     struct LatestEntry {
         DataTree::iterator position;
-        Api::StateSeverity severity;
+        Api::StateSeverity severity = Api::StateSeverity::OK;
     };
 
     /// An archive key of the tree and the notification that it holds.
