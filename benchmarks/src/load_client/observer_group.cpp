@@ -8,8 +8,8 @@ namespace Hox::Benchmarks {
 /// One stream: request, then one read after the other, then the status.
 class ObserverGroup::Stream : public EventHandler {
 public:
-    Stream(ObserverGroup& group, grpc::ByteBuffer request)
-        : m_group(group), m_request(std::move(request)) {
+    Stream(ObserverGroup& group, const grpc::ByteBuffer& request)
+        : m_group(group), m_request(request) {
         m_call = group.m_stub.PrepareCall(&m_context, group.m_method, &group.m_loop.queue());
         m_call->StartCall(this);
     }

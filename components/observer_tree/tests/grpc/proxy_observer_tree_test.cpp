@@ -20,7 +20,6 @@ namespace {
 using Hox::Testing::LogCapture;
 using Hox::Testing::waitUntil;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 /// What an observer was told, from whatever thread.
@@ -95,33 +94,33 @@ public:
 
 class ProxyTree : public ::testing::Test {
 protected:
-    ProxyTree() { client.emplace(served->newChannel()); }
+    ProxyTree() { m_client.emplace(m_served->newChannel()); }
 
     void expectObservers(int count) {
-        EXPECT_TRUE(waitUntil([&] { return served->handlers.observers == count; }))
-            << served->handlers.observers << " observers";
+        EXPECT_TRUE(waitUntil([&] { return m_served->handlers.observers == count; }))
+            << m_served->handlers.observers << " observers";
     }
 
-    std::optional<ServedTree<TestService>> served{std::in_place};
-    Told told;
-    std::optional<Client> client;
+    std::optional<ServedTree<TestService>> m_served{std::in_place};
+    Told m_told;
+    std::optional<Client> m_client;
 };
 
 TEST_F(ProxyTree, CallsUnaryOperationsByKey) {
     Answer answer;
-    EXPECT_TRUE(client->call(UnaryOps::CREATE, "a", answer).isOk());
+    EXPECT_TRUE(m_client->call(UnaryOps::CREATE, "a", answer).isOk());
     EXPECT_EQ(answer.text(), "created a");
-    EXPECT_TRUE(client->call(UnaryOps::UPDATE, "a", answer).isOk());
+    EXPECT_TRUE(m_client->call(UnaryOps::UPDATE, "a", answer).isOk());
     EXPECT_EQ(answer.text(), "updated a");
-    EXPECT_TRUE(client->call(UnaryOps::READ, "a", answer).isOk());
+    EXPECT_TRUE(m_client->call(UnaryOps::READ, "a", answer).isOk());
     EXPECT_EQ(answer.text(), "read a");
-    EXPECT_TRUE(client->call(UnaryOps::REMOVE, "a", answer).isOk());
+    EXPECT_TRUE(m_client->call(UnaryOps::REMOVE, "a", answer).isOk());
     EXPECT_EQ(answer.text(), "removed a");
 }
 
 TEST_F(ProxyTree, PassesCodeAndTextOfAFailureOn) {
     Answer answer;
-    const Status status = client->call(UnaryOps::READ, "fail", answer);
+    const Status status = m_client->call(UnaryOps::READ, "fail", answer);
     EXPECT_EQ(status.statusCode(), ProtoStatus::NOT_FOUND);
     EXPECT_EQ(status.errorMessage(), "no such item");
 }
@@ -129,7 +128,7 @@ TEST_F(ProxyTree, PassesCodeAndTextOfAFailureOn) {
 TEST_F(ProxyTree, KnowsNoOperationThatTheServiceLacks) {
     Answer answer;
     try {
-        client->proxy->callUnary("/items/other", UnaryOps::READ, Item(), answer);
+        m_client->proxy->callUnary("/items/other", UnaryOps::READ, Item(), answer);
         FAIL();
     } catch (const std::out_of_range& error) {
         EXPECT_STREQ(error.what(), "map::at");
@@ -137,74 +136,74 @@ TEST_F(ProxyTree, KnowsNoOperationThatTheServiceLacks) {
 }
 
 TEST_F(ProxyTree, DeliversTheSnapshotAndThenEveryChange) {
-    served->create("a", 1);
-    const auto handle = client->observe("/items/*", told.callback());
-    ASSERT_TRUE(told.waitFor(1));
-    served->create("b", 2);
-    served->create("a", 3);
-    ASSERT_TRUE(told.waitFor(3));
-    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1", "0  /items/b=2", "0  /items/a=3"));
+    m_served->create("a", 1);
+    const auto handle = m_client->observe("/items/*", m_told.callback());
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_served->create("b", 2);
+    m_served->create("a", 3);
+    ASSERT_TRUE(m_told.waitFor(3));
+    EXPECT_THAT(m_told.lines(), ElementsAre("0  /items/a=1", "0  /items/b=2", "0  /items/a=3"));
 }
 
 TEST_F(ProxyTree, LetsTheServerApplyThePattern) {
-    const auto handle = client->observe("/items/a*", told.callback());
-    ASSERT_TRUE(told.waitFor(1));
-    EXPECT_THAT(told.lines().at(0),
+    const auto handle = m_client->observe("/items/a*", m_told.callback());
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines().at(0),
                 StartsWith("3 PathError: More than two *'s in key_pattern component not allowed"));
 }
 
 TEST_F(ProxyTree, OpensAStreamForEachObserver) {
     Told other;
-    auto first = client->observe("/items/a", told.callback());
-    auto second = client->observe("/items/b", other.callback());
+    auto first = m_client->observe("/items/a", m_told.callback());
+    auto second = m_client->observe("/items/b", other.callback());
     expectObservers(2);
-    served->create("a", 1);
-    served->create("b", 2);
-    ASSERT_TRUE(told.waitFor(1) && other.waitFor(1));
-    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1"));
+    m_served->create("a", 1);
+    m_served->create("b", 2);
+    ASSERT_TRUE(m_told.waitFor(1) && other.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("0  /items/a=1"));
     EXPECT_THAT(other.lines(), ElementsAre("0  /items/b=2"));
-    client->drop(first);
+    m_client->drop(first);
     expectObservers(1);
-    client->drop(second);
+    m_client->drop(second);
     expectObservers(0);
 }
 
 TEST_F(ProxyTree, IsSilentOnceTheHandleHasBeenDropped) {
-    auto handle = client->observe("/items/*", told.callback());
+    auto handle = m_client->observe("/items/*", m_told.callback());
     expectObservers(1);
-    client->drop(handle);
+    m_client->drop(handle);
     expectObservers(0);
-    served->create("a", 1);
+    m_served->create("a", 1);
     Told later;
-    const auto second = client->observe("/items/*", later.callback());
+    const auto second = m_client->observe("/items/*", later.callback());
     ASSERT_TRUE(later.waitFor(1));
-    EXPECT_TRUE(told.lines().empty());
+    EXPECT_TRUE(m_told.lines().empty());
 }
 
 TEST_F(ProxyTree, LetsAnObserverDropItsOwnHandleInItsCallback) {
     std::any handle;
-    auto record = told.callback();
-    client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
+    auto record = m_told.callback();
+    m_client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
         handle.reset();
         record(changes, status);
     });
-    served->create("a", 1);
-    ASSERT_TRUE(told.waitFor(1));
+    m_served->create("a", 1);
+    ASSERT_TRUE(m_told.waitFor(1));
     expectObservers(0);
-    served->create("b", 2);
-    EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=1"));
+    m_served->create("b", 2);
+    EXPECT_THAT(m_told.lines(), ElementsAre("0  /items/a=1"));
 }
 
 TEST_F(ProxyTree, WaitsForACallbackThatRunsWhileTheHandleIsDroppedElsewhere) {
     std::promise<void> entered;
     std::promise<void> mayLeave;
     std::atomic<bool> hasLeft{false};
-    auto handle = client->observe("/items/*", [&](const ChangeSetType&, const Status&) {
+    auto handle = m_client->observe("/items/*", [&](const ChangeSetType&, const Status&) {
         entered.set_value();
         mayLeave.get_future().wait();
         hasLeft = true;
     });
-    served->create("a", 1);
+    m_served->create("a", 1);
     entered.get_future().wait();
     // Without the capability's mutex on purpose: the call's own mutex has to suffice.
     auto dropped = std::async(std::launch::async, [&] {
@@ -219,25 +218,25 @@ TEST_F(ProxyTree, WaitsForACallbackThatRunsWhileTheHandleIsDroppedElsewhere) {
 TEST_F(ProxyTree, LetsACallbackObserveAnewWhileItsOwnHandleIsDroppedElsewhere) {
     std::promise<void> entered;
     std::atomic<bool> isLeaving{false};
-    client->proxy->registerObserverGoneHandler<ObserveReq>(
+    m_client->proxy->registerObserverGoneHandler<ObserveReq>(
         "/items", [&](const ObserveReq&, const ObserverCallback&) { isLeaving = true; });
     std::any next;
-    auto record = told.callback();
-    auto handle = client->observe("/items/a", [&](const ChangeSetType&, const Status&) {
+    auto record = m_told.callback();
+    auto handle = m_client->observe("/items/a", [&](const ChangeSetType&, const Status&) {
         entered.set_value();
         EXPECT_TRUE(waitUntil([&] { return isLeaving.load(); }));
         ObserveReq request;
         request.set_key_pattern("/items/b");
-        next = client->proxy->observe<ObserveReq>("/items", request, record, 0);
+        next = m_client->proxy->observe<ObserveReq>("/items", request, record, 0);
     });
-    served->create("a", 1);
+    m_served->create("a", 1);
     entered.get_future().wait();
     // The end of the call waits for the callback, which needs the proxy's observers meanwhile.
     handle.reset();
-    served->create("b", 2);
-    ASSERT_TRUE(told.waitFor(1));
-    EXPECT_THAT(told.lines(), ElementsAre("0  /items/b=2"));
-    client->drop(next);
+    m_served->create("b", 2);
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("0  /items/b=2"));
+    m_client->drop(next);
 }
 
 TEST_F(ProxyTree, LastCopiesOfHandlesMayDieInAMapThatIsErasedUnderALock) {
@@ -247,13 +246,13 @@ TEST_F(ProxyTree, LastCopiesOfHandlesMayDieInAMapThatIsErasedUnderALock) {
     std::atomic<int> calls{0};
     for (int i = 0; i < handleCount; ++i) {
         handles[i] =
-            client->observe("/items/*", [&](const ChangeSetType&, const Status&) { ++calls; });
+            m_client->observe("/items/*", [&](const ChangeSetType&, const Status&) { ++calls; });
     }
     expectObservers(handleCount);
     std::atomic<bool> isOver{false};
     auto changes = std::async(std::launch::async, [&] {
         for (int count = 0; !isOver; ++count) {
-            served->create("a", count);
+            m_served->create("a", count);
         }
     });
     ASSERT_TRUE(waitUntil([&] { return calls > 0; }));
@@ -274,40 +273,40 @@ TEST_F(ProxyTree, LastCopiesOfHandlesMayDieInAMapThatIsErasedUnderALock) {
 }
 
 TEST_F(ProxyTree, HandlesMayBeDroppedWhileThePeerGoesAndComesBack) {
-    const std::string address = served->address;
+    const std::string address = m_served->address;
     for (int round = 0; round < 10; ++round) {
-        auto kept = client->observe("/items/*", told.callback());
-        auto dropped = client->observe("/items/*", [](const ChangeSetType&, const Status&) {});
+        auto kept = m_client->observe("/items/*", m_told.callback());
+        auto dropped = m_client->observe("/items/*", [](const ChangeSetType&, const Status&) {});
         expectObservers(2);
         auto end = std::async(std::launch::async,
-                              [this] { served->shutdown(std::chrono::milliseconds(0)); });
+                              [this] { m_served->shutdown(std::chrono::milliseconds(0)); });
         dropped.reset();
         end.get();
-        ASSERT_TRUE(told.waitFor(static_cast<std::size_t>(round) + 1));
-        served.emplace(address);
-        ASSERT_TRUE(client->proxy->waitForConnected(std::chrono::system_clock::now() +
-                                                    std::chrono::seconds(30)));
+        ASSERT_TRUE(m_told.waitFor(static_cast<std::size_t>(round) + 1));
+        m_served.emplace(address);
+        ASSERT_TRUE(m_client->proxy->waitForConnected(std::chrono::system_clock::now() +
+                                                      std::chrono::seconds(30)));
     }
-    EXPECT_THAT(told.lines(), testing::Each("1 Some error occured!"));
+    EXPECT_THAT(m_told.lines(), testing::Each("1 Some error occured!"));
 }
 
 TEST_F(ProxyTree, LetsAnObserverComeBackInTheCallThatTellsTheLossOfThePeer) {
     std::any handle;
-    auto record = told.callback();
+    auto record = m_told.callback();
     ObserveReq request;
     request.set_key_pattern("/items/*");
-    client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
+    m_client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
         record(changes, status);
         handle.reset();
-        handle = client->proxy->observe<ObserveReq>("/items", request, record, 0);
+        handle = m_client->proxy->observe<ObserveReq>("/items", request, record, 0);
     });
     expectObservers(1);
-    const std::string address = served->address;
-    served->shutdown(std::chrono::milliseconds(0));
-    ASSERT_TRUE(told.waitFor(1));
-    EXPECT_EQ(told.lines().front(), "1 Some error occured!");
-    served.emplace(address);
-    client->drop(handle);
+    const std::string address = m_served->address;
+    m_served->shutdown(std::chrono::milliseconds(0));
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_EQ(m_told.lines().front(), "1 Some error occured!");
+    m_served.emplace(address);
+    m_client->drop(handle);
 }
 
 /// A capability that serves a tree and writes into it what it observes elsewhere.
@@ -315,7 +314,7 @@ TEST_F(ProxyTree, ChangesFromItsThreadNeverStallAServedStream) {
     constexpr int changes = 300;
     ServedTree<TestService> relay;
     const auto proxy = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(
-        served->newChannel(), relay.mutex, nullptr);
+        m_served->newChannel(), relay.mutex, nullptr);
     std::any handle;
     {
         ObserveReq request;
@@ -343,7 +342,7 @@ TEST_F(ProxyTree, ChangesFromItsThreadNeverStallAServedStream) {
     });
     auto observed = std::async(std::launch::async, [this] {
         for (int count = 1; count <= changes; ++count) {
-            served->create("a", count);
+            m_served->create("a", count);
         }
     });
     const auto expectAll = [](ObserveClient& observer, const std::string& key) {
@@ -363,8 +362,8 @@ TEST_F(ProxyTree, ChangesFromItsThreadNeverStallAServedStream) {
 
 TEST_F(ProxyTree, LogsWhenItsObserversComeAndGo) {
     const LogCapture log;
-    auto handle = client->observe("/items/*", told.callback());
-    client->drop(handle);
+    auto handle = m_client->observe("/items/*", m_told.callback());
+    m_client->drop(handle);
     EXPECT_TRUE(log.containsInOrder(
         {"Register Observer Start, add RAII handle to map and call observe on server",
          "Register Observer Stop, delete RAII handle from map will trigger server unregister",
@@ -372,25 +371,25 @@ TEST_F(ProxyTree, LogsWhenItsObserversComeAndGo) {
 }
 
 TEST_F(ProxyTree, TellsTheLossOfThePeerOnceAndWorksAgainWhenItIsBack) {
-    auto handle = client->observe("/items/*", told.callback());
+    auto handle = m_client->observe("/items/*", m_told.callback());
     expectObservers(1);
-    const std::string address = served->address;
-    served->shutdown(std::chrono::milliseconds(0));
-    ASSERT_TRUE(told.waitFor(1));
-    EXPECT_THAT(told.lines(), ElementsAre("1 Some error occured!"));
+    const std::string address = m_served->address;
+    m_served->shutdown(std::chrono::milliseconds(0));
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("1 Some error occured!"));
     Answer answer;
-    EXPECT_EQ(client->call(UnaryOps::READ, "a", answer).statusCode(), ProtoStatus::UNAVAILABLE);
+    EXPECT_EQ(m_client->call(UnaryOps::READ, "a", answer).statusCode(), ProtoStatus::UNAVAILABLE);
 
-    served.emplace(address);
-    ASSERT_TRUE(client->proxy->waitForConnected(std::chrono::system_clock::now() +
-                                                std::chrono::seconds(30)));
-    EXPECT_TRUE(client->call(UnaryOps::READ, "a", answer).isOk());
-    EXPECT_EQ(served->handlers.allObservers, 0) << "nobody observes again by himself";
-    client->drop(handle);
-    handle = client->observe("/items/*", told.callback());
-    served->create("a", 5);
-    ASSERT_TRUE(told.waitFor(2));
-    EXPECT_THAT(told.lines(), ElementsAre("1 Some error occured!", "0  /items/a=5"));
+    m_served.emplace(address);
+    ASSERT_TRUE(m_client->proxy->waitForConnected(std::chrono::system_clock::now() +
+                                                  std::chrono::seconds(30)));
+    EXPECT_TRUE(m_client->call(UnaryOps::READ, "a", answer).isOk());
+    EXPECT_EQ(m_served->handlers.allObservers, 0) << "nobody observes again by himself";
+    m_client->drop(handle);
+    handle = m_client->observe("/items/*", m_told.callback());
+    m_served->create("a", 5);
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("1 Some error occured!", "0  /items/a=5"));
 }
 
 TEST_F(ProxyTree, GivesUpWaitingAtTheDeadline) {
@@ -400,42 +399,42 @@ TEST_F(ProxyTree, GivesUpWaitingAtTheDeadline) {
 }
 
 TEST_F(ProxyTree, CancelsItsStreamsWhenItGoes) {
-    const auto handle = client->observe("/items/*", told.callback());
+    const auto handle = m_client->observe("/items/*", m_told.callback());
     expectObservers(1);
-    client.reset();
+    m_client.reset();
     expectObservers(0);
-    EXPECT_TRUE(told.lines().empty());
+    EXPECT_TRUE(m_told.lines().empty());
 }
 
 TEST_F(ProxyTree, WorksInTheSameProcess) {
     const auto gate = std::make_shared<InProcessGate>();
     {
-        Client inside(served->server->InProcessChannel(grpc::ChannelArguments()), gate);
+        Client inside(m_served->server->InProcessChannel(grpc::ChannelArguments()), gate);
         EXPECT_TRUE(inside.proxy->waitForConnected(std::chrono::system_clock::time_point::min()));
-        auto handle = inside.observe("/items/*", told.callback());
+        auto handle = inside.observe("/items/*", m_told.callback());
         Answer answer;
         EXPECT_TRUE(inside.call(UnaryOps::CREATE, "a", answer).isOk());
-        ASSERT_TRUE(told.waitFor(1));
-        EXPECT_THAT(told.lines(), ElementsAre("0  /items/a=0"));
+        ASSERT_TRUE(m_told.waitFor(1));
+        EXPECT_THAT(m_told.lines(), ElementsAre("0  /items/a=0"));
         gate->close();
-        served->shutdown(std::chrono::milliseconds(0));
+        m_served->shutdown(std::chrono::milliseconds(0));
         inside.drop(handle);
     }
-    EXPECT_EQ(told.lines().size(), 1U) << "a stream that ends in the process is not reported";
+    EXPECT_EQ(m_told.lines().size(), 1U) << "a stream that ends in the process is not reported";
 }
 
 TEST_F(ProxyTree, StartsNothingOnAServerOfItsProcessThatHasBeenShutDown) {
     const auto gate = std::make_shared<InProcessGate>();
-    Client inside(served->server->InProcessChannel(grpc::ChannelArguments()), gate);
+    Client inside(m_served->server->InProcessChannel(grpc::ChannelArguments()), gate);
     gate->close();
-    served->shutdown(std::chrono::milliseconds(0));
+    m_served->shutdown(std::chrono::milliseconds(0));
     Answer answer;
     const Status status = inside.call(UnaryOps::CREATE, "b", answer);
     EXPECT_EQ(status.statusCode(), ProtoStatus::UNAVAILABLE);
     EXPECT_EQ(status.errorMessage(), "The server has been shut down");
-    auto handle = inside.observe("/items/*", told.callback());
+    auto handle = inside.observe("/items/*", m_told.callback());
     inside.drop(handle);
-    EXPECT_TRUE(told.lines().empty());
+    EXPECT_TRUE(m_told.lines().empty());
 }
 
 TEST(InProcessGate, WaitsForThoseWhoHavePassed) {

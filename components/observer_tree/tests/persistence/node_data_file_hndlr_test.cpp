@@ -21,7 +21,6 @@ namespace {
 using Hox::Testing::LogCapture;
 using Hox::Testing::TempDir;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using TestKit::value;
 
 google::protobuf::Any packed(const std::string& text) {
