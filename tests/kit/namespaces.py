@@ -40,6 +40,11 @@ def free_port():
     raise AssertionError("unreachable")
 
 
+def own_log(folder):
+    """Words to put before a command: its /var/log is the folder."""
+    return ["unshare", "-m", "sh", "-c", 'mount --bind "$0" /var/log && exec "$@"', str(folder)]
+
+
 #: Gives the command an /etc and a /tmp of its own; the two folders that are named first stay.
 _OWN_MACHINE = r"""
 set -e

@@ -7,15 +7,11 @@ import subprocess
 import time
 
 from kit.client import Client
-from kit.namespaces import free_port
+from kit.namespaces import free_port, own_log
 from kit.paths import program
 
 #: What a stop may take, from SIGTERM to the end of the process.
 STOP_SECONDS = 3.0
-
-#: Gives the program a /var/log of its own: the first argument is the folder, the rest the command.
-_PRIVATE_LOG = ["unshare", "-m", "sh", "-c", 'mount --bind "$0" /var/log && exec "$@"']
-
 
 def command_line(folder, *args, log_to_file=False):
     """The words that start the program; with log_to_file its log lies below folder/log/halvo."""
@@ -23,7 +19,7 @@ def command_line(folder, *args, log_to_file=False):
         return [str(program()), *args, "--logstdout"]
     log = pathlib.Path(folder) / "log"
     log.mkdir(exist_ok=True)
-    return [*_PRIVATE_LOG, str(log), str(program()), *args]
+    return [*own_log(log), str(program()), *args]
 
 
 class Service:

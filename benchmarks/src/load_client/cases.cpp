@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/require.h"
 #include "common/sample_notifications.h"
 #include "load_client/measuring.h"
 #include "load_client/observer_group.h"

@@ -1,3 +1,4 @@
+#include "common/require.h"
 #include "common/sample_configuration.h"
 #include "load_client/cases.h"
 #include "load_client/configuration_client.h"

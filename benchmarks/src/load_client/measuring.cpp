@@ -1,7 +1,6 @@
 #include "load_client/measuring.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace Hox::Benchmarks {
 
@@ -21,12 +20,6 @@ double quantile(std::vector<double>& samples, double share) {
         static_cast<std::ptrdiff_t>(share * static_cast<double>(samples.size() - 1));
     std::nth_element(samples.begin(), samples.begin() + position, samples.end());
     return samples[static_cast<std::size_t>(position)];
-}
-
-void require(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
 }
 
 }  // namespace Hox::Benchmarks

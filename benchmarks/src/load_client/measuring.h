@@ -36,7 +36,4 @@ private:
 /// The value below which this share of the samples lies; reorders them.
 double quantile(std::vector<double>& samples, double share);
 
-/// Throws std::runtime_error with the text when the condition does not hold.
-void require(bool condition, const char* what);
-
 }  // namespace Hox::Benchmarks

@@ -10,8 +10,10 @@
 #include <string>
 #include <utility>
 
+#include "common/comparison.h"
+#include "common/require.h"
 #include "common/sample_configuration.h"
-#include "common/turns.h"
+#include "common/temporary_folder.h"
 #include "hox/archive/archive.h"
 #include "hox/configuration/conf_obstree_handler.h"
 #include "store_benchmark/naive_store.h"
@@ -126,11 +128,11 @@ private:
 
 void run(const fs::path& parent, int keys, int rounds, double aim) {
     const std::string count = std::to_string(keys) + " keys: ms";
-    Line saving("save, " + count, aim);
-    Line discarding("discard, " + count, aim);
-    Line exporting("export, " + count, aim);
-    Line importing("import, " + count, aim);
-    const Folder folder(parent);
+    Comparison saving("save, " + count, aim);
+    Comparison discarding("discard, " + count, aim);
+    Comparison exporting("export, " + count, aim);
+    Comparison importing("import, " + count, aim);
+    const TemporaryFolder folder(parent);
     const fs::path saved = folder / "ours";
     Store store(saved);
     const Bare bare(folder / "theirs");
@@ -167,7 +169,7 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
     try {
-        Hox::Benchmarks::Line::printHeading("store", "bare");
+        Hox::Benchmarks::Comparison::printHeading("store", "bare");
         for (const int keys : {100, 1000, 10000}) {
             Hox::Benchmarks::run(argc > 1 ? argv[1] : "/dev/shm", keys,
                                  argc > 2 ? std::stoi(argv[2]) : 9, 2.0);

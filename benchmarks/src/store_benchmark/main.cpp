@@ -9,8 +9,10 @@
 #include <mutex>
 #include <string>
 
+#include "common/comparison.h"
+#include "common/require.h"
 #include "common/sample_configuration.h"
-#include "common/turns.h"
+#include "common/temporary_folder.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
@@ -76,13 +78,13 @@ void checkSame(const NaiveStore::Values& ours, const NaiveStore::Values& theirs)
 
 void run(const fs::path& parent, int keys, int rounds) {
     const auto changes = sampleChanges(keys);
-    Line saving("write the keys into an empty folder: ms", 0.95);
-    Line again("write them once more: ms", 0.95);
-    Line reading("read and parse the files: ms", 1.25);
-    Line loading("load them into a tree: ms", 1.25);
+    Comparison saving("write the keys into an empty folder: ms", 0.95);
+    Comparison again("write them once more: ms", 0.95);
+    Comparison reading("read and parse the files: ms", 1.25);
+    Comparison loading("load them into a tree: ms", 1.25);
     Tree::NodeDataFileHndlr store;
     for (int round = 0; round < rounds; ++round) {
-        const Folder folder(parent);
+        const TemporaryFolder folder(parent);
         const auto ours = folder / "ours";
         const auto theirs = folder / "theirs";
         const auto saveOurs = [&] { store.saveChangeSet(changes, ours); };
@@ -101,7 +103,7 @@ void run(const fs::path& parent, int keys, int rounds) {
                         [&] { first = NaiveStore::load(ours); });
         loading.measure([&] { tree.loadOnly(ours); }, [&] { second = NaiveStore::load(ours); });
     }
-    Line::printHeading("store", "naive");
+    Comparison::printHeading("store", "naive");
     saving.print();
     again.print();
     reading.print();

@@ -1,19 +1,15 @@
-#include "common/turns.h"
+#include "common/comparison.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <stdexcept>
-#include <system_error>
-
-namespace fs = std::filesystem;
 
 namespace Hox::Benchmarks {
 
 namespace {
 
-double milliseconds(const Line::Work& work) {
+double milliseconds(const Comparison::Work& work) {
     const auto now = [] {
         timespec time{};
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -32,22 +28,7 @@ double median(std::vector<double> samples) {
 
 }  // namespace
 
-Folder::Folder(const fs::path& parent) : m_path((parent / "halvo-store.XXXXXX").string()) {
-    if (::mkdtemp(m_path.data()) == nullptr) {
-        throw std::runtime_error("Cannot make a folder in " + parent.string());
-    }
-}
-
-Folder::~Folder() {
-    std::error_code ignored;
-    fs::remove_all(m_path, ignored);
-}
-
-fs::path Folder::operator/(const char* name) const {
-    return fs::path(m_path) / name;
-}
-
-void Line::measure(const Work& ours, const Work& theirs) {
+void Comparison::measure(const Work& ours, const Work& theirs) {
     const bool isTheirsFirst = m_ratios.size() % 2 == 1;
     double theirTime = isTheirsFirst ? milliseconds(theirs) : 0;
     const double ourTime = milliseconds(ours);
@@ -57,7 +38,7 @@ void Line::measure(const Work& ours, const Work& theirs) {
     m_ratios.push_back(ourTime / theirTime);
 }
 
-void Line::print() const {
+void Comparison::print() const {
     const double ratio = median(m_ratios);
     const auto [lowest, highest] = std::minmax_element(m_ratios.begin(), m_ratios.end());
     std::printf("%-40s <= %4.2f %7.2f %6.2f %6.2f %11.1f %11.1f%s\n", m_title.c_str(), m_aim, ratio,
@@ -65,15 +46,9 @@ void Line::print() const {
                 ratio <= m_aim ? "" : "  short");
 }
 
-void Line::printHeading(const char* ours, const char* theirs) {
+void Comparison::printHeading(const char* ours, const char* theirs) {
     std::printf("%-40s %7s %7s %6s %6s %11s %11s\n", "case", "aim", "ratio", "min", "max", ours,
                 theirs);
-}
-
-void require(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
 }
 
 }  // namespace Hox::Benchmarks

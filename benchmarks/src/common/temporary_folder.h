@@ -1,0 +1,25 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace Hox::Benchmarks {
+
+/// A folder of this run, removed with the object.
+class TemporaryFolder {
+public:
+    /// Throws std::runtime_error where it cannot be made.
+    explicit TemporaryFolder(const std::filesystem::path& parent);
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder(TemporaryFolder&&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(TemporaryFolder&&) = delete;
+
+    std::filesystem::path operator/(const char* name) const;
+
+private:
+    std::string m_path;
+};
+
+}  // namespace Hox::Benchmarks
