@@ -1,4 +1,4 @@
-"""Runs clang-tidy over the project's own sources, two at a time, the slowest first.
+"""Runs clang-tidy over the project's own sources, one on each processor, the slowest first.
 
 usage: run_tidy.py <build folder with compile_commands.json> [path prefix...]
 """
