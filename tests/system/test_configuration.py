@@ -1,4 +1,5 @@
 """The configuration store: slices with state ids, kept in memory until somebody saves them."""
+import itertools
 import signal
 import threading
 
@@ -154,9 +155,10 @@ def test_two_capabilities_under_load_never_wait_for_each_other(start):
             failures.append(error)
 
     slices = {}
+    numbers = itertools.count()
 
     def update(client):
-        own = slices.setdefault(threading.get_ident(), Slice(client, f"c{len(slices)}"))
+        own = slices.setdefault(threading.get_ident(), Slice(client, f"c{next(numbers)}"))
         own.update({f"/{number}": "x" for number in range(10)})
 
     def create(client):
