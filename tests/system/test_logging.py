@@ -1,4 +1,5 @@
 """Where log records go, and what they look like there."""
+import contextlib
 import re
 
 import grpc
@@ -107,7 +108,7 @@ def test_the_file_is_rotated_and_one_older_file_is_kept(start):
     generations = set()
     for number in range(1000):
         client.create(msg=f"{number} " + "x" * 20000)
-        if older.exists():
+        with contextlib.suppress(FileNotFoundError):  # none yet, or just being replaced
             with older.open("rb") as lines:
                 generations.add(lines.read(100))
         if len(generations) >= 3:
