@@ -165,6 +165,7 @@ def test_after_the_signal_nothing_new_is_accepted(start):
         with socket.socket() as probe:
             return probe.connect_ex(("127.0.0.1", service.port)) != 0
     wait_until(refused)
+    assert service.process.poll() is None
     assert service.wait_end() == 0
 
 
