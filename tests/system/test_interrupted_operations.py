@@ -216,4 +216,5 @@ def test_a_guide_that_cannot_be_removed_stays_unnoticed(prepare):
         clear(client)
     assert (service.config / "epg/today").exists()
     assert Slice(client).content() == {}
+    service.stop()
     assert "Failed to clear EPG data" not in service.stdout
