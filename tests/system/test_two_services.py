@@ -1,4 +1,5 @@
 """Two services that a third one joins by proxy trees of their state."""
+import contextlib
 import signal
 import subprocess
 import threading
@@ -34,25 +35,27 @@ class Relay:
         wait_until(lambda: self.lines.count(line) >= times, 20, f"'{line}' of {self.lines}")
 
     def stop(self):
-        self.process.stdin.close()
-        assert self.process.wait(10) == 0
-        self._reader.join(10)
-        self.process.stdout.close()
+        try:
+            self.process.stdin.close()
+            assert self.process.wait(10) == 0
+        finally:
+            self.process.kill()
+            self.process.wait()
+            self._reader.join(10)
+            self.process.stdout.close()
 
 
 @pytest.fixture
 def relay():
-    running = []
+    with contextlib.ExitStack() as running:
+        def launch(*services):
+            started = Relay(*services)
+            running.callback(started.stop)
+            for service in services:
+                started.wait_for("observing " + address(service))
+            return started
 
-    def launch(*services):
-        running.append(Relay(*services))
-        for service in services:
-            running[-1].wait_for("observing " + address(service))
-        return running[-1]
-
-    yield launch
-    for each in running:
-        each.stop()
+        yield launch
 
 
 def sources(client):
