@@ -6,7 +6,6 @@ It speaks plain gRPC with bytes for messages, so that it starts fast.
 """
 import socket
 import sys
-import time
 
 _SERVICE = "/Hox.Capability.StateMonitoring.Api.StateMonitoringService/"
 
@@ -55,8 +54,9 @@ def main():
     else:
         raise SystemExit(f"unknown state {state}")
     print("ready", flush=True)
-    while held is not None:
-        time.sleep(1)
+    # Until it is killed, or whoever started it is gone.
+    sys.stdin.read()
+    del held
 
 
 if __name__ == "__main__":
