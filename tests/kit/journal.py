@@ -25,7 +25,11 @@ class Journal:
             ["unshare", "-m", "sh", "-ec", _START], stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         socket = pathlib.Path(f"/proc/{self._daemon.pid}/root/run/systemd/journal/socket")
-        wait_until(socket.exists, what="the journal's socket")
+        try:
+            wait_until(socket.exists, what="the journal's socket")
+        except BaseException:
+            self.close()
+            raise
 
     @property
     def prefix(self):
@@ -42,4 +46,8 @@ class Journal:
 
     def close(self):
         self._daemon.terminate()
-        self._daemon.wait(10)
+        try:
+            self._daemon.wait(10)
+        finally:
+            self._daemon.kill()
+            self._daemon.wait()
