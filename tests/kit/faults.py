@@ -57,18 +57,28 @@ class Strace:
             ["strace", "-f", "-p", str(pid), "-o", str(self._file), "-e",
              f"trace={FILE_CALLS},sync", *faults, "-e", "inject=sync:retval=0"],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        wait_until(lambda: self._follows_all(pid), what="strace's hold of every thread")
+        try:
+            wait_until(lambda: self._follows_all(pid), what="strace's hold of every thread")
+        except BaseException:
+            self._end()
+            raise
 
     def _follows_all(self, pid):
         assert self._process.poll() is None, "strace could not be started"
         tasks = list(pathlib.Path(f"/proc/{pid}/task").iterdir())
-        return all(f"TracerPid:\t{self._process.pid}\n" in (task / "status").read_text()
-                   for task in tasks)
+        try:
+            return all(f"TracerPid:\t{self._process.pid}\n" in (task / "status").read_text()
+                       for task in tasks)
+        except (FileNotFoundError, ProcessLookupError):
+            return False  # a thread has ended meanwhile
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        self._end()
+
+    def _end(self):
         self._process.send_signal(signal.SIGTERM)
         try:
             self._process.wait(10)
