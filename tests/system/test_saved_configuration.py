@@ -383,7 +383,13 @@ def test_twenty_observed_writers_agree_with_saves_and_discards(start):
         assert own.heard == sorted(own.heard), "what is saved never goes back"
     files = saved_files(service)
     assert [own.heard[-1] for own in slices] == [own.saved(files)[0] for own in slices]
+    client.introspection.setAllLogLevels(
+        client.protos.introspection.SetAllLogLevelsReq(level=0))
     for own in slices:
         own.stream.cancel()
         assert own.stream.rest() == [], "one answer for each discard and none for updates"
+    # A slice takes its next observer once the last one's end has been noticed.
+    ended = "Received FINISHED_STREAMING_CLEANUP call data resetting RAII handle"
+    wait_until(lambda: service.stdout.count(ended) == len(slices), what="the end of all streams")
+    for own in slices:
         assert set(own.slice.content().values()) == {str(own.heard[-1])}
