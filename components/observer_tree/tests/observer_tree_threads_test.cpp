@@ -128,6 +128,7 @@ TEST_F(TreeThreads, ASlowObserverHoldsUpEveryOtherUserOfTheTree) {
     auto delivery = std::async(std::launch::async, [this] { update(m_tree, "/a", "1"); });
     slow.waitUntilEntered();
 
+    std::atomic<std::size_t> started{0};
     std::atomic<int> done{0};
     const std::vector<std::function<void()>> users = {
         [this] { m_tree.dumpDataTree(); }, [this] { onUpdateWrite(m_tree, "/b", "/b"); },
@@ -136,11 +137,13 @@ TEST_F(TreeThreads, ASlowObserverHoldsUpEveryOtherUserOfTheTree) {
         [this] { observe([](const ChangeSetType&, const Status&) {}, "/x").reset(); }};
     std::vector<std::future<void>> threads;
     for (const auto& user : users) {
-        threads.push_back(std::async(std::launch::async, [&done, user] {
+        threads.push_back(std::async(std::launch::async, [&started, &done, user] {
+            ++started;
             user();
             ++done;
         }));
     }
+    EXPECT_TRUE(waitUntil([&] { return started == users.size(); }));
     EXPECT_FALSE(waitUntil([&] { return done > 0; }, grace));
     slow.release();
     delivery.get();
