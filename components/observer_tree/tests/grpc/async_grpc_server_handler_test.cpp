@@ -164,9 +164,9 @@ TEST(AsyncGrpcServerHandler, StreamsGoOnInTheGraceTimeAndNothingSpins) {
     auto client = std::make_unique<ObserveClient>(*stub);
     ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 1; }));
 
-    std::thread shutdown([&] {
-        served.server->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(1));
-    });
+    // Lasts as long as the stream.
+    const auto shutdown =
+        std::async(std::launch::async, [&served] { served.shutdown(std::chrono::seconds(30)); });
     const auto returned = [&] {
         int count = 0;
         for (const auto& text : log.texts()) {
@@ -178,8 +178,8 @@ TEST(AsyncGrpcServerHandler, StreamsGoOnInTheGraceTimeAndNothingSpins) {
     served.create("late", 5);
     ASSERT_TRUE(client->read());
     EXPECT_EQ(currentCount(client->element, "/items/late"), 5);
-    shutdown.join();
-    served.shutdown(std::chrono::milliseconds(0));
+    client->context.TryCancel();
+    shutdown.wait();
     EXPECT_EQ(returned(), boundMethods) << "something was requested again";
 }
 
