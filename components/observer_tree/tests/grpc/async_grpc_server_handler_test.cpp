@@ -114,10 +114,6 @@ TEST(AsyncGrpcServerHandler, HoldsTheCapabilityMutexInHandlersAndWhileObservatio
     EXPECT_EQ(unlocked, 0);
 }
 
-TEST(AsyncGrpcServerHandler, LooksForItsEndTwiceASecond) {
-    EXPECT_EQ(AsyncGrpcServerHandler::pollInterval, std::chrono::milliseconds(500));
-}
-
 TEST(AsyncGrpcServerHandler, LogsNothingFromInfoUpwardsInOrdinaryService) {
     const LogCapture log(handlerLogger, spdlog::level::info);
     {
