@@ -12,6 +12,7 @@
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "hox/observer_tree/func_node_handler_error.h"
 #include "hox/testing/log_capture.h"
+#include "hox/testing/reserved_port.h"
 #include "hox/testing/wait_until.h"
 
 namespace Hox::ObserverTree::Test {
@@ -101,7 +102,9 @@ protected:
             << m_served->handlers.observers << " observers";
     }
 
-    std::optional<ServedTree<TestService>> m_served{std::in_place};
+    /// Nobody else gets it while the served tree is away.
+    const Hox::Testing::ReservedPort m_port;
+    std::optional<ServedTree<TestService>> m_served{std::in_place, "127.0.0.1:" + m_port.text()};
     Told m_told;
     std::optional<Client> m_client;
 };
