@@ -294,21 +294,26 @@ TEST_F(ProxyTree, HandlesMayBeDroppedWhileThePeerGoesAndComesBack) {
 }
 
 TEST_F(ProxyTree, LetsAnObserverComeBackInTheCallThatTellsTheLossOfThePeer) {
+    std::promise<void> peerIsBack;
     std::any handle;
     auto record = m_told.callback();
     ObserveReq request;
     request.set_key_pattern("/items/*");
     m_client->observe(handle, "/items/*", [&](const ChangeSetType& changes, const Status& status) {
         record(changes, status);
+        peerIsBack.get_future().wait();
         handle.reset();
         handle = m_client->proxy->observe<ObserveReq>("/items", request, record, 0);
     });
     expectObservers(1);
     const std::string address = m_served->address;
     m_served->shutdown(std::chrono::milliseconds(0));
-    ASSERT_TRUE(m_told.waitFor(1));
-    EXPECT_EQ(m_told.lines().front(), "1 Some error occured!");
     m_served.emplace(address);
+    peerIsBack.set_value();
+    expectObservers(1);
+    m_served->create("a", 1);
+    EXPECT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("1 Some error occured!", "0  /items/a=1"));
     m_client->drop(handle);
 }
 
