@@ -209,10 +209,13 @@ TEST_F(ProxyTree, WaitsForACallbackThatRunsWhileTheHandleIsDroppedElsewhere) {
     m_served->create("a", 1);
     entered.get_future().wait();
     // Without the capability's mutex on purpose: the call's own mutex has to suffice.
+    std::promise<void> started;
     auto dropped = std::async(std::launch::async, [&] {
+        started.set_value();
         handle.reset();
         return hasLeft.load();
     });
+    started.get_future().wait();
     EXPECT_EQ(dropped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     mayLeave.set_value();
     EXPECT_TRUE(dropped.get());
