@@ -187,8 +187,7 @@ TEST(AsyncGrpcServerEvents, CallThatComesBackUnusedEndsAllRequests) {
         for (const auto& method : allMethods()) {
             EXPECT_EQ(server.service->requests(method), 1) << method;
         }
-        server.processAll();
-        server.shutdownServer();
+        server.destroyHandler();
     }
 }
 
@@ -385,7 +384,9 @@ TEST(AsyncGrpcServerEvents, NoticeThatIsNotOkEndsTheObservationToo) {
     }
     EXPECT_TRUE(server.processUntilReady(startCall(*server.stub, &TestService::Stub::readItem, "x"))
                     .status.ok());
-    server.processAll();
+    if (server.service->requests("readItem") == 1) {
+        server.processNext();  // the client may have its answer ahead of the event
+    }
     EXPECT_EQ(server.service->requests("readItem"), 2) << "the server is not shutting down";
 }
 
@@ -438,7 +439,7 @@ TEST(AsyncGrpcServerEvents, EveryEventInShutdownOnlyFreesItsCall) {
     EXPECT_EQ(server.service->requests("observeItems"), 2);
     EXPECT_EQ(server.handlers.observers, 0);
     EXPECT_EQ(server.tree->dumpDataTree().find("late"), std::string::npos);
-    server.shutdownServer();
+    server.destroyHandler();
     EXPECT_FALSE(arriving.get().status.ok());
 }
 

@@ -76,8 +76,7 @@ HandDrivenServer::HandDrivenServer() {
 
 HandDrivenServer::~HandDrivenServer() {
     stub.reset();
-    shutdownServer();
-    handler.reset();
+    destroyHandler();
 }
 
 QueueEvent HandDrivenServer::next() {
@@ -127,23 +126,14 @@ bool HandDrivenServer::processOne(std::chrono::milliseconds wait) {
     return false;
 }
 
-void HandDrivenServer::processAll() {
-    while (processOne(std::chrono::milliseconds(50))) {
-    }
-}
-
-void HandDrivenServer::shutdownServer() {
+void HandDrivenServer::destroyHandler() {
     if (!m_server) {
         return;
     }
     m_server->Shutdown(std::chrono::system_clock::now());
-    // What the queue gives back refers to the server.
-    processAll();
-    m_server.reset();
-}
-
-void HandDrivenServer::destroyHandler() {
-    m_server->Shutdown(std::chrono::system_clock::now());
+    if (m_kept) {
+        process(next());
+    }
     handler.reset();
     m_server.reset();
 }

@@ -76,13 +76,8 @@ public:
         return future.get();
     }
 
-    /// Hands on what comes until the queue is quiet.
-    void processAll();
-
-    /// Ends the server as its owner does, before the handler goes.
-    void shutdownServer();
-
-    /// Ends the server and then the handler, which finds all events of the end in its queue.
+    /// Ends the server and then the handler, which finds all events of the end in its queue. Twice
+    /// does no harm.
     void destroyHandler();
 
     ItemHandlers handlers;
