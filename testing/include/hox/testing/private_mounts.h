@@ -10,7 +10,7 @@ namespace Hox::Testing {
 ///
 /// Counts for the calling thread and for threads and children that it starts afterwards. Returns
 /// false where the machine does not let the process have mounts of its own;
-/// tests that need them skip then.
+/// tests that need them call skipOutsideCi() then.
 bool mountPrivateFolders(const std::vector<std::filesystem::path>& folders);
 
 }  // namespace Hox::Testing
