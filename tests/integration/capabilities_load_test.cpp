@@ -168,9 +168,11 @@ void answerNotifications(const RunningService& service) {
     grpc::ClientContext context;
     const auto reader = stub->observeStateNotifications(&context, request);
     ObsTreeObserveChangeSet element;
-    for (int round = 0; round < rounds && reader->Read(&element); ++round) {
+    int round = 0;
+    for (; round < rounds && reader->Read(&element); ++round) {
         owner.update(true);
     }
+    EXPECT_EQ(round, rounds) << "the stream has ended";
     context.TryCancel();
     reader->Finish();
 }
