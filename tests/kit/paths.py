@@ -17,8 +17,3 @@ PROTO_ROOTS = [
 def program():
     """The program under test, from HALVO_PROGRAM or the release build."""
     return pathlib.Path(os.environ.get("HALVO_PROGRAM", ROOT / "build/release/bin/halvo-system"))
-
-
-def is_sanitized():
-    """Whether the program was built with AddressSanitizer."""
-    return b"__asan_init" in program().read_bytes()

@@ -26,7 +26,7 @@ class Service:
     """One running program with ports, a configuration folder and a notify socket of its own."""
 
     def __init__(self, protos, folder, *args, port=None, extport=False, log_to_file=False,
-                 service_id="head-1", prefix=()):
+                 service_id="head-1", prefix=(), environment=()):
         self.protos = protos
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
@@ -49,7 +49,8 @@ class Service:
             self.process = subprocess.Popen(
                 [*prefix, *command_line(self.folder, *words, log_to_file=log_to_file)],
                 stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                env={**os.environ, "NOTIFY_SOCKET": str(self.folder / "notify")})
+                env={**os.environ, **dict(environment),
+                     "NOTIFY_SOCKET": str(self.folder / "notify")})
 
     @property
     def address(self):
