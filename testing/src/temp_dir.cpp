@@ -10,6 +10,8 @@
 #include <string>
 #include <system_error>
 
+#include "hox/linutils/remove_tree.h"
+
 namespace Hox::Testing {
 
 namespace {
@@ -67,8 +69,11 @@ TempDir::TempDir(const std::filesystem::path& parent) {
 }
 
 TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
+    try {
+        LinuxCppUtil::removeTree(m_path);
+    } catch (const std::filesystem::filesystem_error&) {
+        // Somebody else's; it stays.
+    }
 }
 
 const std::filesystem::path& TempDir::path() const {
