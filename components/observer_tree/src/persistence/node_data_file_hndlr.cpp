@@ -61,11 +61,11 @@ public:
     void make(const std::string& directory) {
         if (!isExpectedMissing(directory)) {
             fs::path highest = highestMissing(directory);
-            if (fs::create_directories(directory)) {
+            if (createDirectories(directory)) {
                 m_made = highest.native() + '/';
             }
         } else if (::mkdir(directory.c_str(), directoryMode) != 0) {
-            fs::create_directories(directory);
+            createDirectories(directory);
         }
     }
 
@@ -75,6 +75,21 @@ public:
     }
 
 private:
+    /// Whether there was anything to make. The standard library gives up where more than a thousand
+    /// levels are missing, and a key may have more.
+    static bool createDirectories(const std::string& directory) {
+        constexpr std::size_t levelsAtOnce = 500;
+        bool isMade = false;
+        std::size_t level = 0;
+        for (std::size_t slash = directory.find('/', 1); slash != std::string::npos;
+             slash = directory.find('/', slash + 1)) {
+            if (++level % levelsAtOnce == 0) {
+                isMade = fs::create_directories(directory.substr(0, slash)) || isMade;
+            }
+        }
+        return fs::create_directories(directory) || isMade;
+    }
+
     static fs::path highestMissing(fs::path directory) {
         std::error_code ignored;
         while (directory.has_parent_path() && !fs::exists(directory.parent_path(), ignored)) {

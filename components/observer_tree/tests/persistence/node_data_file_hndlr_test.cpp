@@ -157,6 +157,21 @@ TEST_F(NodeDataFiles, LieInADirectoryNamedWithASlashAtItsEndToo) {
     EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/data"));
 }
 
+TEST_F(NodeDataFiles, LieAsDeepAsAKeyMayBe) {
+    const TempDir inMemory("/dev/shm");
+    const std::string dir = inMemory.path().string();
+    std::string key;
+    for (int level = 0; level < 1400; ++level) {
+        key += "/a";
+    }
+    m_files.saveNodeData(dir, key, packed("first"));
+    EXPECT_TRUE(fs::exists(dir + key + "/data"));
+    m_files.saveChangeSet({{"/b", {{value("1"), nullptr}}}, {"/b" + key, {{value("2"), nullptr}}}},
+                          dir);
+    EXPECT_TRUE(fs::exists(dir + "/b/data"));
+    EXPECT_TRUE(fs::exists(dir + "/b" + key + "/data"));
+}
+
 TEST_F(NodeDataFiles, HoldLongValuesInFull) {
     const std::string text(1000000, 'x');
     m_files.saveNodeData(m_dir, "/a", packed(text));
