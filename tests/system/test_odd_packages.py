@@ -8,7 +8,7 @@ import zipfile
 import grpc
 import pytest
 
-from kit.configuration import Slice, clear, export_package, import_package, save
+from kit.configuration import Slice, clear, discard, export_package, import_package, save
 
 LIMIT = 524288
 SEED = 20240611
@@ -233,3 +233,59 @@ def test_keys_one_byte_longer_are_refused(service, client, key, text):
     save(client)
     assert tuner.content() == {"/a": "1"}
     service.assert_alive()
+
+
+#: As many levels as a key may have, more than the service is given descriptors.
+DEEP_KEY = "/a" * 1400
+FEW_DESCRIPTORS = ["prlimit", "--nofile=1024"]
+
+
+def test_a_key_may_have_more_levels_than_there_are_descriptors(start):
+    service = start(prefix=FEW_DESCRIPTORS)
+    client = service.client()
+    tuner = Slice(client)
+    tuner.update({DEEP_KEY: "1"})
+    save(client)
+    save(client)
+    tuner.update({DEEP_KEY: "2"})
+    discard(client)
+    assert tuner.content() == {DEEP_KEY: "1"}
+    package = export_package(client)
+    clear(client)
+    assert tuner.content() == {}
+    import_package(client, package)
+    assert tuner.content() == {DEEP_KEY: "1"}
+    service.stop()
+    again = start("--configdir", str(service.folder / "config"), prefix=FEW_DESCRIPTORS)
+    tuner = Slice(again.client())
+    assert tuner.content() == {DEEP_KEY: "1"}
+    clear(tuner.client)
+    assert tuner.content() == {}
+    assert list((service.folder / "config/configuration").iterdir()) == []
+
+
+@pytest.mark.parametrize("levels", [1200, 3000], ids=["1200 levels", "longer than a path"])
+def test_a_deep_package_leaves_nothing_in_the_way(start, levels):
+    store = Store(start(prefix=FEW_DESCRIPTORS))
+    scratch = store.service.folder / "config/configuration.temp"
+    deep = {"a/" * levels + "file": b"x"}
+    foreign = archive({"partno": b"100013\n", **deep})
+    assert store.load(foreign) == (
+        "INVALID_ARGUMENT", "The configuration file is not compatible with this system")
+    assert not scratch.exists()
+    cut = archive({**deep, "rest": bytes(2000)}, "w")
+    code, _ = store.load(cut[:cut.index(b"rest")] + b"garbage")
+    assert code == "INTERNAL"
+    assert scratch.exists()
+    save(store.client)
+    assert not scratch.exists()
+    store.assert_unchanged(levels)
+
+
+def test_a_package_with_a_path_that_is_too_long_is_refused(start):
+    store = Store(start(prefix=FEW_DESCRIPTORS))
+    code, text = store.load(archive({**store.before, "a/" * 3000 + "file": b"x"}))
+    assert code == "FAILED_PRECONDITION"
+    assert text.startswith("filesystem error: ")
+    assert not (store.service.folder / "config/configuration.temp").exists()
+    store.assert_unchanged("a long path")

@@ -12,6 +12,7 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/linutils/remove_tree.h"
 #include "system_identity.h"
 
 namespace fs = std::filesystem;
@@ -80,7 +81,7 @@ Status ConfObstreeHandler::saveSysConfData(const std::string& data) {
     ChangeSetType content;
     Status examined = examinePackage(scratch, content);
     if (!examined.isOk()) {
-        fs::remove_all(scratch);
+        Hox::LinuxCppUtil::removeTree(scratch);
         return examined;
     }
     putInForce(scratch);
@@ -172,7 +173,7 @@ void ConfObstreeHandler::clearSysConfData() {
 /// An empty directory beside the saved copy. What an interrupted operation left there ends here.
 fs::path ConfObstreeHandler::makeScratchDirectory() const {
     fs::path scratch = m_confPath + ".temp";
-    fs::remove_all(scratch);
+    Hox::LinuxCppUtil::removeTree(scratch);
     fs::create_directories(scratch);
     return scratch;
 }
@@ -180,7 +181,7 @@ fs::path ConfObstreeHandler::makeScratchDirectory() const {
 /// Makes the scratch directory the saved copy and removes the old one.
 void ConfObstreeHandler::putInForce(const fs::path& scratch) const {
     exchangeDirectories(scratch, m_confPath);
-    fs::remove_all(scratch);
+    Hox::LinuxCppUtil::removeTree(scratch);
     ::sync();
 }
 

@@ -15,18 +15,28 @@ namespace {
 
 constexpr const char* systemVariantFile = "/etc/sw_variant";
 constexpr const char* variantFile = "swvariant";
+constexpr const char* variantTemporary = "swvariant.new";
 constexpr const char* partNumberFile = "partno";
 
 /// A package may hold pipes and devices, which are never opened: they might not come to an end.
-bool isSomethingElseThanAFile(const fs::path& path) {
-    return fs::exists(path) && !fs::is_regular_file(path);
+bool mayBlock(const fs::path& path) {
+    const auto status = fs::status(path);
+    return fs::is_fifo(status) || fs::is_character_file(status) || fs::is_block_file(status);
+}
+
+/// A package may also hold what leads out of the folder or blocks: a file that is written there
+/// must be its own.
+void makeWayForAFile(const fs::path& path) {
+    const auto status = fs::symlink_status(path);
+    const bool isOwnFile = fs::is_regular_file(status) && fs::hard_link_count(path) == 1;
+    if (fs::exists(status) && !fs::is_directory(status) && !isOwnFile) {
+        fs::remove(path);
+    }
 }
 
 void writePartNumber(std::uint32_t partNumber, const fs::path& path) {
-    std::ofstream file;
-    if (!isSomethingElseThanAFile(path)) {
-        file.open(path, std::ios::trunc);
-    }
+    makeWayForAFile(path);
+    std::ofstream file(path, std::ios::trunc);
     file << partNumber << '\n';
     file.close();
     if (file.fail()) {
@@ -63,10 +73,9 @@ SystemIdentity readSystemIdentity() {
 
 SystemIdentity readPackageIdentity(const fs::path& dir) {
     SystemIdentity identity;
-    identity.variant = isSomethingElseThanAFile(dir / variantFile)
-                           ? HeadendSWVariant::UNKNOWN
-                           : Hox::SystemAPI::deSerialize(dir / variantFile);
-    if (isSomethingElseThanAFile(dir / partNumberFile)) {
+    identity.variant = mayBlock(dir / variantFile) ? HeadendSWVariant::UNKNOWN
+                                                   : Hox::SystemAPI::deSerialize(dir / variantFile);
+    if (mayBlock(dir / partNumberFile)) {
         return identity;
     }
     std::ifstream file(dir / partNumberFile);
@@ -78,6 +87,7 @@ SystemIdentity readPackageIdentity(const fs::path& dir) {
 }
 
 void writePackageIdentity(const SystemIdentity& identity, const fs::path& dir) {
+    makeWayForAFile(dir / variantTemporary);  // which is renamed to the variant file in the end
     Hox::SystemAPI::serialize(identity.variant, dir / variantFile);
     writePartNumber(identity.partNumber, dir / partNumberFile);
 }

@@ -23,7 +23,9 @@ SystemIdentity readSystemIdentity();
 /// part number that is none.
 SystemIdentity readPackageIdentity(const std::filesystem::path& dir);
 
-/// Writes the identity into the folder that is to be packed. Throws CppUtil::FileSystemError.
+/// Writes the identity into the folder that is to be packed, in place of links, pipes and the like
+/// that a package may have put there. Throws CppUtil::FileSystemError, and
+/// std::filesystem::filesystem_error for what cannot be replaced.
 void writePackageIdentity(const SystemIdentity& identity, const std::filesystem::path& dir);
 
 /// For the log: "output: QAM partNo:100001".

@@ -1,19 +1,26 @@
 #include "system_identity.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
 #include "hox/cpputil/error/file_system_error.h"
+#include "hox/testing/log_capture.h"
 #include "hox/testing/temp_dir.h"
+
+namespace fs = std::filesystem;
 
 namespace Hox::Capability::Configuration {
 namespace {
 
 using Hox::SystemAPI::HeadendSWVariant;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
 class PackageIdentity : public ::testing::Test {
 protected:
@@ -25,16 +32,6 @@ protected:
     void expect(HeadendSWVariant variant, std::uint32_t partNumber) {
         const auto identity = readPackageIdentity(m_dir.path());
         EXPECT_EQ(describeIdentity(identity), describeIdentity({variant, partNumber}));
-    }
-
-    void expectNoPartNumberIsWritten() {
-        try {
-            writePackageIdentity({}, m_dir.path());
-            FAIL();
-        } catch (const Hox::CppUtil::FileSystemError& error) {
-            EXPECT_NE(std::string(error.what()).find("Unable to write partno file"),
-                      std::string::npos);
-        }
     }
 
     Hox::Testing::TempDir m_dir;
@@ -73,13 +70,56 @@ TEST_F(PackageIdentity, IsWrittenAsItIsRead) {
 }
 
 TEST_F(PackageIdentity, SaysWhenThePartNumberCannotBeWritten) {
-    std::filesystem::create_directory(m_dir / "partno");
-    expectNoPartNumberIsWritten();
+    fs::create_directory(m_dir / "partno");
+    try {
+        writePackageIdentity({}, m_dir.path());
+        FAIL();
+    } catch (const Hox::CppUtil::FileSystemError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("Unable to write partno file"));
+    }
 }
 
-TEST_F(PackageIdentity, IsNotWrittenIntoAPipe) {
-    ASSERT_EQ(mkfifo((m_dir / "partno").c_str(), 0600), 0);
-    expectNoPartNumberIsWritten();
+TEST_F(PackageIdentity, IsWrittenInPlaceOfPipes) {
+    for (const char* name : {"swvariant", "swvariant.new", "partno"}) {
+        ASSERT_EQ(mkfifo((m_dir / name).c_str(), 0600), 0);
+    }
+    writePackageIdentity({HeadendSWVariant::COFDM, 100001}, m_dir.path());
+    EXPECT_EQ(read("swvariant"), "output:COFDM\n");
+    EXPECT_EQ(read("partno"), "100001\n");
+    EXPECT_FALSE(fs::exists(m_dir / "swvariant.new"));
+}
+
+/// Wherever the links of a package lead to, nothing is written there.
+TEST_F(PackageIdentity, IsWrittenInPlaceOfLinks) {
+    const auto place = [this](const char* name, bool isHard) {
+        fs::remove(m_dir / name);
+        if (isHard) {
+            fs::create_hard_link(m_dir / "precious", m_dir / name);
+        } else {
+            fs::create_symlink("precious", m_dir / name);
+        }
+    };
+    write("precious", "content");
+    for (const bool isHard : {false, true}) {
+        for (const char* name : {"swvariant", "swvariant.new", "partno"}) {
+            place(name, isHard);
+        }
+        writePackageIdentity({HeadendSWVariant::COFDM, 100001}, m_dir.path());
+        EXPECT_EQ(read("precious"), "content");
+        for (const char* name : {"swvariant", "partno"}) {
+            EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(m_dir / name))) << name;
+        }
+        EXPECT_EQ(read("swvariant"), "output:COFDM\n");
+        EXPECT_EQ(read("partno"), "100001\n");
+    }
+}
+
+TEST_F(PackageIdentity, ThatIsAFolderIsToldOnReading) {
+    fs::create_directory(m_dir / "swvariant");
+    fs::create_directory(m_dir / "partno");
+    const Hox::Testing::LogCapture log;
+    expect(HeadendSWVariant::UNKNOWN, 0);
+    EXPECT_THAT(log.textsAt(spdlog::level::err), ElementsAre("Failed deserializing stream"));
 }
 
 TEST(SystemIdentity, IsDescribedForTheLog) {
