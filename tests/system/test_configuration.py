@@ -101,6 +101,9 @@ def test_a_killed_service_starts_again(start):
     ("/data", "INVALID_ARGUMENT", "Key has the reserved component data: /sys/conf/mb/0/tuner/data"),
     ("/" + "x" * 256, "INVALID_ARGUMENT", "Key has a component of more than 255 bytes: "),
     ("/" + "/".join(["x" * 200] * 15), "INVALID_ARGUMENT", "Key is longer than 3000 bytes: "),
+    ("/a\nb", "INVALID_ARGUMENT", "Key has a line end or a zero byte: /sys/conf/mb/0/tuner/a\\nb"),
+    ("/a/\r", "INVALID_ARGUMENT", "Key has a line end or a zero byte: /sys/conf/mb/0/tuner/a/\\r"),
+    ("/a\0b", "INVALID_ARGUMENT", "Key has a line end or a zero byte: /sys/conf/mb/0/tuner/a\\0b"),
 ])
 def test_a_key_that_cannot_be_kept_is_refused(service, tuner, key, code, text):
     tuner.update({"/a": "1"})

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/error/invalid_argument_error.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/observer_tree/path_manipulation.h"
 
 namespace Hox::Capability::Configuration {
@@ -21,16 +23,32 @@ using Hox::ObserverTree::DataTreeValPtr;
 
 namespace {
 
-constexpr std::size_t uniqueIdStart = 10;  // behind "/sys/conf/"
 constexpr int slashesOfSlice = 3;
 constexpr std::size_t maxComponentSize = 255;
 constexpr std::size_t maxKeySize = 3000;
 
+/// The expression of what is saved does not match line ends, and a path ends at a zero.
+constexpr std::string_view unstorableBytes("\n\r\0", 3);
+
 /// Whether the key goes into the tree when it is loaded.
 bool isKept(const std::string& key) {
-    const std::string start = std::string(confRoot) + "/";
-    return key.compare(0, start.size(), start) == 0 &&
+    static const std::string start = std::string(confRoot) + "/";
+    return Hox::CppUtil::str_starts_with(start, key) &&
            key.find_first_of("\n\r") == std::string::npos;
+}
+
+/// The key for people to read, in one line.
+std::string withoutUnstorableBytes(const std::string& key) {
+    std::string text;
+    for (const char byte : key) {
+        const std::size_t place = unstorableBytes.find(byte);
+        if (place == std::string_view::npos) {
+            text += byte;
+        } else {
+            text.append({'\\', "nr0"[place]});
+        }
+    }
+    return text;
 }
 
 DataTreeValPtr takeValue(google::protobuf::Any& packed) {
@@ -95,6 +113,10 @@ void checkSaved(const ChangeSetType& content) {
     for (const auto& [key, changes] : content) {
         if (isKept(key)) {
             path.parsePath(Hox::ObserverTree::PathType::Key, key);
+            const std::string refusal = whyNotStorable(key);
+            if (!refusal.empty()) {
+                throw Hox::CppUtil::InvalidArgumentError(refusal, __FILE__, __LINE__);
+            }
         } else if (key == stateIdKey) {
             changes.at(0).current->get<google::protobuf::StringValue>();
         }
@@ -102,6 +124,9 @@ void checkSaved(const ChangeSetType& content) {
 }
 
 std::string whyNotStorable(const std::string& key) {
+    if (key.find_first_of(unstorableBytes) != std::string::npos) {
+        return "Key has a line end or a zero byte: " + withoutUnstorableBytes(key);
+    }
     if (key.size() > maxKeySize) {
         return "Key is longer than " + std::to_string(maxKeySize) + " bytes: " + key;
     }

@@ -1,14 +1,20 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "configuration.pb.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/observer_tree/data_tree.h"
 
 namespace Hox::Capability::Configuration {
 
 /// Where all configuration lies.
 constexpr const char* confRoot = "/sys/conf";
+
+/// Where the unique id of its slice begins in each key.
+constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
 
 /// The key that holds the state id of a slice, inside the slice.
 constexpr const char* stateIdKey = "/__csid";
@@ -33,13 +39,14 @@ template <typename Action>
 void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::string& prefix,
                        const Action& action) {
     for (auto it = tree.lower_bound(prefix);
-         it != tree.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it) {
+         it != tree.end() && Hox::CppUtil::str_starts_with(prefix, it->first); ++it) {
         action(*it);
     }
 }
 
 /// Throws what the tree would throw for saved values that are loaded: PathError for a key that is
-/// none, BadCast for a state id of another type. Keys outside of the store are passed over.
+/// none, BadCast for a state id of another type; and InvalidArgumentError for a key that could be
+/// loaded, but not saved again. Keys outside of the store are passed over.
 void checkSaved(const Hox::ObserverTree::ChangeSetType& content);
 
 /// Why the file store cannot hold the key, or an empty text.

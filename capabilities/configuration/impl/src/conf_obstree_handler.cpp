@@ -187,7 +187,6 @@ void ConfObstreeHandler::onConfTreeChanged(const ChangeSetType& changes, const S
         return;
     }
     std::map<std::string, ChangeSetType> groups;
-    const std::size_t uniqueIdStart = std::string(confRoot).size() + 1;
     for (const auto& [key, keyChanges] : changes) {
         const std::size_t rootLength = sliceRootLength(key);
         groups[key.substr(uniqueIdStart, rootLength - uniqueIdStart)].emplace(

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "hox/cpputil/error/error.h"
+#include "hox/cpputil/string/string_utils.h"
 
 namespace Hox::Capability::Configuration {
 
@@ -23,14 +24,10 @@ constexpr std::string_view jsonStart =
     R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":")";
 constexpr std::string_view jsonEnd = R"("})";
 
-/// Whether the text stands in JSON as it is, like every state id of this service.
-bool isNumber(std::string_view text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
 std::string toJson(const std::string& stateId) {
     std::string json;
-    if (isNumber(stateId)) {
+    // A number, like every state id of this service, stands in JSON as it is.
+    if (Hox::CppUtil::str_isonly_digits(stateId)) {
         return json.append(jsonStart).append(stateId).append(jsonEnd);
     }
     StringValue text;
@@ -45,9 +42,9 @@ std::optional<std::string> fromJson(std::string_view json) {
     const std::size_t frame = jsonStart.size() + jsonEnd.size();
     if (json.size() > frame && json.substr(0, jsonStart.size()) == jsonStart &&
         json.substr(json.size() - jsonEnd.size()) == jsonEnd) {
-        const auto stateId = json.substr(jsonStart.size(), json.size() - frame);
-        if (isNumber(stateId)) {
-            return std::string(stateId);
+        std::string stateId(json.substr(jsonStart.size(), json.size() - frame));
+        if (Hox::CppUtil::str_isonly_digits(stateId)) {
+            return stateId;
         }
     }
     Any packed;

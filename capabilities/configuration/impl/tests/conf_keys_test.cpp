@@ -79,6 +79,14 @@ TEST(ConfKeys, ThatNoFileCanHoldAreTold) {
     EXPECT_THAT(whyNotStorable(longKey + "x"), HasSubstr(longKey));
 }
 
+TEST(ConfKeys, WithLineEndsOrZerosAreToldInOneLine) {
+    constexpr const char* start = "Key has a line end or a zero byte: ";
+    EXPECT_EQ(whyNotStorable("/a/x\ny"), start + std::string("/a/x\\ny"));
+    EXPECT_EQ(whyNotStorable("/a\r/b"), start + std::string("/a\\r/b"));
+    EXPECT_EQ(whyNotStorable(std::string("/a\0b\n", 5)), start + std::string("/a\\0b\\n"));
+    EXPECT_EQ(whyNotStorable("/a\t\\n/ \xc3\xa4"), "");
+}
+
 TEST(StateId, IsStoredInItsOddForm) {
     const auto value = stateIdToValue("17");
     EXPECT_EQ(value->get<google::protobuf::StringValue>().value(),

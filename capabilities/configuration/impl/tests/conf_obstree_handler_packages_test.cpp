@@ -5,14 +5,17 @@
 #include <clocale>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "configuration_store.h"
 #include "hox/archive/archive.h"
 #include "hox/testing/log_capture.h"
+#include "hox/testing/private_mounts.h"
 #include "system_identity.h"
 
 namespace fs = std::filesystem;
@@ -72,6 +75,18 @@ std::string asJson(const std::string& text) {
     return R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":")" + text + "\"}";
 }
 
+/// Runs the action where /etc and /tmp are empty; false if the machine does not allow it.
+bool onOwnMachine(const std::function<void()>& action) {
+    bool isOwn = false;
+    std::thread([&] {
+        isOwn = Hox::Testing::mountPrivateFolders({"/etc", "/tmp"});
+        if (isOwn) {
+            action();
+        }
+    }).join();
+    return isOwn;
+}
+
 class SavedConfiguration : public ConfigurationStore {
 protected:
     /// As in the program: packages hold names in UTF-8.
@@ -108,6 +123,14 @@ protected:
             "/sys/conf/.data.", {});
         data = result.message->sysconfdata();
         return result.status;
+    }
+
+    std::string packageOfAnotherMachine() const {
+        const fs::path foreign = m_dir / "foreign";
+        write(foreign / "swvariant", "output:COFDM\n");
+        write(foreign / "partno", "100013\n");
+        write(foreign / "sys/conf/mb/0/tuner/f/data", asJson("foreign"));
+        return pack(foreign);
     }
 
     const fs::path m_saved = m_dir / "conf";
@@ -312,24 +335,48 @@ TEST_F(SavedConfiguration, RefusesWhatIsNoPackageAndChangesNothing) {
     EXPECT_FALSE(fs::exists(m_scratch));
 }
 
-TEST_F(SavedConfiguration, RefusesThePackageOfAnotherMachineUnlessForced) {
+TEST_F(SavedConfiguration, RefusesThePackageOfAnotherMachine) {
     update(Update("tuner").set("/a", "1"));
     ASSERT_TRUE(save().isOk());
-    const fs::path foreign = m_dir / "foreign";
-    write(foreign / "swvariant", "output:COFDM\n");
-    write(foreign / "partno", "100013\n");
-    write(foreign / "sys/conf/mb/0/tuner/f/data", asJson("foreign"));
     LogCapture log;
-    const Status refused = importPackage(pack(foreign));
-    EXPECT_EQ(refused.statusCode(), ProtoStatus::INVALID_ARGUMENT);
-    EXPECT_EQ(refused.errorMessage(), "The configuration file is not compatible with this system");
+    const bool isOwn = onOwnMachine([this] {
+        write("/etc/sw_variant", "output:QAM\n");
+        const Status refused = importPackage(packageOfAnotherMachine());
+        EXPECT_EQ(refused.statusCode(), ProtoStatus::INVALID_ARGUMENT);
+        EXPECT_EQ(refused.errorMessage(),
+                  "The configuration file is not compatible with this system");
+    });
+    if (!isOwn) {
+        GTEST_SKIP() << "needs mounts of its own";
+    }
     EXPECT_THAT(log.textsAt(spdlog::level::info),
                 ElementsAre("Save Sys conf data",
-                            "Incompatible configuration files. System type " +
-                                describeIdentity(readSystemIdentity()) +
-                                " configuration file type output: COFDM partNo:100013"));
+                            "Incompatible configuration files. System type output: QAM partNo:0 "
+                            "configuration file type output: COFDM partNo:100013"));
     EXPECT_FALSE(fs::exists(m_scratch));
     EXPECT_THAT(content(), ElementsAre("/sys/conf/mb/0/tuner/__csid", "/sys/conf/mb/0/tuner/a"));
+}
+
+TEST_F(SavedConfiguration, TakesThePackageOfAnotherMachineIfTheMarkerIsThere) {
+    struct Case {
+        std::function<void(const fs::path& marker)> make;
+        bool isForced;
+    };
+    for (const auto& [make, isForced] :
+         {Case{[](const fs::path& marker) { write(marker, ""); }, true},
+          Case{[](const fs::path& marker) { fs::create_directory(marker); }, true},
+          Case{[](const fs::path& marker) { fs::create_symlink("/etc", marker); }, true},
+          Case{[](const fs::path& marker) { fs::create_symlink("nowhere", marker); }, false}}) {
+        ASSERT_TRUE(clear().isOk());
+        const bool isOwn = onOwnMachine([this, &make = make] {
+            make("/tmp/headend_override_compat_check");
+            importPackage(packageOfAnotherMachine());
+        });
+        if (!isOwn) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        EXPECT_EQ(content().size(), isForced ? 1U : 0U);
+    }
 }
 
 /// What would end the process once it is in force is refused before, with the text that it would
@@ -344,9 +391,19 @@ TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
     ASSERT_TRUE(save().isOk());
     const auto keys = content();
     const auto files = filesOf(m_saved);
+    std::string longFile = "sys/conf/mb/0/tuner";
+    while (longFile.size() < 3000) {
+        longFile += "/123456789";
+    }
+    longFile += "/data";
     for (const auto& bad :
          {Case{"sys/conf/mb/0/tuner/a*/data", "{}", "PathError: "},
           Case{"sys/conf/mb/0/.x./data", "{}", "PathError: "},
+          Case{"sys/conf/mb/0/tuner/a/data/data", "{}",
+               "Invalid Argument Error: Key has the reserved component data: "
+               "/sys/conf/mb/0/tuner/a/data("},
+          Case{"sys/conf/mb/0/data~/a/data", "{}", "Invalid Argument Error: Key has the reserved"},
+          Case{longFile.c_str(), "{}", "Invalid Argument Error: Key is longer than 3000 bytes: "},
           Case{"__csid/data", "broken", "Bad Cast Error: "}, Case{"partno", "many\n", "stoi"},
           Case{"partno", "99999999999\n", "stoi"}}) {
         const fs::path dir = m_dir / "bad";

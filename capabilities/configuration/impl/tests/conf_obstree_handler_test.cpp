@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "configuration_store.h"
@@ -112,13 +113,34 @@ TEST_F(ConfigurationStore, RefusesASliceWhoseNameMakesNoKey) {
 
 TEST_F(ConfigurationStore, RefusesKeysThatNoFileCanHold) {
     const std::string tooLong = "/" + std::string(256, 'x');
-    for (const std::string& key : {std::string("/data"), std::string("/a/data~"), tooLong}) {
+    for (const auto& [key, shown] : {std::pair{std::string("/data"), std::string("/data")},
+                                     {"/a/data~", "/a/data~"},
+                                     {tooLong, tooLong},
+                                     {"/a\nb", "/a\\nb"},
+                                     {"/a\rb", "/a\\rb"},
+                                     {std::string("/a\0b", 4), "/a\\0b"}}) {
         const Status status = tryUpdate(Update("tuner").set("/ok", "1").set(key, "2"));
-        EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT) << key;
-        EXPECT_THAT(status.errorMessage(), HasSubstr(key));
+        EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT) << shown;
+        EXPECT_THAT(status.errorMessage(), HasSubstr("/sys/conf/mb/0/tuner" + shown));
         EXPECT_THAT(content(), IsEmpty());
     }
     EXPECT_TRUE(tryUpdate(Update("tuner").set("/" + std::string(255, 'x'), "1")).isOk());
+}
+
+TEST_F(ConfigurationStore, RefusesASliceWhoseNameNoFileCanHold) {
+    const std::string tooLong(256, 'x');
+    for (const auto& [capability, shown] : {std::pair{std::string("data"), std::string("data")},
+                                            {"data~", "data~"},
+                                            {tooLong, tooLong},
+                                            {"a\nb", "a\\nb"}}) {
+        for (const auto& request : {Update(capability).set("/a", "1"), Update(capability)}) {
+            const Status status = tryUpdate(request);
+            EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT) << shown;
+            EXPECT_THAT(status.errorMessage(), HasSubstr("/sys/conf/mb/0/" + shown + "/"));
+            EXPECT_THAT(content(), IsEmpty());
+        }
+    }
+    EXPECT_TRUE(tryUpdate(Update(std::string(255, 'x'))).isOk());
 }
 
 TEST_F(ConfigurationStore, IgnoresAllButTheFirstPairOfAKey) {
@@ -146,6 +168,27 @@ TEST_F(ConfigurationStore, TellsAnObserverNothingEverythingOrThatItIsUpToDate) {
     std::vector<std::string> current;
     const auto handle = observe("tuner", id, current);
     EXPECT_THAT(current, ElementsAre("6"));
+}
+
+/// The root of a slice is a mere start of a text, on reading as well.
+TEST_F(ConfigurationStore, TellsAnObserverAlsoOfSlicesThatStartWithTheSameText) {
+    update(Update("net").set("/a", "1"));
+    update(Update("network").set("/y", "2"));
+    update(Update("other").set("/z", "3"));
+    Api::ObserveCapConfReq request;
+    *request.mutable_confid() = Update("net").request.confid();
+    request.set_lastcapconfstateid("stale");
+    std::vector<std::string> keys;
+    const auto handle = m_tree->observe<Api::ObserveCapConfReq>(
+        "/sys/conf", request,
+        [&keys](const Hox::ObserverTree::ChangeSetType& changes, const Status& status) {
+            EXPECT_TRUE(status.isOk());
+            for (const auto& change : changes) {
+                keys.push_back(change.first);
+            }
+        },
+        0);
+    EXPECT_THAT(keys, ElementsAre("/__csid", "/a", "work/__csid", "work/y"));
 }
 
 TEST_F(ConfigurationStore, TellsNobodyOfAnUpdate) {

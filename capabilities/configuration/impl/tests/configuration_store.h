@@ -53,7 +53,8 @@ protected:
     /// The keys of the whole store.
     std::vector<std::string> content();
 
-    Hox::Testing::TempDir m_dir;
+    /// Not below /tmp, which tests may hide.
+    Hox::Testing::TempDir m_dir{"/dev/shm"};
     std::unique_ptr<std::unique_lock<std::mutex>> m_lock;
     std::optional<Hox::ObserverTree::ObserverTree> m_tree;
     std::optional<ConfObstreeHandler> m_handler;
