@@ -57,15 +57,21 @@ mount -t tmpfs tmpfs /tmp
 mkdir -p "$1" "$2"
 mount --bind /mnt/1 "$1"
 mount --bind /mnt/2 "$2"
-if [ "$4" = yes ]; then : > /tmp/headend_override_compat_check; fi
+case "$4" in
+file) : > /tmp/headend_override_compat_check ;;
+directory) mkdir /tmp/headend_override_compat_check ;;
+link) ln -s /etc /tmp/headend_override_compat_check ;;
+dangling) ln -s nowhere /tmp/headend_override_compat_check ;;
+esac
 shift 4
 exec "$@"
 """
 
 
-def own_machine(folder, keep, variant=None, serial=None, override=False):
+def own_machine(folder, keep, variant=None, serial=None, override="none"):
     """Words to put before a command that works below the folder `keep`: it sees a variant file and a
-    serial file with these texts (None: no file), and the marker that forces packages or not.
+    serial file with these texts (None: no file). override: what lies in place of the marker that
+    forces packages, a file, a directory, a link that leads there, a dangling one, or none.
     """
     etc = folder / "etc"
     etc.mkdir(parents=True)
@@ -76,4 +82,4 @@ def own_machine(folder, keep, variant=None, serial=None, override=False):
         if text is not None:
             (etc / name).write_text(text)
     return ["unshare", "-m", "sh", "-c", _OWN_MACHINE, "sh", str(keep), str(program().parent),
-            str(etc), "yes" if override else "no"]
+            str(etc), override]

@@ -155,6 +155,36 @@ def test_an_exchange_that_fails_ends_the_process(prepare, operation, error, numb
     assert Slice(client).content() == prepared.after("nothing")
 
 
+def reports(client, elements):
+    """The texts of the reports in elements of an observe stream."""
+    texts = []
+    for element in elements:
+        for _, changes in sorted(element.node_change_map.items()):
+            stored = client.protos.state.StoredNotification()
+            assert changes.nodePairList[0].currentMessage.Unpack(stored)
+            texts.append(stored.stateNotification.msg)
+    return texts
+
+
+@pytest.mark.parametrize("operation, fault, expected", [
+    ("save", "?unlink,unlinkat:error=EIO", ["Sysconf saved"]),  # the first change of all
+    ("save", "renameat2:error=EIO", ["Sysconf saved"]),
+    ("import", "renameat2:error=EIO", []),
+    ("clear", "renameat2:error=EIO", []),
+])
+def test_a_save_is_told_ahead_of_its_work_and_others_behind_it(prepare, operation, fault, expected):
+    prepared = prepare(1)
+    service, client = prepared.service()
+    stream = client.observe("/state/notifications/archive/**")
+    assert reports(client, [stream.next()]) == ["Sysconf cap update"]
+    # The delay gives what is on its way to the observer the time to arrive ahead of the end.
+    with Strace(service, f"{fault}:delay_enter=2s:when=1"):
+        with pytest.raises(grpc.RpcError):
+            prepared.run(operation, client)
+        assert service.wait_end(20) == -signal.SIGABRT
+    assert reports(client, stream.rest()) == expected
+
+
 @pytest.mark.parametrize("operation, fault, done", [
     ("save", "?unlink,unlinkat:error=EIO:when=1", False),  # of what a crash had left
     ("save", "?mkdir,mkdirat:error=ENOSPC:when=1", False),  # of the scratch directory

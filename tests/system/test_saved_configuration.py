@@ -47,14 +47,30 @@ def slice_files(values):
             [(STATE_ID, state_id), *((key, value_file(text)) for key, text in values.items())]}
 
 
-def tar(files, mode="w:gz"):
+def tar(files, mode="w:gz", pipes=(), links=None, folders=None):
+    """A package of pipes (names), links (name to target), folders (name to mode), and files (name to
+    content) behind them."""
+    special = [(name, tarfile.FIFOTYPE, "", 0o600) for name in pipes]
+    special += [(name, tarfile.SYMTYPE, target, 0o777) for name, target in (links or {}).items()]
+    special += [(name, tarfile.DIRTYPE, "", rights) for name, rights in (folders or {}).items()]
     out = io.BytesIO()
     with tarfile.open(fileobj=out, mode=mode) as archive:
+        for name, kind, target, rights in special:
+            entry = tarfile.TarInfo(name)
+            entry.type, entry.linkname, entry.mode = kind, target, rights
+            archive.addfile(entry)
         for name, content in files.items():
             entry = tarfile.TarInfo(name)
             entry.size = len(content)
             archive.addfile(entry, io.BytesIO(content))
     return out.getvalue()
+
+
+def code_of(call, *args):
+    """The name of the status that the call is refused with."""
+    with pytest.raises(grpc.RpcError) as refused:
+        call(*args)
+    return refused.value.code().name
 
 
 @pytest.fixture
@@ -110,6 +126,26 @@ def test_every_operation_makes_its_own_report(client, tuner):
     assert notes[::-1] == ["Sysconf cap update", "Sysconf saved", "Sysconf saved",
                            "Sysconf discard changes", "Sysconf discard changes",
                            "Sysconf discard changes"]
+
+
+def test_what_is_refused_makes_no_report(machine):
+    client = machine(variant="output:QAM\n").client()
+    tuner = Slice(client)
+    tuner.update({"/a": "1"})
+    save(client)
+    before = client.notifications(index=-100)
+    for package, code in ((tar({"swvariant": b"output:COFDM\n"}), "INVALID_ARGUMENT"),
+                          (tar({"partno": b"many\n"}), "FAILED_PRECONDITION"),
+                          (b"garbage", "INTERNAL")):
+        assert code_of(import_package, client, package) == code
+    assert code_of(client.configuration.updateSysConf,
+                   client.protos.configuration.UpdateSysConfReq()) == "INVALID_ARGUMENT"
+    assert code_of(tuner.update, {"/b": "2"}, (), True, "stale") == "FAILED_PRECONDITION"
+    assert code_of(tuner.update, {"/b": "2", "/c/data": "3"}) == "INVALID_ARGUMENT"
+    assert code_of(tuner.update, {"/b": "2", "no-slash": "3"}) == "FAILED_PRECONDITION"
+    assert client.notifications(index=-100) == before
+    assert client.current_state() == "OK"
+    assert tuner.content() == {"/a": "1"}
 
 
 def test_observers_hear_of_a_discard_and_of_no_update(client, tuner):
@@ -172,12 +208,59 @@ def test_a_package_fits_its_machine_only(machine):
         wait_until(lambda: report in other.stdout, what=report)
 
 
-def test_the_marker_forces_a_package_onto_another_machine(machine):
-    forced = machine(variant="output:QAM\n", override=True).client()
+@pytest.mark.parametrize("marker", ["file", "directory", "link"])
+def test_the_marker_forces_a_package_onto_another_machine(machine, marker):
+    forced = machine(variant="output:QAM\n", override=marker).client()
     import_package(forced, tar({
         "swvariant": b"output:COFDM\n", "partno": b"100003\n",
         **slice_files({"/a": "forced"})}))
     assert Slice(forced).content() == {"/a": "forced"}
+
+
+def test_a_marker_that_leads_nowhere_forces_nothing(machine):
+    client = machine(variant="output:QAM\n", override="dangling").client()
+    assert code_of(import_package, client, tar({"swvariant": b"output:COFDM\n"})) == (
+        "INVALID_ARGUMENT")
+
+
+def test_pipes_and_links_in_a_package_give_way_to_the_identity(service, client, tmp_path):
+    precious = tmp_path / "precious"
+    precious.write_text("0\nand more")  # a part number, so that the package fits
+    for special in ({"pipes": ["swvariant.new", "partno"]},
+                    {"links": {name: str(precious) for name in ("swvariant.new", "partno")}}):
+        import_package(client, tar(slice_files({"/a": "1"}), **special))
+        exported = members(export_package(client))
+        assert exported["partno"] == b"0\n"
+        assert exported["swvariant"] == b"output:QAM\n"
+        assert precious.read_text() == "0\nand more"
+    service.stop()
+
+
+@pytest.mark.parametrize("mode, code", [(0o555, "OK"), (0o444, "FAILED_PRECONDITION"),
+                                        (0o000, "FAILED_PRECONDITION")])
+def test_folders_that_nobody_may_change_are_no_hindrance(start, mode, code):
+    """Also to a service without the rights that root has everywhere."""
+    service = start(prefix=["setpriv", "--bounding-set", "-dac_override,-dac_read_search"])
+    client = service.client()
+    tuner = Slice(client)
+    tuner.update({"/own": "1"})
+    save(client)
+    folder = {"sys/conf/mb/0/tuner": mode}
+    files = slice_files({"/a": "1"})
+    if code == "OK":
+        import_package(client, tar(files, folders=folder))
+        assert tuner.content() == {"/a": "1"}
+    else:
+        assert code_of(import_package, client, tar(files, folders=folder)) == code
+        assert tuner.content() == {"/own": "1"}
+    save(client)
+    half = tar({**files, "rest": bytes(2000)}, "w", folders=folder)
+    half = half[:half.index(b"rest")] + b"garbage"
+    assert code_of(import_package, client, half) == "INTERNAL"
+    save(client)
+    clear(client)
+    assert tuner.content() == {}
+    assert not (service.folder / "config/configuration.temp").exists()
 
 
 @pytest.mark.parametrize("mode", ["w", "w:bz2", "w:xz"])

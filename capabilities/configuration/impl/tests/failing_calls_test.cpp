@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <map>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -36,6 +38,21 @@ constexpr const char* incompatible = "The configuration file is not compatible w
 bool endsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() &&
            text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// The values by their keys, without the value of a file that could not be opened.
+std::map<std::string, std::string> valuesOf(const std::string& content, const FileCall& failed) {
+    constexpr std::string_view start = "key: \"";
+    std::map<std::string, std::string> values;
+    for (std::size_t place = content.find(start); place != std::string::npos;) {
+        place += start.size();
+        const std::size_t next = content.find(start, place);
+        const std::string key = content.substr(place, content.find('"', place) - place);
+        const bool isUnread = !failed.changes && endsWith(failed.path, key + "/data");
+        values[key] = isUnread ? "" : content.substr(place, next - place);
+        place = next;
+    }
+    return values;
 }
 
 /// Whether a full or failing disk shows at that call. Writes are another matter, see below.
@@ -147,6 +164,19 @@ protected:
         return number > m_exchange || isDone ? m_store.newCopy(m_operation) : m_store.oldCopy();
     }
 
+    /// Whatever fails: an operation that is refused leaves the working copy as it was, and one that
+    /// is not does with it all that it does.
+    void expectWorkingCopy(const WatchedRun& run, const FileCall& call) const {
+        if (!run.answer) {
+            return;
+        }
+        const auto answer = answerOf(run);
+        const bool isDone = answer.code == ProtoStatus::OK;
+        EXPECT_EQ(
+            valuesOf(answer.workingCopy, call),
+            valuesOf(isDone ? m_store.newWorkingCopy(m_operation) : m_store.workingCopy(), call));
+    }
+
     const Operation m_operation = std::get<0>(GetParam());
     const int m_error = std::get<1>(GetParam());
     StoreUnderFault m_store{keys};
@@ -172,6 +202,7 @@ TEST_P(FailingCall, LeavesAWholeCopyAndIsAnsweredOrEndsTheProcess) {
         } else {
             expectOutcome(run, number);
         }
+        expectWorkingCopy(run, m_calls[number]);
         EXPECT_EQ(m_store.whatLoads(), expectedCopy(run, number));
         const auto next = m_store.runNext(Operation::Save);
         expectAnswer(next, ProtoStatus::OK, "");

@@ -251,6 +251,20 @@ std::string StoreUnderFault::newCopy(Operation operation) const {
     return m_oldCopy;
 }
 
+std::string StoreUnderFault::newWorkingCopy(Operation operation) const {
+    switch (operation) {
+        case Operation::Import:
+        case Operation::Clear:
+        case Operation::Discard:
+            return newCopy(operation);
+        case Operation::Save:
+        case Operation::Export:
+        case Operation::ImportOfAnotherMachine:
+            break;
+    }
+    return m_workingCopy;
+}
+
 OperationAnswer answerOf(const WatchedRun& run) {
     std::vector<std::string> parts;
     std::size_t start = 0;

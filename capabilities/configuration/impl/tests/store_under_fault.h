@@ -56,6 +56,10 @@ public:
     const std::string& oldCopy() const { return m_oldCopy; }
     std::string newCopy(Operation operation) const;
 
+    /// The working copy before every operation, and after one that succeeds.
+    const std::string& workingCopy() const { return m_workingCopy; }
+    std::string newWorkingCopy(Operation operation) const;
+
     const std::filesystem::path& saved() const { return m_saved; }
     const std::filesystem::path& scratch() const { return m_scratch; }
     const std::filesystem::path& guide() const { return m_guide; }
