@@ -1,6 +1,7 @@
 """The configuration files of this machine, as a configuration for the store."""
 import pathlib
 import re
+import stat
 
 ETC = pathlib.Path("/etc")
 MOST_BYTES = 1500
@@ -8,8 +9,17 @@ MOST_BYTES = 1500
 _COMPONENT = re.compile(r"(?!data~?$)[\w-][\w.+-]*$", re.ASCII)
 
 
+def _is_for_everybody(path):
+    """Whether it is, or leads to, a file that every user of the machine may read."""
+    file = path.resolve(strict=True)
+    mode = file.stat().st_mode
+    return (stat.S_ISREG(mode) and mode & stat.S_IROTH
+            and all(folder.stat().st_mode & stat.S_IXOTH
+                    for folder in {*path.parents, *file.parents}))
+
+
 def read(count):
-    """Up to `count` small text files below /etc: key to text, in key order."""
+    """Up to `count` small text files below /etc that are no secret: key to text, in key order."""
     files = {}
     for path in sorted(ETC.rglob("*")):
         if len(files) == count:
@@ -17,8 +27,8 @@ def read(count):
         if not all(_COMPONENT.match(part) for part in path.relative_to(ETC).parts):
             continue
         try:
-            if path.is_file() and 0 < path.stat().st_size <= MOST_BYTES:
+            if _is_for_everybody(path) and 0 < path.stat().st_size <= MOST_BYTES:
                 files[f"/{path.relative_to(ETC)}"] = path.read_bytes().decode("ascii")
-        except (OSError, UnicodeDecodeError):
+        except (OSError, RuntimeError, UnicodeDecodeError):
             continue
     return files
