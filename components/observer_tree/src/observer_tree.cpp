@@ -46,6 +46,12 @@ void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
 }
 
 void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
+    const std::lock_guard<std::recursive_mutex> lock(*handlerLock());
+    registerObserveHandler<RegExObserveReq>(
+        key,
+        [](const ChangeSetType& changes, const ObserverCallbackMap<RegExObserveReq>& observers) {
+            RegExSelector::deliver(changes, observers);
+        });
     registerNewObserverHandler<RegExObserveReq>(
         key, [](const RegExObserveReq& request, const ObserverCallback& callback) {
             try {
@@ -56,11 +62,6 @@ void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
                                 "Regular expression error, regex \"" + request.reg_ex() +
                                     "\" not valid - " + error.what()));
             }
-        });
-    registerObserveHandler<RegExObserveReq>(
-        key,
-        [](const ChangeSetType& changes, const ObserverCallbackMap<RegExObserveReq>& observers) {
-            RegExSelector::deliver(changes, observers);
         });
 }
 

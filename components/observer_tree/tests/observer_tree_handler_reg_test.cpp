@@ -121,6 +121,25 @@ TEST(HandlerRegistration, KeepsTheFirstObserveHandlerWithItsHooks) {
     EXPECT_THAT(events, ElementsAre("hook", "handler"));
 }
 
+TEST(HandlerRegistration, KeepsTheFirstObserveHandlerAgainstTheDefaultOneForExpressions) {
+    ObserverTree tree;
+    std::vector<std::string> events;
+    tree.registerObserveHandler<ObserveReq>(
+        "/a", [&](const ChangeSetType&, const ObserverCallbackMap<ObserveReq>&) {
+            events.emplace_back("handler");
+        });
+    tree.registerNewObserverHandler<ObserveReq>(
+        "/a", [&](const ObserveReq&, const ObserverCallback&) { events.emplace_back("hook"); });
+    EXPECT_EQ(
+        thrownBy<DoubleRegistrationError>([&] { tree.registerDefaultRegExObserveHandler("/a"); },
+                                          "cruro_node.h"),
+        "Only one registration is allowed: Only allowed to register one observe handler function");
+    onUpdateWrite(tree, "/k", "/k");
+    const auto handle = tree.observe<ObserveReq>("/a", ObserveReq(), {}, 0);
+    update(tree, "/k", "x");
+    EXPECT_THAT(events, ElementsAre("hook", "handler"));
+}
+
 TEST(HandlerRegistration, WorksInsideAHandlerAndInsideADelivery) {
     ObserverTree tree;
     onUpdate(tree, "/a", [&](const std::string&, DataTree& data) {
