@@ -9,9 +9,11 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/observer_tree/utils.h"
 #include "persistence/node_file.h"
 
@@ -21,8 +23,8 @@ namespace Hox::ObserverTree {
 
 namespace {
 
-constexpr std::string_view dataName = "/data";
-constexpr std::string_view temporaryName = "/data~";
+constexpr const char* dataName = "/data";
+constexpr const char* temporaryName = "/data~";
 constexpr mode_t directoryMode = 0777;
 
 std::string nodeDirectory(const fs::path& workingDir, const std::string& key) {
@@ -40,8 +42,24 @@ std::string fileIn(const std::string& directory, std::string_view name) {
     return file.append(directory).append(name);
 }
 
-bool endsWith(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+/// Calls `visit` with everything below the folder but the folders. It has one folder open at a
+/// time: a recursive iterator has one per level, and a key may have more levels than a process has
+/// descriptors.
+template <typename Visit>
+void forEachFile(const fs::path& folder, const Visit& visit) {
+    std::vector<std::string> pending{folder.native()};
+    while (!pending.empty()) {
+        const fs::path current = std::move(pending.back());
+        pending.pop_back();
+        for (const auto& entry : fs::directory_iterator(current)) {
+            // A link is not followed, and asking where it leads might fail.
+            if (!entry.is_symlink() && entry.is_directory()) {
+                pending.push_back(entry.path().native());
+            } else {
+                visit(entry);
+            }
+        }
+    }
 }
 
 void rename(const std::string& from, const std::string& to) {
@@ -165,12 +183,12 @@ void NodeDataFileHndlr::saveChangeSet(const ChangeSetType& changes, const fs::pa
 ChangeSetType NodeDataFileHndlr::readNodeData(const fs::path& workingDir) {
     ChangeSetType result;
     const std::size_t prefixLength = workingDir.native().size();
-    for (const auto& entry : fs::recursive_directory_iterator(workingDir)) {
+    forEachFile(workingDir, [&result, prefixLength](const fs::directory_entry& entry) {
         const std::string& file = entry.path().native();
-        if (!endsWith(file, dataName) || !entry.is_regular_file()) {
-            continue;
+        if (!Hox::CppUtil::str_ends_with(dataName, file) || !entry.is_regular_file()) {
+            return;
         }
-        std::string key = file.substr(0, file.size() - dataName.size());
+        std::string key = file.substr(0, file.size() - std::string_view(dataName).size());
         key.erase(0, prefixLength);
         if (!key.empty() && key.front() != '/') {
             key.insert(key.begin(), '/');
@@ -181,7 +199,7 @@ ChangeSetType NodeDataFileHndlr::readNodeData(const fs::path& workingDir) {
         static_cast<void>(google::protobuf::util::JsonStringToMessage(json, &packed));
         addToChangeSet(result, key, std::make_shared<const DataTreeVal>(std::move(packed)), nullptr,
                        0);
-    }
+    });
     return result;
 }
 

@@ -1,6 +1,9 @@
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
 
+#include <gmock/gmock.h>
+#include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
@@ -11,6 +14,7 @@
 
 #include "hox/testing/log_capture.h"
 #include "hox/testing/temp_dir.h"
+#include "obstree_internals.pb.h"
 #include "tree_test_kit.h"
 
 namespace fs = std::filesystem;
@@ -21,12 +25,17 @@ namespace {
 using Hox::Testing::LogCapture;
 using Hox::Testing::TempDir;
 using ::testing::ElementsAre;
+using ::testing::StartsWith;
 using TestKit::value;
 
-google::protobuf::Any packed(const std::string& text) {
+google::protobuf::Any packed(const google::protobuf::Message& message) {
     google::protobuf::Any any;
-    any.PackFrom(TestKit::message(text));
+    any.PackFrom(message);
     return any;
+}
+
+google::protobuf::Any packed(const std::string& text) {
+    return packed(TestKit::message(text));
 }
 
 std::string contentOf(const fs::path& file) {
@@ -48,6 +57,27 @@ std::set<std::string> entriesOf(const fs::path& folder) {
     return entries;
 }
 
+/// Few files may be open at a time while this lives.
+class FewDescriptors {
+public:
+    FewDescriptors() {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_former), 0);
+        rlimit limit = m_former;
+        limit.rlim_cur = count;
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    ~FewDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_former), 0); }
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors(FewDescriptors&&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(FewDescriptors&&) = delete;
+
+    static constexpr int count = 64;
+
+private:
+    rlimit m_former{};
+};
+
 class NodeDataFiles : public ::testing::Test {
 protected:
     TempDir m_parent;
@@ -61,6 +91,36 @@ TEST_F(NodeDataFiles, HoldTheJsonOfThePackedMessageWithoutALineFeed) {
               R"({"@type":"type.googleapis.com/google.protobuf.StringValue",)"
               R"("value":"some \"text\""})");
     EXPECT_THAT(entriesOf(m_dir), ElementsAre("a", "a/b", "a/b/data"));
+}
+
+TEST_F(NodeDataFiles, HoldEachFieldThatIsSetByItsNameInJson) {
+    RegExObserveReq oneField;
+    oneField.set_reg_ex("/a/.*");
+    UpdateDataTreeReq someFields;
+    someFields.set_node_remove_regex("<x>");
+    ObsTreeDataNodePair nested;
+    nested.set_modifiedindex(7);
+    *nested.mutable_currentmessage() = packed(TestKit::number(-5));
+    const std::string type = R"({"@type":"type.googleapis.com/)";
+    struct Case {
+        google::protobuf::Any value;
+        std::string json;
+    };
+    for (const auto& [value, json] :
+         {Case{packed(oneField), R"(Hox.ObserverTree.RegExObserveReq","regEx":"/a/.*"})"},
+          Case{packed(someFields),
+               R"(Hox.ObserverTree.UpdateDataTreeReq","nodeRemoveRegex":"\u003cx\u003e"})"},
+          Case{packed(nested),
+               R"(Hox.ObserverTree.ObsTreeDataNodePair","modifiedIndex":"7","currentMessage":)" +
+                   type + R"(google.protobuf.Int64Value","value":"-5"}})"},
+          Case{packed(TestKit::number(9007199254740993)),
+               R"(google.protobuf.Int64Value","value":"9007199254740993"})"},
+          Case{packed(RegExObserveReq()), R"(Hox.ObserverTree.RegExObserveReq"})"}}) {
+        m_files.saveNodeData(m_dir, "/a", value);
+        EXPECT_EQ(contentOf(m_dir / "a/data"), type + json);
+        EXPECT_EQ(m_files.readNodeData(m_dir).at("/a").at(0).current->toAny()->SerializeAsString(),
+                  value.SerializeAsString());
+    }
 }
 
 TEST_F(NodeDataFiles, LieInTheWorkingDirectoryForTheRoot) {
@@ -100,6 +160,14 @@ TEST_F(NodeDataFiles, TakeEmptyDirectoriesAlongUpToTheFirstThatHoldsSomething) {
     EXPECT_TRUE(fs::exists(m_parent / "other"));
 }
 
+TEST_F(NodeDataFiles, TakeEmptyDirectoriesAboveTheWorkingDirectoryAlongToo) {
+    writeFile(m_parent / "other", "kept");
+    const fs::path dir = m_parent / "x/y/conf";
+    m_files.saveNodeData(dir, "/a/b", packed("b"));
+    m_files.removeNodeData(dir, "/a/b");
+    EXPECT_THAT(entriesOf(m_parent.path()), ElementsAre("other"));
+}
+
 TEST_F(NodeDataFiles, MayBeRemovedWithoutHavingBeenSaved) {
     m_files.saveNodeData(m_dir, "/a", packed("a"));
     fs::create_directories(m_dir / "empty/below");
@@ -120,6 +188,20 @@ TEST_F(NodeDataFiles, AreWrittenAndRemovedByTheFirstChangeOfEachKey) {
     EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)),
                 ElementsAre("/a: null -> 1", "/a/b: null -> 3", "/z/y/x: null -> 4"));
     EXPECT_FALSE(fs::exists(m_dir / "gone"));
+}
+
+TEST_F(NodeDataFiles, AreWrittenAndRemovedInTheOrderOfTheirKeys) {
+    m_files.saveNodeData(m_dir, "/b", packed("old"));
+    ChangeSetType changes;
+    changes["/c"] = {ChangeSetMapVal{value("3"), nullptr}};
+    changes["/b"] = {ChangeSetMapVal{nullptr, value("old")}};
+    changes["/a"] = {ChangeSetMapVal{value("1"), nullptr}};
+    const LogCapture log("NodeDataFileHndlr");
+    m_files.saveChangeSet(changes, m_dir);
+    const std::string saving = "Saving node data - workingDir " + m_dir.string();
+    EXPECT_THAT(log.textsAt(spdlog::level::trace),
+                ElementsAre(StartsWith(saving + " key: /a, "), "Removing node data - key: /b",
+                            StartsWith(saving + " key: /c, ")));
 }
 
 TEST_F(NodeDataFiles, AreMadeAnewBehindARemovalThatTookTheirDirectories) {
@@ -191,6 +273,29 @@ TEST_F(NodeDataFiles, AreReadByTheirNameAlone) {
     fs::create_directories(m_dir / "c/data");
     fs::create_directories(m_dir / "d");
     EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)), ElementsAre("/a/b: null -> b"));
+}
+
+TEST_F(NodeDataFiles, AreFoundBehindMoreDirectoriesThanDescriptors) {
+    std::string key;
+    for (int level = 0; level <= FewDescriptors::count; ++level) {
+        key += "/a";
+    }
+    m_files.saveNodeData(m_dir, key, packed("deep"));
+    m_files.saveNodeData(m_dir, "/a/b", packed("flat"));
+    const FewDescriptors few;
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)),
+                ElementsAre(key + ": null -> deep", "/a/b: null -> flat"));
+}
+
+TEST_F(NodeDataFiles, AreReadThroughALinkToAFileButNotBehindOneToADirectory) {
+    m_files.saveNodeData(m_parent / "elsewhere", "/a", packed("x"));
+    fs::create_directories(m_dir / "b");
+    fs::create_symlink(m_parent / "elsewhere/a/data", m_dir / "b/data");
+    fs::create_directory_symlink(m_parent / "elsewhere", m_dir / "c");
+    fs::create_symlink("loop", m_dir / "loop");
+    fs::create_directories(m_dir / "d");
+    fs::create_symlink("nowhere", m_dir / "d/data");
+    EXPECT_THAT(TestKit::linesOf(m_files.readNodeData(m_dir)), ElementsAre("/b: null -> x"));
 }
 
 TEST_F(NodeDataFiles, YieldTheSameKeysFromADirectoryNamedWithASlashAtItsEnd) {

@@ -19,6 +19,7 @@ namespace Hox::ObserverTree {
 /// leaves the old file or the new one, never a mixture.
 class NodeDataFileHndlr {
 public:
+    /// Touches no file.
     NodeDataFileHndlr();
     virtual ~NodeDataFileHndlr() = default;
     NodeDataFileHndlr(const NodeDataFileHndlr&) = delete;
