@@ -70,14 +70,29 @@ void runOnStack(std::size_t size, std::function<void()> body) {
     pthread_attr_destroy(&attributes);
 }
 
-// Random expressions over few characters, so that matches are frequent. No assertion stands inside
-// a lookahead, where the library takes the place of the lookahead for the start of the subject.
+// What the library says of the expression; what it does not mind but a back-reference, it says of
+// that.
+std::string libraryErrorOf(const std::string& expression) {
+    const auto error = errorOf(expression, std::regex::ECMAScript);
+    return error != "none"
+               ? error
+               : errorOf(expression, std::regex::ECMAScript | std::regex_constants::__polynomial);
+}
+
+void expectErrorOfTheLibrary(const std::string& expression) {
+    SCOPED_TRACE(expression);
+    const auto error = errorOf(expression, std::regex::ECMAScript);
+    EXPECT_NE(error, "none");
+    EXPECT_EQ(boundedErrorOf(expression), error);
+}
+
+// Random expressions over few characters, so that matches are frequent.
 class RandomExpressions {
 public:
-    std::string choice(int depth, bool assertions = true) {
-        auto result = sequence(depth, assertions);
+    std::string choice(int depth) {
+        auto result = sequence(depth);
         while (pick(4) == 0) {
-            result += "|" + sequence(depth, assertions);
+            result += "|" + sequence(depth);
         }
         return result;
     }
@@ -97,23 +112,23 @@ private:
         return texts[static_cast<std::size_t>(pick(static_cast<int>(texts.size())))];
     }
 
-    std::string sequence(int depth, bool assertions) {
+    std::string sequence(int depth) {
         std::string result;
         for (auto size = pick(4); size > 0; --size) {
-            if (assertions && pick(8) == 0) {
+            if (pick(8) == 0) {
                 result += oneOf({"^", "$", "\\b", "\\B"});
             } else if (depth > 0 && pick(8) == 0) {
-                result += oneOf({"(?=", "(?!"}) + choice(depth - 1, false) + ")";
+                result += oneOf({"(?=", "(?!"}) + choice(depth - 1) + ")";
             } else {
-                result += atom(depth, assertions) + quantifier();
+                result += atom(depth) + quantifier();
             }
         }
         return result;
     }
 
-    std::string atom(int depth, bool assertions) {
+    std::string atom(int depth) {
         if (depth > 0 && pick(3) == 0) {
-            return oneOf({"(", "(?:"}) + choice(depth - 1, assertions) + ")";
+            return oneOf({"(", "(?:"}) + choice(depth - 1) + ")";
         }
         return oneOf({"a", "b", ".", "[ab]", "[^a]", "\\w", "\\s", "\\-", "[[:alpha:]_]"});
     }
@@ -343,11 +358,20 @@ TEST(BoundedRegex, CountsItsStepsForPlainTextsToo) {
     EXPECT_GT(regex.steps(), once);
 }
 
-TEST(BoundedRegex, KnowsWhatLiesAheadOfALookahead) {
+TEST(BoundedRegex, TakesALookaheadAtTheStartOfTheSubjectForAStartLikeTheLibrary) {
     BoundedRegex start("a(?=^b)");
-    EXPECT_FALSE(start.search("ab"));
-    BoundedRegex boundary("a(?=\\bb)");
-    EXPECT_FALSE(boundary.search("ab"));
+    EXPECT_TRUE(start.search("ab"));
+    EXPECT_FALSE(start.search("xab"));
+    for (const char* expression :
+         {"a(?=^b)", "a(?!^b)", "a(?=\\bb)", "a(?=\\Bb)", "a(?!\\Bb)", "a(?=$)", "a(?=(?:^|x)b)",
+          "a(?=(?=^b))", "a(?=b(?=^b))", "a(?=(?:^b|bb)+$)", "a(?=(?:\\b){2}b)", "a(?=(?:^)*b)",
+          "a(?=.*\\b)", "(?:a(?=^))*b", "a(?=\\b-)", "a(?=\\B-)", "(?=^a)ab?", "(?!\\bb)b"}) {
+        expectSameAnswers(expression, {"", "a", "ab", "aab", "bab", "xab", "abb", "abbb", "xabb",
+                                       "a-", "a-b", "-ab", "--a-", "a b", "bb"});
+    }
+}
+
+TEST(BoundedRegex, KnowsWhatLiesAheadOfALookahead) {
     BoundedRegex inside("^(?!.*\\berror\\b)");
     EXPECT_FALSE(inside.search("an error occurred"));
     EXPECT_TRUE(inside.search("no errors"));
@@ -359,9 +383,22 @@ TEST(BoundedRegex, ReportsErrorsInTheWordsOfTheLibrary) {
           "[[:alpha", "*",  "+a",   "?",     "{2}",   "a{",    "a{2",     "a{2,1}",    "a{,2}",
           "a{x}",     "\\", "\\x1", "\\u12", "\\c",   "(?",    "(?a)",    "(?<a)",     "(?=a",
           "(?=a)*",   "^*", "\\b+", "a|*",   "[\\B]", "[\\1]", "[\\w-a]", "(*a)",      "[a\\"}) {
-        SCOPED_TRACE(expression);
-        ASSERT_NE(errorOf(expression, std::regex::ECMAScript), "none");
-        EXPECT_EQ(boundedErrorOf(expression), errorOf(expression, std::regex::ECMAScript));
+        expectErrorOfTheLibrary(expression);
+    }
+}
+
+TEST(BoundedRegex, ReportsErrorsOfBackReferencesInTheWordsOfTheLibrary) {
+    for (const char* expression : {"\\1", "(a)\\2", "(\\1)", "(a)\\10", "(?:a)\\1", "\\1[",
+                                   "(a)\\1(", "(a)\\1{", "(a)\\1)", "(?=\\1)", "(a)|\\2"}) {
+        expectErrorOfTheLibrary(expression);
+    }
+}
+
+TEST(BoundedRegex, LeavesAMalformedExpressionOfManyStatesToTheLimitOfTheLibrary) {
+    for (const char* expression :
+         {"((a{1000}){1000}){1000}(", "((a{1000}){1000}){1000}\\1", "(a)\\1((b{1000}){1000}){1000}",
+          "(a)\\1(?:){999999999}", "(a)\\1(?:b?){0,999999999}"}) {
+        expectErrorOfTheLibrary(expression);
     }
 }
 
@@ -379,8 +416,7 @@ TEST(BoundedRegex, RefusesWhatTheLibraryRefuses) {
         for (int k = size(random); k > 0; --k) {
             expression += parts[part(random)];
         }
-        const auto error =
-            errorOf(expression, std::regex::ECMAScript | std::regex_constants::__polynomial);
+        const auto error = libraryErrorOf(expression);
         ASSERT_EQ(boundedErrorOf(expression), error) << expression;
         accepted += error == "none" ? 1 : 0;
     }
@@ -389,11 +425,16 @@ TEST(BoundedRegex, RefusesWhatTheLibraryRefuses) {
 
 TEST(BoundedRegex, RefusesBackReferences) {
     EXPECT_EQ(boundedErrorOf("(a)\\1"), "Unexpected back-reference in polynomial mode.");
+    EXPECT_EQ(boundedErrorOf("\\1"), "Back-reference index exceeds current sub-expression count.");
+    EXPECT_EQ(boundedErrorOf("(a)\\2"),
+              "Back-reference index exceeds current sub-expression count.");
+    EXPECT_EQ(boundedErrorOf("(\\1)"), "Back-reference referred to an opened sub-expression.");
     EXPECT_NE(boundedErrorOf("(a)\\99999999999999999999999"), "none");
 }
 
 TEST(BoundedRegex, RefusesNumbersThatNoExpressionCanMean) {
     EXPECT_NE(boundedErrorOf("a{99999999999999999999999}"), "none");
+    EXPECT_NE(boundedErrorOf("(a)\\1{99999999999999999999999}"), "none");
     EXPECT_NE(boundedErrorOf("a{1,99999999999999999999999}"), "none");
     EXPECT_EQ(boundedErrorOf("a,99999999999999999999999"), "none");
 }
@@ -481,6 +522,9 @@ INSTANTIATE_TEST_SUITE_P(
         HostileCase{repeated("(?=", 240) + "b" + repeated(")", 240), longSubject, false},
         HostileCase{repeated("(?=.*", 160) + "b" + repeated(")", 160), longSubject, false},
         HostileCase{repeated("(?!.*", 160) + "b" + repeated(")", 160), longSubject, false},
+        HostileCase{repeated("(?=.*\\B", 110) + "b" + repeated(")", 110), longSubject, false},
+        HostileCase{repeated("(?=^", 199) + "a" + repeated(")", 199), longSubject, true},
+        HostileCase{"a(?=\\B(a?){400}b)", longSubject, false},
         HostileCase{repeated(".*", 499) + "b", longSubject, false},
         HostileCase{"a" + repeated("*", 998), longSubject, true},
         HostileCase{"(x?){1600}b", longSubject, false},
@@ -488,5 +532,18 @@ INSTANTIATE_TEST_SUITE_P(
         HostileCase{"(a|b|ab)*c{1000}", longSubject, false},
         HostileCase{std::string(1000, '|'), longSubject, true},
         HostileCase{repeated("[a-c]", 200), longSubject, true}));
+
+TEST(BoundedRegex, RefusesLongMalformedExpressionsOnASmallStack) {
+    runOnStack(2 * 1024 * 1024, [] {
+        for (const auto& expression :
+             {std::string(1000, '('), repeated("(?=", 333), std::string(999, 'a') + "(",
+              repeated("(?:", 333), repeated("a|", 499) + "(", repeated("(a|", 333),
+              std::string(998, 'a') + "\\1", repeated("(?:", 249) + repeated(")", 249) + "\\1",
+              repeated("(a)\\1", 200), "(" + repeated("a*", 499)}) {
+            EXPECT_EQ(boundedErrorOf(expression), libraryErrorOf(expression));
+            EXPECT_NE(boundedErrorOf(expression), "none");
+        }
+    });
+}
 
 }  // namespace

@@ -24,9 +24,11 @@ RegexSyntax parse(const std::string& expression) {
     checkSize(expression, BoundedRegex::maxExpressionSize, "Regular expression");
     auto syntax = RegexParser(expression).parse();
     if (!syntax) {
-        // The library words the error.
-        const std::regex regex(expression,
-                               std::regex::ECMAScript | std::regex_constants::__polynomial);
+        // The library words the error: at first as it does for everybody, then that of an
+        // expression whose only fault is a back-reference.
+        const std::regex malformed(expression);
+        const std::regex backReference(expression,
+                                       std::regex::ECMAScript | std::regex_constants::__polynomial);
         throw InvalidArgumentError("Regular expression is not supported", __FILE__, __LINE__);
     }
     if (syntax->stateCount() > BoundedRegex::maxStates) {

@@ -17,11 +17,18 @@ const RegexCharSet& wordChars() {
 
 }  // namespace
 
-RegexAutomaton::RegexAutomaton(const RegexSyntax& syntax) : m_charSets(syntax.charSets()) {
+RegexAutomaton::RegexAutomaton(const RegexSyntax& syntax)
+    : m_charSets(syntax.charSets()), m_hasPlaceApart(syntax.looksBackInLookahead()) {
     addState(Kind::Empty, end);
     m_pending.resize(1);
-    // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): the end state comes first.
-    m_start = build(syntax, syntax.root(), end);
+    // NOLINTBEGIN(cppcoreguidelines-prefer-member-initializer): the end state comes first.
+    m_start = build(syntax, syntax.root(), {end, end}).usual;
+    m_laterStart = m_start;
+    // NOLINTEND(cppcoreguidelines-prefer-member-initializer)
+    if (m_hasPlaceApart) {
+        m_hasPlaceApart = false;
+        m_laterStart = build(syntax, syntax.root(), {end, end}).usual;
+    }
     m_byteEdges = reverse(true);
     m_emptyEdges = reverse(false);
     m_marks.resize(m_states.size());
@@ -29,24 +36,36 @@ RegexAutomaton::RegexAutomaton(const RegexSyntax& syntax) : m_charSets(syntax.ch
 
 RegexAutomaton::StateId RegexAutomaton::addState(Kind kind, StateId next, StateId other,
                                                  std::size_t charSet) {
-    m_states.push_back({kind, next, other, static_cast<std::uint32_t>(charSet), m_level});
+    m_states.push_back({kind, next, other, static_cast<std::uint32_t>(charSet), m_level, false});
     return static_cast<StateId>(m_states.size() - 1);
 }
 
-RegexAutomaton::StateId RegexAutomaton::build(const RegexSyntax& syntax, std::size_t index,
-                                              StateId next) {
+RegexAutomaton::Entry RegexAutomaton::addStates(Kind kind, const Entry& next, const Entry& other) {
+    Entry entry{addState(kind, next.usual, other.usual), 0};
+    entry.atBegin = entry.usual;
+    if (m_hasPlaceApart && m_level > 0) {
+        entry.atBegin = addState(kind, next.atBegin, other.atBegin);
+        m_states.back().isAtBegin = true;
+    }
+    return entry;
+}
+
+RegexAutomaton::Entry RegexAutomaton::build(const RegexSyntax& syntax, std::size_t index,
+                                            const Entry& next) {
     const auto& node = syntax.node(index);
     switch (node.kind) {
         case Kind::Empty:
-        case Kind::Sequence:
+        case Kind::Sequence: {
+            auto start = next;
             for (auto child = node.children.rbegin(); child != node.children.rend(); ++child) {
-                next = build(syntax, *child, next);
+                start = build(syntax, *child, start);
             }
-            return next;
+            return start;
+        }
         case Kind::Choice: {
             auto start = build(syntax, node.children.front(), next);
             for (std::size_t i = 1; i < node.children.size(); ++i) {
-                start = addState(Kind::Choice, start, build(syntax, node.children[i], next));
+                start = addStates(Kind::Choice, start, build(syntax, node.children[i], next));
             }
             return start;
         }
@@ -55,26 +74,32 @@ RegexAutomaton::StateId RegexAutomaton::build(const RegexSyntax& syntax, std::si
         case Kind::Lookahead:
         case Kind::NegativeLookahead:
             return buildLookahead(syntax, node, next);
+        case Kind::Chars: {
+            const auto state = addState(node.kind, next.usual, 0, node.charSet);
+            return {state, state};
+        }
         default:
-            return addState(node.kind, next, 0, node.charSet);
+            return addStates(node.kind, next);
     }
 }
 
-RegexAutomaton::StateId RegexAutomaton::buildRepeat(const RegexSyntax& syntax,
-                                                    const RegexSyntax::Node& node, StateId next) {
+RegexAutomaton::Entry RegexAutomaton::buildRepeat(const RegexSyntax& syntax,
+                                                  const RegexSyntax::Node& node,
+                                                  const Entry& next) {
     const auto child = node.children.front();
     auto copies = node.minimum;
     auto start = next;
     if (node.maximum == RegexSyntax::unlimited) {
-        const auto loop = addState(Kind::Choice, next, next);
+        const auto loop = addStates(Kind::Choice, next, next);
         const auto body = build(syntax, child, loop);
-        m_states[loop].other = body;
+        m_states[loop.usual].other = body.usual;
+        m_states[loop.atBegin].other = body.atBegin;
         start = copies > 0 ? body : loop;
         copies -= copies > 0 ? 1 : 0;
     } else {
         for (auto i = node.minimum; i < node.maximum; ++i) {
             const auto more = build(syntax, child, start);
-            start = addState(Kind::Choice, next, more);
+            start = addStates(Kind::Choice, next, more);
         }
     }
     for (; copies > 0; --copies) {
@@ -83,16 +108,16 @@ RegexAutomaton::StateId RegexAutomaton::buildRepeat(const RegexSyntax& syntax,
     return start;
 }
 
-RegexAutomaton::StateId RegexAutomaton::buildLookahead(const RegexSyntax& syntax,
-                                                       const RegexSyntax::Node& node,
-                                                       StateId next) {
+RegexAutomaton::Entry RegexAutomaton::buildLookahead(const RegexSyntax& syntax,
+                                                     const RegexSyntax::Node& node,
+                                                     const Entry& next) {
     ++m_level;
     m_pending.resize(std::max<std::size_t>(m_pending.size(), m_level + 1));
     const auto bodyEnd = addState(Kind::Empty, end);
     m_lookaheadEnds.push_back(bodyEnd);
-    const auto body = build(syntax, node.children.front(), bodyEnd);
+    const auto body = build(syntax, node.children.front(), {bodyEnd, bodyEnd});
     --m_level;
-    return addState(node.kind, next, body);
+    return addStates(node.kind, next, {body.atBegin, body.atBegin});
 }
 
 RegexAutomaton::Edges RegexAutomaton::reverse(bool consuming) const {
@@ -189,19 +214,19 @@ bool RegexAutomaton::spread(std::string_view subject, std::size_t place) {
             }
         }
     }
-    return isEntered(m_start);
+    return isEntered(place == 0 ? m_start : m_laterStart);
 }
 
 bool RegexAutomaton::holds(const State& state, std::string_view subject, std::size_t place) const {
     switch (state.kind) {
         case Kind::LineBegin:
-            return place == 0;
+            return state.isAtBegin || place == 0;
         case Kind::LineEnd:
             return place == subject.size();
         case Kind::WordBoundary:
-            return isWordBoundary(subject, place);
+            return isWordBoundary(state, subject, place);
         case Kind::NoWordBoundary:
-            return !isWordBoundary(subject, place);
+            return !isWordBoundary(state, subject, place);
         case Kind::Lookahead:
             return isEntered(state.other);
         case Kind::NegativeLookahead:
@@ -211,11 +236,12 @@ bool RegexAutomaton::holds(const State& state, std::string_view subject, std::si
     }
 }
 
-bool RegexAutomaton::isWordBoundary(std::string_view subject, std::size_t place) {
+bool RegexAutomaton::isWordBoundary(const State& state, std::string_view subject,
+                                    std::size_t place) {
     const auto isWord = [subject](std::size_t at) {
         return at < subject.size() && wordChars().test(static_cast<unsigned char>(subject[at]));
     };
-    return (place > 0 && isWord(place - 1)) != isWord(place);
+    return (!state.isAtBegin && place > 0 && isWord(place - 1)) != isWord(place);
 }
 
 }  // namespace Hox::CppUtil

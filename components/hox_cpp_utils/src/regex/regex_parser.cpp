@@ -40,7 +40,7 @@ RegexParser::RegexParser(std::string_view expression) : m_text(expression) {}
 
 std::optional<RegexSyntax> RegexParser::parse() {
     const auto root = parseChoice();
-    if (!root || !atEnd()) {
+    if (!root || !atEnd() || m_hasBackReference) {
         return std::nullopt;
     }
     m_syntax.setRoot(*root);
@@ -180,7 +180,8 @@ RegexParser::MaybeNode RegexParser::parseEscape() {
     if (c != '0' && digits.find(c) != std::string_view::npos) {
         --m_position;
         parseNumber(std::regex_constants::error_backref);
-        return std::nullopt;
+        m_hasBackReference = true;
+        return addKind(RegexSyntax::Kind::Empty);
     }
     const std::size_t operand = c == 'c' ? 1 : c == 'x' ? 2 : c == 'u' ? 4 : 0;
     if (m_text.size() - m_position < operand) {

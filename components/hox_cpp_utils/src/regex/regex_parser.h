@@ -20,8 +20,9 @@ public:
     /// Keeps a reference to the text.
     explicit RegexParser(std::string_view expression);
 
-    /// Empty for an expression that the library refuses, too. Throws std::regex_error for a number
-    /// of more than nine digits, which the library must not see.
+    /// Empty for an expression that the library refuses, too, and for one with a back-reference.
+    /// Throws std::regex_error for a number of more than nine digits, which the library must not
+    /// see.
     std::optional<RegexSyntax> parse();
 
 private:
@@ -50,6 +51,7 @@ private:
 
     std::string_view m_text;
     std::size_t m_position = 0;
+    bool m_hasBackReference = false;
     RegexSyntax m_syntax;
     std::map<std::string, std::size_t, std::less<>> m_charSetOfAtom;
 };

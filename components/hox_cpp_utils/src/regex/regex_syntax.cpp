@@ -13,6 +13,10 @@ constexpr std::size_t beyondCounting = 1000000;
 
 std::size_t RegexSyntax::add(Node node) {
     m_stateCounts.push_back(std::min(countStates(node), beyondCounting));
+    m_looksBack.push_back(looksBack(node));
+    m_looksBackInLookahead =
+        m_looksBackInLookahead || (m_looksBack.back() && (node.kind == Kind::Lookahead ||
+                                                          node.kind == Kind::NegativeLookahead));
     m_nodes.push_back(std::move(node));
     return m_nodes.size() - 1;
 }
@@ -20,6 +24,13 @@ std::size_t RegexSyntax::add(Node node) {
 std::size_t RegexSyntax::addCharSet(const RegexCharSet& charSet) {
     m_charSets.push_back(charSet);
     return m_charSets.size() - 1;
+}
+
+bool RegexSyntax::looksBack(const Node& node) const {
+    return node.kind == Kind::LineBegin || node.kind == Kind::WordBoundary ||
+           node.kind == Kind::NoWordBoundary ||
+           std::any_of(node.children.begin(), node.children.end(),
+                       [this](std::size_t child) { return m_looksBack[child]; });
 }
 
 std::size_t RegexSyntax::countStates(const Node& node) const {

@@ -50,14 +50,22 @@ public:
     std::size_t root() const { return m_root; }
     void setRoot(std::size_t root) { m_root = root; }
 
-    /// States needed with all repetitions written out; no more exact beyond a million.
-    std::size_t stateCount() const { return m_stateCounts[m_root] + 1; }
+    /// Whether what a lookahead wants depends on what lies ahead of a place.
+    bool looksBackInLookahead() const { return m_looksBackInLookahead; }
+
+    /// States needed with all repetitions written out, at most; no more exact beyond a million.
+    std::size_t stateCount() const {
+        return m_stateCounts[m_root] * (m_looksBackInLookahead ? 3 : 1) + 1;
+    }
 
 private:
+    bool looksBack(const Node& node) const;
     std::size_t countStates(const Node& node) const;
 
     std::vector<Node> m_nodes;
     std::vector<std::size_t> m_stateCounts;
+    std::vector<bool> m_looksBack;
+    bool m_looksBackInLookahead = false;
     std::vector<RegexCharSet> m_charSets;
     std::size_t m_root = 0;
 };
