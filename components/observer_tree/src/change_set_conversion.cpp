@@ -10,18 +10,21 @@ DataTreeValPtr packedValue(bool isPresent, const google::protobuf::Any& packed) 
 
 }  // namespace
 
+void toWire(const ChangeSetMapVal& change, ObsTreeDataNodePair& pair) {
+    if (change.current) {
+        *pair.mutable_currentmessage() = *change.current->toAny();
+    }
+    if (change.previous) {
+        *pair.mutable_prevmessage() = *change.previous->toAny();
+    }
+}
+
 void toWire(const ChangeSetType& changes, ObsTreeObserveChangeSet& message) {
     auto& wireMap = *message.mutable_node_change_map();
     for (const auto& [key, keyChanges] : changes) {
         auto& pairList = *wireMap[key].mutable_nodepairlist();
         for (const auto& change : keyChanges) {
-            auto& pair = *pairList.Add();
-            if (change.current) {
-                *pair.mutable_currentmessage() = *change.current->toAny();
-            }
-            if (change.previous) {
-                *pair.mutable_prevmessage() = *change.previous->toAny();
-            }
+            toWire(change, *pairList.Add());
         }
     }
 }

@@ -10,6 +10,7 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/utils.h"
 
@@ -23,10 +24,6 @@ constexpr const char* stateIdKey = "/__csid";
 
 /// Keys of the tree that an update may still remove, with their values.
 using Candidates = std::map<std::string, DataTreeValPtr>;
-
-bool startsWith(const std::string& text, const std::string& start) {
-    return text.compare(0, start.size(), start) == 0;
-}
 
 /// A key that no expression may be tried on lies in no persistent part.
 bool matchesKey(Hox::CppUtil::BoundedRegex& expression, const std::string& key) {
@@ -50,7 +47,7 @@ Candidates candidatesFor(const std::string& regex, const DataTree& tree) {
 void removeLeftOvers(const Candidates& candidates, DataTree& tree) {
     for (const auto& candidate : candidates) {
         const auto first = tree.lower_bound(candidate.first);
-        if (first != tree.end() && startsWith(first->first, candidate.first) &&
+        if (first != tree.end() && Hox::CppUtil::str_starts_with(candidate.first, first->first) &&
             !first->second->notPersisted()) {
             tree.erase(candidate.first);
         }
@@ -230,14 +227,7 @@ void PersistenceHndlr::applyChangeSet(const ChangeSetType& changes, bool isPatch
     UpdateDataTreeReq request;
     request.set_do_compare(doCompare);
     for (const auto& [key, keyChanges] : changes) {
-        auto& pair = (*request.mutable_node_change_map())[key];
-        const auto& change = keyChanges.at(0);
-        if (change.current) {
-            *pair.mutable_currentmessage() = *change.current->toAny();
-        }
-        if (change.previous) {
-            *pair.mutable_prevmessage() = *change.previous->toAny();
-        }
+        toWire(keyChanges.at(0), (*request.mutable_node_change_map())[key]);
     }
     if (!isPatch) {
         request.set_node_remove_regex(m_persistKeyRegex);

@@ -5,6 +5,9 @@
 
 namespace Hox::ObserverTree {
 
+/// Sets the values that the change has. Runs under the data lock of the values' tree.
+void toWire(const ChangeSetMapVal& change, ObsTreeDataNodePair& pair);
+
 /// Adds the changes to node_change_map, key by key; each value is packed once, however often it is
 /// sent. Runs under the data lock of the values' tree.
 void toWire(const ChangeSetType& changes, ObsTreeObserveChangeSet& message);

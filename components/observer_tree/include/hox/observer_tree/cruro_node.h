@@ -82,6 +82,7 @@ public:
     template <typename InMsgType>
     using ObserverHook = std::function<void(const InMsgType&, const ObserverCallback&)>;
 
+    /// A node without handlers and observers.
     CRURONode() : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
     virtual ~CRURONode() = default;
     CRURONode(const CRURONode&) = delete;

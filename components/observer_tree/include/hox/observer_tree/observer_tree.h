@@ -15,6 +15,7 @@ namespace Hox::ObserverTree {
 /// Lives as long as its owner. See the bases for threads and locks.
 class ObserverTree : public ObserverTreeHandlerReg, public ObserverTreeOps {
 public:
+    /// An empty tree without handlers.
     ObserverTree();
     ~ObserverTree() override = default;
     ObserverTree(const ObserverTree&) = delete;

@@ -8,7 +8,7 @@ namespace Hox::ObserverTree {
 
 /// The outcome of storing in a central store.
 struct StoreNodeDataReturn {
-    Status status;
+    Status status;        ///< What came of it.
     std::string stateId;  ///< Identifies the stored state; counts only with an OK status.
 };
 
