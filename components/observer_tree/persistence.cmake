@@ -11,10 +11,17 @@ hox_add_library(hox_observer_tree_persistence
         src/persistence/persistence_hndlr.cpp
     PUBLIC hox_observer_tree)
 
-hox_add_test(hox_observer_tree_persistence_test
-    SOURCES
-        tests/persistence/node_data_file_hndlr_test.cpp
-        tests/persistence/persistence_hndlr_test.cpp
-    LIBS hox_observer_tree_persistence hox_testing
-    LABELS threads)
-target_include_directories(hox_observer_tree_persistence_test PRIVATE tests)
+if(HALVO_BUILD_TESTS)
+    hox_add_test(hox_observer_tree_persistence_test
+        SOURCES
+            tests/log_environment.cpp
+            tests/persistence/node_data_file_hndlr_test.cpp
+            tests/persistence/persistence_central_test.cpp
+            tests/persistence/persistence_hndlr_test.cpp
+            tests/persistence/persistence_kit.cpp
+            tests/persistence/persistence_kit.h
+            tests/persistence/persistence_requests_test.cpp
+        LIBS hox_observer_tree_persistence hox_testing
+        LABELS threads)
+    target_include_directories(hox_observer_tree_persistence_test PRIVATE tests)
+endif()

@@ -72,6 +72,19 @@ void applyEntry(const std::string& key, const ObsTreeDataNodePair& pair, bool do
     }
 }
 
+/// Empty, which matches no state of the store, where a file or a client has left something else.
+std::string readStateId(const DataTree& tree) {
+    const auto stateId = tree.find(stateIdKey);
+    if (stateId == tree.end()) {
+        return "";
+    }
+    try {
+        return stateId->second->get<google::protobuf::StringValue>().value();
+    } catch (const Hox::Error&) {
+        return "";
+    }
+}
+
 }  // namespace
 
 PersistenceHndlr::PersistenceHndlr(ObserverTree& tree,
@@ -140,12 +153,16 @@ void PersistenceHndlr::stopPersistingObsTree() {
 void PersistenceHndlr::startCentralObserving() {
     // Shared with the callback, which outlives this call.
     const auto firstAnswer = std::make_shared<Hox::CppUtil::BinarySemaphore>();
+    m_centralObserveHandle.reset();
+    m_centralDataSeen = false;
+    // A copy, as any change of the tree may replace the member once the lock is free.
+    const std::string lastStateId = m_confStateId;
     const bool wasLocked = m_lock && m_lock->owns_lock();
     if (wasLocked) {
         m_lock->unlock();
     }
     m_centralObserveHandle = m_nodeDataHndlr->observeNodeData(
-        m_confStateId, m_nodeType, m_nodeId, m_capabilityId,
+        lastStateId, m_nodeType, m_nodeId, m_capabilityId,
         [this, firstAnswer](const ChangeSetType& changes, const Status& status) {
             onCentralData(changes, status, *firstAnswer);
         });
@@ -248,10 +265,7 @@ UnaryHandlerReturnType<UpdateDataTreeResp> PersistenceHndlr::update(
         }
     }
     removeLeftOvers(candidates, tree);
-    const auto stateId = tree.find(stateIdKey);
-    if (stateId != tree.end()) {
-        response->set_conf_state_id(stateId->second->get<google::protobuf::StringValue>().value());
-    }
+    response->set_conf_state_id(readStateId(tree));
     return {std::move(response), Status()};
 }
 

@@ -25,9 +25,9 @@ namespace Hox::ObserverTree {
 class PersistenceHndlr {
 public:
     /// Registers its handlers. `lock` is the frame's slot for its lock of the capability, null or
-    /// empty after start-up; nodeType, nodeId and capabilityId address the central store. Throws
-    /// what BoundedRegex throws for a malformed keyRegex, DoubleRegistrationError for a second
-    /// handler on one tree.
+    /// empty after start-up; nodeType, nodeId and capabilityId address the central store. keyRegex
+    /// is not checked here: a malformed one ends the process at its first use. Throws
+    /// DoubleRegistrationError for a second handler on one tree.
     PersistenceHndlr(ObserverTree& tree, std::unique_ptr<std::unique_lock<std::mutex>>& lock,
                      std::string nodeType, std::string nodeId, std::string capabilityId,
                      const std::string& keyRegex);
@@ -47,10 +47,12 @@ public:
 
     /// Stores every further change; with persistFirstChange also all that the tree holds now,
     /// before this call returns. With a central store it waits for the store's first answer, and
-    /// lets go of the capability's lock meanwhile. Asserts that it is not persisting already.
+    /// lets go of the capability's lock meanwhile; not to be called from a handler or an observer
+    /// of the tree then, as the answer needs the tree. Asserts that it is not persisting already.
     void startPersistingObsTree(const std::string& persistDir, bool persistFirstChange);
 
-    /// Ends persisting to the directory.
+    /// Ends persisting. What the central store holds goes on to replace the persistent part of the
+    /// tree, until the next start observes the store anew.
     void stopPersistingObsTree();
 
     /// Writes the changes to the tree. Without isPatch all other selected keys go; with doCompare
@@ -73,6 +75,8 @@ private:
     void storeCentrally(ChangeSetType& changes);
     ChangeSetType readWholePicture();
 
+    // Released from the last to the first: the central observing ends ahead of everything that its
+    // last delivery uses, the tree observer behind it.
     std::shared_ptr<spdlog::logger> m_logger;
     ObserverTree& m_tree;
     std::unique_ptr<std::unique_lock<std::mutex>>& m_lock;

@@ -1,0 +1,258 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hox/testing/log_capture.h"
+#include "hox/testing/wait_until.h"
+#include "persistence/persistence_kit.h"
+
+namespace Hox::ObserverTree {
+namespace {
+
+using Hox::Testing::LogCapture;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using TestKit::newKeys;
+using TestKit::Observations;
+using TestKit::value;
+
+class CentralPersistence : public TestKit::Persistence {
+protected:
+    /// Starts persisting; the store answers at once with `first`.
+    void start(const ChangeSetType& first, const Status& status, const std::string& dir = "") {
+        auto& persistence = handler();
+        persistence.setNodeDataHndlr(m_store);
+        m_store->onObserve = [this, first, status] { m_store->callback(first, status); };
+        persistence.init(true, dir);
+        m_store->onObserve = nullptr;
+    }
+
+    std::shared_ptr<TestKit::FakeCentralStore> m_store =
+        std::make_shared<TestKit::FakeCentralStore>();
+};
+
+TEST_F(CentralPersistence, TheCentralContentReplacesTheLocalOne) {
+    NodeDataFileHndlr().saveChangeSet(newKeys({"/keep/local"}), m_dir);
+    start(newKeys({"/keep/central"}), Status(), m_dir);
+    EXPECT_THAT(content(), ElementsAre("/keep/central=/keep/central"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/keep/central=/keep/central"));
+    EXPECT_THAT(m_store->calls, ElementsAre("observe |mb/0/cap")) << "nothing is sent back";
+}
+
+TEST_F(CentralPersistence, ObserversSeeTheOldContentGoAndTheNewOneCome) {
+    ChangeSetType first = newKeys({"/keep/a", "/keep/b"});
+    first["/__csid"] = {ChangeSetMapVal{value("c1"), nullptr}};
+    start(first, Status());
+    Observations seen;
+    const auto handle = observe(".*", seen);
+    m_store->callback(newKeys({"/keep/b", "/keep/c"}), Status());
+    EXPECT_THAT(
+        seen.calls(),
+        ElementsAre("/__csid: c1 -> null, /keep/a: /keep/a -> null, /keep/b: /keep/b -> null",
+                    "/keep/b: null -> /keep/b, /keep/c: null -> /keep/c"));
+}
+
+TEST_F(CentralPersistence, NobodyReadsTheTreeBetweenTheOldContentAndTheNew) {
+    constexpr int rounds = 20;
+    ChangeSetType central = newKeys({"/keep/a"});
+    // It takes a while to write, which is long enough for a reader that waits.
+    central["/keep/large"] = {ChangeSetMapVal{value(std::string(8000000, 'x')), nullptr}};
+    start(central, Status());
+    std::atomic<bool> isOver{false};
+    std::atomic<int> reads{0};
+    auto reader = std::async(std::launch::async, [this, &isOver, &reads] {
+        int missed = 0;
+        for (; !isOver; ++reads) {
+            missed += read("/keep/a").changeset().node_change_map().empty() ? 1 : 0;
+        }
+        return missed;
+    });
+    int round = 0;
+    EXPECT_TRUE(Hox::Testing::waitUntil([&] {
+        m_store->callback(central, Status());
+        return ++round >= rounds && reads >= rounds;
+    }));
+    isOver = true;
+    EXPECT_EQ(reader.get(), 0);
+}
+
+TEST_F(CentralPersistence, SendsEverythingFirstAndPatchesAfterwards) {
+    start(newKeys({"/keep/a"}), Status());
+    m_store->calls.clear();
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls,
+                ElementsAre("|mb/0/cap|full", "  /keep/a: null -> /keep/a", "  /keep/b: null -> 2",
+                            // The new state id is a change of its own.
+                            "id1|mb/0/cap|patch", "  /__csid: null -> id1"));
+    EXPECT_THAT(content(), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=2"));
+}
+
+TEST_F(CentralPersistence, WritesEverythingToFilesAsWellWhenItSendsEverything) {
+    start(newKeys({"/keep/a"}), Status(), m_dir);
+    std::filesystem::remove_all(m_dir / "keep/a");
+    set("/keep/b", "2");
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=2"));
+}
+
+TEST_F(CentralPersistence, KeepsTheFileOfAKeyWhoseRemovalMadeItSendEverything) {
+    start(newKeys({"/keep/a", "/keep/b"}), Status(), m_dir);
+    remove("/keep/a");
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=/keep/b"))
+        << "what is sent takes the place of the change";
+    remove("/keep/b");
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id2", "/keep/a=/keep/a"));
+}
+
+TEST_F(CentralPersistence, SendsNothingBackOfALaterDelivery) {
+    start({}, Status());
+    m_store->calls.clear();
+    m_store->callback(newKeys({"/keep/x"}), Status());
+    EXPECT_THAT(m_store->calls, IsEmpty());
+    EXPECT_THAT(content(), ElementsAre("/keep/x=/keep/x"));
+    m_store->answers.push_back({Status(ProtoStatus::ALREADY_EXISTS, ""), ""});
+    set("/keep/y", "y");
+    EXPECT_THAT(m_store->calls, ElementsAre("|mb/0/cap|full", "  /keep/x: null -> /keep/x",
+                                            "  /keep/y: null -> y"));
+}
+
+TEST_F(CentralPersistence, AsksAndSendsWithTheLastStateId) {
+    ChangeSetType saved = newKeys({"/keep/a"});
+    saved["/__csid"] = {ChangeSetMapVal{value("7"), nullptr}};
+    NodeDataFileHndlr().saveChangeSet(saved, m_dir);
+    ChangeSetType central;
+    central["/__csid"] = {ChangeSetMapVal{value("c5"), nullptr}};
+    start(central, Status(), m_dir);
+    EXPECT_THAT(m_store->calls, ElementsAre("observe 7|mb/0/cap"));
+
+    m_store->calls.clear();
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls,
+                ElementsAre("c5|mb/0/cap|full", "  /__csid: null -> c5", "  /keep/b: null -> 2",
+                            "id1|mb/0/cap|patch", "  /__csid: c5 -> id1"));
+
+    m_store->calls.clear();
+    m_store->callback(newKeys({"/keep/c"}), Status());
+    m_store->answers.push_back({Status(ProtoStatus::ALREADY_EXISTS, ""), ""});
+    set("/keep/d", "4");
+    EXPECT_THAT(m_store->calls, ElementsAre("|mb/0/cap|patch", "  /keep/d: null -> 4"))
+        << "the store has told of no state id";
+}
+
+TEST_F(CentralPersistence, KeepsTheIdQuietlyWhenThereIsNothingToSend) {
+    const LogCapture log("PersistenceHndlr");
+    start({}, Status());
+    m_store->answers.push_back({Status(), "one"});
+    m_store->answers.push_back({Status(ProtoStatus::ALREADY_EXISTS, ""), ""});
+    set("/keep/a", "1");
+    EXPECT_THAT(content(), ElementsAre("/__csid=one", "/keep/a=1"));
+    EXPECT_THAT(log.textsAt(spdlog::level::warn), IsEmpty());
+    m_store->calls.clear();
+    m_store->answers.push_back({Status(ProtoStatus::ALREADY_EXISTS, ""), ""});
+    set("/keep/a", "2");
+    EXPECT_THAT(m_store->calls, ElementsAre("one|mb/0/cap|patch", "  /keep/a: 1 -> 2"));
+}
+
+TEST_F(CentralPersistence, WarnsOfAFailureAndStillWritesTheFile) {
+    const LogCapture log("PersistenceHndlr");
+    start({}, Status(), m_dir);
+    m_store->answers.push_back({Status(ProtoStatus::UNAVAILABLE, "away"), ""});
+    set("/keep/a", "1");
+    EXPECT_THAT(log.textsAt(spdlog::level::warn),
+                ElementsAre("Store node data centrally failed - status "
+                            "statusCode: UNAVAILABLE\nerrorMessage: \"away\"\n"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/keep/a=1"));
+    m_store->calls.clear();
+    m_store->answers.push_back({Status(ProtoStatus::ALREADY_EXISTS, ""), ""});
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls,
+                ElementsAre("|mb/0/cap|full", "  /keep/a: null -> 1", "  /keep/b: null -> 2"))
+        << "a failed full send is tried in full again";
+}
+
+TEST_F(CentralPersistence, TheFirstAnswerReleasesTheStartWhateverItSays) {
+    set("/keep/a", "1");
+    start(newKeys({"/keep/x"}), Status(ProtoStatus::CANCELLED, "gone"));
+    EXPECT_THAT(content(), ElementsAre("/keep/a=1"));
+    m_store->calls.clear();
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls, IsEmpty()) << "the store has not said what it holds";
+    m_store->callback(newKeys({"/keep/x"}), Status());
+    EXPECT_THAT(content(), ElementsAre("/keep/x=/keep/x"));
+}
+
+TEST_F(CentralPersistence, LetsGoOfTheCapabilitysLockWhileItWaits) {
+    std::mutex capabilityMutex;
+    m_lock = std::make_unique<std::unique_lock<std::mutex>>(capabilityMutex);
+    auto& persistence = handler();
+    persistence.setNodeDataHndlr(m_store);
+    std::thread client;
+    m_store->onObserve = [&] {
+        client = std::thread([&] {
+            const std::lock_guard<std::mutex> lock(capabilityMutex);
+            m_store->callback(newKeys({"/keep/x"}), Status());
+        });
+    };
+    persistence.init(true, "");
+    client.join();
+    EXPECT_TRUE(m_lock->owns_lock());
+    m_lock.reset();
+    EXPECT_THAT(content(), ElementsAre("/keep/x=/keep/x"));
+}
+
+TEST_F(CentralPersistence, AsksWithTheStateIdOfItsStartWhateverArrivesMeanwhile) {
+    std::mutex capabilityMutex;
+    m_lock = std::make_unique<std::unique_lock<std::mutex>>(capabilityMutex);
+    auto& persistence = handler();
+    persistence.setNodeDataHndlr(m_store);
+    // The store itself looks whether its argument stays as it is.
+    m_store->onObserve = [&] {
+        std::thread([&] {
+            const std::lock_guard<std::mutex> lock(capabilityMutex);
+            ChangeSetType central;
+            central["/__csid"] = {ChangeSetMapVal{value("arrived meanwhile"), nullptr}};
+            m_store->callback(central, Status());
+        }).join();
+    };
+    persistence.init(true, "");
+    m_lock.reset();
+    EXPECT_THAT(m_store->calls, ElementsAre("observe |mb/0/cap"));
+    EXPECT_THAT(content(), ElementsAre("/__csid=arrived meanwhile"));
+}
+
+TEST_F(CentralPersistence, ObservesTheStoreAcrossAStopAndAnewFromTheNextStart) {
+    start(newKeys({"/keep/a"}), Status(), m_dir);
+    m_handler->stopPersistingObsTree();
+    EXPECT_EQ(m_store->endedObservings, 0);
+    m_store->callback(newKeys({"/keep/b"}), Status());
+    EXPECT_THAT(content(), ElementsAre("/keep/b=/keep/b"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/keep/a=/keep/a")) << "nothing is stored meanwhile";
+
+    m_store->onObserve = [this] {
+        EXPECT_EQ(m_store->endedObservings, 1) << "one observation at a time";
+        m_store->callback(newKeys({"/keep/c"}), Status());
+    };
+    m_handler->startPersistingObsTree(m_dir, false);
+    EXPECT_EQ(m_store->endedObservings, 1);
+    EXPECT_THAT(content(), ElementsAre("/keep/c=/keep/c"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/keep/a=/keep/a", "/keep/c=/keep/c"));
+}
+
+TEST_F(CentralPersistence, StoresWhatIsChangedWhileItsObservingEnds) {
+    start({}, Status(), m_dir);
+    EXPECT_EQ(m_store->endedObservings, 0);
+    m_store->onEndOfObserving = [this] { set("/keep/z", "1"); };
+    m_handler.reset();
+    EXPECT_EQ(m_store->endedObservings, 1);
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/z=1"));
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree
