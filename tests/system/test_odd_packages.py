@@ -186,6 +186,19 @@ def test_the_limit_of_an_export_holds_to_the_byte(service, client):
                 "the buffer is exceeding bufMaxSize")
 
 
+def test_a_state_id_of_the_whole_that_cannot_be_read_prevents_nothing(store, start):
+    files = {**store.packaged, "__csid/data": b"broken"}
+    assert store.load(archive(files)) == ("OK", "")
+    assert saved_files(store.service) == files
+    assert store.tuner.content() == {f"/{number}": f"packaged {number}" for number in range(5)}
+    discard(store.client)
+    store.service.assert_alive()
+    store.service.stop()
+    again = start("--configdir", str(store.service.folder / "config"))
+    assert Slice(again.client()).content() == {f"/{number}": f"packaged {number}"
+                                               for number in range(5)}
+
+
 def long_key(total):
     """A key of the slice mb/0/tuner that is so long with the slice's root."""
     left = total - len("/sys/conf/mb/0/tuner")

@@ -1,7 +1,5 @@
 #include "conf_keys.h"
 
-#include <google/protobuf/wrappers.pb.h>
-
 #include <algorithm>
 #include <memory>
 #include <string_view>
@@ -110,15 +108,14 @@ ChangeSetType splitCapConfKeys(Hox::ObserverTree::ObsTreeObserveChangeSet&& chan
 
 void checkSaved(const ChangeSetType& content) {
     const Hox::ObserverTree::PathManipulation path;
-    for (const auto& [key, changes] : content) {
+    for (const auto& saved : content) {
+        const std::string& key = saved.first;
         if (isKept(key)) {
             path.parsePath(Hox::ObserverTree::PathType::Key, key);
             const std::string refusal = whyNotStorable(key);
             if (!refusal.empty()) {
                 throw Hox::CppUtil::InvalidArgumentError(refusal, __FILE__, __LINE__);
             }
-        } else if (key == stateIdKey) {
-            changes.at(0).current->get<google::protobuf::StringValue>();
         }
     }
 }

@@ -45,8 +45,8 @@ void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::strin
 }
 
 /// Throws what the tree would throw for saved values that are loaded: PathError for a key that is
-/// none, BadCast for a state id of another type; and InvalidArgumentError for a key that could be
-/// loaded, but not saved again. Keys outside of the store are passed over.
+/// none, and InvalidArgumentError for a key that could be loaded, but not saved again. Keys outside
+/// of the store are passed over.
 void checkSaved(const Hox::ObserverTree::ChangeSetType& content);
 
 /// Why the file store cannot hold the key, or an empty text.

@@ -404,7 +404,7 @@ TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
                "/sys/conf/mb/0/tuner/a/data("},
           Case{"sys/conf/mb/0/data~/a/data", "{}", "Invalid Argument Error: Key has the reserved"},
           Case{longFile.c_str(), "{}", "Invalid Argument Error: Key is longer than 3000 bytes: "},
-          Case{"__csid/data", "broken", "Bad Cast Error: "}, Case{"partno", "many\n", "stoi"},
+          Case{"partno", "many\n", "stoi"},
           Case{"partno", "99999999999\n", "stoi"}}) {
         const fs::path dir = m_dir / "bad";
         fs::remove_all(dir);
@@ -416,6 +416,50 @@ TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
         EXPECT_FALSE(fs::exists(m_scratch));
         EXPECT_EQ(content(), keys);
         EXPECT_EQ(filesOf(m_saved), files);
+    }
+}
+
+TEST_F(SavedConfiguration, MayHoldAStateIdOfTheWholeThatCannotBeRead) {
+    const auto id = update(Update("tuner").set("/a", "1"));
+    ASSERT_TRUE(save().isOk());
+    for (const std::string broken :
+         {"broken", "",
+          R"({"@type":"type.googleapis.com/google.protobuf.Int32Value","value":7})"}) {
+        write(m_saved / "__csid/data", broken);
+        start();
+        EXPECT_THAT(content(), ElementsAre("/__csid", "/sys/conf/mb/0/tuner/__csid",
+                                           "/sys/conf/mb/0/tuner/a"));
+        ASSERT_TRUE(discard().isOk());
+        std::string package;
+        ASSERT_TRUE(exportPackage(package).isOk());
+        ASSERT_TRUE(clear().isOk());
+        const Status status = importPackage(package);
+        EXPECT_TRUE(status.isOk()) << status.errorMessage();
+        EXPECT_THAT(content(), ElementsAre("/__csid", "/sys/conf/mb/0/tuner/__csid",
+                                           "/sys/conf/mb/0/tuner/a"));
+        EXPECT_EQ(read(m_saved / "__csid/data"), broken);
+    }
+    update(Update("tuner", id).set("/b", "2"));
+}
+
+/// Nothing matches such an id, so that the slice stands until it is cleared, discarded or replaced.
+TEST_F(SavedConfiguration, OfASliceWhoseStateIdCannotBeReadIsReadOnly) {
+    const auto id = update(Update("tuner").set("/a", "1"));
+    ASSERT_TRUE(save().isOk());
+    for (const std::string& broken : {std::string("broken"), std::string(), asJson(id)}) {
+        write(m_saved / "sys/conf/mb/0/tuner/__csid/data", broken);
+        start();
+        for (const std::string& stateId : {id, std::string(), broken}) {
+            for (const auto& request : {Update("tuner", stateId).set("/a", "2"),
+                                        Update("tuner", stateId).full().set("/a", "2")}) {
+                const Status status = tryUpdate(request);
+                EXPECT_EQ(status.statusCode(), ProtoStatus::FAILED_PRECONDITION) << broken;
+                EXPECT_EQ(status.errorMessage(), "ConfState identifier didnt match") << broken;
+            }
+            std::vector<std::string> told;
+            const auto handle = observe("tuner", stateId, told);
+            EXPECT_THAT(told, ElementsAre("0 /__csid /a=1")) << broken;
+        }
     }
 }
 
