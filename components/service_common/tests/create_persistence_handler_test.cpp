@@ -1,16 +1,26 @@
 #include "hox/service_common/service_initializer/create_persistence_handler.h"
 
+#include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
 #include <any>
+#include <filesystem>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
+
+#include "hox/testing/temp_dir.h"
 
 namespace Hox::Service {
 namespace {
 
+using google::protobuf::StringValue;
 using Hox::ObserverTree::ChangeSetType;
+using Hox::ObserverTree::DataTree;
+using Hox::ObserverTree::DataTreeVal;
 using Hox::ObserverTree::Status;
+using Hox::ObserverTree::UnaryOps;
 
 /// A central store that records whom it is asked for, and whether the capability's lock was free.
 class RecordingStore : public Hox::ObserverTree::INodeDataHndlr {
@@ -30,7 +40,8 @@ public:
                              const std::string& nodeId, const std::string& capabilityId,
                              std::function<void(ChangeSetType, const Status&)> callback) override {
         asked = nodeType + "/" + nodeId + "/" + capabilityId;
-        wasLockFree = !m_ctx.getCapabilityLock()->owns_lock();
+        const auto& lock = m_ctx.getCapabilityLock();
+        wasLockFree = !lock || !lock->owns_lock();
         callback({}, Status());
         return {};
     }
@@ -58,12 +69,44 @@ TEST(CreatePersistenceHandler, AddressesTheCapabilityOfThisNodeAndUsesTheFramesL
     EXPECT_TRUE(ctx.getCapabilityLock()->owns_lock());
 }
 
-TEST(CreatePersistenceHandler, WorksWithFilesAloneAndWithoutALock) {
+TEST(CreatePersistenceHandler, LeavesALockAloneThatIsNotThereOrNotHeld) {
     LumServiceCtx ctx("program");
+    ctx.setIdentity({"head-1", "0", "mb"});
     Hox::ObserverTree::ObserverTree tree;
     const auto handler = createPersistenceHandler(ctx, tree, "snmp", "/snmp");
+    const auto store = std::make_shared<RecordingStore>(ctx);
+    handler->setNodeDataHndlr(store);
     handler->init(true, "");
+    EXPECT_EQ(store->asked, "mb/0/snmp");
+    EXPECT_FALSE(ctx.getCapabilityLock());
+
     handler->stopPersistingObsTree();
+    store->asked.clear();
+    std::mutex mutex;
+    ctx.getCapabilityLock() =
+        std::make_unique<std::unique_lock<std::mutex>>(mutex, std::defer_lock);
+    handler->startPersistingObsTree("", false);
+    EXPECT_EQ(store->asked, "mb/0/snmp");
+    EXPECT_FALSE(ctx.getCapabilityLock()->owns_lock());
+}
+
+TEST(CreatePersistenceHandler, KeepsTheSelectedKeysInFilesWithoutAStore) {
+    const Hox::Testing::TempDir dir;
+    LumServiceCtx ctx("program");
+    Hox::ObserverTree::ObserverTree tree;
+    tree.registerUnaryOpHandler<UnaryOps::UPDATE, StringValue, StringValue>(
+        "/", [](const StringValue& request, DataTree& data) {
+            for (const char* key : {"/snmp", "/other"}) {
+                data.insert_or_assign(key, std::make_shared<const DataTreeVal>(request));
+            }
+            return Hox::ObserverTree::UnaryHandlerReturnType<StringValue>{nullptr, Status()};
+        });
+    const auto handler = createPersistenceHandler(ctx, tree, "snmp", "/snmp");
+    handler->init(true, dir.path());
+    tree.callApiOp<UnaryOps::UPDATE, StringValue, StringValue>("/", StringValue());
+    const auto files = handler->nodeDataFile().readNodeData(dir.path());
+    ASSERT_EQ(files.size(), 1U);
+    EXPECT_EQ(files.begin()->first, "/snmp");
 }
 
 }  // namespace
