@@ -9,6 +9,8 @@
 
 namespace Hox::ObserverTree {
 
+using NextStatus = grpc::CompletionQueue::NextStatus;
+
 AsyncGrpcServerHandler::AsyncGrpcServerHandler(
     std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
     std::shared_ptr<std::mutex> capabilityMutex)
@@ -57,16 +59,24 @@ void AsyncGrpcServerHandler::startProcessingCompletionQueue(std::promise<void> r
     m_logger->log(Hox::Log::here(), spdlog::level::debug, "Async gRPC server thread started!");
     requestFirstCalls();
     requested.set_value();
+    if (processEvents() == NextStatus::TIMEOUT) {
+        // The queue was shut down behind that look at it: what came in between still lies there.
+        processEvents();
+    }
+    m_logger->log(Hox::Log::here(), spdlog::level::debug, "AsyncGrpcServerHandler Thread Exited ");
+    const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
+    freeAllTags();
+}
+
+NextStatus AsyncGrpcServerHandler::processEvents() {
     void* tag = nullptr;
     bool ok = false;
-    auto outcome = grpc::CompletionQueue::NextStatus::TIMEOUT;
+    auto outcome = NextStatus::TIMEOUT;
     do {
         outcome = m_completionQueue->AsyncNext(&tag, &ok,
                                                std::chrono::system_clock::now() + pollInterval);
     } while (processEvent(outcome, tag, ok));
-    m_logger->log(Hox::Log::here(), spdlog::level::debug, "AsyncGrpcServerHandler Thread Exited ");
-    const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
-    freeAllTags();
+    return outcome;
 }
 
 void AsyncGrpcServerHandler::requestFirstCalls() {
@@ -136,7 +146,7 @@ void AsyncGrpcServerHandler::drainQueue() {
     bool ok = false;
     while (
         m_completionQueue->AsyncNext(&tag, &ok, std::chrono::system_clock::now() + pollInterval) ==
-        grpc::CompletionQueue::NextStatus::GOT_EVENT) {
+        NextStatus::GOT_EVENT) {
         freeTag(static_cast<CallDataTag*>(tag));
     }
 }

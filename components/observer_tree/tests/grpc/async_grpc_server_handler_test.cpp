@@ -4,10 +4,15 @@
 #include <gmock/gmock.h>
 #include <google/protobuf/descriptor.pb.h>
 #include <grpcpp/generic/generic_stub.h>
+#include <sys/syscall.h>
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 #include "grpc/served_tree.h"
@@ -133,6 +138,43 @@ TEST(AsyncGrpcServerHandler, GoesQuietlyWhenItNeverStarted) {
         const auto handler = handlerWithoutServer(builder);
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+/// Whether a thread of this process waits for the mutex.
+bool isAwaited(std::mutex& mutex) {
+    std::ostringstream wait;
+    wait << SYS_futex << " " << static_cast<void*>(mutex.native_handle()) << " ";
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::any_of(begin(threads), end(threads), [&wait](const auto& thread) {
+        std::string call;
+        std::getline(std::ifstream(thread.path() / "syscall"), call);
+        return call.rfind(wait.str(), 0) == 0;
+    });
+}
+
+TEST(AsyncGrpcServerHandler, FreesWhatComesBetweenItsLastLookAtTheQueueAndTheEnd) {
+    const LogCapture log(handlerLogger, spdlog::level::trace);
+    HandDrivenServer served;
+    served.handler->startCompletionQueueThread();
+    const ObserveClient client(*served.stub);
+    ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 1; }));
+
+    // The thread finds nothing in the queue and then has to wait for the mutex.
+    std::unique_lock<std::mutex> lock(*served.mutex);
+    ASSERT_TRUE(waitUntil([&] { return isAwaited(*served.mutex); }));
+    createItem(*served.tree, "a");
+    const auto destroyed = std::async(std::launch::async, [&served] { served.destroyHandler(); });
+    // Changes are queued behind the first one until the handler goes.
+    ASSERT_TRUE(waitUntil([&] {
+        const auto before = log.texts().size();
+        createItem(*served.tree, "a");
+        return log.texts().size() == before;
+    }));
+    lock.unlock();
+    destroyed.wait();
+    EXPECT_EQ(served.handlers.observers, 0);
+    // The queue tells of its shutdown only when it is empty.
+    EXPECT_TRUE(log.containsInOrder({"Shutdown", "AsyncGrpcServerHandler Thread Exited "}));
 }
 
 TEST(AsyncGrpcServerHandler, OpenStreamsEndWithTheirObservations) {

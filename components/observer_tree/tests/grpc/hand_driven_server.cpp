@@ -58,8 +58,7 @@ HandDrivenServer::HandDrivenServer() {
     grpc::ServerBuilder builder;
     auto queue = builder.AddCompletionQueue(true);
     m_queue = queue.get();
-    handler =
-        std::make_unique<AsyncGrpcServerHandler>(std::move(queue), std::make_shared<std::mutex>());
+    handler = std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex);
     const auto* descriptor = Item::descriptor()->file()->FindServiceByName("TestService");
     for (int index = 0; index < descriptor->method_count(); ++index) {
         const auto& method = *descriptor->method(index);

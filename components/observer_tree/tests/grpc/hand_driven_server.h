@@ -80,6 +80,7 @@ public:
     /// does no harm.
     void destroyHandler();
 
+    std::shared_ptr<std::mutex> mutex = std::make_shared<std::mutex>();  ///< The capability's.
     ItemHandlers handlers;
     std::unique_ptr<ObserverTree> tree = std::make_unique<ObserverTree>();
     std::shared_ptr<CountingService> service = std::make_shared<CountingService>();

@@ -78,6 +78,8 @@ private:
     using CallDataTag = std::shared_ptr<CallData>;
 
     void startProcessingCompletionQueue(std::promise<void> requested);
+    /// Handles events until processEvent returns false; returns the outcome at which it did.
+    grpc::CompletionQueue::NextStatus processEvents();
     void createCallData(const std::shared_ptr<const AsyncMethodDesc>& asyncMethodDesc);
     void requestUnaryCall(CallDataTag* tag);
     void requestStreamingCall(CallDataTag* tag);
