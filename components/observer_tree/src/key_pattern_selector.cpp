@@ -101,8 +101,7 @@ KeyPatternSelector::SelectionPtr KeyPatternSelector::selectionFor(const std::str
 }
 
 void KeyPatternSelector::parse(const std::string& keyPattern, Selection& selection) const {
-    selection.pattern = m_path.parsePath(PathType::KeyPattern, keyPattern);
-    const auto& pattern = selection.pattern;
+    auto pattern = m_path.parsePath(PathType::KeyPattern, keyPattern);
     std::size_t literals = 0;
     while (literals < pattern.size() && std::holds_alternative<std::string>(pattern[literals])) {
         selection.prefix.append("/").append(std::get<std::string>(pattern[literals]));
@@ -116,6 +115,7 @@ void KeyPatternSelector::parse(const std::string& keyPattern, Selection& selecti
         selection.kind = Selection::Kind::Subtree;
     } else {
         selection.kind = Selection::Kind::Pattern;
+        selection.pattern = std::move(pattern);
     }
 }
 

@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -300,6 +302,24 @@ TEST_F(DefaultObserveHandler, LetsGoOfDeliveredValues) {
     const auto former = first;
     update(m_tree, "/a");
     EXPECT_TRUE(former.expired());
+}
+
+TEST_F(DefaultObserveHandler, KeepsLittleMoreOfALongPatternThanItsText) {
+    // What a sanitizer counts is another matter: there both counts are the same.
+    const auto allocated = [] {
+        const auto info = mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    std::string longPattern;
+    for (int component = 0; component < 200000; ++component) {
+        longPattern += "/a";
+    }
+    for (const std::string end : {"", "/**"}) {
+        const auto before = allocated();
+        const auto handle = observe(longPattern + end, [](const ChangeSetType&, const Status&) {});
+        update(m_tree, "/", "/a");
+        EXPECT_LT(allocated() - before, 8 * longPattern.size()) << end;
+    }
 }
 
 TEST(DumpDataTree, WritesOneLinePerKey) {
