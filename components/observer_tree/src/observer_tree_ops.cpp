@@ -100,8 +100,11 @@ void ObserverTreeOps::callAllObserveHandlers(DataTree& tree, std::function<void(
 
 void ObserverTreeOps::runDeferredCallbacks() {
     while (!m_deferredCallbacks.empty()) {
-        m_deferredCallbacks.front()();
+        // It may hold the last handle of an observer, whose end may defer a further callback: the
+        // queue must not be in the middle of a change when that happens.
+        const auto callback = std::move(m_deferredCallbacks.front());
         m_deferredCallbacks.pop_front();
+        callback();
     }
 }
 

@@ -332,6 +332,25 @@ TEST_F(Delivery, KeepsAnObserverForItsDeferredSnapshot) {
     EXPECT_THAT(m_events, ElementsAre("outer: [/a: 1 -> 2]"));
 }
 
+TEST_F(Delivery, BringsTheSnapshotToAnObserverThatComesAsAnotherOneGoes) {
+    bool isFirst = true;
+    std::vector<Handle> next;
+    m_tree.registerObserverGoneHandler<ObserveReq>("/z",
+                                                   [&](const ObserveReq&, const ObserverCallback&) {
+                                                       m_events.emplace_back("gone");
+                                                       next.push_back(observe("/y", "next"));
+                                                       next.push_back(observe("/y", "last"));
+                                                   });
+    const auto outer = observe("/y", "outer", [&] {
+        if (std::exchange(isFirst, false)) {
+            observe("/z", "inner").reset();
+        }
+    });
+    update(m_tree, "/a", "1");
+    EXPECT_THAT(m_events, ElementsAre("outer: [/a: null -> 1]", "inner: [/a: null -> 1]", "gone",
+                                      "next: [/a: null -> 1]", "last: [/a: null -> 1]"));
+}
+
 TEST_F(Delivery, ReachesNoObserverWhoseHandleWasDroppedAhead) {
     auto later = observe("/y", "later");
     const auto first = observe("/z", "first", [&] { later.reset(); });
