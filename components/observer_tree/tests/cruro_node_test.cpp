@@ -102,6 +102,24 @@ TEST_F(UnaryNode, LetsATakingHandlerEmptyOnlyARequestThatIsGivenOver) {
     EXPECT_THAT(taken, ElementsAre("text", "text", "text"));
 }
 
+TEST_F(UnaryNode, LogsWhatAFailedTakingHandlerLeftOfARequestThatWasGivenOver) {
+    const AssertionReports reports;
+    m_node->setUnaryTakingHandler<UnaryOps::READ, StringValue, Int64Value>(
+        [](StringValue&& request, DataTree&) -> UnaryHandlerReturnType<Int64Value> {
+            const StringValue taken(std::move(request));
+            request.clear_value();
+            throw std::runtime_error("boom");
+        });
+    EXPECT_THROW(m_node->callUnaryHandlerCast<UnaryOps::READ>(message("text"), m_tree),
+                 std::runtime_error);
+    EXPECT_THAT(errors(), ElementsAre("It is forbidden to throw exceptions from crur handler "
+                                      "callbacks - boom",
+                                      "msg: "));
+    EXPECT_THROW(readCast(message("text")), std::runtime_error);
+    EXPECT_THAT(errors().back(), "msg: value: \"text\"\n");
+    EXPECT_THAT(reports.conditions(), ElementsAre("false", "false"));
+}
+
 TEST_F(UnaryNode, GivesARequestOverToAHandlerThatOnlyReads) {
     onRead([](const StringValue& request, DataTree&) {
         return answer(static_cast<int64_t>(request.value().size()));

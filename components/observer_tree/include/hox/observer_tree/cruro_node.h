@@ -96,7 +96,8 @@ public:
     void setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler);
 
     /// The same for a handler that may take its request over; it gets a copy of a request that its
-    /// caller keeps.
+    /// caller keeps. When it fails with a request that was given over, the log shows what it left
+    /// of it: to keep the text for that case would cost each call a copy.
     template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
     void setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler);
 
