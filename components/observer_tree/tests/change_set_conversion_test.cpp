@@ -84,14 +84,6 @@ TEST(ChangeSetToWire, LeavesTheStatusAlone) {
     EXPECT_EQ(wire.node_change_map().size(), 2U);
 }
 
-TEST(ChangeSetToWire, PacksAValueOnceForAllObservers) {
-    const auto shared = value("x");
-    const auto* packed = shared->toAny();
-    wireOf({{"/a", {{shared, shared}}}});
-    wireOf({{"/b", {{shared, nullptr}}}});
-    EXPECT_EQ(shared->toAny(), packed);
-}
-
 TEST(ChangeSetFromWire, LeavesValuesPacked) {
     ObsTreeObserveChangeSet wire;
     auto& pair = *(*wire.mutable_node_change_map())["/a"].add_nodepairlist();

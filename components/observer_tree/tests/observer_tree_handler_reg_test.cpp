@@ -30,6 +30,13 @@ void answerEmpty(ObserverTree& tree, const std::string& address) {
         });
 }
 
+void answerTaking(ObserverTree& tree, const std::string& address) {
+    tree.registerUnaryTakingOpHandler<UnaryOps::UPDATE, StringValue, StringValue>(
+        address, [](StringValue&&, DataTree&) {
+            return UnaryHandlerReturnType<StringValue>{std::make_unique<StringValue>(), Status()};
+        });
+}
+
 template <UnaryOps OpId>
 bool isServed(ObserverTree& tree, const std::string& address) {
     return tree.getUnaryOpFuncNode<OpId>(address) != tree.getUnaryOpFuncNode<OpId>("/nowhere");
@@ -73,6 +80,8 @@ TEST(HandlerRegistration, RefusesMalformedAddressesAndChangesNothing) {
         EXPECT_THROW(tree.registerNewObserverHandler<ObserveReq>(address, hook), PathError);
         EXPECT_THROW(tree.registerObserverGoneHandler<ObserveReq>(address, hook), PathError);
         EXPECT_THROW(tree.registerDefaultObserveHandler(address), PathError);
+        EXPECT_THROW(tree.registerDefaultRegExObserveHandler(address), PathError);
+        EXPECT_THROW(answerTaking(tree, address), PathError);
         EXPECT_FALSE(isServed<UnaryOps::READ>(tree, address));
         EXPECT_THROW(tree.observe<ObserveReq>(address, pattern("/**"), {}, 0),
                      FuncNodeHandlerError);
@@ -96,9 +105,21 @@ TEST(HandlerRegistration, KeepsTheFirstUnaryHandler) {
     EXPECT_EQ(thrownBy<DoubleRegistrationError>([&] { onUpdateWrite(tree, "/a", "/a/second"); },
                                                 "cruro_node.h"),
               "Only one registration is allowed: Only allowed to register one UPDATEoperation.\n");
+    EXPECT_EQ(thrownBy<DoubleRegistrationError>([&] { answerTaking(tree, "/a"); }, "cruro_node.h"),
+              "Only one registration is allowed: Only allowed to register one UPDATEoperation.\n");
     update(tree, "/a", "x");
     EXPECT_THAT(tree.dumpDataTree(), testing::StartsWith("key: \"/a/first\""));
     EXPECT_THAT(tree.dumpDataTree(), testing::Not(testing::HasSubstr("second")));
+}
+
+TEST(HandlerRegistration, KeepsATakingHandlerThatWasTheFirst) {
+    ObserverTree tree;
+    answerTaking(tree, "/a");
+    for (const auto& second : {answerTaking, answerEmpty<UnaryOps::UPDATE>}) {
+        EXPECT_EQ(
+            thrownBy<DoubleRegistrationError>([&] { second(tree, "/a"); }, "cruro_node.h"),
+            "Only one registration is allowed: Only allowed to register one UPDATEoperation.\n");
+    }
 }
 
 TEST(HandlerRegistration, KeepsTheFirstObserveHandlerWithItsHooks) {
