@@ -7,9 +7,9 @@ namespace Hox::Testing {
 
 /// A new, empty folder that goes away with the object, with all that is in it.
 ///
-/// Those of child processes lie below one folder of the test program, whatever parent they are given,
-/// and go away with it at the latest: the child of a death test makes all that its fixture makes, and
-/// aborts.
+/// Those of child processes lie below one folder of the test program, whatever parent they are
+/// given, and go away with it at the latest: the child of a death test makes all that its fixture
+/// makes, and aborts.
 class TempDir {
 public:
     /// Makes the folder below the system's folder for temporary files; throws std::system_error.
