@@ -70,8 +70,8 @@ using Archive::ArchiveError;
 using LinuxCppUtil::FileDescriptorError;
 using Service::Discovery::ServiceDiscoveryError;
 using Service::Discovery::ServiceDiscoveryPublishError;
-using namespace CppUtil;       // NOLINT: the table reads like a table
-using namespace ObserverTree;  // NOLINT
+using namespace CppUtil;
+using namespace ObserverTree;
 
 INSTANTIATE_TEST_SUITE_P(
     Errors, ErrorTable,
@@ -137,7 +137,7 @@ TEST(ErrorFamily, TextOutlivesTheArguments) {
 
 TEST(ErrorFamily, CopiesKeepTheText) {
     const auto first = std::make_unique<BadCast>("M", "F", 5);
-    const BadCast second(*first);  // NOLINT: the copy is what is tested
+    const BadCast second(*first);
     EXPECT_STREQ(second.what(), first->what());
 }
 
