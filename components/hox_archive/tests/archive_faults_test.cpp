@@ -163,7 +163,6 @@ TEST_F(ArchiveFaults, WhatAFormatCannotHoldStopsTheWalk) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, (m_source / "entry").c_str(), sizeof address.sun_path - 1);
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast)
     ASSERT_EQ(::bind(server, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ::close(server);
     EXPECT_THAT(packText(), MatchesRegex(archiveError("entry: pax format cannot archive sockets")));

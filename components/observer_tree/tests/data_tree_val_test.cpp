@@ -27,7 +27,6 @@ TEST(DataTreeVal, KeepsACopyOfATypedMessage) {
 TEST(DataTreeVal, TakesConstAndTemporaryMessages) {
     const auto constant = message("constant");
     EXPECT_EQ(DataTreeVal(constant).get<StringValue>().value(), "constant");
-    // NOLINTNEXTLINE(performance-move-const-arg): that it cannot be moved from is the point.
     EXPECT_EQ(DataTreeVal(std::move(constant)).get<StringValue>().value(), "constant");
     EXPECT_EQ(DataTreeVal(message("temporary")).get<StringValue>().value(), "temporary");
 }
