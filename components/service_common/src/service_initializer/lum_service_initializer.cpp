@@ -40,18 +40,24 @@ constexpr auto setAction = &sigaction;
 
 constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
 
-/// Calls the hook with the capability's mutex held in the context's slot, from which the hook may
-/// let go of it for a while.
-void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), LumServiceCtx& ctx) {
-    auto& slot = ctx.getCapabilityLock();
-    slot = std::make_unique<std::unique_lock<std::mutex>>(*capability.getMutex());
-    try {
-        (capability.*hook)(ctx);
-    } catch (...) {
-        slot.reset();
-        throw;
+/// Holds a mutex in the context's slot while it lives. Who finds it there may let go of it for a
+/// while.
+class SlotLock {
+public:
+    SlotLock(std::mutex& mutex, LumServiceCtx& ctx) : m_slot(ctx.getCapabilityLock()) {
+        m_slot = std::make_unique<std::unique_lock<std::mutex>>(mutex);
     }
-    slot.reset();
+    ~SlotLock() { m_slot.reset(); }
+    SlotLock(const SlotLock&) = delete;
+    SlotLock& operator=(const SlotLock&) = delete;
+
+private:
+    LumServiceCtx::CapabilityLock& m_slot;
+};
+
+void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), LumServiceCtx& ctx) {
+    const SlotLock lock(*capability.getMutex(), ctx);
+    (capability.*hook)(ctx);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@ class LumServiceCtx;
 /// the next. An exception out of a hook ends the process.
 class ICapMngr {
 public:
+    /// Makes the capability's mutex.
     ICapMngr();
     virtual ~ICapMngr() = default;
 
