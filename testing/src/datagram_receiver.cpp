@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <system_error>
 
@@ -27,25 +28,43 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
+/// A socket that is bound to the address, of which this many bytes count.
+int boundSocket(const sockaddr_un& address, socklen_t size) {
+    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0) {
+        fail("socket");
+    }
+    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), size) != 0) {
+        const int error = errno;
+        close(descriptor);
+        errno = error;
+        fail("bind " + std::string(address.sun_path));
+    }
+    return descriptor;
+}
+
 }  // namespace
 
 DatagramReceiver::DatagramReceiver(const std::filesystem::path& path)
-    : m_path(path), m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    if (m_socket < 0) {
-        fail("socket");
+    : m_address(path.string()), m_socket(boundSocket(addressOf(m_address), sizeof(sockaddr_un))) {}
+
+DatagramReceiver::DatagramReceiver()
+    // Bound by its family alone the kernel picks an abstract name.
+    : m_socket(boundSocket(addressOf(""), sizeof(sa_family_t))) {
+    sockaddr_un address{};
+    socklen_t size = sizeof(address);
+    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        fail("getsockname");
     }
-    const auto address = addressOf(path.string());
-    if (bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        const int error = errno;
-        close(m_socket);
-        errno = error;
-        fail("bind " + path.string());
-    }
+    const std::size_t length = size - offsetof(sockaddr_un, sun_path);
+    m_address = "@" + std::string(address.sun_path + 1, length - 1);
 }
 
 DatagramReceiver::~DatagramReceiver() {
     close(m_socket);
-    unlink(m_path.c_str());
+    if (m_address.front() != '@') {
+        unlink(m_address.c_str());
+    }
 }
 
 const std::vector<std::string>& DatagramReceiver::messages() {

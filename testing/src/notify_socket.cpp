@@ -13,11 +13,11 @@ constexpr auto variable = "NOTIFY_SOCKET";
 
 }  // namespace
 
-NotifySocket::NotifySocket() : m_receiver(m_folder / "notify") {
+NotifySocket::NotifySocket() {
     if (const char* former = std::getenv(variable); former != nullptr) {
         m_formerValue = former;
     }
-    setenv(variable, path().c_str(), 1);
+    setenv(variable, address().c_str(), 1);
 }
 
 NotifySocket::~NotifySocket() {
@@ -28,18 +28,19 @@ NotifySocket::~NotifySocket() {
     }
 }
 
-std::string NotifySocket::path() const {
-    return m_folder / "notify";
+std::string NotifySocket::address() const {
+    return m_receiver.address();
 }
 
-const std::vector<std::string>& NotifySocket::messages() {
+std::vector<std::string> NotifySocket::messages() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_receiver.messages();
 }
 
 bool NotifySocket::waitFor(const std::string& message, std::chrono::milliseconds deadline) {
     return waitUntil(
         [&] {
-            const auto& all = messages();
+            const auto all = messages();
             return std::find(all.begin(), all.end(), message) != all.end();
         },
         deadline);

@@ -6,7 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <cstddef>
 #include <system_error>
 
 #include "hox/testing/temp_dir.h"
@@ -17,14 +17,20 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-void send(const std::filesystem::path& path, const std::string& message) {
+/// To a path, or to an abstract name behind "@".
+void send(const std::string& to, const std::string& message) {
     const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(sender, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    to.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    socklen_t size = sizeof(address);
+    if (to.front() == '@') {
+        address.sun_path[0] = '\0';
+        size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + to.size());
+    }
     EXPECT_EQ(sendto(sender, message.data(), message.size(), 0,
-                     reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+                     reinterpret_cast<const sockaddr*>(&address), size),
               static_cast<ssize_t>(message.size()));
     close(sender);
 }
@@ -40,6 +46,16 @@ TEST(DatagramReceiver, KeepsMessagesWholeAndInOrder) {
     EXPECT_THAT(receiver.messages(), ElementsAre("first", "", large));
     send(folder / "socket", "later");
     EXPECT_THAT(receiver.messages(), ElementsAre("first", "", large, "later"));
+}
+
+TEST(DatagramReceiver, ReceivesUnderANameOfItsOwn) {
+    DatagramReceiver receiver;
+    DatagramReceiver other;
+    EXPECT_THAT(receiver.address(), ::testing::StartsWith("@"));
+    EXPECT_NE(receiver.address(), other.address());
+    send(receiver.address(), "first");
+    EXPECT_THAT(receiver.messages(), ElementsAre("first"));
+    EXPECT_THAT(other.messages(), IsEmpty());
 }
 
 TEST(DatagramReceiver, RemovesItsSocket) {

@@ -31,9 +31,9 @@ TEST(NotifySocket, PutsTheEnvironmentBack) {
         const NotifySocket outer;
         {
             const NotifySocket inner;
-            EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), inner.path());
+            EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), inner.address());
         }
-        EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), outer.path());
+        EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), outer.address());
     }
     EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
 }

@@ -20,6 +20,7 @@
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 #include "hox/service_common/service_initializer/service_initialize_assert.h"
 #include "hox/state_monitoring/state_monitor_cap_mngr.h"
+#include "hox/testing/arguments.h"
 #include "hox/testing/notify_socket.h"
 #include "hox/testing/reserved_port.h"
 #include "hox/testing/temp_dir.h"
@@ -42,9 +43,9 @@ constexpr auto limit = std::chrono::seconds(100);
 class RunningService {
 public:
     RunningService()
-        : m_words(words()),
-          m_arguments(pointersTo(m_words)),
-          m_service(static_cast<int>(m_words.size()), m_arguments.data()) {
+        : m_line({"--port", m_port.text(), "--configdir", m_folder.path().string(), "--id",
+                  "head-1", "--logstdout"}),
+          m_service(m_line.argc(), m_line.argv()) {
         Hox::Service::initAssertion(true);
         m_service.addCapability(std::make_unique<Configuration::ConfCapMngr>());
         m_service.addCapability(std::make_unique<StateMonitoring::StateMonitorCapMngr>());
@@ -69,24 +70,10 @@ public:
     }
 
 private:
-    std::vector<std::string> words() const {
-        return {"test", "--port", m_port.text(), "--configdir", m_folder.path().string(),
-                "--id", "head-1", "--logstdout"};
-    }
-    static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-        std::vector<char*> pointers;
-        for (auto& text : texts) {
-            pointers.push_back(text.data());
-        }
-        pointers.push_back(nullptr);
-        return pointers;
-    }
-
     Hox::Testing::NotifySocket m_notifySocket;
     Hox::Testing::ReservedPort m_port;
     Hox::Testing::TempDir m_folder;
-    std::vector<std::string> m_words;
-    std::vector<char*> m_arguments;
+    Hox::Testing::Arguments m_line;
     Hox::Service::LumServiceInitializer m_service;
 };
 

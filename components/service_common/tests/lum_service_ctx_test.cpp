@@ -6,7 +6,10 @@
 
 #include <cxxopts.hpp>
 
-#include "frame_fixture.h"
+#include "event_log.h"
+#include "fake_cap_mngr.h"
+#include "hox/testing/arguments.h"
+#include "hox/testing/notify_socket.h"
 
 namespace Hox::Service {
 namespace {
@@ -29,7 +32,7 @@ protected:
     }
 
     void parse(const std::vector<std::string>& arguments) {
-        Fixture::Arguments line(arguments);
+        Testing::Arguments line(arguments);
         m_ctx.parseOptions(line.argc(), line.argv());
     }
 
@@ -135,7 +138,7 @@ TEST_F(ServiceContext, ReplacesTheServerBuilder) {
 }
 
 TEST(ServiceContextCapabilities, AreListedByNumberAndDestroyedInListOrder) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
     {
         LumServiceCtx ctx("program");

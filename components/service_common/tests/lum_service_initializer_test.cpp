@@ -9,11 +9,15 @@
 #include <cxxopts.hpp>
 #include <stdexcept>
 
-#include "frame_fixture.h"
+#include "event_log.h"
+#include "fake_cap_mngr.h"
+#include "frame_probes.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/stdout_logger.h"
+#include "hox/testing/arguments.h"
+#include "hox/testing/notify_socket.h"
 
 namespace Hox::Service {
 namespace {
@@ -42,9 +46,9 @@ std::vector<std::string> commandLine(std::vector<std::string> arguments) {
 }
 
 Outcome initialize(const std::vector<std::string>& arguments) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine(arguments));
+    Testing::Arguments line(commandLine(arguments));
     Outcome outcome;
     CaptureStdout();
     {
@@ -131,9 +135,9 @@ TEST(FrameOptions, AreDescribedInTheHelpInOrder) {
 }
 
 TEST(FrameOptions, OfCapabilitiesFollowInTheHelp) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine({}));
+    Testing::Arguments line(commandLine({}));
     LumServiceInitializer service(line.argc(), line.argv());
     Fixture::FakeCapMngr::Hooks hooks;
     hooks.addOptions = [](cxxopts::Options& options) {
@@ -157,7 +161,7 @@ TEST(FrameOptions, RefusePortsThatAreNoNumbersWhereBothAreGiven) {
 }
 
 TEST(Frame, RefusesItsContextBeforeInitialisation) {
-    Fixture::Arguments line(commandLine({}));
+    Testing::Arguments line(commandLine({}));
     LumServiceInitializer service(line.argc(), line.argv());
     try {
         service.getServiceCtx();
@@ -170,7 +174,7 @@ TEST(Frame, RefusesItsContextBeforeInitialisation) {
 }
 
 TEST(Frame, RefusesToServeBeforeInitialisation) {
-    Fixture::Arguments line(commandLine({"--port", "1"}));
+    Testing::Arguments line(commandLine({"--port", "1"}));
     LumServiceInitializer service(line.argc(), line.argv());
     try {
         service.serverStart();
@@ -182,7 +186,7 @@ TEST(Frame, RefusesToServeBeforeInitialisation) {
 }
 
 TEST(Frame, StaysRefusedAfterAFailedInitialisation) {
-    Fixture::Arguments line(commandLine({}));
+    Testing::Arguments line(commandLine({}));
     LumServiceInitializer service(line.argc(), line.argv());
     CaptureStdout();
     EXPECT_EQ(service.initialize(), 1);
@@ -192,9 +196,9 @@ TEST(Frame, StaysRefusedAfterAFailedInitialisation) {
 }
 
 TEST(Frame, WritesTheShutdownDescriptorWithoutAServer) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine({}));
+    Testing::Arguments line(commandLine({}));
     const auto before = Fixture::openEventDescriptors();
     LumServiceInitializer service(line.argc(), line.argv());
     std::vector<int> made;
@@ -213,9 +217,9 @@ TEST(Frame, WritesTheShutdownDescriptorWithoutAServer) {
 }
 
 TEST(Frame, LeavesTheShutdownDescriptorAndTheLogSystemBehind) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine({}));
+    Testing::Arguments line(commandLine({}));
     const auto before = Fixture::openEventDescriptors();
     { LumServiceInitializer service(line.argc(), line.argv()); }
     EXPECT_EQ(Fixture::openEventDescriptors().size(), before.size() + 1);
@@ -224,9 +228,9 @@ TEST(Frame, LeavesTheShutdownDescriptorAndTheLogSystemBehind) {
 }
 
 TEST(Frame, LetsExceptionsOfCapabilitiesPassAndFreesTheirMutex) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine({"--port", "1"}));
+    Testing::Arguments line(commandLine({"--port", "1"}));
     LumServiceInitializer service(line.argc(), line.argv());
     Fixture::FakeCapMngr::Hooks hooks;
     hooks.initCapability = [](LumServiceCtx&) { throw std::runtime_error("no such hardware"); };
@@ -240,9 +244,9 @@ TEST(Frame, LetsExceptionsOfCapabilitiesPassAndFreesTheirMutex) {
 }
 
 TEST(Frame, RefusesACapabilityOutsideTheCatalogue) {
-    Fixture::NotifySocket notifySocket;
+    Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
-    Fixture::Arguments line(commandLine({"--port", "1"}));
+    Testing::Arguments line(commandLine({"--port", "1"}));
     LumServiceInitializer service(line.argc(), line.argv());
     service.addCapability(std::make_unique<Fixture::FakeCapMngr>("A", 32, events));
     EXPECT_THROW(service.initialize(), CppUtil::InvalidArgumentError);
@@ -266,7 +270,7 @@ protected:
 TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeMade) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({}));
+            Testing::Arguments line(commandLine({}));
             refuseFurtherDescriptors();
             LumServiceInitializer service(line.argc(), line.argv());
         },
@@ -279,7 +283,7 @@ TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeMade) {
 TEST_F(FrameDeathTest, TakesDescriptorZeroForAFailure) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({}));
+            Testing::Arguments line(commandLine({}));
             close(STDIN_FILENO);
             LumServiceInitializer service(line.argc(), line.argv());
         },
@@ -291,7 +295,7 @@ TEST_F(FrameDeathTest, TakesDescriptorZeroForAFailure) {
 TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeWritten) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({}));
+            Testing::Arguments line(commandLine({}));
             const auto before = Fixture::openEventDescriptors();
             LumServiceInitializer service(line.argc(), line.argv());
             for (const int descriptor : Fixture::openEventDescriptors()) {
@@ -307,7 +311,7 @@ TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeWritten) {
 TEST_F(FrameDeathTest, AssertsThatItIsInitialisedOnce) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({"--port", "1"}));
+            Testing::Arguments line(commandLine({"--port", "1"}));
             LumServiceInitializer service(line.argc(), line.argv());
             service.initialize();
             service.initialize();
@@ -318,7 +322,7 @@ TEST_F(FrameDeathTest, AssertsThatItIsInitialisedOnce) {
 TEST_F(FrameDeathTest, AssertsThatItIsTheOnlyOneOfItsProcess) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({"--port", "1"}));
+            Testing::Arguments line(commandLine({"--port", "1"}));
             LumServiceInitializer first(line.argc(), line.argv());
             first.initialize();
             LumServiceInitializer second(line.argc(), line.argv());
@@ -331,7 +335,7 @@ TEST_F(FrameDeathTest, AssertsThatItIsTheOnlyOneOfItsProcess) {
 TEST_F(FrameDeathTest, AssertsSoAlsoAfterTheFirstHasGone) {
     EXPECT_DEATH(
         {
-            Fixture::Arguments line(commandLine({"--port", "1"}));
+            Testing::Arguments line(commandLine({"--port", "1"}));
             {
                 LumServiceInitializer first(line.argc(), line.argv());
                 first.initialize();
@@ -346,9 +350,9 @@ TEST_F(FrameDeathTest, LeavesSignalsDuringInitialisationToTheSystem) {
     for (const int signalNumber : {SIGTERM, SIGINT}) {
         EXPECT_EXIT(
             {
-                Fixture::NotifySocket notifySocket;
+                Testing::NotifySocket notifySocket;
                 Fixture::EventLog events(notifySocket);
-                Fixture::Arguments line(commandLine({"--port", "1"}));
+                Testing::Arguments line(commandLine({"--port", "1"}));
                 LumServiceInitializer service(line.argc(), line.argv());
                 Fixture::FakeCapMngr::Hooks hooks;
                 hooks.initCapability = [signalNumber](LumServiceCtx&) {

@@ -17,9 +17,13 @@
 #include <stdexcept>
 #include <thread>
 
-#include "frame_fixture.h"
+#include "event_log.h"
+#include "fake_cap_mngr.h"
+#include "frame_probes.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
+#include "hox/testing/arguments.h"
+#include "hox/testing/notify_socket.h"
 #include "hox/testing/reserved_port.h"
 #include "hox/testing/wait_until.h"
 #include "introspection.grpc.pb.h"
@@ -32,7 +36,6 @@ namespace {
 
 using Fixture::EventLog;
 using Fixture::FakeCapMngr;
-using Fixture::NotifySocket;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
 using Hook = std::function<void(LumServiceCtx&)>;
@@ -110,7 +113,7 @@ public:
     /// Serves until `whenReady`, which runs on a thread of its own, has ended it.
     void serve(const std::function<void()>& whenReady) {
         std::thread watcher([&] {
-            check(Testing::waitUntil([&] { return m_notifySocket.ready(); }), "not ready");
+            check(m_notifySocket.waitFor("READY=1"), "not ready");
             whenReady();
         });
         m_service->serverStart();
@@ -159,9 +162,9 @@ private:
 
     Testing::ReservedPort m_port;
     CallsInFlight m_calls;
-    NotifySocket m_notifySocket;
+    Testing::NotifySocket m_notifySocket;
     EventLog m_events;
-    Fixture::Arguments m_line;
+    Testing::Arguments m_line;
     std::unique_ptr<LumServiceInitializer> m_service;
     int m_shutdownDescriptor = -1;
 };

@@ -5,7 +5,6 @@
 
 #include <chrono>
 
-#include "frame_fixture.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
 #include "introspection.grpc.pb.h"
 

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <grpcpp/client_context.h>
-#include <grpcpp/server.h>
-#include <grpcpp/server_builder.h>
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -17,8 +15,9 @@
 #include <vector>
 
 #include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/stdout_logger.h"
 #include "hox/service_common/capability/lum_capabilities.h"
-#include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/testing/in_process_service.h"
 #include "hox/testing/log_capture.h"
 
 namespace Hox::Capability::Introspection {
@@ -33,19 +32,7 @@ using ::testing::Pair;
 /// The capability in a server of its own, asked over a real channel, with two loggers to turn.
 class IntrospectionCapability : public ::testing::Test {
 protected:
-    IntrospectionCapability() : m_ctx("program") {
-        auto capability = std::make_unique<IntrospectionCapMngr>();
-        m_mutex = capability->getMutex();
-        m_ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
-        capability->initCapability(m_ctx);
-        m_ctx.addCapability(std::move(capability));
-        m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
-        m_stub = IntrospectionService::NewStub(
-            m_ctx.getGrpcServer()->InProcessChannel(grpc::ChannelArguments()));
-
-        m_one = add("one");
-        m_other = add("other");
-    }
+    IntrospectionCapability() : m_one(add("one")), m_other(add("other")) {}
 
     ~IntrospectionCapability() override {
         spdlog::drop("one");
@@ -89,9 +76,9 @@ protected:
         return m_stub->setAllLogLevels(&context, request, &response);
     }
 
-    Hox::Service::LumServiceCtx m_ctx;
-    std::shared_ptr<std::mutex> m_mutex;
-    std::unique_ptr<IntrospectionService::Stub> m_stub;
+    Hox::Testing::InProcessService m_service{std::make_unique<IntrospectionCapMngr>()};
+    std::unique_ptr<IntrospectionService::Stub> m_stub =
+        IntrospectionService::NewStub(m_service.channel());
     std::shared_ptr<spdlog::logger> m_one;
     std::shared_ptr<spdlog::logger> m_other;
 };
@@ -103,9 +90,10 @@ TEST_F(IntrospectionCapability, HasItsPlaceInTheCatalogue) {
 }
 
 TEST_F(IntrospectionCapability, AddsNoOptions) {
-    const std::string help = m_ctx.getOptions().help();
-    IntrospectionCapMngr().addOptions(m_ctx.getOptions());
-    EXPECT_EQ(m_ctx.getOptions().help(), help);
+    cxxopts::Options options("program");
+    const std::string help = options.help();
+    IntrospectionCapMngr().addOptions(options);
+    EXPECT_EQ(options.help(), help);
 }
 
 TEST_F(IntrospectionCapability, ListsEachLoggerWithItsLevel) {
@@ -170,10 +158,12 @@ TEST_F(IntrospectionCapability, SilencesFailedAssertionsToo) {
 }
 
 TEST_F(IntrospectionCapability, LeavesLaterLoggersAlone) {
+    Log::setLogsystem(std::make_unique<Log::StdoutLogger>(spdlog::level::info));
     EXPECT_TRUE(setAll(off).ok());
-    spdlog::drop("one");
-    add("one");
-    EXPECT_THAT(list(), Contains(Pair("one", info)));
+    const auto later = Log::getLogsystem()->getLogger("later");
+    EXPECT_EQ(later->level(), spdlog::level::info);
+    EXPECT_THAT(list(), Contains(Pair("later", info)));
+    spdlog::drop("later");
 }
 
 TEST_F(IntrospectionCapability, LeavesTheLevelsOfSinksAlone) {
@@ -193,7 +183,7 @@ TEST_F(IntrospectionCapability, TakesAnyNumberForALevel) {
 }
 
 TEST_F(IntrospectionCapability, AnswersWhileItsMutexIsHeld) {
-    const std::lock_guard<std::mutex> lock(*m_mutex);
+    const std::lock_guard<std::mutex> lock(*m_service.capability().getMutex());
     EXPECT_THAT(list(), Contains(Key("one")));
     EXPECT_TRUE(set("one", trace).ok());
     EXPECT_TRUE(setAll(info).ok());

@@ -1,18 +1,19 @@
 #include "hox/state_monitoring/state_monitor_cap_mngr.h"
 
 #include <gmock/gmock.h>
-#include <grpcpp/create_channel.h>
-#include <grpcpp/server.h>
-#include <grpcpp/server_builder.h>
+#include <grpcpp/client_context.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cxxopts.hpp>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
-#include "hox/testing/proto_matchers.h"
+#include "hox/testing/arguments.h"
+#include "hox/testing/in_process_service.h"
 #include "state_mon_fixture.h"
 #include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
@@ -27,35 +28,15 @@ using Hox::Service::LumServiceCtx;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// The state monitor as the frame runs it, with a server that is reached in process only.
+// The state monitor as the frame runs it, and a client of it.
 class Service {
 public:
-    explicit Service(std::vector<std::string> arguments = {}) : m_ctx("program") {
-        m_manager.addOptions(m_ctx.getOptions());
-        arguments.insert(arguments.begin(), "program");
-        std::vector<const char*> argv;
-        argv.reserve(arguments.size());
-        for (const auto& argument : arguments) {
-            argv.push_back(argument.c_str());
-        }
-        m_ctx.parseOptions(static_cast<int>(argv.size()), argv.data());
-        m_ctx.setIdentity({"head-1", "0", "mb"});
-        m_ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
-        const std::lock_guard<std::mutex> lock(*m_manager.getMutex());
-        m_manager.initCapability(m_ctx);
-        m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
-        m_manager.serverStarted(m_ctx);
-        m_manager.proxyObsTreesReady(m_ctx);
-        m_stub = Api::StateMonitoringService::NewStub(
-            m_ctx.getGrpcServer()->InProcessChannel(grpc::ChannelArguments()));
-    }
-
-    ~Service() { m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now()); }
-    Service(const Service&) = delete;
-    Service& operator=(const Service&) = delete;
+    explicit Service(const std::vector<std::string>& arguments = {})
+        : m_service(std::make_unique<StateMonitorCapMngr>(), arguments),
+          m_stub(Api::StateMonitoringService::NewStub(m_service.channel())) {}
 
     Api::StateMonitoringService::Stub& stub() { return *m_stub; }
-    std::mutex& mutex() { return *m_manager.getMutex(); }
+    std::mutex& mutex() { return *m_service.capability().getMutex(); }
 
     template <typename Req, typename Resp>
     grpc::Status call(grpc::Status (Api::StateMonitoringService::Stub::*method)(
@@ -126,8 +107,7 @@ public:
     };
 
 private:
-    LumServiceCtx m_ctx;
-    StateMonitorCapMngr m_manager;
+    Hox::Testing::InProcessService m_service;
     std::unique_ptr<Api::StateMonitoringService::Stub> m_stub;
 };
 
@@ -165,8 +145,8 @@ TEST(StateMonitorCapMngr, AddsItsOptions) {
 TEST(StateMonitorCapMngr, DefaultsToNoServices) {
     LumServiceCtx ctx("program");
     StateMonitorCapMngr().addOptions(ctx.getOptions());
-    const char* argv[] = {"program"};
-    ctx.parseOptions(1, argv);
+    Hox::Testing::Arguments line({});
+    ctx.parseOptions(line.argc(), line.argv());
     EXPECT_EQ(ctx.optionCount("statemon_services"), 0U);
     EXPECT_EQ(ctx.optionValue("statemon_services"), "");
 }

@@ -13,17 +13,24 @@ class DatagramReceiver {
 public:
     /// Binds a new socket at the path, whose folder must exist; throws std::system_error.
     explicit DatagramReceiver(const std::filesystem::path& path);
+
+    /// Binds a new socket under a name that the kernel picks and that nothing is left of at the
+    /// end, however the process ends. Throws std::system_error.
+    DatagramReceiver();
     ~DatagramReceiver();
     DatagramReceiver(const DatagramReceiver&) = delete;
     DatagramReceiver& operator=(const DatagramReceiver&) = delete;
     DatagramReceiver(DatagramReceiver&&) = delete;
     DatagramReceiver& operator=(DatagramReceiver&&) = delete;
 
+    /// Where it receives: the path, or "@" and the name.
+    std::string address() const { return m_address; }
+
     /// All messages that have arrived so far, in order; never blocks. Throws std::system_error.
     const std::vector<std::string>& messages();
 
 private:
-    std::filesystem::path m_path;
+    std::string m_address;
     int m_socket;
     std::vector<std::string> m_messages;
 };

@@ -47,6 +47,7 @@ struct WatchedRun {
     std::string errors;
 };
 
+/// Is told a call at its entry, with the call's number from 0, on the thread of runWatched().
 using AtCall = std::function<void(std::size_t number, const FileCall& call)>;
 
 /// Forks, runs the action in the child and lists its calls to the kernel, with a fault at one of

@@ -1,22 +1,22 @@
 #pragma once
 
 #include <chrono>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "hox/testing/datagram_receiver.h"
-#include "hox/testing/temp_dir.h"
 
 namespace Hox::Testing {
 
 /// Receives what the process, or a child of it, tells its service manager.
 ///
 /// While it lives NOTIFY_SOCKET names its socket; afterwards the variable is as before. Begin and
-/// end it while no other thread reads the environment.
+/// end it while no other thread reads the environment; the rest may be called from any thread.
 class NotifySocket {
 public:
-    /// Binds a socket in a folder of its own; throws std::system_error.
+    /// Binds a socket under a name of its own; throws std::system_error.
     NotifySocket();
     ~NotifySocket();
     NotifySocket(const NotifySocket&) = delete;
@@ -25,18 +25,18 @@ public:
     NotifySocket& operator=(NotifySocket&&) = delete;
 
     /// The value for NOTIFY_SOCKET, for the environment of a child that gets one of its own.
-    std::string path() const;
+    std::string address() const;
 
     /// All messages that have arrived so far, in order; never blocks.
-    const std::vector<std::string>& messages();
+    std::vector<std::string> messages();
 
     /// Waits until this very message has arrived; false if the time is over before.
     bool waitFor(const std::string& message,
                  std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
 private:
-    TempDir m_folder;
-    DatagramReceiver m_receiver;
+    std::mutex m_mutex;
+    DatagramReceiver m_receiver;  // GUARDED_BY(m_mutex)
     std::optional<std::string> m_formerValue;
 };
 

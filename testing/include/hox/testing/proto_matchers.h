@@ -15,13 +15,18 @@ namespace Hox::Testing {
 /// Stands behind EqualsProto.
 class EqualsProtoMatcher {
 public:
+    /// Tells GoogleTest what this class is.
     using is_gtest_matcher = void;
 
+    /// Keeps a copy of the message.
     explicit EqualsProtoMatcher(const google::protobuf::Message& expected);
 
+    /// Whether the message is equal; tells the listener the differences if not.
     bool MatchAndExplain(const google::protobuf::Message& actual,
                          ::testing::MatchResultListener* listener) const;
+    /// Prints "equals", the type and the fields, on one line.
     void DescribeTo(std::ostream* out) const;
+    /// Prints the same behind "differs from".
     void DescribeNegationTo(std::ostream* out) const;
 
 private:

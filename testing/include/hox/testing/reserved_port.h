@@ -8,7 +8,7 @@ namespace Hox::Testing {
 /// A TCP port that nobody else gets while the object lives, and on which a gRPC server can listen.
 class ReservedPort {
 public:
-    /// Throws std::system_error.
+    /// Takes a free port; throws std::system_error.
     ReservedPort();
     ~ReservedPort();
     ReservedPort(const ReservedPort&) = delete;
@@ -16,7 +16,9 @@ public:
     ReservedPort(ReservedPort&&) = delete;
     ReservedPort& operator=(ReservedPort&&) = delete;
 
+    /// The port, never 0.
     std::uint16_t number() const { return m_number; }
+    /// The same in decimal digits, for a command line or an address.
     std::string text() const { return std::to_string(m_number); }
 
 private:

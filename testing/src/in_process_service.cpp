@@ -1,0 +1,39 @@
+#include "hox/testing/in_process_service.h"
+
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+
+#include <chrono>
+#include <mutex>
+#include <utility>
+
+#include "hox/testing/arguments.h"
+
+namespace Hox::Testing {
+
+InProcessService::InProcessService(std::unique_ptr<Hox::Service::ICapMngr> capability,
+                                   const std::vector<std::string>& arguments)
+    : m_ctx("program") {
+    auto& manager = *capability;
+    m_ctx.addCapability(std::move(capability));
+    manager.addOptions(m_ctx.getOptions());
+    Arguments line(arguments);
+    m_ctx.parseOptions(line.argc(), line.argv());
+    m_ctx.setIdentity({"head-1", "0", "mb"});
+    m_ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
+    const std::lock_guard<std::mutex> lock(*manager.getMutex());
+    manager.initCapability(m_ctx);
+    m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
+    manager.serverStarted(m_ctx);
+    manager.proxyObsTreesReady(m_ctx);
+}
+
+InProcessService::~InProcessService() {
+    m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now());
+}
+
+std::shared_ptr<grpc::Channel> InProcessService::channel() const {
+    return m_ctx.getGrpcServer()->InProcessChannel(grpc::ChannelArguments());
+}
+
+}  // namespace Hox::Testing
