@@ -1,27 +1,14 @@
 #include "connect_urls.h"
 
+#include "hox/cpputil/string/string_utils.h"
+
 namespace Hox::Capability::StateMonitoring {
-
-namespace {
-
-std::vector<std::string> split(const std::string& text, char delimiter) {
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    for (auto end = text.find(delimiter); end != std::string::npos;
-         end = text.find(delimiter, start)) {
-        parts.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    parts.push_back(text.substr(start));
-    return parts;
-}
-
-}  // namespace
 
 std::vector<std::string> parseConnectUrls(const std::string& text) {
     const auto colon = text.find(':');
     const auto ip = text.substr(0, colon);
-    const auto ports = split(colon == std::string::npos ? text : text.substr(colon + 1), ',');
+    const auto ports =
+        Hox::CppUtil::str_split(colon == std::string::npos ? text : text.substr(colon + 1), ',');
     if (ports.size() < 2) {
         return {text};
     }

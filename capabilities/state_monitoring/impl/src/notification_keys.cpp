@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "hox/cpputil/string/string_utils.h"
+
 namespace Hox::Capability::StateMonitoring {
 
 namespace {
@@ -31,7 +33,7 @@ std::string archiveKey(int32_t index) {
 
 bool liesUnder(Hox::ObserverTree::DataTree::const_iterator position, const std::string& prefix,
                const Hox::ObserverTree::DataTree& tree) {
-    return position != tree.end() && position->first.compare(0, prefix.size(), prefix) == 0;
+    return position != tree.end() && Hox::CppUtil::str_starts_with(prefix, position->first);
 }
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -99,7 +99,7 @@ auto StateMonObsHelper::getCurrentState() const -> Result<Api::GetCurrentStateRe
     auto state = Api::StateSeverity::OK;
     if (m_latestErrors > 0) {
         state = Api::StateSeverity::ERROR;
-    } else if (m_systemState == systemStarting) {
+    } else if (m_systemState == static_cast<int>(SystemState::Starting)) {
         state = Api::StateSeverity::BOOTING;
     } else if (m_latestWarnings > 0) {
         state = Api::StateSeverity::WARN;

@@ -26,7 +26,8 @@ INSTANTIATE_TEST_SUITE_P(
                     UrlsCase{"a:1,b:2", {"a:1", "a:b:2"}}, UrlsCase{"localhost", {"localhost"}},
                     UrlsCase{"", {""}}, UrlsCase{"10.0.0.1:", {"10.0.0.1:"}},
                     UrlsCase{"10.0.0.1:5000,", {"10.0.0.1:5000", "10.0.0.1:"}},
-                    UrlsCase{":1,2", {":1", ":2"}},
+                    UrlsCase{"a:,1", {"a:", "a:1"}}, UrlsCase{"a:,", {"a:", "a:"}},
+                    UrlsCase{"a:1,,2", {"a:1", "a:", "a:2"}}, UrlsCase{":1,2", {":1", ":2"}},
                     // Without a colon the whole text is both the address and the list of ports.
                     UrlsCase{"5000,5001", {"5000,5001:5000", "5000,5001:5001"}}));
 

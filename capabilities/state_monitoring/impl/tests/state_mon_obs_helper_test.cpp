@@ -102,6 +102,46 @@ TEST(StateMonObsHelper, TellsTheFormerSeverityOfAnOrigin) {
     EXPECT_EQ(result.message->statelist(0).previousstateseverity().stateseverity(), OK);
 }
 
+TEST(StateMonObsHelper, TakesOriginsWithOneKeyForOneOrigin) {
+    StateMon monitor;
+    monitor.create(notification("a", "b/c", "d", ERROR));
+    monitor.create(notification("a", "b", "c/d", WARN));
+    const auto latest = monitor.latest();
+    ASSERT_EQ(latest.message->statelist_size(), 1);
+    EXPECT_EQ(latest.message->statelist(0).index(), 1);
+    EXPECT_EQ(latest.message->statelist(0).statenotification().type(), "b");
+    ASSERT_TRUE(latest.message->statelist(0).has_previousstateseverity());
+    EXPECT_EQ(latest.message->statelist(0).previousstateseverity().stateseverity(), ERROR);
+    EXPECT_EQ(monitor.currentState(), WARN);
+    monitor.create(notification("a/b", "c", "d", OK));
+    EXPECT_EQ(monitor.currentState(), OK);
+}
+
+TEST(StateMonObsHelper, TellsAFormerSeverityThatHasLeftTheArchive) {
+    StateMon monitor(1);
+    monitor.create(notification("a", "b", "x", ERROR));
+    monitor.create(notification("a", "b", "other", OK));
+    monitor.create(notification("a", "b", "x", OK));
+    const auto result = monitor.get({});
+    ASSERT_EQ(result.message->statelist_size(), 1);
+    ASSERT_TRUE(result.message->statelist(0).has_previousstateseverity());
+    EXPECT_EQ(result.message->statelist(0).previousstateseverity().stateseverity(), ERROR);
+    EXPECT_EQ(monitor.currentState(), OK);
+}
+
+TEST(StateMonObsHelper, TellsAFormerSeverityThatItDoesNotKnow) {
+    StateMon monitor;
+    const auto unknown = static_cast<Api::StateSeverity>(77);
+    monitor.create(notification("a", "b", "c", unknown));
+    monitor.create(notification("a", "b", "c", WARN));
+    monitor.create(notification("a", "b", "c", unknown));
+    const auto result = monitor.get({});
+    ASSERT_EQ(result.message->statelist_size(), 3);
+    EXPECT_EQ(result.message->statelist(1).previousstateseverity().stateseverity(), unknown);
+    EXPECT_EQ(result.message->statelist(0).previousstateseverity().stateseverity(), WARN);
+    EXPECT_EQ(monitor.currentState(), OK);
+}
+
 TEST(StateMonObsHelper, DeliversOneReportInOneChangeSet) {
     StateMon monitor(2);
     const auto observed = monitor.observe("/state", "/state/**");
@@ -285,7 +325,7 @@ TEST(StateMonObsHelper, DoesNotSupportChangeSets) {
 
 struct SeverityCase {
     std::string name;
-    int systemState;
+    SystemState systemState;
     std::vector<Api::StateSeverity> severities;
     Api::StateSeverity expected;
 };
@@ -304,18 +344,22 @@ TEST_P(StateMonObsHelperSeverity, FollowsThePrecedence) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, StateMonObsHelperSeverity,
-    testing::Values(SeverityCase{"Empty", 0, {}, OK}, SeverityCase{"EmptyRunning", 2, {}, OK},
-                    SeverityCase{"EmptyStarting", 1, {}, BOOTING},
-                    SeverityCase{"EmptyDegraded", 3, {}, OK}, SeverityCase{"Ok", 0, {OK}, OK},
-                    SeverityCase{"Warn", 0, {OK, WARN}, WARN},
-                    SeverityCase{"WarnDegraded", 3, {WARN}, WARN},
-                    SeverityCase{"WarnRunning", 2, {WARN}, WARN},
-                    SeverityCase{"WarnStarting", 1, {WARN}, BOOTING},
-                    SeverityCase{"ErrorAndWarn", 0, {WARN, ERROR, OK}, ERROR},
-                    SeverityCase{"ErrorAndWarnStarting", 1, {WARN, ERROR}, ERROR},
-                    SeverityCase{"BootingReport", 0, {BOOTING}, OK},
-                    SeverityCase{"BootingReportAndWarn", 2, {BOOTING, WARN}, WARN},
-                    SeverityCase{"UnknownSeverity", 0, {static_cast<Api::StateSeverity>(9)}, OK}),
+    testing::Values(
+        SeverityCase{"Empty", SystemState::Unknown, {}, OK},
+        SeverityCase{"EmptyRunning", SystemState::Running, {}, OK},
+        SeverityCase{"EmptyStarting", SystemState::Starting, {}, BOOTING},
+        SeverityCase{"EmptyDegraded", SystemState::Degraded, {}, OK},
+        SeverityCase{"Ok", SystemState::Unknown, {OK}, OK},
+        SeverityCase{"Warn", SystemState::Unknown, {OK, WARN}, WARN},
+        SeverityCase{"WarnDegraded", SystemState::Degraded, {WARN}, WARN},
+        SeverityCase{"WarnRunning", SystemState::Running, {WARN}, WARN},
+        SeverityCase{"WarnStarting", SystemState::Starting, {WARN}, BOOTING},
+        SeverityCase{"ErrorAndWarn", SystemState::Unknown, {WARN, ERROR, OK}, ERROR},
+        SeverityCase{"ErrorAndWarnStarting", SystemState::Starting, {WARN, ERROR}, ERROR},
+        SeverityCase{"BootingReport", SystemState::Unknown, {BOOTING}, OK},
+        SeverityCase{"BootingReportAndWarn", SystemState::Running, {BOOTING, WARN}, WARN},
+        SeverityCase{
+            "UnknownSeverity", SystemState::Unknown, {static_cast<Api::StateSeverity>(9)}, OK}),
     [](const auto& test) { return test.param.name; });
 
 TEST(StateMonObsHelper, ReturnsToOkWithTheOrigin) {
@@ -347,7 +391,7 @@ TEST(StateMonObsHelper, DerivesTheSeverityOfTheLatestTable) {
         const auto origin = originOf(random);
         monitor.create(notification("a", "b", std::to_string(origin), severity));
         table[origin] = severity;
-        const auto systemState = severityOf(random) % 4;
+        const auto systemState = static_cast<SystemState>(severityOf(random) % 4);
         monitor.helper().setSystemState(systemState);
 
         bool warn = false;
@@ -356,7 +400,10 @@ TEST(StateMonObsHelper, DerivesTheSeverityOfTheLatestTable) {
             warn = warn || entry.second == WARN;
             error = error || entry.second == ERROR;
         }
-        const auto expected = error ? ERROR : systemState == 1 ? BOOTING : warn ? WARN : OK;
+        const auto expected = error                                  ? ERROR
+                              : systemState == SystemState::Starting ? BOOTING
+                              : warn                                 ? WARN
+                                                                     : OK;
         ASSERT_EQ(monitor.currentState(), expected) << "after report " << i;
     }
 }

@@ -12,6 +12,7 @@
 #include <unordered_map>
 
 #include "hox/observer_tree/observer_tree.h"
+#include "hox/state_monitoring/system_state.h"
 #include "state_monitoring.pb.h"
 
 namespace Hox::Capability::StateMonitoring {
@@ -25,9 +26,6 @@ class TypeFilter;
 /// locks of that tree, which guard the members too.
 class StateMonObsHelper {
 public:
-    /// The system state that stands for a machine that is still starting.
-    static constexpr int systemStarting = 1;
-
     /// The mutex is the capability's, the id that of this service; the archive holds at most
     /// archiveSize notifications. Asserts that this is above 0.
     StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex, std::string serviceId,
@@ -38,13 +36,13 @@ public:
     StateMonObsHelper& operator=(const StateMonObsHelper&) = delete;
     StateMonObsHelper& operator=(StateMonObsHelper&&) = delete;
 
-    /// Registers all handlers; once per tree. Throws as the registrations do.
+    /// Registers all handlers, on one tree and once: the object keeps positions in that tree.
+    /// Throws as the registrations do.
     void registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree);
 
-    /// Tells how far the machine is: 0 not known, 1 starting, 2 running, 3 degraded. While it is
-    /// starting, the severity of the whole is BOOTING unless there is an ERROR. Any thread, no
-    /// lock.
-    void setSystemState(int systemState) { m_systemState = systemState; }
+    /// Tells how far the machine is. While it is starting, the severity of the whole is BOOTING
+    /// unless there is an ERROR. Any thread, no lock.
+    void setSystemState(SystemState systemState) { m_systemState = static_cast<int>(systemState); }
 
 private:
     using DataTree = Hox::ObserverTree::DataTree;
@@ -91,7 +89,8 @@ private:
     int32_t m_archiveSize;
     bool m_isSystemMonitor;
     std::string m_serviceId;
-    std::atomic<int> m_systemState{0};
+    /// A SystemState.
+    std::atomic<int> m_systemState{static_cast<int>(SystemState::Unknown)};
     std::shared_ptr<std::mutex> m_capabilityMutex;
     /// How many of the latest notifications are of these severities.
     int32_t m_latestErrors = 0;
