@@ -26,6 +26,8 @@ class Load:
         self.streams += [self._observe_slice(client, f"observed{number}")
                          for number, client in enumerate(clients)]
         self.calls = [0, 0, 0, 0]
+        self.failures = []
+        self._is_stopping = threading.Event()
         self._threads = [threading.Thread(target=self._write, args=(service.client(), number))
                          for number in range(len(self.calls))]
         for thread in self._threads:
@@ -34,7 +36,13 @@ class Load:
     def wait_until_in_full_flow(self):
         for stream in self.streams:
             stream.next()
-        wait_until(lambda: min(self.calls) >= 10, 30, f"ten calls of each writer, {self.calls}")
+        wait_until(lambda: self.failures or min(self.calls) >= 10, 30,
+                   f"ten calls of each writer, {self.calls}")
+        assert not self.failures
+
+    def expect_the_end(self):
+        """From here on a call may fail; to be said ahead of the signal."""
+        self._is_stopping.set()
 
     def join(self):
         for stream in self.streams:
@@ -42,6 +50,7 @@ class Load:
         for thread in self._threads:
             thread.join(20)
             assert not thread.is_alive()
+        assert not self.failures
 
     def _conf_id(self, capability):
         return self._protos.configuration.ConfId(nodeType="mb", nodeId="0", capabilityId=capability)
@@ -58,8 +67,9 @@ class Load:
                 else:
                     client.configuration.updateCapConf(self._update(f"c{number}x{call}"))
                 self.calls[number] += 1
-        except (grpc.RpcError, ValueError):
-            pass  # the service or the channel has been closed
+        except (grpc.RpcError, ValueError) as error:  # the service or the channel is closed
+            if not self._is_stopping.is_set():
+                self.failures.append(error)
 
     def _update(self, capability):
         request = self._protos.configuration.UpdateCapConfReq(confId=self._conf_id(capability))
@@ -74,6 +84,7 @@ def test_shutdowns_under_load_are_clean_and_in_time(start):
         service = start()
         load = Load(service)
         load.wait_until_in_full_flow()
+        load.expect_the_end()
         service.stop()
         service.close()
         load.join()
