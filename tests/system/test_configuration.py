@@ -1,5 +1,6 @@
 """The configuration store: slices with state ids, kept in memory until somebody saves them."""
 import itertools
+import re
 import signal
 import threading
 
@@ -124,14 +125,21 @@ def test_values_of_types_unknown_here_pass_through(tuner):
     assert element.node_change_map["/a"].nodePairList[0].currentMessage == foreign
 
 
-def test_an_entry_without_pairs_ends_the_process(start, protos):
-    service = start(ready=True)
+def test_an_entry_without_pairs_ends_the_process_with_two_reports_in_the_log(start, protos):
+    service = start(log_to_file=True)
     request = protos.configuration.UpdateCapConfReq()
     request.confId.nodeType, request.confId.nodeId, request.confId.capabilityId = "mb", "0", "x"
     request.capConfChangeset.node_change_map["/a"].SetInParent()
     with pytest.raises(grpc.RpcError):
         service.client().configuration.updateCapConf(request)
     assert service.wait_end(20) == -signal.SIGABRT
+    errors = re.findall(r"\]\[error\]\[[\w.]+:\d+\] (.*?)\n(?=\[\d{4}-|\Z)", service.log, re.S)
+    assert len(errors) == 2, service.log
+    assert re.fullmatch(
+        re.escape("Assertion failed: [CHECK failed: (index) < (current_size_): ] \nat:")
+        + r"\S*slice_update\.cpp:\d+\nAborting process!", errors[0]), errors[0]
+    assert errors[1] == "Stacktrace: Not available"
+    assert service.stderr == ""
 
 
 def test_a_second_observer_of_a_slice_ends_the_process(start):

@@ -71,12 +71,12 @@ def test_records_go_to_the_file_and_from_warnings_up_to_the_journal(start, journ
 
 
 def test_nothing_goes_to_the_journal_or_a_file_with_standard_output(start, journal):
-    service = start(prefix=journal.prefix)
+    service = start("--logstdout", log_to_file=True, prefix=journal.prefix)
     make_an_error_record(service.client())
     wait_until(lambda: NO_HANDLER in service.stdout)
     service.stop()
     assert journal.records() == []
-    assert not (service.folder / "log").exists()
+    assert not service.log_file.parent.exists()
 
 
 def test_every_line_of_the_file_has_time_level_and_place(start):
