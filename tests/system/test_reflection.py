@@ -1,6 +1,7 @@
 """A stranger with no proto file can ask the service what it offers."""
 
 SERVICES = [b"Hox.Capability.StateMonitoring.Api.StateMonitoringService",
+            b"Hox.Capability.Configuration.Api.ConfigurationService",
             b"Hox.Capability.Introspection.IntrospectionService",
             b"grpc.reflection.v1alpha.ServerReflection"]
 
