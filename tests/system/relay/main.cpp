@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -53,7 +54,7 @@ public:
           m_thread([this] { run(); }) {}
 
     ~Direction() {
-        m_isStopping = true;
+        end(m_isStopping);
         m_thread.join();
     }
     Direction(const Direction&) = delete;
@@ -70,8 +71,9 @@ private:
             m_isLost = false;
             auto handle = observe();
             say("observing " + m_name);
-            while (!m_isStopping && !m_isLost) {
-                std::this_thread::sleep_for(step);
+            {
+                std::unique_lock<std::mutex> endLock(m_endMutex);
+                m_ended.wait(endLock, [this] { return m_isStopping || m_isLost; });
             }
             const std::lock_guard<std::mutex> lock(*m_mutex);
             handle.reset();
@@ -87,11 +89,18 @@ private:
             [this](const ChangeSetType& changes, const Status& status) {
                 if (!status.isOk()) {
                     say("lost " + m_name + ": " + status.errorMessage());
-                    m_isLost = true;
+                    end(m_isLost);
                 }
                 passOn(changes);
             },
             0);
+    }
+
+    /// Ends the observation that the thread of this object waits for.
+    void end(std::atomic<bool>& reason) {
+        const std::lock_guard<std::mutex> endLock(m_endMutex);
+        reason = true;
+        m_ended.notify_one();
     }
 
     void passOn(const ChangeSetType& changes) {
@@ -115,6 +124,8 @@ private:
     std::shared_ptr<std::mutex> m_mutex;
     std::shared_ptr<GrpcProxyObserverTree> m_from;
     std::shared_ptr<GrpcProxyObserverTree> m_to;
+    std::mutex m_endMutex;  // taken behind the mutex of the trees
+    std::condition_variable m_ended;
     std::atomic<bool> m_isStopping{false};
     std::atomic<bool> m_isLost{false};
     std::thread m_thread;
