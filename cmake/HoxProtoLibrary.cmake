@@ -22,13 +22,15 @@ function(hox_add_proto_library target)
         set(outputs ${out}/${stem}.pb.cc ${out}/${stem}.pb.h)
         set(options --cpp_out=${out})
         if(ARG_GRPC)
-            list(APPEND outputs ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
+            # In protoc's order: Ninja wants the first name in its dependency file to be the first here.
+            list(PREPEND outputs ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
             list(APPEND options --grpc_out=${out} --plugin=protoc-gen-grpc=$<TARGET_FILE:gRPC::grpc_cpp_plugin>)
         endif()
         add_custom_command(
             OUTPUT ${outputs}
-            COMMAND protobuf::protoc ${includes} ${options} ${proto}
-            DEPENDS ${ARG_ROOT}/${proto}
+            COMMAND protobuf::protoc ${includes} ${options} --dependency_out=${out}/${stem}.d ${proto}
+            DEPENDS ${ARG_ROOT}/${proto} protobuf::protoc
+            DEPFILE ${out}/${stem}.d  # names the imports
             COMMENT "Generating ${proto}"
             VERBATIM)
         list(APPEND generated ${outputs})
