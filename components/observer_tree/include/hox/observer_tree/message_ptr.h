@@ -11,11 +11,11 @@ namespace Hox::ObserverTree {
 struct MessageDeleter {
     MessageDeleter() = default;
 
-    /// Takes messages over from their usual owner.
+    /// Takes messages over from their usual owner; implicit, so that std::make_unique gives one.
     template <typename T>
-    // NOLINTNEXTLINE(google-explicit-constructor): so that std::make_unique gives one, too.
     MessageDeleter(const std::default_delete<T>& /*usual*/) {}
 
+    /// Frees the message, with its arena if it lies in one.
     void operator()(google::protobuf::Message* message) const {
         auto* const arena = message->GetArena();
         if (arena == nullptr) {

@@ -18,6 +18,7 @@ namespace Hox::ObserverTree {
 /// For the thread that sets the service up.
 class ProtoObsTreeBuilder {
 public:
+    /// Has a logger named after this class, beside those of the builders.
     ProtoObsTreeBuilder();
     virtual ~ProtoObsTreeBuilder() = default;
     ProtoObsTreeBuilder(const ProtoObsTreeBuilder&) = delete;

@@ -21,13 +21,16 @@ struct AsyncMethodDesc {
                     std::shared_ptr<IRequestWrapperService> wrapper, ObserverTree* servedTree);
 
     const int index;  ///< The method's place in its service.
+    /// The key and the operation it is bound to, as declared.
     const ObsTreeOptions options;
+    /// For making requests and answers of its types; never sent themselves.
     const std::unique_ptr<const google::protobuf::Message> requestPrototype;
     const std::unique_ptr<const google::protobuf::Message> responsePrototype;
+    /// Asks the service for calls of the method.
     const std::shared_ptr<IRequestWrapperService> reqWrapperService;
-    const bool isServerStreaming;
-    ObserverTree* const tree;
-    const std::string fullName;
+    const bool isServerStreaming;  ///< One answer otherwise.
+    ObserverTree* const tree;      ///< What it is bound to. Not owned.
+    const std::string fullName;    ///< As in the descriptor, with dots, for logs.
 };
 
 }  // namespace Hox::ObserverTree

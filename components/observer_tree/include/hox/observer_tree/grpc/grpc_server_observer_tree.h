@@ -13,6 +13,7 @@ namespace Hox::ObserverTree {
 /// Where the tree holds the last reference, the handler's thread ends before the tree goes.
 class GrpcServerObserverTree : public ObserverTree {
 public:
+    /// Shares the handler whose calls end in this tree.
     explicit GrpcServerObserverTree(std::shared_ptr<AsyncGrpcServerHandler> asyncGrpcServerHandler)
         : m_asyncGrpcServerHandler(std::move(asyncGrpcServerHandler)) {}
 
