@@ -33,8 +33,11 @@ if(HALVO_BUILD_TESTS)
         DEPENDS hox_protos)
 
     add_library(hox_observer_tree_grpc_test_support STATIC
+        tests/grpc/counting_service.cpp
         tests/grpc/hand_driven_server.cpp
-        tests/grpc/item_tree.cpp)
+        tests/grpc/item_tree.cpp
+        tests/grpc/observe_client.cpp
+        tests/grpc/unary_call.cpp)
     target_include_directories(hox_observer_tree_grpc_test_support PUBLIC tests)
     target_link_libraries(hox_observer_tree_grpc_test_support
         PUBLIC hox_observer_tree_grpc hox_observer_tree_test_proto hox_testing GTest::gtest
@@ -44,6 +47,7 @@ if(HALVO_BUILD_TESTS)
         SOURCES
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
+            tests/grpc/captured_logging.cpp
         LIBS hox_observer_tree_grpc_test_support
         LABELS threads)
 
@@ -52,6 +56,8 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/async_grpc_client_handler_test.cpp
             tests/grpc/async_grpc_server_events_test.cpp
             tests/grpc/async_grpc_server_handler_test.cpp
+            tests/grpc/captured_logging.cpp
+            tests/grpc/in_process_gate_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp

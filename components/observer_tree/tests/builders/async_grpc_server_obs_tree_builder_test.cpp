@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "grpc/served_tree.h"
+#include "grpc/unary_call.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "hox/testing/log_capture.h"
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include "grpc/hand_driven_server.h"
+#include "grpc/observe_client.h"
+#include "grpc/unary_call.h"
 #include "hox/testing/log_capture.h"
 
 namespace Hox::ObserverTree::Test {

@@ -15,7 +15,9 @@
 #include <sstream>
 #include <thread>
 
+#include "grpc/observe_client.h"
 #include "grpc/served_tree.h"
+#include "grpc/unary_call.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/wait_until.h"
 

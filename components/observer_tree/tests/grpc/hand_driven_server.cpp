@@ -5,53 +5,11 @@
 #include <grpcpp/server_builder.h>
 
 #include <chrono>
-#include <thread>
 #include <utility>
-
-#include "hox/testing/log_capture.h"
 
 namespace Hox::ObserverTree::Test {
 
 using NextStatus = grpc::CompletionQueue::NextStatus;
-
-namespace {
-
-/// Has the log system of the captures from the first test on: it records before a log call returns.
-class CapturedLogging : public ::testing::Environment {
-public:
-    void SetUp() override { const Hox::Testing::LogCapture installed; }
-};
-
-const auto* const capturedLogging = ::testing::AddGlobalTestEnvironment(new CapturedLogging);
-
-}  // namespace
-
-void CountingService::requestUnary(
-    int methodIndex, grpc::ServerContext* context, google::protobuf::Message* request,
-    grpc::ServerAsyncResponseWriter<google::protobuf::Message>* responder,
-    grpc::ServerCompletionQueue* callQueue, grpc::ServerCompletionQueue* notificationQueue,
-    void* tag) {
-    ++m_requests[methodIndex];
-    GrpcWrapperService::requestUnary(methodIndex, context, request, responder, callQueue,
-                                     notificationQueue, tag);
-}
-
-void CountingService::requestServerStreaming(
-    int methodIndex, grpc::ServerContext* context, google::protobuf::Message* request,
-    grpc::ServerAsyncWriter<google::protobuf::Message>* writer,
-    grpc::ServerCompletionQueue* callQueue, grpc::ServerCompletionQueue* notificationQueue,
-    void* tag) {
-    ++m_requests[methodIndex];
-    GrpcWrapperService::requestServerStreaming(methodIndex, context, request, writer, callQueue,
-                                               notificationQueue, tag);
-}
-
-int CountingService::requests(const std::string& method) const {
-    const auto* file = Item::descriptor()->file();
-    const auto found =
-        m_requests.find(file->FindServiceByName("TestService")->FindMethodByName(method)->index());
-    return found == m_requests.end() ? 0 : found->second;
-}
 
 HandDrivenServer::HandDrivenServer() {
     registerItemHandlers(*tree, handlers);
@@ -135,24 +93,6 @@ void HandDrivenServer::destroyHandler() {
     }
     handler.reset();
     m_server.reset();
-}
-
-std::future<UnaryResult> startCall(TestService::Stub& stub, UnaryMethod method,
-                                   const std::string& name) {
-    return std::async(std::launch::async, [&stub, method, name] {
-        UnaryResult result;
-        grpc::ClientContext context;
-        Item item;
-        item.set_name(name);
-        result.status = (stub.*method)(&context, item, &result.answer);
-        return result;
-    });
-}
-
-ObserveClient::ObserveClient(TestService::Stub& stub, const std::string& keyPattern) {
-    ObserveReq request;
-    request.set_key_pattern(keyPattern);
-    reader = stub.observeItems(&context, request);
 }
 
 }  // namespace Hox::ObserverTree::Test

@@ -1,41 +1,17 @@
 #pragma once
 
-#include <grpcpp/channel.h>
 #include <grpcpp/server.h>
 
+#include <chrono>
 #include <future>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <string>
 
+#include "grpc/counting_service.h"
 #include "grpc/item_tree.h"
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
-#include "hox/observer_tree/grpc/grpc_wrapper_service.h"
 #include "test_service.grpc.pb.h"
 
 namespace Hox::ObserverTree::Test {
-
-/// The real service, which also counts how often each method has been requested.
-class CountingService : public GrpcWrapperService<TestService::Service> {
-public:
-    void requestUnary(int methodIndex, grpc::ServerContext* context,
-                      google::protobuf::Message* request,
-                      grpc::ServerAsyncResponseWriter<google::protobuf::Message>* responder,
-                      grpc::ServerCompletionQueue* callQueue,
-                      grpc::ServerCompletionQueue* notificationQueue, void* tag) override;
-    void requestServerStreaming(int methodIndex, grpc::ServerContext* context,
-                                google::protobuf::Message* request,
-                                grpc::ServerAsyncWriter<google::protobuf::Message>* writer,
-                                grpc::ServerCompletionQueue* callQueue,
-                                grpc::ServerCompletionQueue* notificationQueue, void* tag) override;
-
-    /// How often the method has been requested so far.
-    int requests(const std::string& method) const;
-
-private:
-    std::map<int, int> m_requests;
-};
 
 /// An event of the queue.
 struct QueueEvent {
@@ -93,30 +69,6 @@ private:
     grpc::ServerCompletionQueue* m_queue = nullptr;
     std::unique_ptr<grpc::Server> m_server;
     std::unique_ptr<QueueEvent> m_kept;
-};
-
-/// A unary call of a client thread.
-struct UnaryResult {
-    grpc::Status status;
-    Answer answer;
-};
-
-using UnaryMethod = grpc::Status (TestService::Stub::*)(grpc::ClientContext*, const Item&, Answer*);
-
-/// Starts a call of the method with an item of that name.
-std::future<UnaryResult> startCall(TestService::Stub& stub, UnaryMethod method,
-                                   const std::string& name);
-
-/// An observe stream of a client.
-struct ObserveClient {
-    explicit ObserveClient(TestService::Stub& stub, const std::string& keyPattern = "/**");
-
-    /// Waits for the next element; false at the stream's end.
-    bool read() { return reader->Read(&element); }
-
-    grpc::ClientContext context;
-    std::unique_ptr<grpc::ClientReader<ObsTreeObserveChangeSet>> reader;
-    ObsTreeObserveChangeSet element;
 };
 
 }  // namespace Hox::ObserverTree::Test

@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "grpc/observe_client.h"
 #include "grpc/served_tree.h"
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
@@ -446,17 +447,6 @@ TEST_F(ProxyTree, StartsNothingOnAServerOfItsProcessThatHasBeenShutDown) {
     auto handle = inside.observe("/items/*", m_told.callback());
     inside.drop(handle);
     EXPECT_TRUE(m_told.lines().empty());
-}
-
-TEST(InProcessGate, WaitsForThoseWhoHavePassed) {
-    InProcessGate gate;
-    auto passage = gate.pass();
-    EXPECT_TRUE(passage.owns_lock());
-    auto closing = std::async(std::launch::async, [&gate] { gate.close(); });
-    EXPECT_EQ(closing.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    passage.unlock();
-    closing.get();
-    EXPECT_FALSE(gate.pass().owns_lock());
 }
 
 TEST(ProxyTreeBuilder, OffersNothingToObserveWithoutAnObserveMethod) {

@@ -9,7 +9,6 @@
 #include <mutex>
 #include <string>
 
-#include "grpc/hand_driven_server.h"
 #include "grpc/item_tree.h"
 #include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
 #include "hox/observer_tree/grpc/grpc_server_observer_tree.h"
