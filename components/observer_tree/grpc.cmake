@@ -22,6 +22,7 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/async_grpc_server_handler.cpp
         src/grpc/async_method_desc.cpp
         src/grpc/in_process_gate.cpp
+        src/grpc/owned_rpc_method.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
     PUBLIC hox_observer_tree gRPC::grpc++)

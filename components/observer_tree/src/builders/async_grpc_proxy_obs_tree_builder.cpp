@@ -1,7 +1,5 @@
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 
-#include <fmt/format.h>
-
 #include <utility>
 
 #include "hox/cpputil/log/source_location.h"
@@ -13,12 +11,6 @@ namespace Hox::ObserverTree {
 namespace {
 
 using google::protobuf::Message;
-
-std::string methodPath(const google::protobuf::MethodDescriptor& method) {
-    std::string name = method.full_name();
-    name[name.rfind('.')] = '/';
-    return fmt::format("/{}", name);
-}
 
 Status statusOf(const grpc::Status& grpcStatus, const ObsTreeObserveChangeSet& message) {
     if (!grpcStatus.ok()) {
@@ -51,10 +43,9 @@ void AsyncGrpcProxyObsTreeBuilder::bindMethod(
         case ObsTreeOptions::READ:
         case ObsTreeOptions::UPDATE:
         case ObsTreeOptions::REMOVE:
-            tree.setUnaryMethod(
-                options.key(), static_cast<UnaryOps>(options.type() - 1),
-                std::make_unique<OwnedRpcMethod>(methodPath(method),
-                                                 grpc::internal::RpcMethod::NORMAL_RPC, channel));
+            tree.setUnaryMethod(options.key(), static_cast<UnaryOps>(options.type() - 1),
+                                std::make_unique<OwnedRpcMethod>(
+                                    method, grpc::internal::RpcMethod::NORMAL_RPC, channel));
             return;
         case ObsTreeOptions::OBSERVE:
             addObserve(method, options, tree, channel, inProcess, handler);

@@ -64,11 +64,30 @@ struct AsyncGrpcClientHandler::CallData {
     /// In the arena of the call: goes before the context.
     std::variant<std::monostate, std::unique_ptr<Reader>, std::unique_ptr<UnaryReader>> reader;
     bool inProcess = false;
-    /// Guards the callback against the end of the handle, whose deleter shares it.
-    std::shared_ptr<std::mutex> callMutex;
-    bool hasEnded = false;  // GUARDED_BY(*callMutex): no event will come any more
+    /// Guards the callback against the end of the handle, whose deleter shares it. Recursive: the
+    /// callback may end its own handle.
+    std::shared_ptr<std::recursive_mutex> callMutex;
+    /// Until when the channel of the ended call is looked at again.
+    std::chrono::steady_clock::time_point lossDeadline{};
 
-    bool isHandleHeld() const { return context.use_count() > 1; }
+    bool isHandleHeld() const {
+        const std::lock_guard<std::recursive_mutex> lock(*callMutex);
+        return context.use_count() > 1;
+    }
+
+    void callBackIfHeld(std::unique_ptr<Message> received, const grpc::Status& callStatus) const {
+        const std::lock_guard<std::recursive_mutex> lock(*callMutex);
+        if (isHandleHeld()) {
+            callback(std::move(received), callStatus);
+        }
+    }
+
+    bool mayBeLeftAlone() const {
+        // The channel of an in-process call has no state to ask for.
+        return status.ok() && isHandleHeld() &&
+               (inProcess || channel->GetState(false) != GRPC_CHANNEL_IDLE);
+    }
+
     Reader& stream() { return *std::get<std::unique_ptr<Reader>>(reader); }
 };
 
@@ -79,9 +98,15 @@ AsyncGrpcClientHandler::AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capab
       m_capabilityMutex(std::move(capabilityMutex)) {}
 
 AsyncGrpcClientHandler::~AsyncGrpcClientHandler() {
+    stop();
+}
+
+void AsyncGrpcClientHandler::stop() {
     {
         const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-        m_isShuttingDown = true;
+        if (std::exchange(m_isShuttingDown, true)) {
+            return;
+        }
         for (const auto& call : m_calls) {
             call.second->context->TryCancel();
         }
@@ -95,6 +120,15 @@ AsyncGrpcClientHandler::~AsyncGrpcClientHandler() {
     bool ok = false;
     while (m_completionQueue->Next(&tag, &ok)) {
     }
+    freeCalls();
+}
+
+void AsyncGrpcClientHandler::freeCalls() {
+    m_justEnded.clear();
+    m_leftAlone.clear();
+    decltype(m_calls) calls;
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    calls.swap(m_calls);  // freed without the lock: what callbacks hold may end calls
 }
 
 void AsyncGrpcClientHandler::startThread() {
@@ -118,7 +152,7 @@ AsyncGrpcClientHandler::CallMethodRaiiHandleType AsyncGrpcClientHandler::callMet
     std::unique_ptr<CallData> owned(new CallData{
         ClientRequestState::STREAM_STARTING, std::make_shared<grpc::ClientContext>(), rpcMethod,
         grpc::Status(), std::unique_ptr<Message>(prototype->New()), callback, std::move(channel),
-        std::monostate(), inProcess, std::make_shared<std::mutex>()});
+        std::monostate(), inProcess, std::make_shared<std::recursive_mutex>()});
     CallData& callData = *owned;
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "Calling Streaming Method, callData object {} created", fmt::ptr(&callData));
@@ -135,65 +169,41 @@ AsyncGrpcClientHandler::CallMethodRaiiHandleType AsyncGrpcClientHandler::callMet
 const grpc::internal::RpcMethod& AsyncGrpcClientHandler::rpcMethodFor(
     const std::shared_ptr<grpc::Channel>& channel,
     const google::protobuf::MethodDescriptor& method) {
-    const std::string path = "/" + method.service()->full_name() + "/" + method.name();
-    auto& registered = m_rpcMethods[{channel, path}];
+    auto& registered = m_rpcMethods[{channel, OwnedRpcMethod::pathOf(method)}];
     if (!registered) {
         registered = std::make_unique<OwnedRpcMethod>(
-            path, grpc::internal::RpcMethod::SERVER_STREAMING, channel);
+            method, grpc::internal::RpcMethod::SERVER_STREAMING, channel);
     }
     return registered->method();
 }
 
 AsyncGrpcClientHandler::CallMethodRaiiHandleType AsyncGrpcClientHandler::handleFor(
-    const CallData& callData) {
+    const CallData& callData) const {
     return {std::make_unique<std::shared_ptr<grpc::ClientContext>>(callData.context).release(),
-            [weakHandler = weak_from_this(), callMutex = callData.callMutex,
-             call = &callData](std::shared_ptr<grpc::ClientContext>* context) {
+            [logger = m_logger,
+             callMutex = callData.callMutex](std::shared_ptr<grpc::ClientContext>* context) {
+                logger->log(Hox::Log::here(), spdlog::level::debug,
+                            "Finishing streaming call, RAII style");
+                const std::lock_guard<std::recursive_mutex> lock(*callMutex);
                 const std::unique_ptr<std::shared_ptr<grpc::ClientContext>> owned(context);
-                if (const auto handler = weakHandler.lock()) {
-                    handler->drop(call, *callMutex, context);
-                }
+                (*owned)->TryCancel();
             }};
 }
 
-void AsyncGrpcClientHandler::drop(const CallData* callData, std::mutex& callMutex,
-                                  std::shared_ptr<grpc::ClientContext>* context) {
-    m_logger->log(Hox::Log::here(), spdlog::level::debug, "Finishing streaming call, RAII style");
-    // Inside the callback of this very call the mutex is held by this thread already.
-    const bool isInsideCallback =
-        std::this_thread::get_id() == m_threadId.load() && m_heldCallMutex == &callMutex;
-    {
-        std::unique_lock<std::mutex> lock(callMutex, std::defer_lock);
-        if (!isInsideCallback) {
-            lock.lock();
-        }
-        (*context)->TryCancel();
-        context->reset();
-    }
-    // From here on the loop does not set hasEnded any more, as the handle is not held.
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    const auto found = m_calls.find(callData);
-    if (found != m_calls.end() && found->second->hasEnded) {
-        // The next call may lie at the same address.
-        m_justEnded.erase(std::remove(m_justEnded.begin(), m_justEnded.end(), callData),
-                          m_justEnded.end());
-        m_calls.erase(found);
-    }
-}
-
 void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
-    m_threadId = std::this_thread::get_id();
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "{}:{} AsyncGrpcClientHandler Thread Started", ::getpid(), ::gettid());
     void* tag = nullptr;
     bool ok = false;
     for (;;) {
-        const auto outcome = m_completionQueue->AsyncNext(
-            &tag, &ok, std::chrono::system_clock::now() + waitingTime());
+        const auto wait = m_justEnded.empty() ? pollInterval : lossInterval;
+        const auto outcome =
+            m_completionQueue->AsyncNext(&tag, &ok, std::chrono::system_clock::now() + wait);
         const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
         if (outcome == grpc::CompletionQueue::SHUTDOWN) {
             break;
         }
+        lookAfterEndedCalls();
         if (outcome == grpc::CompletionQueue::GOT_EVENT) {
             auto& callData = callOf(tag);
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
@@ -202,23 +212,18 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
                           fmt::ptr(&callData), ok, static_cast<int>(callData.status.error_code()),
                           static_cast<int>(callData.requestState));
             ok ? processOkEvent(callData) : processNotOkEvent(callData);
-            continue;
-        }
-        lookAgainAtEndedCalls();
-        const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-        if (m_isShuttingDown) {
+        } else if (isShuttingDown()) {
             break;
         }
     }
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "AsyncGrpcClientHandler Thread Exited isOk {:d} isShuttingdown {:d}", ok,
-                  m_isShuttingDown);
+                  isShuttingDown());
 }
 
-std::chrono::milliseconds AsyncGrpcClientHandler::waitingTime() {
+bool AsyncGrpcClientHandler::isShuttingDown() {
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    return m_justEnded.empty() ? pollInterval : lossInterval;
+    return m_isShuttingDown;
 }
 
 AsyncGrpcClientHandler::CallData& AsyncGrpcClientHandler::callOf(void* tag) {
@@ -226,11 +231,17 @@ AsyncGrpcClientHandler::CallData& AsyncGrpcClientHandler::callOf(void* tag) {
     return *m_calls.at(static_cast<const CallData*>(tag));
 }
 
+std::unique_ptr<AsyncGrpcClientHandler::CallData> AsyncGrpcClientHandler::takeOut(
+    const CallData& callData) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return std::move(m_calls.extract(&callData).mapped());
+}
+
 void AsyncGrpcClientHandler::processOkEvent(CallData& callData) {
     switch (callData.requestState) {
         case ClientRequestState::STREAM_STARTING:
             if (!callData.status.ok()) {
-                callBackIfHeld(callData, nullptr, callData.status);
+                callData.callBackIfHeld(nullptr, callData.status);
                 return;
             }
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
@@ -244,7 +255,7 @@ void AsyncGrpcClientHandler::processOkEvent(CallData& callData) {
                           "{} Server Data Ready for streaming", fmt::ptr(&callData));
             auto received = std::move(callData.message);
             callData.message.reset(received->New());
-            callBackIfHeld(callData, std::move(received), callData.status);
+            callData.callBackIfHeld(std::move(received), callData.status);
             readNext(callData);
             return;
         }
@@ -252,7 +263,7 @@ void AsyncGrpcClientHandler::processOkEvent(CallData& callData) {
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
                           "Finished streaming call, deleting callData object {}",
                           fmt::ptr(&callData));
-            free(&callData);
+            takeOut(callData);
             return;
         default:
             processOkUnaryEvent(callData);
@@ -274,79 +285,45 @@ void AsyncGrpcClientHandler::processOkUnaryEvent(CallData& callData) {
         m_logger->log(Hox::Log::here(), spdlog::level::trace,
                       "Recieved Unary Finish Call, set finished state {}", fmt::ptr(&callData));
         callData.requestState = ClientRequestState::FINISHED;
-        callBackIfHeld(callData, std::move(callData.message), callData.status);
+        callData.callBackIfHeld(std::move(callData.message), callData.status);
         if (!callData.status.ok()) {
-            free(&callData);
+            takeOut(callData);
         }
     } else {
         m_logger->log(Hox::Log::here(), spdlog::level::trace, "Received Finished call {}",
                       fmt::ptr(&callData));
-        free(&callData);
+        takeOut(callData);
     }
 }
 
-void AsyncGrpcClientHandler::processNotOkEvent(CallData& callData) {
-    if (leaveAlone(callData)) {
-        if (!callData.inProcess) {
-            m_lossDeadline = std::chrono::steady_clock::now() + lossPeriod;
-            const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-            m_justEnded.push_back(&callData);
-        }
+void AsyncGrpcClientHandler::processNotOkEvent(const CallData& callData) {
+    auto call = takeOut(callData);
+    call->lossDeadline = std::chrono::steady_clock::now() + lossPeriod;
+    leaveAloneOrTellLoss(std::move(call));
+}
+
+void AsyncGrpcClientHandler::leaveAloneOrTellLoss(std::unique_ptr<CallData> call) {
+    if (call->mayBeLeftAlone()) {
+        const bool mayStillBeLost =
+            !call->inProcess && std::chrono::steady_clock::now() < call->lossDeadline;
+        (mayStillBeLost ? m_justEnded : m_leftAlone).push_back(std::move(call));
         return;
     }
-    tellLoss(callData);
-    free(&callData);
-}
-
-void AsyncGrpcClientHandler::lookAgainAtEndedCalls() {
-    for (auto& call : takeJustEnded()) {
-        if (leaveAlone(*call)) {
-            const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-            if (std::chrono::steady_clock::now() < m_lossDeadline) {
-                m_justEnded.push_back(call.get());
-            }
-            const auto* key = call.get();
-            m_calls.emplace(key, std::move(call));
-        } else if (call->isHandleHeld()) {
-            tellLoss(*call);
-        }
-    }
-}
-
-std::vector<std::unique_ptr<AsyncGrpcClientHandler::CallData>>
-AsyncGrpcClientHandler::takeJustEnded() {
-    std::vector<std::unique_ptr<CallData>> calls;
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    for (const auto* call : std::exchange(m_justEnded, {})) {
-        auto node = m_calls.extract(call);
-        if (!node.empty()) {
-            calls.push_back(std::move(node.mapped()));
-        }
-    }
-    return calls;
-}
-
-bool AsyncGrpcClientHandler::leaveAlone(CallData& callData) {
-    const std::lock_guard<std::mutex> lock(*callData.callMutex);
-    if (!mayBeLeftAlone(callData)) {
-        return false;  // who drops the handle reads the flag without this lock
-    }
-    callData.hasEnded = true;
-    return true;
-}
-
-void AsyncGrpcClientHandler::tellLoss(CallData& callData) {
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "CompletionQueue returned not ok! StatusCode {} ",
-                  static_cast<int>(callData.status.error_code()));
-    callBackIfHeld(callData, nullptr,
-                   grpc::Status(grpc::StatusCode::CANCELLED, "Some error occured!"));
+                  static_cast<int>(call->status.error_code()));
+    call->callBackIfHeld(nullptr, grpc::Status(grpc::StatusCode::CANCELLED, "Some error occured!"));
 }
 
-bool AsyncGrpcClientHandler::mayBeLeftAlone(const CallData& callData) {
-    // The channel of an in-process call has no state to ask for.
-    return callData.status.ok() && callData.isHandleHeld() &&
-           (callData.inProcess || callData.channel->GetState(false) != GRPC_CHANNEL_IDLE);
+void AsyncGrpcClientHandler::lookAfterEndedCalls() {
+    for (auto& call : std::exchange(m_justEnded, {})) {
+        if (call->isHandleHeld()) {
+            leaveAloneOrTellLoss(std::move(call));
+        }
+    }
+    m_leftAlone.erase(std::remove_if(m_leftAlone.begin(), m_leftAlone.end(),
+                                     [](const auto& call) { return !call->isHandleHeld(); }),
+                      m_leftAlone.end());
 }
 
 void AsyncGrpcClientHandler::readNext(CallData& callData) {
@@ -354,21 +331,6 @@ void AsyncGrpcClientHandler::readNext(CallData& callData) {
     if (!m_isShuttingDown) {
         callData.stream().Read(callData.message.get(), &callData);
     }
-}
-
-void AsyncGrpcClientHandler::callBackIfHeld(CallData& callData, std::unique_ptr<Message> message,
-                                            const grpc::Status& status) {
-    const std::lock_guard<std::mutex> lock(*callData.callMutex);
-    if (callData.isHandleHeld()) {
-        m_heldCallMutex = callData.callMutex.get();
-        callData.callback(std::move(message), status);
-        m_heldCallMutex = nullptr;
-    }
-}
-
-void AsyncGrpcClientHandler::free(const CallData* callData) {
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    m_calls.erase(callData);
 }
 
 }  // namespace Hox::ObserverTree

@@ -7,7 +7,6 @@
 #include <grpcpp/completion_queue.h>
 #include <spdlog/logger.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -25,16 +24,19 @@ namespace Hox::ObserverTree {
 /// Runs the client end of server-streaming calls on one completion queue with one thread.
 ///
 /// Knows nothing of trees. Does not reconnect or retry: after the callback with a failed status the
-/// call is gone. Lock order: the capability's mutex, then a call's mutex or m_mutex, never both.
-class AsyncGrpcClientHandler : public std::enable_shared_from_this<AsyncGrpcClientHandler> {
+/// call is gone. The handler owns the records of all calls; its thread frees each, with the
+/// callback, soon after the call has ended and its handle has been dropped. Lock order: the
+/// capability's mutex, a call's mutex, what a callback locks, m_mutex.
+class AsyncGrpcClientHandler {
 public:
     /// Gets each message of a stream with an OK status, or null with a failed one. Runs on the
     /// handler's thread with the capability's mutex held; must not throw.
     using CallBackMethodType =
         std::function<void(std::unique_ptr<google::protobuf::Message>, const grpc::Status&)>;
 
-    /// Keeps a call running. Once it has been dropped, on any thread, the callback is not called
-    /// any more; it may be dropped inside the callback itself. Empty: no call was started.
+    /// Keeps a call running. Dropping it, on any thread, waits for a callback that runs; afterwards
+    /// the callback is not called any more. It may be dropped inside the callback itself, and
+    /// outlive the handler. Empty: no call was started.
     using CallMethodRaiiHandleType =
         std::unique_ptr<std::shared_ptr<grpc::ClientContext>,
                         std::function<void(std::shared_ptr<grpc::ClientContext>*)>>;
@@ -44,8 +46,7 @@ public:
     explicit AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
                                     bool inProcess = false);
 
-    /// Cancels what still runs and ends the thread. The caller does not hold the capability's
-    /// mutex.
+    /// Stops, unless that has been done.
     virtual ~AsyncGrpcClientHandler();
     AsyncGrpcClientHandler(const AsyncGrpcClientHandler&) = delete;
     AsyncGrpcClientHandler(AsyncGrpcClientHandler&&) = delete;
@@ -54,6 +55,10 @@ public:
 
     /// Starts the thread; asserts that it does not run yet.
     void startThread();
+
+    /// Cancels what still runs, ends the thread and frees all calls; no call starts any more. The
+    /// caller does not hold the capability's mutex and is not the handler's thread.
+    void stop();
 
     /// Starts a call of a server-streaming method; asserts that it is one. Callable from any
     /// thread.
@@ -68,25 +73,20 @@ private:
 
     const grpc::internal::RpcMethod& rpcMethodFor(const std::shared_ptr<grpc::Channel>& channel,
                                                   const google::protobuf::MethodDescriptor& method);
-    CallMethodRaiiHandleType handleFor(const CallData& callData);
-    void drop(const CallData* callData, std::mutex& callMutex,
-              std::shared_ptr<grpc::ClientContext>* context);
+    CallMethodRaiiHandleType handleFor(const CallData& callData) const;
     void startProcessingCompletionQueue();
+    bool isShuttingDown();
     /// The call behind a tag of the queue, once the thread that starts it has let go of it.
     CallData& callOf(void* tag);
+    /// Takes over a call for which no event will come any more.
+    std::unique_ptr<CallData> takeOut(const CallData& callData);
     void processOkEvent(CallData& callData);
     void processOkUnaryEvent(CallData& callData);
-    void processNotOkEvent(CallData& callData);
-    std::chrono::milliseconds waitingTime();
-    void lookAgainAtEndedCalls();
-    std::vector<std::unique_ptr<CallData>> takeJustEnded();
-    static bool leaveAlone(CallData& callData);
-    void tellLoss(CallData& callData);
-    static bool mayBeLeftAlone(const CallData& callData);
+    void processNotOkEvent(const CallData& callData);
+    void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);
+    void lookAfterEndedCalls();
     void readNext(CallData& callData);
-    void callBackIfHeld(CallData& callData, std::unique_ptr<google::protobuf::Message> message,
-                        const grpc::Status& status);
-    void free(const CallData* callData);
+    void freeCalls();
 
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::CompletionQueue> m_completionQueue;
@@ -99,13 +99,13 @@ private:
     std::map<std::pair<std::shared_ptr<grpc::Channel>, std::string>,
              std::unique_ptr<OwnedRpcMethod>>
         m_rpcMethods;
-    std::map<const CallData*, std::unique_ptr<CallData>> m_calls;  // GUARDED_BY(m_mutex)
-    /// Calls that ended while their channel did not look lost yet. GUARDED_BY(m_mutex)
-    std::vector<const CallData*> m_justEnded;
-    /// Until when they are looked at again; touched by the handler's thread alone.
-    std::chrono::steady_clock::time_point m_lossDeadline;
-    std::atomic<std::thread::id> m_threadId;
-    const std::mutex* m_heldCallMutex = nullptr;  // touched by the handler's thread alone
+    /// Calls with an event to come. GUARDED_BY(m_mutex)
+    std::map<const CallData*, std::unique_ptr<CallData>> m_calls;
+    /// Calls that ended while their channel did not look lost yet: it is looked at again. Like
+    /// m_leftAlone for the handler's thread alone.
+    std::vector<std::unique_ptr<CallData>> m_justEnded;
+    /// Calls that have ended and wait for the end of their handle.
+    std::vector<std::unique_ptr<CallData>> m_leftAlone;
 };
 
 }  // namespace Hox::ObserverTree
