@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/observer_tree/grpc/in_process_gate.h"
@@ -29,6 +30,8 @@ namespace Hox::ObserverTree {
 /// by its owner without the capability's mutex, which the client handler's thread may need.
 template <typename ClientHandler>
 class ProxyObserverTree : public ObserverTree {
+    using Handle = typename ClientHandler::CallMethodRaiiHandleType;
+
 public:
     /// Made by the builder, which binds the methods afterwards. The gate is that of the process's
     /// own server, null for a tree in another service.
@@ -39,8 +42,12 @@ public:
           m_clientHandler(std::move(clientHandler)),
           m_gate(std::move(gate)) {}
 
-    /// Cancels all running observations, then ends the client handler unless somebody shares it.
-    ~ProxyObserverTree() override = default;
+    /// Cancels all running observations, then ends the client handler. The callbacks that run
+    /// meanwhile may still use the tree.
+    ~ProxyObserverTree() override {
+        endObservations();
+        m_clientHandler->stop();
+    }
     ProxyObserverTree(const ProxyObserverTree&) = delete;
     ProxyObserverTree(ProxyObserverTree&&) = delete;
     ProxyObserverTree& operator=(const ProxyObserverTree&) = delete;
@@ -103,8 +110,7 @@ public:
     }
 
     /// Keeps the stream of an observer, known by its request. For the builder's hooks.
-    void addRemoteObservation(const google::protobuf::Message& inMsg,
-                              typename ClientHandler::CallMethodRaiiHandleType handle) {
+    void addRemoteObservation(const google::protobuf::Message& inMsg, Handle handle) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_observerMap.insert_or_assign(&inMsg, std::move(handle));
     }
@@ -121,11 +127,19 @@ public:
     }
 
 private:
+    void endObservations() {
+        std::vector<Handle> handles;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& observation : m_observerMap) {
+            // The entry stays: the observer may leave in a callback that runs just now.
+            handles.push_back(std::move(observation.second));
+        }
+    }
+
     std::shared_ptr<grpc::Channel> m_channel;
     std::shared_ptr<ClientHandler> m_clientHandler;
     /// Running streams, keyed by the observer's own copy of its request. GUARDED_BY(m_mutex)
-    std::map<const google::protobuf::Message*, typename ClientHandler::CallMethodRaiiHandleType>
-        m_observerMap;
+    std::map<const google::protobuf::Message*, Handle> m_observerMap;
     /// Held for the map alone, not for the end of a call.
     std::mutex m_mutex;
     std::shared_ptr<InProcessGate> m_gate;

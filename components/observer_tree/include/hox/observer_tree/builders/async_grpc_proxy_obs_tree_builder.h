@@ -22,6 +22,7 @@ using GrpcProxyObserverTree = ProxyObserverTree<AsyncGrpcClientHandler>;
 /// Without state of its own: one object serves all proxies, from any thread.
 class AsyncGrpcProxyObsTreeBuilder : public ProtoObsTreeBuilder {
 public:
+    /// Has a logger of its own.
     AsyncGrpcProxyObsTreeBuilder();
 
     /// A proxy with a client handler, thread and queue of its own, which run under the capability's
@@ -34,9 +35,10 @@ public:
         std::shared_ptr<InProcessGate> gate) const {
         const bool inProcess = gate != nullptr;
         const auto handler = std::make_shared<AsyncGrpcClientHandler>(mutex, inProcess);
-        handler->startThread();
         auto tree = std::make_shared<GrpcProxyObserverTree>(channel, handler, std::move(gate));
         buildProxyObsTree<ServiceType>(tree, inProcess, channel, handler);
+        // Last: a proxy that cannot be built goes while its caller holds the mutex.
+        handler->startThread();
         return tree;
     }
 
