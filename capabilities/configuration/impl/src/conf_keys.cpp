@@ -35,10 +35,23 @@ bool isKept(const std::string& key) {
            key.find_first_of("\n\r") == std::string::npos;
 }
 
-/// The key for people to read, in one line.
-std::string withoutUnstorableBytes(const std::string& key) {
+/// What a byte of the message of a status takes on the wire.
+std::size_t sizeInStatus(char byte) {
+    return byte >= ' ' && byte <= '~' && byte != '%' ? 1 : 3;
+}
+
+/// The key for people to read: in one line, and its start only if it is long, since a client would
+/// be told of a status that is too large instead of the reason.
+std::string shown(const std::string& key) {
+    constexpr std::size_t maxSize = 4000;
     std::string text;
+    std::size_t size = 0;
     for (const char byte : key) {
+        const bool isFirstOfCharacter = (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U;
+        if (size >= maxSize && isFirstOfCharacter) {
+            return text + "...";
+        }
+        size += sizeInStatus(byte);
         const std::size_t place = unstorableBytes.find(byte);
         if (place == std::string_view::npos) {
             text += byte;
@@ -122,10 +135,10 @@ void checkSaved(const ChangeSetType& content) {
 
 std::string whyNotStorable(const std::string& key) {
     if (key.find_first_of(unstorableBytes) != std::string::npos) {
-        return "Key has a line end or a zero byte: " + withoutUnstorableBytes(key);
+        return "Key has a line end or a zero byte: " + shown(key);
     }
     if (key.size() > maxKeySize) {
-        return "Key is longer than " + std::to_string(maxKeySize) + " bytes: " + key;
+        return "Key is longer than " + std::to_string(maxKeySize) + " bytes: " + shown(key);
     }
     std::size_t start = 1;
     while (start < key.size()) {
@@ -133,10 +146,10 @@ std::string whyNotStorable(const std::string& key) {
         const auto component = std::string_view(key).substr(start, end - start);
         if (component.size() > maxComponentSize) {
             return "Key has a component of more than " + std::to_string(maxComponentSize) +
-                   " bytes: " + key;
+                   " bytes: " + shown(key);
         }
         if (isReservedName(component)) {
-            return "Key has the reserved component " + std::string(component) + ": " + key;
+            return "Key has the reserved component " + std::string(component) + ": " + shown(key);
         }
         start = end + 1;
     }

@@ -87,6 +87,19 @@ TEST(ConfKeys, WithLineEndsOrZerosAreToldInOneLine) {
     EXPECT_EQ(whyNotStorable("/a\t\\n/ \xc3\xa4"), "");
 }
 
+/// A character that is not ASCII takes three times its size on the wire.
+TEST(ConfKeys, AreToldByTheirStartWhereTheyAreTooLongForAStatus) {
+    const std::string start = "Key is longer than 3000 bytes: ";
+    EXPECT_EQ(whyNotStorable("/" + std::string(3999, 'x')), start + "/" + std::string(3999, 'x'));
+    EXPECT_EQ(whyNotStorable("/" + std::string(1000000, 'x')),
+              start + "/" + std::string(3999, 'x') + "...");
+    std::string umlauts;
+    for (int count = 0; count < 1500; ++count) {
+        umlauts += "\xc3\xa4";
+    }
+    EXPECT_EQ(whyNotStorable("/" + umlauts), start + "/" + umlauts.substr(0, 2 * 667) + "...");
+}
+
 TEST(StateId, IsStoredInItsOddForm) {
     const auto value = stateIdToValue("17");
     EXPECT_EQ(value->get<google::protobuf::StringValue>().value(),
