@@ -1,18 +1,35 @@
 #include "hox/service_common/service_initializer/proxy_obs_tree_helper.h"
 
+#include <gmock/gmock.h>
 #include <grpcpp/server_builder.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
-#include "introspection.grpc.pb.h"
+#include "hox/testing/log_capture.h"
+#include "hox/testing/wait_until.h"
+#include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Service {
 namespace {
 
-using Capability::Introspection::IntrospectionService;
+using Hox::Capability::StateMonitoring::Api::GetCurrentStateReq;
+using Hox::Capability::StateMonitoring::Api::GetCurrentStateResp;
+using Hox::Capability::StateMonitoring::Api::StateMonitoringService;
 using Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder;
+using Hox::Testing::LogCapture;
+using Hox::Testing::waitUntil;
+using ::testing::EndsWith;
+
+class MonitorThatWarns : public StateMonitoringService::Service {
+    grpc::Status getCurrentState(grpc::ServerContext* /*context*/,
+                                 const GetCurrentStateReq* /*request*/,
+                                 GetCurrentStateResp* response) override {
+        response->set_currentstate(Hox::Capability::StateMonitoring::Api::WARN);
+        return grpc::Status::OK;
+    }
+};
 
 /// A context whose server has no listener.
 class ProxyTreeHelper : public ::testing::Test {
@@ -24,11 +41,11 @@ protected:
     }
 
     std::shared_ptr<ObserverTree::GrpcProxyObserverTree> create(const std::string& address) const {
-        return m_ctx.getProxyObsTreeHelper().createProxyObsTree<IntrospectionService>(m_mutex,
-                                                                                      address);
+        return m_ctx.getProxyObsTreeHelper().createProxyObsTree<StateMonitoringService>(m_mutex,
+                                                                                        address);
     }
 
-    IntrospectionService::Service m_service;
+    MonitorThatWarns m_service;
     std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
     LumServiceCtx m_ctx{"program", std::make_shared<AsyncGrpcProxyObsTreeBuilder>()};
 };
@@ -38,6 +55,12 @@ TEST_F(ProxyTreeHelper, ReachesTheServerOfItsOwnProcess) {
     const auto proxy = create("inprocess");
     EXPECT_TRUE(proxy->inProcess());
     EXPECT_TRUE(proxy->waitForConnected(std::chrono::system_clock::time_point::min()));
+    GetCurrentStateResp response;
+    EXPECT_TRUE(proxy
+                    ->callUnary("/state/current", ObserverTree::UnaryOps::READ,
+                                GetCurrentStateReq(), response)
+                    .isOk());
+    EXPECT_EQ(response.currentstate(), Hox::Capability::StateMonitoring::Api::WARN);
 }
 
 TEST_F(ProxyTreeHelper, TakesAnyOtherTextForATargetOfGrpc) {
@@ -50,8 +73,17 @@ TEST_F(ProxyTreeHelper, TakesAnyOtherTextForATargetOfGrpc) {
 }
 
 TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
+    const LogCapture log("AsyncGrpcClientHandler", spdlog::level::debug);
     startServer();
-    EXPECT_NE(create("inprocess")->channel(), create("inprocess")->channel());
+    const auto first = create("inprocess");
+    const auto second = create("inprocess");
+    EXPECT_NE(first->channel(), second->channel());
+    ASSERT_TRUE(waitUntil([&log] { return log.texts().size() == 2; }));
+    // Process and thread stand ahead of the text.
+    for (const auto& text : log.texts()) {
+        EXPECT_THAT(text, EndsWith(" AsyncGrpcClientHandler Thread Started"));
+    }
+    EXPECT_NE(log.texts().front(), log.texts().back());
 }
 
 TEST_F(ProxyTreeHelper, ClosesTheWayIntoTheProcessWithItsGate) {
@@ -76,7 +108,7 @@ TEST_F(ProxyTreeHelperDeathTest, WantsABuilder) {
         {
             startServer();
             const ProxyObsTreeHelper helper(nullptr, m_ctx.getGrpcServer());
-            helper.createProxyObsTree<IntrospectionService>(m_mutex, "inprocess");
+            helper.createProxyObsTree<StateMonitoringService>(m_mutex, "inprocess");
         },
         "Assertion failed: \\[m_proxyObsTreeBuilder.get\\(\\)\\]");
 }
