@@ -26,8 +26,9 @@ namespace Hox::ObserverTree {
 ///
 /// Stores no remote values and evaluates no pattern: one local observer is one gRPC stream, whose
 /// change sets go straight to the callback on the client handler's thread. A stream whose peer is
-/// lost ends with one CANCELLED call; to observe again, drop the handle and observe anew. Dropped
-/// by its owner without the capability's mutex, which the client handler's thread may need.
+/// lost ends with one CANCELLED call; to observe again, drop the handle and observe anew. An
+/// element that is OK and carries a text all the same fails an assertion. Dropped by its owner
+/// without the capability's mutex, which the client handler's thread may need.
 template <typename ClientHandler>
 class ProxyObserverTree : public ObserverTree {
     using Handle = typename ClientHandler::CallMethodRaiiHandleType;
