@@ -10,6 +10,7 @@ class Arguments {
 public:
     /// The texts behind the program's name, which is "program".
     explicit Arguments(const std::vector<std::string>& arguments);
+    ~Arguments() = default;
     Arguments(const Arguments&) = delete;
     Arguments& operator=(const Arguments&) = delete;
     Arguments(Arguments&&) = delete;
