@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "grpc/hand_driven_server.h"
 #include "grpc/observe_client.h"
 #include "grpc/served_tree.h"
 #include "grpc/unary_call.h"
