@@ -407,8 +407,7 @@ TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
                "/sys/conf/mb/0/tuner/a/data("},
           Case{"sys/conf/mb/0/data~/a/data", "{}", "Invalid Argument Error: Key has the reserved"},
           Case{longFile.c_str(), "{}", "Invalid Argument Error: Key is longer than 3000 bytes: "},
-          Case{"partno", "many\n", "stoi"},
-          Case{"partno", "99999999999\n", "stoi"}}) {
+          Case{"partno", "many\n", "stoi"}, Case{"partno", "99999999999\n", "stoi"}}) {
         const fs::path dir = m_dir / "bad";
         fs::remove_all(dir);
         writePackageIdentity(readSystemIdentity(), (fs::create_directory(dir), dir));
