@@ -106,8 +106,8 @@ TEST_F(UnaryNode, LogsWhatAFailedTakingHandlerLeftOfARequestThatWasGivenOver) {
     const AssertionReports reports;
     m_node->setUnaryTakingHandler<UnaryOps::READ, StringValue, Int64Value>(
         [](StringValue&& request, DataTree&) -> UnaryHandlerReturnType<Int64Value> {
-            const StringValue taken(std::move(request));
-            request.clear_value();
+            StringValue taken;
+            taken.Swap(&request);
             throw std::runtime_error("boom");
         });
     EXPECT_THROW(m_node->callUnaryHandlerCast<UnaryOps::READ>(message("text"), m_tree),
