@@ -50,18 +50,14 @@ mode_t withRights(const struct stat& status) {
 bool grantRights(int parent, const std::string& name) {
     struct stat status {};
     return ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           lacksRights(status) && ::fchmodat(parent, name.c_str(), withRights(status), 0) == 0;
+           lacksRights(status) &&
+           ::fchmodat(parent, name.c_str(), withRights(status), AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 /// Null, with errno, if there is no such directory or it cannot be opened.
 Stream openDirectory(int parent, const std::string& name) {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    int descriptor = ::openat(parent, name.c_str(), flags);
-    if (descriptor < 0 && errno == EACCES) {
-        const bool isWorthATry = grantRights(parent, name);
-        errno = EACCES;
-        descriptor = isWorthATry ? ::openat(parent, name.c_str(), flags) : -1;
-    }
+    const int descriptor =
+        ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (descriptor < 0) {
         return nullptr;
     }
@@ -72,6 +68,17 @@ Stream openDirectory(int parent, const std::string& name) {
         errno = error;
     }
     return stream;
+}
+
+/// The same for a directory that may have to give its owner rights first.
+Stream openWithRights(int parent, const std::string& name) {
+    Stream directory = openDirectory(parent, name);
+    if (!directory && errno == EACCES) {
+        const bool isWorthATry = grantRights(parent, name);
+        errno = EACCES;
+        directory = isWorthATry ? openDirectory(parent, name) : nullptr;
+    }
+    return directory;
 }
 
 /// One removal. Goes down by name and up by "..", so that it never needs a long path.
@@ -103,7 +110,7 @@ private:
 
     /// False if there is something else of that name, or nothing.
     bool enter(const std::string& name) {
-        Stream directory = openDirectory(current(), name);
+        Stream directory = openWithRights(current(), name);
         if (!directory && (errno == ENOTDIR || errno == ENOENT || errno == ELOOP)) {
             return false;
         }
@@ -201,7 +208,8 @@ private:
 }  // namespace
 
 void removeTree(const fs::path& path) {
-    Removal(path.native()).run();
+    // With a slash at its end the path of a link would stand for what the link leads to.
+    Removal((path.has_filename() ? path : path.parent_path()).native()).run();
 }
 
 }  // namespace Hox::LinuxCppUtil

@@ -126,6 +126,9 @@ TEST_F(RemoveTree, RemovesWhatIsNoDirectory) {
         removeTree(m_root);
         EXPECT_FALSE(fs::exists(fs::symlink_status(m_root))) << target;
     }
+    fs::create_symlink("outside", m_root);
+    removeTree(m_root.string() + "/");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(m_root)));
     EXPECT_TRUE(fs::exists(m_dir / "outside/kept"));
 }
 
