@@ -23,7 +23,6 @@ namespace {
 
 constexpr int slashesOfSlice = 3;
 constexpr std::size_t maxComponentSize = 255;
-constexpr std::size_t maxKeySize = 3000;
 
 /// The expression of what is saved does not match line ends, and a path ends at a zero.
 constexpr std::string_view unstorableBytes("\n\r\0", 3);
@@ -124,7 +123,9 @@ void checkSaved(const ChangeSetType& content) {
     for (const auto& saved : content) {
         const std::string& key = saved.first;
         if (isKept(key)) {
-            path.parsePath(Hox::ObserverTree::PathType::Key, key);
+            if (key.size() <= maxKeySize) {
+                path.parsePath(Hox::ObserverTree::PathType::Key, key);
+            }
             const std::string refusal = whyNotStorable(key);
             if (!refusal.empty()) {
                 throw Hox::CppUtil::InvalidArgumentError(refusal, __FILE__, __LINE__);

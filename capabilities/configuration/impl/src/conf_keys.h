@@ -16,6 +16,10 @@ constexpr const char* confRoot = "/sys/conf";
 /// Where the unique id of its slice begins in each key.
 constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
 
+/// A longer key is refused without a look at its form: the text of a malformed key holds it whole,
+/// and would not fit the status of an answer.
+constexpr std::size_t maxKeySize = 3000;
+
 /// The key that holds the state id of a slice, inside the slice.
 constexpr const char* stateIdKey = "/__csid";
 

@@ -58,9 +58,11 @@ Status SliceUpdate::check() const {
 }
 
 Status SliceUpdate::checkKey(const std::string& key, bool isRootValid) const {
-    const std::string malformation = whyMalformed(key, isRootValid);
-    if (!malformation.empty()) {
-        return {ProtoStatus::FAILED_PRECONDITION, malformation};
+    if (m_root.size() + key.size() <= maxKeySize) {
+        const std::string malformation = whyMalformed(key, isRootValid);
+        if (!malformation.empty()) {
+            return {ProtoStatus::FAILED_PRECONDITION, malformation};
+        }
     }
     const std::string refusal = whyNotStorable(m_root + key);
     return refusal.empty() ? Status() : Status(ProtoStatus::INVALID_ARGUMENT, refusal);

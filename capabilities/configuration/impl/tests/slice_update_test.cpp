@@ -141,6 +141,15 @@ TEST_F(SliceUpdates, TellWhatNoFileCanHold) {
     EXPECT_THAT(status.errorMessage(), HasSubstr("/sys/conf/mb/0/net/a/data"));
 }
 
+/// The text of a malformed key has all of it, and a status has room for some 8,000 bytes.
+TEST_F(SliceUpdates, TellThatAMalformedKeyIsTooLong) {
+    set("/a//" + std::string(9000, 'x'), "x");
+    const auto status = SliceUpdate(m_request, root).check();
+    EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT);
+    EXPECT_THAT(status.errorMessage(), HasSubstr("Key is longer than 3000 bytes: "));
+    EXPECT_LT(status.errorMessage().size(), 5000U);
+}
+
 TEST_F(SliceUpdates, TellAMalformedRootWithoutAnyEntry) {
     EXPECT_TRUE(SliceUpdate(m_request, root).check().isOk());
     EXPECT_EQ(SliceUpdate(m_request, "/sys/conf/mb//net").check().statusCode(),
