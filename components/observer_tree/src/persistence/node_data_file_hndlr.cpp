@@ -89,7 +89,7 @@ public:
 
     /// Whether the directory lies below one that this object has made. A guess: it may be there.
     bool isExpectedMissing(const std::string& directory) const {
-        return !m_made.empty() && directory.compare(0, m_made.size(), m_made) == 0;
+        return !m_made.empty() && Hox::CppUtil::str_starts_with(m_made, directory);
     }
 
 private:

@@ -72,6 +72,29 @@ void applyEntry(const std::string& key, const ObsTreeDataNodePair& pair, bool do
     }
 }
 
+/// Lets go of a lock as long as it lives, if there is one and it is held.
+class Released {
+public:
+    explicit Released(std::unique_lock<std::mutex>* lock)
+        : m_lock(lock != nullptr && lock->owns_lock() ? lock : nullptr) {
+        if (m_lock != nullptr) {
+            m_lock->unlock();
+        }
+    }
+    ~Released() {
+        if (m_lock != nullptr) {
+            m_lock->lock();
+        }
+    }
+    Released(const Released&) = delete;
+    Released(Released&&) = delete;
+    Released& operator=(const Released&) = delete;
+    Released& operator=(Released&&) = delete;
+
+private:
+    std::unique_lock<std::mutex>* m_lock;
+};
+
 /// Empty, which matches no state of the store, where a file or a client has left something else.
 std::string readStateId(const DataTree& tree) {
     const auto stateId = tree.find(stateIdKey);
@@ -157,19 +180,13 @@ void PersistenceHndlr::startCentralObserving() {
     m_centralDataSeen = false;
     // A copy, as any change of the tree may replace the member once the lock is free.
     const std::string lastStateId = m_confStateId;
-    const bool wasLocked = m_lock && m_lock->owns_lock();
-    if (wasLocked) {
-        m_lock->unlock();
-    }
+    const Released released(m_lock.get());
     m_centralObserveHandle = m_nodeDataHndlr->observeNodeData(
         lastStateId, m_nodeType, m_nodeId, m_capabilityId,
         [this, firstAnswer](const ChangeSetType& changes, const Status& status) {
             onCentralData(changes, status, *firstAnswer);
         });
     firstAnswer->wait();
-    if (wasLocked) {
-        m_lock->lock();
-    }
 }
 
 void PersistenceHndlr::onCentralData(const ChangeSetType& changes, const Status& status,

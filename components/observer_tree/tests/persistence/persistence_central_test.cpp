@@ -207,6 +207,16 @@ TEST_F(CentralPersistence, LetsGoOfTheCapabilitysLockWhileItWaits) {
     EXPECT_THAT(content(), ElementsAre("/keep/x=/keep/x"));
 }
 
+TEST_F(CentralPersistence, HasTheCapabilitysLockAgainWhenTheStoreFails) {
+    std::mutex capabilityMutex;
+    m_lock = std::make_unique<std::unique_lock<std::mutex>>(capabilityMutex);
+    auto& persistence = handler();
+    persistence.setNodeDataHndlr(m_store);
+    m_store->onObserve = [] { throw std::runtime_error("no store"); };
+    EXPECT_THROW(persistence.init(true, ""), std::runtime_error);
+    EXPECT_TRUE(m_lock->owns_lock());
+}
+
 TEST_F(CentralPersistence, AsksWithTheStateIdOfItsStartWhateverArrivesMeanwhile) {
     std::mutex capabilityMutex;
     m_lock = std::make_unique<std::unique_lock<std::mutex>>(capabilityMutex);
