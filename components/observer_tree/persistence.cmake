@@ -19,7 +19,6 @@ if(HALVO_BUILD_TESTS)
             tests/persistence/persistence_central_test.cpp
             tests/persistence/persistence_hndlr_test.cpp
             tests/persistence/persistence_kit.cpp
-            tests/persistence/persistence_kit.h
             tests/persistence/persistence_requests_test.cpp
         LIBS hox_observer_tree_persistence hox_testing
         LABELS threads)

@@ -133,6 +133,10 @@ void AsyncGrpcClientHandler::freeCalls() {
 
 void AsyncGrpcClientHandler::startThread() {
     HOX_ASSERT(!m_thread);
+    {
+        const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        HOX_ASSERT(!m_isShuttingDown);
+    }
     m_thread = std::make_unique<std::thread>([this] { startProcessingCompletionQueue(); });
 }
 

@@ -44,7 +44,7 @@ public:
           m_gate(std::move(gate)) {}
 
     /// Cancels all running observations, then ends the client handler. The callbacks that run
-    /// meanwhile may still use the tree.
+    /// meanwhile may still use the tree; nobody else drops a handle of it while it goes.
     ~ProxyObserverTree() override {
         endObservations();
         m_clientHandler->stop();

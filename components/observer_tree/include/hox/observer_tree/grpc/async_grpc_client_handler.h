@@ -53,11 +53,12 @@ public:
     AsyncGrpcClientHandler& operator=(const AsyncGrpcClientHandler&) = delete;
     AsyncGrpcClientHandler& operator=(AsyncGrpcClientHandler&&) = delete;
 
-    /// Starts the thread; asserts that it does not run yet.
+    /// Starts the thread; asserts that it does not run yet and has not been stopped.
     void startThread();
 
     /// Cancels what still runs, ends the thread and frees all calls; no call starts any more. The
-    /// caller does not hold the capability's mutex and is not the handler's thread.
+    /// caller does not hold the capability's mutex and is not the handler's thread. What the
+    /// callbacks of calls that still ran hold is freed here, without that mutex.
     void stop();
 
     /// Starts a call of a server-streaming method; asserts that it is one. Callable from any
