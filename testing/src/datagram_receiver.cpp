@@ -54,6 +54,7 @@ DatagramReceiver::DatagramReceiver()
     sockaddr_un address{};
     socklen_t size = sizeof(address);
     if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        close(m_socket);
         fail("getsockname");
     }
     const std::size_t length = size - offsetof(sockaddr_un, sun_path);

@@ -29,6 +29,7 @@ InProcessService::InProcessService(std::unique_ptr<Hox::Service::ICapMngr> capab
 }
 
 InProcessService::~InProcessService() {
+    m_ctx.getProxyObsTreeHelper().inProcessGate()->close();
     m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now());
 }
 

@@ -12,6 +12,7 @@ namespace Hox::Testing {
 /// Begin and end it while no other thread asserts; at most one lives at a time.
 class AssertionReports {
 public:
+    /// Takes the reports from here on.
     AssertionReports();
     ~AssertionReports();
     AssertionReports(const AssertionReports&) = delete;

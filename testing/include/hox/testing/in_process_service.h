@@ -11,7 +11,8 @@
 
 namespace Hox::Testing {
 
-/// One capability as the frame runs it, in a server without a listener.
+/// One capability in a server without a listener, started and ended as the frame does it; but it
+/// can open no proxies, and its hooks cannot wait for a central store.
 class InProcessService {
 public:
     /// Parses the arguments with the capability's options and calls all hooks of its start. The
@@ -26,7 +27,10 @@ public:
     InProcessService(InProcessService&&) = delete;
     InProcessService& operator=(InProcessService&&) = delete;
 
+    /// What the hooks were given.
     Hox::Service::LumServiceCtx& ctx() { return m_ctx; }
+
+    /// The capability that was handed in.
     Hox::Service::ICapMngr& capability() { return *m_ctx.getCapabilities().front().second; }
 
     /// A new way into the server. Leave it before this object goes.
