@@ -6,6 +6,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -215,6 +216,7 @@ TEST_F(CentralPersistence, HasTheCapabilitysLockAgainWhenTheStoreFails) {
     m_store->onObserve = [] { throw std::runtime_error("no store"); };
     EXPECT_THROW(persistence.init(true, ""), std::runtime_error);
     EXPECT_TRUE(m_lock->owns_lock());
+    m_lock.reset();
 }
 
 TEST_F(CentralPersistence, AsksWithTheStateIdOfItsStartWhateverArrivesMeanwhile) {
