@@ -184,6 +184,14 @@ TEST_P(ClientHandler, EndsACallWithoutAWordWhenItsHandleIsDropped) {
     EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
 }
 
+/// Connects once: the next try would be made by a thread of gRPC, whose own synchronisation
+/// ThreadSanitizer does not see.
+std::shared_ptr<grpc::Channel> channelToNobody() {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 60000);
+    return grpc::CreateCustomChannel("127.0.0.1:1", grpc::InsecureChannelCredentials(), arguments);
+}
+
 TEST_P(ClientHandler, LeavesCallsAloneWhoseChannelIsNotLost) {
     std::vector<Handle> handles;
     handles.push_back(start("end", m_told.callback()));
@@ -193,9 +201,7 @@ TEST_P(ClientHandler, LeavesCallsAloneWhoseChannelIsNotLost) {
         ASSERT_TRUE(m_told.waitFor(3));
         shutdownServer();
     } else {
-        handles.push_back(
-            start("nobody", m_told.callback(),
-                  grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials())));
+        handles.push_back(start("nobody", m_told.callback(), channelToNobody()));
     }
     ASSERT_TRUE(sawTheEndsOfCalls(m_log, 3));
     passEvent();
