@@ -1,15 +1,16 @@
 #include "hox/observer_tree/cruro_node.h"
 
+#include "hox/testing/assertion_reports.h"
 #include "hox/testing/log_capture.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using Hox::Testing::LogCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using TestKit::AssertionReports;
 using TestKit::Int64Value;
 using TestKit::message;
 using TestKit::number;

@@ -10,15 +10,16 @@
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/path_manipulation.h"
+#include "hox/testing/assertion_reports.h"
 #include "hox/testing/log_capture.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using TestKit::AssertionReports;
 using TestKit::Observations;
 using TestKit::onUpdate;
 using TestKit::pattern;

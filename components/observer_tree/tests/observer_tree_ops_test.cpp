@@ -2,16 +2,17 @@
 
 #include "hox/observer_tree/func_node_handler_error.h"
 #include "hox/observer_tree/observer_tree.h"
+#include "hox/testing/assertion_reports.h"
 #include "hox/testing/log_capture.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using Hox::Testing::LogCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using TestKit::AssertionReports;
 using TestKit::message;
 using TestKit::number;
 using TestKit::Observations;

@@ -1,13 +1,14 @@
 #include "hox/observer_tree/status.h"
 
+#include "hox/testing/assertion_reports.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using TestKit::AssertionReports;
 
 constexpr const char* rule = "statusCode != ProtoStatus::OK || errorMessage.size() == 0";
 

@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "hox/cpputil/assertion/assertion.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "obstree.pb.h"
 
@@ -103,38 +102,6 @@ template <typename ErrorType>
 std::string thrownBy(const std::function<void()>& call, const std::string& file) {
     return withoutLocation(thrownBy<ErrorType>(call), file);
 }
-
-/// Failed assertions do not end the process while this lives; their conditions are kept.
-class AssertionReports {
-public:
-    AssertionReports() {
-        auto& assertion = CppUtil::getAssertion();
-        assertion.setAbortOnFailure(false);
-        assertion.setOutputHandler([this](const std::string& text) { keep(text); });
-    }
-    ~AssertionReports() {
-        auto& assertion = CppUtil::getAssertion();
-        assertion.setAbortOnFailure(true);
-        assertion.setOutputHandler({});
-    }
-    AssertionReports(const AssertionReports&) = delete;
-    AssertionReports(AssertionReports&&) = delete;
-    AssertionReports& operator=(const AssertionReports&) = delete;
-    AssertionReports& operator=(AssertionReports&&) = delete;
-
-    /// The text of each condition that has failed, in order.
-    const std::vector<std::string>& conditions() const { return m_conditions; }
-
-private:
-    void keep(const std::string& text) {
-        const std::string start = "Assertion failed: [";
-        if (text.rfind(start, 0) == 0) {
-            m_conditions.push_back(text.substr(start.size(), text.find("] \nat:") - start.size()));
-        }
-    }
-
-    std::vector<std::string> m_conditions;
-};
 
 /// Records the calls of an observer: "/a: null -> x, /b: ...", with " !<code> <text>" behind it
 /// when the status is not OK.

@@ -1,13 +1,14 @@
 #include "hox/observer_tree/utils.h"
 
 #include "hox/observer_tree/unary_ops.h"
+#include "hox/testing/assertion_reports.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using testing::ElementsAre;
-using TestKit::AssertionReports;
 using TestKit::Int64Value;
 using TestKit::linesOf;
 using TestKit::StringValue;

@@ -11,17 +11,18 @@
 #include <vector>
 
 #include "hox/observer_tree/double_registration_error.h"
+#include "hox/testing/assertion_reports.h"
 #include "hox/testing/log_capture.h"
 #include "persistence/persistence_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
 
+using Hox::Testing::AssertionReports;
 using Hox::Testing::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-using TestKit::AssertionReports;
 using TestKit::Observations;
 using TestKit::Persistence;
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "hox/testing/assertion_reports.h"
 #include "hox/testing/log_capture.h"
 #include "persistence/persistence_kit.h"
 
@@ -17,11 +18,11 @@ namespace Hox::ObserverTree {
 namespace {
 
 using google::protobuf::StringValue;
+using Hox::Testing::AssertionReports;
 using Hox::Testing::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-using TestKit::AssertionReports;
 using TestKit::Observations;
 using TestKit::value;
 
