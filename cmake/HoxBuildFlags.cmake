@@ -11,6 +11,12 @@ target_compile_options(hox_build_flags INTERFACE
     -Woverloaded-virtual -Wcast-align -Wold-style-cast -Wformat=2
     -Wimplicit-fallthrough -Werror)
 
+# File names in texts and debug information are relative to the project, wherever it is built; the
+# later map wins where the build folder lies below the sources.
+add_compile_options(
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+    -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+
 # Sanitizers go to every target, generated code included: a half-instrumented program reports falsehoods.
 if(HALVO_SANITIZERS)
     add_compile_options(-fsanitize=${HALVO_SANITIZERS} -fno-sanitize-recover=all)
