@@ -21,6 +21,7 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/async_grpc_server_events.cpp
         src/grpc/async_grpc_server_handler.cpp
         src/grpc/async_method_desc.cpp
+        src/grpc/client_text.cpp
         src/grpc/in_process_gate.cpp
         src/grpc/owned_rpc_method.cpp
         src/grpc/unmatchable_pattern.cpp
@@ -58,6 +59,7 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/async_grpc_server_events_test.cpp
             tests/grpc/async_grpc_server_handler_test.cpp
             tests/grpc/captured_logging.cpp
+            tests/grpc/client_text_test.cpp
             tests/grpc/in_process_gate_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp

@@ -32,6 +32,10 @@ struct AsyncGrpcServerHandler::ObserveStream {
     /// Writes in flight plus writes queued. Wide enough for any queue that memory holds.
     std::atomic<uint32_t> pendingWrites{0};
     std::deque<std::function<void()>> delayedWrites;  // GUARDED_BY(handler's m_writeMutex)
+    /// Nothing is written any more. GUARDED_BY(handler's m_writeMutex)
+    bool isFinishing = false;
+    /// gRPC has told that the call is done.
+    bool isDone = false;
     /// Keeps the observation running. Emptied under the capability's mutex.
     std::any observeHandle;
 };
@@ -48,10 +52,11 @@ struct AsyncGrpcServerHandler::CallData {
           tree(asyncMethodDesc->tree) {}
 
     /// The cleanup object of a streaming call.
-    explicit CallData(const std::shared_ptr<CallData>& streamingCall)
+    explicit CallData(CallDataTag* streamingCallTag)
         : options(ObsTreeOptions::default_instance()),
           state(CallDataState::FINISHED_STREAMING_CLEANUP),
-          peer(streamingCall) {}
+          peer(*streamingCallTag),
+          peerTag(streamingCallTag) {}
 
     std::unique_ptr<google::protobuf::Message> request;
     const ObsTreeOptions& options;  // the method's, which asyncMethodDesc keeps alive
@@ -62,6 +67,7 @@ struct AsyncGrpcServerHandler::CallData {
     std::shared_ptr<const AsyncMethodDesc> asyncMethodDesc;
     /// From a streaming call to its cleanup object and back.
     std::weak_ptr<CallData> peer;
+    CallDataTag* peerTag = nullptr;  // on a cleanup object; valid as long as the peer lives
     ObserverTree* tree = nullptr;
 };
 

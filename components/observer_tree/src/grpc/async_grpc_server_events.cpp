@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "grpc/async_grpc_server_call_data.h"
+#include "grpc/client_text.h"
 #include "grpc/unmatchable_pattern.h"
 #include "grpc/wire_message_memo.h"
 #include "hox/cpputil/assertion/assertion.h"
@@ -11,6 +12,14 @@
 namespace Hox::ObserverTree {
 
 using NextStatus = grpc::CompletionQueue::NextStatus;
+
+namespace {
+
+std::string tooLargeText(const char* what, std::size_t size) {
+    return fmt::format("The {} is too large to be sent: {} bytes", what, size);
+}
+
+}  // namespace
 
 bool AsyncGrpcServerHandler::processEvent(NextStatus outcome, void* tag, bool ok) {
     const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
@@ -43,12 +52,10 @@ void AsyncGrpcServerHandler::processNotOkEvent(CallDataTag* tag) {
             // From here on the server would hand back each request at once.
             m_isServerShuttingDown = true;
             break;
-        case CallDataState::FINISHED:
-            createCallData(callData.asyncMethodDesc);
-            break;
         case CallDataState::FINISHED_STREAMING_CLEANUP:
-            endObservation(callData);
+            endStream(callData);
             break;
+        case CallDataState::FINISHED:
         case CallDataState::STREAMING_TO_CLIENT:
             break;
     }
@@ -74,7 +81,6 @@ void AsyncGrpcServerHandler::processOkEvent(CallDataTag* tag) {
         case CallDataState::FINISHED:
             m_logger->log(Hox::Log::here(), spdlog::level::trace, "{} Received Finished Call Data",
                           fmt::ptr(tag));
-            createCallData(callData.asyncMethodDesc);
             freeTag(tag);
             break;
         case CallDataState::FINISHED_STREAMING_CLEANUP:
@@ -114,6 +120,8 @@ void AsyncGrpcServerHandler::processUnaryRequest(CallDataTag* tag) {
                   "{} Received {} Call Data, full method name {}", fmt::ptr(tag), toString(OpId),
                   (*tag)->asyncMethodDesc->fullName);
     tryCallUnaryOpCast<OpId>(*tag);
+    // Not when the answer has left: a client that does not take it must not hold up the others.
+    createCallData((*tag)->asyncMethodDesc);
     m_logger->log(Hox::Log::here(), spdlog::level::trace, "{} End {} Call Data", fmt::ptr(tag),
                   toString(OpId));
 }
@@ -127,22 +135,35 @@ void AsyncGrpcServerHandler::tryCallUnaryOpCast(CallDataTag& callData) {
             callData->options.key(), std::move(*callData->request));
         m_logger->log(Hox::Log::here(), spdlog::level::trace,
                       "Finished unary call for operation {}", toString(OpId));
-        const grpc::Status grpcStatus(static_cast<grpc::StatusCode>(status.statusCode()),
-                                      status.errorMessage());
-        if (grpcStatus.ok()) {
-            const auto& response =
-                message ? *message : *callData->asyncMethodDesc->responsePrototype;
-            callData->responder->Finish(response, grpcStatus, &callData);
+        if (status.isOk()) {
+            answer(callData, message ? *message : *callData->asyncMethodDesc->responsePrototype);
         } else {
-            callData->responder->FinishWithError(grpcStatus, &callData);
+            callData->responder->FinishWithError(
+                grpc::Status(static_cast<grpc::StatusCode>(status.statusCode()),
+                             clientText(status.errorMessage())),
+                &callData);
         }
     } catch (const std::exception& e) {
         m_logger->log(Hox::Log::here(), spdlog::level::err,
                       "Finished unary call for operation {} with exception\n{}", toString(OpId),
                       e.what());
         callData->responder->FinishWithError(
-            grpc::Status(grpc::StatusCode::FAILED_PRECONDITION, e.what()), &callData);
+            grpc::Status(grpc::StatusCode::FAILED_PRECONDITION, clientText(e.what())), &callData);
     }
+}
+
+void AsyncGrpcServerHandler::answer(CallDataTag& callData,
+                                    const google::protobuf::Message& response) {
+    const auto size = response.ByteSizeLong();
+    if (size <= m_maxMessageSize) {
+        callData->responder->Finish(response, grpc::Status::OK, &callData);
+        return;
+    }
+    const auto text = tooLargeText("answer", size);
+    m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}",
+                  callData->asyncMethodDesc->fullName, text);
+    callData->responder->FinishWithError(grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED, text),
+                                         &callData);
 }
 
 void AsyncGrpcServerHandler::processObserveRequest(CallDataTag* tag) {
@@ -156,28 +177,31 @@ void AsyncGrpcServerHandler::processObserveRequest(CallDataTag* tag) {
     m_callDataTags.insert(tag);
     if (const auto reason = findUnmatchablePattern(*callData.request)) {
         writeChangeSet(
-            tag, m_wireMessageMemo->message({}, Status(ProtoStatus::INVALID_ARGUMENT, *reason)));
+            tag, m_wireMessageMemo->element({}, Status(ProtoStatus::INVALID_ARGUMENT, *reason)));
         return;
     }
     callData.stream->observeHandle = callData.tree->observeCast(
         callData.options.key(), *callData.request,
         [this, tag](const ChangeSetType& changes, const Status& status) {
-            writeChangeSet(tag, m_wireMessageMemo->message(changes, status));
+            writeChangeSet(tag, m_wireMessageMemo->element(changes, status));
         },
         0);
 }
 
-void AsyncGrpcServerHandler::writeChangeSet(
-    CallDataTag* tag, std::shared_ptr<const ObsTreeObserveChangeSet> message) {
+void AsyncGrpcServerHandler::writeChangeSet(CallDataTag* tag, StreamElement element) {
     const std::lock_guard<std::mutex> writeLock(m_writeMutex);
-    if (m_isShuttingDown) {
+    auto& stream = *(*tag)->stream;
+    if (m_isShuttingDown || stream.isFinishing) {
         return;
     }
-    auto& stream = *(*tag)->stream;
+    if (element.size > m_maxMessageSize) {
+        finishStream(tag, element.size);
+        return;
+    }
     const auto pendingWrites = stream.pendingWrites.load();
     if (pendingWrites == 0) {
         ++stream.pendingWrites;
-        stream.writer.Write(*message, tag);
+        stream.writer.Write(*element.message, tag);
         return;
     }
     if (pendingWrites > 10) {
@@ -186,32 +210,65 @@ void AsyncGrpcServerHandler::writeChangeSet(
     }
     m_logger->log(Hox::Log::here(), spdlog::level::trace, "Scheduling delayed observe write");
     ++stream.pendingWrites;
-    stream.delayedWrites.emplace_back(
-        [&stream, tag, message = std::move(message)] { stream.writer.Write(*message, tag); });
+    stream.delayedWrites.emplace_back([&stream, tag, message = std::move(element.message)] {
+        stream.writer.Write(*message, tag);
+    });
+}
+
+void AsyncGrpcServerHandler::finishStream(CallDataTag* tag, std::size_t size) {
+    const auto text = tooLargeText("change set", size);
+    m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", (*tag)->asyncMethodDesc->fullName,
+                  text);
+    auto& stream = *(*tag)->stream;
+    stream.isFinishing = true;
+    const auto finish = [&stream, tag, text] {
+        stream.writer.Finish(grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED, text), tag);
+    };
+    if (stream.pendingWrites++ == 0) {
+        finish();
+    } else {
+        stream.delayedWrites.emplace_back(finish);
+    }
 }
 
 void AsyncGrpcServerHandler::processFinishedWrite(CallDataTag* tag) {
     auto& stream = *(*tag)->stream;
+    m_logger->log(Hox::Log::here(), spdlog::level::trace,
+                  "{} Received STREAMING_TO_CLIENT Call Data", fmt::ptr(tag));
+    if (stream.isDone) {
+        freeTag(tag);
+        return;
+    }
     --stream.pendingWrites;
     const std::lock_guard<std::mutex> writeLock(m_writeMutex);
     if (!stream.delayedWrites.empty()) {
         stream.delayedWrites.front()();
         stream.delayedWrites.pop_front();
     }
-    m_logger->log(Hox::Log::here(), spdlog::level::trace,
-                  "{} Received STREAMING_TO_CLIENT Call Data", fmt::ptr(tag));
 }
 
 void AsyncGrpcServerHandler::processEndOfStream(CallDataTag* tag) {
     m_logger->log(Hox::Log::here(), spdlog::level::trace,
                   "Received FINISHED_STREAMING_CLEANUP call data resetting RAII handle");
-    endObservation(**tag);
+    endStream(**tag);
     freeTag(tag);
 }
 
-void AsyncGrpcServerHandler::endObservation(const CallData& cleanup) {
-    if (const auto streamingCall = cleanup.peer.lock()) {
-        streamingCall->stream->observeHandle.reset();
+/// What the call holds goes at once, or with the write that is on its way. Of its tag the shell
+/// stays: it is the address by which the observation has known the call.
+void AsyncGrpcServerHandler::endStream(const CallData& cleanup) {
+    const auto streamingCall = cleanup.peer.lock();
+    if (!streamingCall) {
+        return;
+    }
+    auto& stream = *streamingCall->stream;
+    stream.observeHandle.reset();
+    stream.isDone = true;
+    const std::lock_guard<std::mutex> writeLock(m_writeMutex);
+    stream.isFinishing = true;
+    stream.delayedWrites.clear();
+    if (stream.pendingWrites == 0) {
+        cleanup.peerTag->reset();
     }
 }
 

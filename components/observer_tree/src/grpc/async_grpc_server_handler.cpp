@@ -13,10 +13,11 @@ using NextStatus = grpc::CompletionQueue::NextStatus;
 
 AsyncGrpcServerHandler::AsyncGrpcServerHandler(
     std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
-    std::shared_ptr<std::mutex> capabilityMutex)
+    std::shared_ptr<std::mutex> capabilityMutex, std::size_t maxMessageSize)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_completionQueue(std::move(completionQueue)),
       m_capabilityMutex(std::move(capabilityMutex)),
+      m_maxMessageSize(maxMessageSize),
       m_wireMessageMemo(std::make_unique<WireMessageMemo>()) {}
 
 AsyncGrpcServerHandler::~AsyncGrpcServerHandler() {
@@ -113,7 +114,7 @@ void AsyncGrpcServerHandler::requestUnaryCall(CallDataTag* tag) {
 
 void AsyncGrpcServerHandler::requestStreamingCall(CallDataTag* tag) {
     CallData& callData = **tag;
-    auto* cleanupTag = new CallDataTag(std::make_shared<CallData>(*tag));
+    auto* cleanupTag = new CallDataTag(std::make_shared<CallData>(tag));
     m_callDataTags.insert(cleanupTag);
     callData.peer = *cleanupTag;
     callData.context->AsyncNotifyWhenDone(cleanupTag);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "grpc/client_text.h"
 #include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/message_ptr.h"
 
@@ -19,30 +20,33 @@ bool isSame(const std::vector<ChangeSetMapVal>& left, const std::vector<ChangeSe
 
 }  // namespace
 
-std::shared_ptr<const ObsTreeObserveChangeSet> WireMessageMemo::message(
-    const ChangeSetType& changes, const Status& status) {
+StreamElement WireMessageMemo::element(const ChangeSetType& changes, const Status& status) {
     if (isLast(changes, status)) {
-        return m_message;
+        return m_element;
     }
     const std::shared_ptr<ObsTreeObserveChangeSet> built =
         makeArenaMessage<ObsTreeObserveChangeSet>();
     toWire(changes, *built);
-    *built->mutable_observestatus() = status.proto();
+    built->mutable_observestatus()->set_statuscode(status.statusCode());
+    if (!status.errorMessage().empty()) {
+        built->mutable_observestatus()->set_errormessage(clientText(status.errorMessage()));
+    }
+    StreamElement element{built, built->ByteSizeLong()};
     if (changes.size() <= maxKeys) {
         remember(changes);
         m_status = status;
-        m_message = built;
+        m_element = element;
     }
-    return built;
+    return element;
 }
 
 void WireMessageMemo::clear() {
     m_changes.clear();
-    m_message.reset();
+    m_element.message.reset();
 }
 
 bool WireMessageMemo::isLast(const ChangeSetType& changes, const Status& status) const {
-    return m_message && changes.size() == m_changes.size() &&
+    return m_element.message && changes.size() == m_changes.size() &&
            status.statusCode() == m_status.statusCode() &&
            status.errorMessage() == m_status.errorMessage() &&
            std::equal(changes.begin(), changes.end(), m_changes.begin(),

@@ -12,6 +12,12 @@
 
 namespace Hox::ObserverTree {
 
+/// An element of an observe stream, and its size on the wire in bytes.
+struct StreamElement {
+    std::shared_ptr<const ObsTreeObserveChangeSet> message;
+    std::size_t size = 0;
+};
+
 /// Builds the elements of observe streams, the same selection of changes only once in a row.
 ///
 /// Values are immutable and kept alive here, so equal pointers mean equal values. Locks nothing.
@@ -20,9 +26,8 @@ public:
     /// Selections with more keys are built each time and not kept.
     static constexpr std::size_t maxKeys = 64;
 
-    /// The element for these changes and this status.
-    std::shared_ptr<const ObsTreeObserveChangeSet> message(const ChangeSetType& changes,
-                                                           const Status& status);
+    /// The element for these changes and this status, whose text is cut to what clients take.
+    StreamElement element(const ChangeSetType& changes, const Status& status);
 
     /// Lets go of the values that the last element holds.
     void clear();
@@ -34,7 +39,7 @@ private:
     /// The changes of the last element in a form whose memory serves the next one.
     std::vector<std::pair<std::string, std::vector<ChangeSetMapVal>>> m_changes;
     Status m_status;
-    std::shared_ptr<const ObsTreeObserveChangeSet> m_message;
+    StreamElement m_element;
 };
 
 }  // namespace Hox::ObserverTree

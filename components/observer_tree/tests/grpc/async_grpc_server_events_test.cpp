@@ -104,7 +104,7 @@ TEST(AsyncGrpcServerEvents, UnaryCallsRunTheirOperation) {
                                                  row.name,
                                              "Finished unary call for operation " + operation,
                                              tagText + " End " + operation + " Call Data"));
-        EXPECT_EQ(server.service->requests(row.name), 1) << "requested before the answer has left";
+        EXPECT_EQ(server.service->requests(row.name), 2) << "requested before the answer has left";
 
         EXPECT_EQ(server.processNext(), tag);
         EXPECT_THAT(log.texts(), Contains("3 " + tagText + " Received Call Data on Server Queue"));
@@ -161,11 +161,104 @@ TEST(AsyncGrpcServerEvents, UnboundMethodIsNotImplemented) {
     EXPECT_EQ(result.status.error_code(), grpc::StatusCode::UNIMPLEMENTED);
 }
 
-TEST(AsyncGrpcServerEvents, AnswerThatNeverLeftLetsTheMethodBeRequestedAnew) {
+TEST(AsyncGrpcServerEvents, AnswersThatNobodyTakesHoldUpNobody) {
+    HandDrivenServer server;
+    std::vector<QueueEvent> untaken;
+    for (int round = 0; round < 3; ++round) {
+        auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
+        server.processNext();
+        EXPECT_TRUE(call.get().status.ok());
+        untaken.push_back(server.next());  // has left, but nobody looks at it
+    }
+    EXPECT_EQ(server.service->requests("readItem"), 4);
+    for (const auto& event : untaken) {
+        EXPECT_TRUE(server.process(event));
+    }
+    EXPECT_EQ(server.service->requests("readItem"), 4);
+}
+
+TEST(AsyncGrpcServerEvents, TextsForClientsAreCut) {
+    HandDrivenServer server;
+    server.tree->registerUnaryOpHandler<UnaryOps::READ, Item, Answer>(
+        "/missing", [](const Item& item, DataTree& /*data*/) {
+            return UnaryHandlerReturnType<Answer>{std::make_unique<Answer>(),
+                                                  Status(ProtoStatus::NOT_FOUND, item.name())};
+        });
+    const auto result = server.processUntilReady(
+        startCall(*server.stub, &TestService::Stub::readMissing, std::string(9000, 'x')));
+    EXPECT_EQ(result.status.error_code(), grpc::StatusCode::NOT_FOUND);
+    EXPECT_EQ(result.status.error_message(), std::string(2000, 'x'));
+}
+
+TEST(AsyncGrpcServerEvents, TextsInElementsAreCut) {
+    HandDrivenServer server;
+    ObserveClient client(*server.stub, "/" + std::string(9000, 'x') + "*");
+    server.processNext();
+    ASSERT_TRUE(client.read());
+    EXPECT_EQ(client.element.observestatus().statuscode(), ProtoStatus::INVALID_ARGUMENT);
+    EXPECT_THAT(client.element.observestatus().errormessage(), SizeIs(2000));
+    server.processNext();
+}
+
+TEST(AsyncGrpcServerEvents, TooLargeAnswerIsRefusedWithOneErrorLine) {
+    HandDrivenServer server(100);
+    const LogCapture log(handlerLogger, spdlog::level::info);
+    const auto result = server.processUntilReady(
+        startCall(*server.stub, &TestService::Stub::readItem, std::string(200, 'x')));
+    EXPECT_EQ(result.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_EQ(result.status.error_message(), "The answer is too large to be sent: 208 bytes");
+    EXPECT_THAT(log.textsAt(spdlog::level::err),
+                ElementsAre("Hox.ObserverTree.Test.TestService.readItem: "
+                            "The answer is too large to be sent: 208 bytes"));
+    EXPECT_TRUE(server.processUntilReady(startCall(*server.stub, &TestService::Stub::readItem, "x"))
+                    .status.ok());
+}
+
+TEST(AsyncGrpcServerEvents, TooLargeElementEndsItsStreamAfterWhatWasQueued) {
+    HandDrivenServer server(250);
+    RunningStream stream(server);
+    const LogCapture log(handlerLogger, spdlog::level::info);
+    createItem(*server.tree, "b", 1);
+    createItem(*server.tree, "b", 2);
+    createItem(*server.tree, std::string(300, 'x'), 3);
+    createItem(*server.tree, "b", 4);
+    createItem(*server.tree, std::string(300, 'x'), 5);
+    EXPECT_THAT(log.textsAt(spdlog::level::err), SizeIs(1));
+    for (const int count : {1, 2}) {
+        ASSERT_TRUE(stream.client->read());
+        EXPECT_EQ(currentCount(stream.client->element, "/items/b"), count);
+        server.processNext();
+    }
+    EXPECT_FALSE(stream.client->read());
+    const auto status = stream.client->reader->Finish();
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_THAT(status.error_message(), StartsWith("The change set is too large to be sent: "));
+    EXPECT_EQ(server.handlers.observers, 1);
+    server.processNext();
+    server.processNext();
+    EXPECT_EQ(server.handlers.observers, 0);
+    EXPECT_FALSE(server.hasEvent());
+}
+
+TEST(AsyncGrpcServerEvents, TooLargeSnapshotEndsItsStream) {
+    HandDrivenServer server(250);
+    createItem(*server.tree, std::string(300, 'x'));
+    ObserveClient client(*server.stub);
+    server.processNext();
+    EXPECT_FALSE(client.read());
+    EXPECT_EQ(client.reader->Finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    ObserveClient other(*server.stub, "/items/none");
+    while (server.handlers.observers != 1 || server.service->requests("observeItems") != 3) {
+        server.processNext();
+    }
+}
+
+TEST(AsyncGrpcServerEvents, AnswerThatNeverLeftLeavesTheMethodCallable) {
     HandDrivenServer server;
     const LogCapture log(handlerLogger);
     auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
     auto* const tag = server.processNext();
+    EXPECT_EQ(server.service->requests("readItem"), 2);
     EXPECT_TRUE(server.process(asNotOk(server.next())));
     EXPECT_THAT(log.textsAt(spdlog::level::debug), ElementsAre(pointerText(tag) + " " + notOkText));
     EXPECT_EQ(server.service->requests("readItem"), 2);
@@ -196,8 +289,12 @@ TEST(AsyncGrpcServerEvents, CallThatComesBackUnusedEndsAllRequests) {
             EXPECT_TRUE(server.process(finished));
         }
         for (const auto& method : allMethods()) {
-            EXPECT_EQ(server.service->requests(method), 1) << method;
+            EXPECT_EQ(server.service->requests(method), method == "readItem" ? 2 : 1) << method;
         }
+        auto last = startCall(*server.stub, &TestService::Stub::readItem, "x");
+        server.processNext();
+        EXPECT_TRUE(last.get().status.ok());
+        EXPECT_EQ(server.service->requests("readItem"), 2);
         server.destroyHandler();
     }
 }
@@ -393,16 +490,14 @@ TEST(AsyncGrpcServerEvents, NoticeThatIsNotOkEndsTheObservationToo) {
     }
     EXPECT_TRUE(server.processUntilReady(startCall(*server.stub, &TestService::Stub::readItem, "x"))
                     .status.ok());
-    if (server.service->requests("readItem") == 1) {
-        server.processNext();  // the client may have its answer ahead of the event
-    }
     EXPECT_EQ(server.service->requests("readItem"), 2) << "the server is not shutting down";
 }
 
-TEST(AsyncGrpcServerEvents, WriteThatLeftAfterTheNoticeKeepsTheIdleCall) {
+TEST(AsyncGrpcServerEvents, WriteThatLeftAfterTheNoticeIsTheLastOfItsCall) {
     HandDrivenServer server;
     RunningStream stream(server);
     createItem(*server.tree, "b");
+    createItem(*server.tree, "c");
     ASSERT_TRUE(stream.client->read());
     const auto written = server.next();
     ASSERT_EQ(written.tag, stream.tag);
@@ -443,7 +538,7 @@ TEST(AsyncGrpcServerEvents, EveryEventInShutdownOnlyFreesItsCall) {
         EXPECT_TRUE(server.process(event));
     }
     EXPECT_THAT(log.texts(), ElementsAre("Shutdown"));
-    EXPECT_EQ(server.service->requests("readItem"), 1);
+    EXPECT_EQ(server.service->requests("readItem"), 2);
     EXPECT_EQ(server.service->requests("createItem"), 1);
     EXPECT_EQ(server.service->requests("observeItems"), 2);
     EXPECT_EQ(server.handlers.observers, 0);
@@ -460,7 +555,7 @@ TEST(AsyncGrpcServerEvents, AnswerThatNeverLeftInShutdownRequestsNothing) {
     const auto finished = server.next();
     server.process(queueShutdown);
     EXPECT_TRUE(server.process(asNotOk(finished)));
-    EXPECT_EQ(server.service->requests("readItem"), 1);
+    EXPECT_EQ(server.service->requests("readItem"), 2);
 }
 
 TEST(AsyncGrpcServerEvents, ChangesInShutdownAreNotWritten) {

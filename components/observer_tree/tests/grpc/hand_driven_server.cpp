@@ -11,12 +11,14 @@ namespace Hox::ObserverTree::Test {
 
 using NextStatus = grpc::CompletionQueue::NextStatus;
 
-HandDrivenServer::HandDrivenServer() {
+HandDrivenServer::HandDrivenServer(std::optional<std::size_t> maxMessageSize) {
     registerItemHandlers(*tree, handlers);
     grpc::ServerBuilder builder;
     auto queue = builder.AddCompletionQueue(true);
     m_queue = queue.get();
-    handler = std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex);
+    handler = maxMessageSize ? std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex,
+                                                                        *maxMessageSize)
+                             : std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex);
     const auto* descriptor = Item::descriptor()->file()->FindServiceByName("TestService");
     for (int index = 0; index < descriptor->method_count(); ++index) {
         const auto& method = *descriptor->method(index);

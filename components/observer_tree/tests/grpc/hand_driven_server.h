@@ -3,8 +3,10 @@
 #include <grpcpp/server.h>
 
 #include <chrono>
+#include <cstddef>
 #include <future>
 #include <memory>
+#include <optional>
 
 #include "grpc/counting_service.h"
 #include "grpc/item_tree.h"
@@ -24,7 +26,8 @@ struct QueueEvent {
 /// changed or not. Clients are in the same process.
 class HandDrivenServer {
 public:
-    HandDrivenServer();
+    /// Without a limit, messages may be as large as the handler lets them be.
+    explicit HandDrivenServer(std::optional<std::size_t> maxMessageSize = std::nullopt);
     ~HandDrivenServer();
     HandDrivenServer(const HandDrivenServer&) = delete;
     HandDrivenServer(HandDrivenServer&&) = delete;

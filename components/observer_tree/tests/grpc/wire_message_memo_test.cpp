@@ -28,7 +28,7 @@ ChangeSetType changesOf(std::size_t keys, const DataTreeValPtr& current) {
 TEST(WireMessageMemo, BuildsChangesAndStatus) {
     WireMessageMemo memo;
     const ChangeSetType changes{{"/a", {{value(1), value(2)}}}};
-    const auto message = memo.message(changes, Status(ProtoStatus::ABORTED, "stop"));
+    const auto message = memo.element(changes, Status(ProtoStatus::ABORTED, "stop")).message;
     EXPECT_EQ(message->observestatus().statuscode(), ProtoStatus::ABORTED);
     EXPECT_EQ(message->observestatus().errormessage(), "stop");
     const auto received = fromWire(*message);
@@ -39,16 +39,16 @@ TEST(WireMessageMemo, BuildsChangesAndStatus) {
 
 TEST(WireMessageMemo, StatusIsSetAlsoWhenAllIsWell) {
     WireMessageMemo memo;
-    EXPECT_TRUE(memo.message(changesOf(1, value(1)), Status())->has_observestatus());
+    EXPECT_TRUE(memo.element(changesOf(1, value(1)), Status()).message->has_observestatus());
 }
 
 TEST(WireMessageMemo, SharesTheMessageOfEqualSelections) {
     WireMessageMemo memo;
     const auto current = value(1);
-    const auto first = memo.message(changesOf(WireMessageMemo::maxKeys, current), Status());
-    EXPECT_EQ(memo.message(changesOf(WireMessageMemo::maxKeys, current), Status()), first);
-    EXPECT_EQ(memo.message({}, Status(ProtoStatus::ABORTED, "a")),
-              memo.message({}, Status(ProtoStatus::ABORTED, "a")));
+    const auto first = memo.element(changesOf(WireMessageMemo::maxKeys, current), Status()).message;
+    EXPECT_EQ(memo.element(changesOf(WireMessageMemo::maxKeys, current), Status()).message, first);
+    EXPECT_EQ(memo.element({}, Status(ProtoStatus::ABORTED, "a")).message,
+              memo.element({}, Status(ProtoStatus::ABORTED, "a")).message);
 }
 
 TEST(WireMessageMemo, BuildsAnewWhatDiffers) {
@@ -66,38 +66,38 @@ TEST(WireMessageMemo, BuildsAnewWhatDiffers) {
     };
     for (const auto& changes : different) {
         WireMessageMemo memo;
-        const auto first = memo.message(base, Status());
-        EXPECT_NE(memo.message(changes, Status()), first);
+        const auto first = memo.element(base, Status()).message;
+        EXPECT_NE(memo.element(changes, Status()).message, first);
     }
     WireMessageMemo memo;
-    const auto first = memo.message(base, Status());
-    const auto aborted = memo.message(base, Status(ProtoStatus::ABORTED, "a"));
+    const auto first = memo.element(base, Status()).message;
+    const auto aborted = memo.element(base, Status(ProtoStatus::ABORTED, "a")).message;
     EXPECT_NE(aborted, first);
-    EXPECT_NE(memo.message(base, Status(ProtoStatus::ABORTED, "b")), aborted);
+    EXPECT_NE(memo.element(base, Status(ProtoStatus::ABORTED, "b")).message, aborted);
 }
 
 TEST(WireMessageMemo, KeepsNoLargeSelection) {
     WireMessageMemo memo;
     auto current = value(1);
     const auto large = changesOf(WireMessageMemo::maxKeys + 1, current);
-    const auto small = memo.message({{"/a", {{current, nullptr}}}}, Status());
-    const auto first = memo.message(large, Status());
+    const auto small = memo.element({{"/a", {{current, nullptr}}}}, Status()).message;
+    const auto first = memo.element(large, Status()).message;
     EXPECT_EQ(first->node_change_map_size(), static_cast<int>(WireMessageMemo::maxKeys) + 1);
-    EXPECT_NE(memo.message(large, Status()), first);
+    EXPECT_NE(memo.element(large, Status()).message, first);
     EXPECT_EQ(first.use_count(), 1);
-    EXPECT_EQ(memo.message({{"/a", {{current, nullptr}}}}, Status()), small);
+    EXPECT_EQ(memo.element({{"/a", {{current, nullptr}}}}, Status()).message, small);
 }
 
 TEST(WireMessageMemo, ClearLetsGoOfTheValues) {
     WireMessageMemo memo;
     auto current = value(1);
     const std::weak_ptr<const DataTreeVal> watched = current;
-    memo.message({{"/a", {{current, nullptr}}}}, Status());
+    memo.element({{"/a", {{current, nullptr}}}}, Status()).message;
     current.reset();
     EXPECT_FALSE(watched.expired());
     memo.clear();
     EXPECT_TRUE(watched.expired());
-    EXPECT_EQ(memo.message({}, Status())->node_change_map_size(), 0);
+    EXPECT_EQ(memo.element({}, Status()).message->node_change_map_size(), 0);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <spdlog/logger.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <future>
 #include <memory>
@@ -23,6 +24,7 @@
 namespace Hox::ObserverTree {
 
 class WireMessageMemo;
+struct StreamElement;
 
 /// Serves all the bound methods of one capability on one completion queue with one thread.
 ///
@@ -33,9 +35,14 @@ class WireMessageMemo;
 /// Lock order: the capability's mutex, m_stateMutex, the locks of a tree, m_writeMutex.
 class AsyncGrpcServerHandler {
 public:
-    /// Takes over the queue; nothing is requested before the thread starts.
+    /// The most bytes that a message may take on the wire.
+    static constexpr std::size_t largestMessage = 0x7FFFFFFF;
+
+    /// Takes over the queue; nothing is requested before the thread starts. A larger message than
+    /// maxMessageSize, in bytes, is not sent: its call or stream ends with RESOURCE_EXHAUSTED.
     AsyncGrpcServerHandler(std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
-                           std::shared_ptr<std::mutex> capabilityMutex);
+                           std::shared_ptr<std::mutex> capabilityMutex,
+                           std::size_t maxMessageSize = largestMessage);
 
     /// Shuts the queue down, ends the thread and frees all calls. The server has been shut down by
     /// its owner, but still exists: what its queue gives back refers to it. The caller does not
@@ -96,9 +103,11 @@ private:
     template <UnaryOps OpId>
     void tryCallUnaryOpCast(CallDataTag& callData);
 
-    void writeChangeSet(CallDataTag* tag, std::shared_ptr<const ObsTreeObserveChangeSet> message);
+    void answer(CallDataTag& callData, const google::protobuf::Message& response);
+    void writeChangeSet(CallDataTag* tag, StreamElement element);
+    void finishStream(CallDataTag* tag, std::size_t size);  // REQUIRES(m_writeMutex)
 
-    void endObservation(const CallData& cleanup);
+    void endStream(const CallData& cleanup);
     void markShuttingDown();
     void freeTag(CallDataTag* tag);
     void freeAllTags();
@@ -110,6 +119,7 @@ private:
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
     std::shared_ptr<std::mutex> m_capabilityMutex;
+    const std::size_t m_maxMessageSize;
     std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
     std::vector<std::shared_ptr<IRequestWrapperService>> m_services;
 

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace Hox::ObserverTree {
+
+/// The most bytes that a text for a client has. A status whose text is larger than the client's
+/// limit for headers ends the connection with all its streams.
+constexpr std::size_t maxClientText = 2000;
+
+/// The text, cut to what a client takes, between two characters.
+std::string clientText(const std::string& text);
+
+}  // namespace Hox::ObserverTree
