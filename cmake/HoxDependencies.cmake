@@ -5,6 +5,8 @@ find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(Protobuf REQUIRED) # ahead of gRPC, whose configuration uses its targets
 find_package(gRPC CONFIG REQUIRED)
+# The proto files of gRPC's standard services.
+find_path(GRPC_PROTO_ROOT grpc/health/v1/health.proto PATHS /usr/share/grpc-proto REQUIRED)
 find_package(cxxopts REQUIRED)
 find_package(LibArchive REQUIRED)
 find_package(PkgConfig REQUIRED)

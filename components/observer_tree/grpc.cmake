@@ -4,6 +4,7 @@ hox_add_library(hox_observer_tree_grpc
         include/hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h
         include/hox/observer_tree/builders/obs_tree_build_error.h
         include/hox/observer_tree/builders/proto_obs_tree_builder.h
+        include/hox/observer_tree/builders/service_traits.h
         include/hox/observer_tree/grpc/async_grpc_client_handler.h
         include/hox/observer_tree/grpc/async_grpc_server_handler.h
         include/hox/observer_tree/grpc/async_method_desc.h
@@ -12,21 +13,30 @@ hox_add_library(hox_observer_tree_grpc
         include/hox/observer_tree/grpc/in_process_gate.h
         include/hox/observer_tree/grpc/irequest_wrapper_service.h
         include/hox/observer_tree/grpc/owned_rpc_method.h
+        include/hox/observer_tree/grpc/standby_poller.h
+        include/hox/observer_tree/grpc/unary_caller.h
         include/hox/observer_tree/proxy_observer_tree.h
     SOURCES
         src/builders/async_grpc_proxy_obs_tree_builder.cpp
         src/builders/async_grpc_server_obs_tree_builder.cpp
         src/builders/proto_obs_tree_builder.cpp
+        src/builders/service_traits.cpp
         src/grpc/async_grpc_client_handler.cpp
         src/grpc/async_grpc_server_events.cpp
         src/grpc/async_grpc_server_handler.cpp
         src/grpc/async_method_desc.cpp
         src/grpc/client_text.cpp
         src/grpc/in_process_gate.cpp
+        src/grpc/non_polling_queue.cpp
         src/grpc/owned_rpc_method.cpp
+        src/grpc/standby_poller.cpp
+        src/grpc/unary_caller.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
     PUBLIC hox_observer_tree gRPC::grpc++)
+if(HALVO_NON_POLLING_QUEUES)
+    target_compile_definitions(hox_observer_tree_grpc PRIVATE HALVO_NON_POLLING_QUEUES)
+endif()
 
 if(HALVO_BUILD_TESTS)
     hox_add_proto_library(hox_observer_tree_test_proto GRPC

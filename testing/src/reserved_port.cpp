@@ -27,7 +27,7 @@ sockaddr* asSocketAddress(sockaddr_in6& address) {
 ReservedPort::ReservedPort() : m_socket(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     require(m_socket >= 0, "socket");
     const int on = 1;
-    require(setsockopt(m_socket, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)) == 0, "setsockopt");
+    require(setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0, "setsockopt");
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     socklen_t size = sizeof(address);

@@ -12,7 +12,7 @@ namespace {
 bool canBind(std::uint16_t port, bool shared) {
     const int descriptor = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = shared ? 1 : 0;
-    setsockopt(descriptor, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     address.sin6_port = htons(port);
@@ -22,7 +22,7 @@ bool canBind(std::uint16_t port, bool shared) {
     return isBound;
 }
 
-TEST(ReservedPort, IsLeftToThoseWhoShareIt) {
+TEST(ReservedPort, IsLeftToAServer) {
     const ReservedPort port;
     EXPECT_NE(port.number(), 0);
     EXPECT_EQ(port.text(), std::to_string(port.number()));

@@ -16,11 +16,10 @@ int ConfCapMngr::id() const {
 }
 
 void ConfCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
-    // The state monitor's thread reads new connections: its calls are many times as frequent, and a
-    // thread that hands them over costs more than they do.
-    constexpr bool isFrequentlyPolled = false;
-    m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(&ctx.getServerBuilder(),
-                                                                       m_mutex, isFrequentlyPolled);
+    // The state monitor's thread reads from the network: its calls are many times as frequent, and
+    // a second thread that reads costs each event a switch between the two.
+    m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
+        &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::DoesNotPoll);
     m_observerTree =
         std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
     m_obsTreeBuilder->buildServerObsTree<Api::ConfigurationService>(*m_observerTree);

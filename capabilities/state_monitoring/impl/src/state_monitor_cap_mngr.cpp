@@ -63,8 +63,9 @@ void StateMonitorCapMngr::addOptions(cxxopts::Options& options) {
 
 void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
     const auto urls = connectUrls(ctx);
-    m_obsTreeBuilder =
-        std::make_unique<AsyncGRPCServerObsTreeBuilder>(&ctx.getServerBuilder(), m_mutex);
+    m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
+        &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::Polls,
+        ctx.getStandbyPoller());
     m_observerTree =
         std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
     m_obsTreeBuilder->buildServerObsTree<Api::StateMonitoringService>(*m_observerTree);

@@ -2,17 +2,22 @@
 
 #include <utility>
 
+#include "grpc/non_polling_queue.h"
 #include "hox/cpputil/log/source_location.h"
 
 namespace Hox::ObserverTree {
 
-AsyncGRPCServerObsTreeBuilder::AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
-                                                             std::shared_ptr<std::mutex> mutex,
-                                                             bool isFrequentlyPolled)
+AsyncGRPCServerObsTreeBuilder::AsyncGRPCServerObsTreeBuilder(
+    grpc::ServerBuilder* serverBuilder, const std::shared_ptr<std::mutex>& mutex, Polling polling,
+    std::shared_ptr<StandbyPoller> standbyPoller)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_serverBuilder(serverBuilder),
-      m_asyncGrpcServerHandler(std::make_shared<AsyncGrpcServerHandler>(
-          serverBuilder->AddCompletionQueue(isFrequentlyPolled), std::move(mutex))) {}
+      m_asyncGrpcServerHandler(
+          polling == Polling::Polls
+              ? std::make_shared<AsyncGrpcServerHandler>(serverBuilder->AddCompletionQueue(true),
+                                                         mutex, std::move(standbyPoller))
+              : std::make_shared<AsyncGrpcServerHandler>(addNonPollingQueue(*serverBuilder),
+                                                         mutex)) {}
 
 void AsyncGRPCServerObsTreeBuilder::logBinding(
     const google::protobuf::MethodDescriptor& method) const {

@@ -1,7 +1,6 @@
 #include "hox/observer_tree/grpc/async_grpc_client_handler.h"
 
 #include <fmt/format.h>
-#include <grpc/grpc.h>
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_stream.h>
 #include <grpcpp/support/async_unary_call.h>
@@ -11,6 +10,7 @@
 #include <utility>
 #include <variant>
 
+#include "grpc/non_polling_queue.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
@@ -28,17 +28,6 @@ constexpr std::chrono::milliseconds pollInterval{500};
 // A lost connection ends its streams and makes its channel idle, in no particular order.
 constexpr std::chrono::milliseconds lossInterval{10};
 constexpr std::chrono::seconds lossPeriod{1};
-
-/// Calls inside the process need no poller, and one more of them slows down all others.
-std::unique_ptr<grpc::CompletionQueue> makeQueue(bool inProcess) {
-    if (!inProcess) {
-        return std::make_unique<grpc::CompletionQueue>();
-    }
-    const grpc_completion_queue_attributes attributes{GRPC_CQ_CURRENT_VERSION, GRPC_CQ_NEXT,
-                                                      GRPC_CQ_NON_POLLING, nullptr};
-    return std::make_unique<grpc::CompletionQueue>(grpc_completion_queue_create(
-        grpc_completion_queue_factory_lookup(&attributes), &attributes, nullptr));
-}
 
 }  // namespace
 
@@ -94,7 +83,8 @@ struct AsyncGrpcClientHandler::CallData {
 AsyncGrpcClientHandler::AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
                                                bool inProcess)
     : m_logger(Hox::Log::getLogsystem()->getLogger("AsyncGrpcClientHandler")),
-      m_completionQueue(makeQueue(inProcess)),
+      m_completionQueue(inProcess ? makeNonPollingQueue()
+                                  : std::make_unique<grpc::CompletionQueue>()),
       m_capabilityMutex(std::move(capabilityMutex)) {}
 
 AsyncGrpcClientHandler::~AsyncGrpcClientHandler() {

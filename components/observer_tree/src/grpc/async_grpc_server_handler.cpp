@@ -13,10 +13,12 @@ using NextStatus = grpc::CompletionQueue::NextStatus;
 
 AsyncGrpcServerHandler::AsyncGrpcServerHandler(
     std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
-    std::shared_ptr<std::mutex> capabilityMutex, std::size_t maxMessageSize)
+    std::shared_ptr<std::mutex> capabilityMutex, std::shared_ptr<StandbyPoller> standbyPoller,
+    std::size_t maxMessageSize)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_completionQueue(std::move(completionQueue)),
       m_capabilityMutex(std::move(capabilityMutex)),
+      m_standbyPoller(std::move(standbyPoller)),
       m_maxMessageSize(maxMessageSize),
       m_wireMessageMemo(std::make_unique<WireMessageMemo>()) {}
 
@@ -74,10 +76,14 @@ NextStatus AsyncGrpcServerHandler::processEvents() {
     bool ok = false;
     auto outcome = NextStatus::TIMEOUT;
     do {
-        outcome = m_completionQueue->AsyncNext(&tag, &ok,
-                                               std::chrono::system_clock::now() + pollInterval);
+        outcome = nextEvent(&tag, &ok);
     } while (processEvent(outcome, tag, ok));
     return outcome;
+}
+
+NextStatus AsyncGrpcServerHandler::nextEvent(void** tag, bool* ok) {
+    const StandbyPoller::Wait wait(m_standbyPoller.get());
+    return m_completionQueue->AsyncNext(tag, ok, std::chrono::system_clock::now() + pollInterval);
 }
 
 void AsyncGrpcServerHandler::requestFirstCalls() {

@@ -17,7 +17,7 @@ HandDrivenServer::HandDrivenServer(std::optional<std::size_t> maxMessageSize) {
     auto queue = builder.AddCompletionQueue(true);
     m_queue = queue.get();
     handler = maxMessageSize ? std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex,
-                                                                        *maxMessageSize)
+                                                                        nullptr, *maxMessageSize)
                              : std::make_unique<AsyncGrpcServerHandler>(std::move(queue), mutex);
     const auto* descriptor = Item::descriptor()->file()->FindServiceByName("TestService");
     for (int index = 0; index < descriptor->method_count(); ++index) {

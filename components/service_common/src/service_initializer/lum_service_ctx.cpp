@@ -30,6 +30,7 @@ LumServiceCtx::~LumServiceCtx() {
     // Ahead of the server object: a queue thread that still finds a finished call in its queue
     // would request the next one from a server that is gone.
     m_capabilities.clear();
+    m_standbyPoller.reset();
 }
 
 void LumServiceCtx::addCapability(std::unique_ptr<ICapMngr> capability) {
@@ -94,10 +95,15 @@ grpc::ServerBuilder& LumServiceCtx::getServerBuilder() {
 
 void LumServiceCtx::setServerBuilder(std::unique_ptr<grpc::ServerBuilder> serverBuilder) {
     m_serverBuilder = std::move(serverBuilder);
+    m_standbyPoller = std::make_shared<Hox::ObserverTree::StandbyPoller>(
+        m_serverBuilder->AddCompletionQueue(true));
 }
 
 void LumServiceCtx::setGrpcServer(std::unique_ptr<grpc::Server> grpcServer) {
     m_grpcServer = std::move(grpcServer);
+    if (m_grpcServer && m_standbyPoller) {
+        m_standbyPoller->start();
+    }
 }
 
 }  // namespace Hox::Service

@@ -1,10 +1,10 @@
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 
-#include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -18,7 +18,10 @@
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/log/stdout_logger.h"
 #include "hox/service_common/capability/lum_capabilities.h"
+#include "server/server_front.h"
+#include "service_initializer/descriptor_limit.h"
 #include "service_initializer/service_options.h"
 #include "service_initializer/signal_block.h"
 
@@ -60,6 +63,18 @@ void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), Lu
     (capability.*hook)(ctx);
 }
 
+/// Who may not open the log still gets the parser's text and the help: on standard output.
+std::unique_ptr<LogsystemInitializer> installLogsystem(int argc, char** argv,
+                                                       std::exception_ptr& failure) {
+    try {
+        return std::make_unique<LogsystemInitializer>(argc, argv);
+    } catch (const spdlog::spdlog_ex&) {
+        failure = std::current_exception();
+        Log::setLogsystem(std::make_unique<Log::StdoutLogger>(spdlog::level::info));
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 int LumServiceInitializer::global_fd_shutdown = -1;
@@ -67,11 +82,12 @@ std::atomic<LumServiceInitializer*> LumServiceInitializer::instance{nullptr};
 std::atomic<pthread_t> LumServiceInitializer::mainThread{};
 
 LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
-    : m_logsystemInitializer(std::make_unique<LogsystemInitializer>(argc, argv)),
+    : m_logsystemInitializer(installLogsystem(argc, argv, m_logFailure)),
       m_logger(Log::getLogsystem()->getLogger("ServiceInitializer")),
       m_argv(argv),
       m_argc(argc),
       m_proxyObsTreeBuilder(std::make_shared<ObserverTree::AsyncGrpcProxyObsTreeBuilder>()),
+      m_serverFront(std::make_unique<ServerFront>()),
       m_ctx(argc > 0 && argv != nullptr ? argv[0] : "", m_proxyObsTreeBuilder) {
     addServiceOptions(m_ctx);
     global_fd_shutdown = eventfd(0, 0);
@@ -83,10 +99,8 @@ LumServiceInitializer::~LumServiceInitializer() {
         // The handler keeps its pointer to this object, also when it is gone.
         SignalBlock::forever();
     }
-    if (m_shutdownThread) {
-        m_shutdownThread->join();
-        m_shutdownThread.reset();
-    }
+    endShutdownThread();
+    m_serverFront->close();
 }
 
 int LumServiceInitializer::initialize() {
@@ -95,6 +109,10 @@ int LumServiceInitializer::initialize() {
         printHelp(m_ctx);
         return 1;
     }
+    if (m_logFailure) {
+        std::rethrow_exception(m_logFailure);
+    }
+    raiseDescriptorLimit();
     m_ctx.setIdentity(ServiceIdentity{m_ctx.optionValue("id"), "0", "mb"});
     initGrpcServerBuilder(m_ctx);
     initCapabilities(m_ctx);
@@ -126,7 +144,8 @@ void LumServiceInitializer::serverStart() {
     if (m_ctx.getGrpcServer()) {
         throw CppUtil::InitializationError("Server already started", __FILE__, __LINE__);
     }
-    buildAndStart(internalAddress);
+    startShutdownThread();
+    buildAndStart();
     startCapabilities(internalAddress);
     m_ctx.getGrpcServer()->Wait();
 }
@@ -134,16 +153,33 @@ void LumServiceInitializer::serverStart() {
 void LumServiceInitializer::serverShutdown() {
     const int rc = eventfd_write(global_fd_shutdown, 1);
     HOX_ASSERT(rc != -1);
-    if (!m_ctx.getGrpcServer() || m_shutdownThread) {
+    if (!m_ctx.getGrpcServer() || std::exchange(m_isShuttingDown, true)) {
         return;
     }
     sd_notify(0, "STOPPING=1");
     m_logger->log(Log::here(), spdlog::level::info, "Shutting down server");
     // Shutdown must not run in a signal handler.
+    m_shutdownRequested.post();
+}
+
+void LumServiceInitializer::startShutdownThread() {
     m_shutdownThread = std::make_unique<std::thread>([this] {
-        m_ctx.getProxyObsTreeHelper().inProcessGate()->close();
-        m_ctx.getGrpcServer()->Shutdown(std::chrono::system_clock::now() + shutdownGrace);
+        m_shutdownRequested.wait();
+        if (m_isShuttingDown) {
+            const auto deadline = std::chrono::system_clock::now() + shutdownGrace;
+            m_serverFront->close();
+            m_ctx.getProxyObsTreeHelper().inProcessGate()->close();
+            m_ctx.getGrpcServer()->Shutdown(deadline);
+        }
     });
+}
+
+void LumServiceInitializer::endShutdownThread() {
+    if (m_shutdownThread) {
+        m_shutdownRequested.post();
+        m_shutdownThread->join();
+        m_shutdownThread.reset();
+    }
 }
 
 /// Runs on any thread that lets the signals through. Only the main thread may go on: it handles
@@ -192,7 +228,9 @@ bool LumServiceInitializer::parseOptions(int argc, char** argv, LumServiceCtx& c
 }
 
 void LumServiceInitializer::initGrpcServerBuilder(LumServiceCtx& ctx) {
-    ctx.setServerBuilder(std::make_unique<grpc::ServerBuilder>());
+    auto builder = std::make_unique<grpc::ServerBuilder>();
+    m_serverFront->prepare(*builder);
+    ctx.setServerBuilder(std::move(builder));
 }
 
 void LumServiceInitializer::initCapabilities(LumServiceCtx& ctx) {
@@ -212,14 +250,9 @@ void LumServiceInitializer::callCapabilities(const char* step, Hook hook) {
     }
 }
 
-void LumServiceInitializer::buildAndStart(const std::string& internalAddress) {
-    grpc::ServerBuilder& builder = m_ctx.getServerBuilder();
-    builder.AddListeningPort(internalAddress, grpc::InsecureServerCredentials());
-    if (m_ctx.optionCount("extport") > 0) {
-        builder.AddListeningPort("[::]:" + m_ctx.optionValue("extport"),
-                                 grpc::InsecureServerCredentials());
-    }
-    m_ctx.setGrpcServer(builder.BuildAndStart());
+void LumServiceInitializer::buildAndStart() {
+    m_serverFront->listen(m_ctx.optionValue("port"), m_ctx.optionValue("extport"));
+    m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
 }
 
 /// From here until the server is waited for, a signal would find the main thread inside log calls
@@ -233,10 +266,21 @@ void LumServiceInitializer::startCapabilities(const std::string& internalAddress
         throw CppUtil::InitializationError(
             "Unable to start gRPC server on address " + internalAddress, __FILE__, __LINE__);
     }
+    m_serverFront->open();
     callCapabilities("serverStarted", &ICapMngr::serverStarted);
     callCapabilities("proxyObsTreesReady", &ICapMngr::proxyObsTreesReady);
     m_logger->log(Log::here(), spdlog::level::debug, "Started serving proxy observer trees");
+    m_serverFront->setServing();
     sd_notify(0, "READY=1");
+    logReadiness();
+}
+
+void LumServiceInitializer::logReadiness() {
+    const auto externalPort = m_ctx.optionValue("extport");
+    m_logger->log(Log::here(), spdlog::level::info, "{} {} is ready, pid {}, port {}{}",
+                  program_invocation_short_name, HALVO_VERSION, ::getpid(),
+                  m_ctx.optionValue("port"),
+                  externalPort.empty() ? "" : ", extport " + externalPort);
 }
 
 }  // namespace Hox::Service

@@ -5,7 +5,8 @@
 
 namespace Hox::Testing {
 
-/// A TCP port that nobody else gets while the object lives, and on which a gRPC server can listen.
+/// A TCP port that nobody is given while the object lives, and on which a server can listen that
+/// sets the usual option of servers, the reuse of addresses.
 class ReservedPort {
 public:
     /// Takes a free port; throws std::system_error.

@@ -2,9 +2,6 @@
 
 #include <google/protobuf/message.h>
 #include <grpcpp/channel.h>
-#include <grpcpp/client_context.h>
-#include <grpcpp/impl/client_unary_call.h>
-#include <grpcpp/impl/codegen/proto_utils.h>
 
 #include <chrono>
 #include <map>
@@ -17,6 +14,7 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/observer_tree/grpc/in_process_gate.h"
 #include "hox/observer_tree/grpc/owned_rpc_method.h"
+#include "hox/observer_tree/grpc/unary_caller.h"
 #include "hox/observer_tree/observer_tree.h"
 
 namespace Hox::ObserverTree {
@@ -41,7 +39,8 @@ public:
                       std::shared_ptr<InProcessGate> gate)
         : m_channel(std::move(channel)),
           m_clientHandler(std::move(clientHandler)),
-          m_gate(std::move(gate)) {}
+          m_gate(std::move(gate)),
+          m_unaryCaller(m_channel, m_gate) {}
 
     /// Cancels all running observations, then ends the client handler. The callbacks that run
     /// meanwhile may still use the tree; nobody else drops a handle of it while it goes.
@@ -73,20 +72,13 @@ public:
 
     /// Calls a remote operation and waits for its answer without a deadline. Runs on the caller's
     /// thread, which may hold its capability's mutex but not one that the serving side needs.
-    /// UNAVAILABLE when the process's own server has been shut down. Throws std::out_of_range when
-    /// the service has no such operation.
+    /// UNAVAILABLE when the process's own server has been shut down, and a failed status when it is
+    /// shut down meanwhile. Throws std::out_of_range when the service has no such operation.
     Status callUnary(const std::string& key, UnaryOps operation,
                      const google::protobuf::Message& request,
-                     google::protobuf::Message& response) const {
-        const auto& method = m_unaryMethods.at({key, operation})->method();
-        const auto passage = passGate();
-        if (inProcess() && !passage.owns_lock()) {
-            return {ProtoStatus::UNAVAILABLE, "The server has been shut down"};
-        }
-        grpc::ClientContext context;
-        const grpc::Status status =
-            grpc::internal::BlockingUnaryCall<google::protobuf::Message, google::protobuf::Message>(
-                m_channel.get(), method, &context, request, &response);
+                     google::protobuf::Message& response) {
+        const auto status =
+            m_unaryCaller.call(*m_unaryMethods.at({key, operation}), request, response);
         return status.ok() ? Status()
                            : Status(static_cast<ProtoStatus::StatusCode>(status.error_code()),
                                     status.error_message());
@@ -144,6 +136,7 @@ private:
     /// Held for the map alone, not for the end of a call.
     std::mutex m_mutex;
     std::shared_ptr<InProcessGate> m_gate;
+    UnaryCaller m_unaryCaller;
     std::map<std::pair<std::string, UnaryOps>, std::unique_ptr<OwnedRpcMethod>> m_unaryMethods;
 };
 

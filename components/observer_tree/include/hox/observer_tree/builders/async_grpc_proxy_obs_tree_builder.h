@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "hox/observer_tree/builders/proto_obs_tree_builder.h"
+#include "hox/observer_tree/builders/service_traits.h"
 #include "hox/observer_tree/grpc/async_grpc_client_handler.h"
 #include "hox/observer_tree/proxy_observer_tree.h"
 #include "obstree.pb.h"
@@ -42,25 +43,30 @@ public:
         return tree;
     }
 
-    /// Binds each method of the service that carries obs_tree_option to the proxy.
+    /// Binds each method of the service that carries obs_tree_option to the proxy. `ServiceType` is
+    /// the class that the service's declaration generates, or the class Service nested in it.
+    /// Throws as createProxyObsTree.
     template <typename ServiceType>
     void buildProxyObsTree(const std::shared_ptr<GrpcProxyObserverTree>& tree, bool inProcess,
                            const std::shared_ptr<grpc::Channel>& channel,
                            const std::shared_ptr<AsyncGrpcClientHandler>& handler) const {
         for (const auto* method :
              getObsTreeMethods(*google::protobuf::DescriptorPool::generated_pool(),
-                               ServiceType::service_full_name())) {
+                               ServiceTraits<ServiceType>::fullName())) {
             bindMethod(*method, *tree, inProcess, channel, handler);
         }
     }
+
+    /// Lets observers at the method's address observe on the server: registers what starts and ends
+    /// a stream of the handler. The tree, which the method is bound to, keeps the streams.
+    void addObserve(const google::protobuf::MethodDescriptor& method, const ObsTreeOptions& options,
+                    GrpcProxyObserverTree& tree, const std::shared_ptr<grpc::Channel>& channel,
+                    bool inProcess, const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;
 
 private:
     void bindMethod(const google::protobuf::MethodDescriptor& method, GrpcProxyObserverTree& tree,
                     bool inProcess, const std::shared_ptr<grpc::Channel>& channel,
                     const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;
-    void addObserve(const google::protobuf::MethodDescriptor& method, const ObsTreeOptions& options,
-                    GrpcProxyObserverTree& tree, const std::shared_ptr<grpc::Channel>& channel,
-                    bool inProcess, const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "hox/observer_tree/builders/proto_obs_tree_builder.h"
+#include "hox/observer_tree/builders/service_traits.h"
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
 #include "hox/observer_tree/grpc/grpc_wrapper_service.h"
 #include "hox/observer_tree/observer_tree.h"
@@ -18,26 +19,32 @@ namespace Hox::ObserverTree {
 /// that sets the service up, before the server is started.
 class AsyncGRPCServerObsTreeBuilder : public ProtoObsTreeBuilder {
 public:
+    /// Whether the thread of a queue reads from the network while it waits.
+    enum class Polling { Polls, DoesNotPoll };
+
     /// Adds a queue to the server and makes the handler for it. The server builder is not owned and
-    /// outlives this object; `mutex` is the capability's. New connections are read by the threads
-    /// of frequently polled queues, of which a server needs one; others join for the clients that
-    /// call them.
+    /// outlives this object; `mutex` is the capability's. One queue of the process that polls is
+    /// best: it reads for all, and with two of them each event wakes both threads. The poller
+    /// stands in while the thread of a queue that polls runs a handler; without one, the network
+    /// waits for the handler.
     AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
-                                  std::shared_ptr<std::mutex> mutex,
-                                  bool isFrequentlyPolled = true);
+                                  const std::shared_ptr<std::mutex>& mutex,
+                                  Polling polling = Polling::Polls,
+                                  std::shared_ptr<StandbyPoller> standbyPoller = nullptr);
 
     /// Binds each method of the service that carries obs_tree_option to the tree and registers the
     /// service with the server; its other methods answer UNIMPLEMENTED. `ServiceType` is the class
-    /// that the service's declaration generates, which holds the nested class Service and the
-    /// service's name. Throws ObsTreeBuildError when the descriptor pool lacks the service.
+    /// that the service's declaration generates, or the class Service nested in it. Throws
+    /// ObsTreeBuildError when the descriptor pool lacks the service.
     ///
     /// The tree outlives the handler; the handler keeps the registered service alive.
     template <typename ServiceType>
     void buildServerObsTree(ObserverTree& tree) {
-        const auto wrapper = std::make_shared<GrpcWrapperService<typename ServiceType::Service>>();
+        const auto wrapper =
+            std::make_shared<GrpcWrapperService<typename ServiceTraits<ServiceType>::Service>>();
         for (const auto* method :
              getObsTreeMethods(*google::protobuf::DescriptorPool::generated_pool(),
-                               ServiceType::service_full_name())) {
+                               ServiceTraits<ServiceType>::fullName())) {
             m_asyncGrpcServerHandler->addMethod(*method, wrapper, &tree);
             wrapper->markMethodAsynchronous(method->index());
             logBinding(*method);

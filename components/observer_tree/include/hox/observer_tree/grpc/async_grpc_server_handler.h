@@ -18,6 +18,7 @@
 #include "hox/cpputil/log/logger_name.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/grpc/async_method_desc.h"
+#include "hox/observer_tree/grpc/standby_poller.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "obstree.pb.h"
 
@@ -38,10 +39,13 @@ public:
     /// The most bytes that a message may take on the wire.
     static constexpr std::size_t largestMessage = 0x7FFFFFFF;
 
-    /// Takes over the queue; nothing is requested before the thread starts. A larger message than
-    /// maxMessageSize, in bytes, is not sent: its call or stream ends with RESOURCE_EXHAUSTED.
+    /// Takes over the queue; nothing is requested before the thread starts. The poller, which may
+    /// be null, stands in for the thread while that runs a handler; null for a queue that does not
+    /// poll. A larger message than maxMessageSize, in bytes, is not sent: its call or stream ends
+    /// with RESOURCE_EXHAUSTED.
     AsyncGrpcServerHandler(std::unique_ptr<grpc::ServerCompletionQueue> completionQueue,
                            std::shared_ptr<std::mutex> capabilityMutex,
+                           std::shared_ptr<StandbyPoller> standbyPoller = nullptr,
                            std::size_t maxMessageSize = largestMessage);
 
     /// Shuts the queue down, ends the thread and frees all calls. The server has been shut down by
@@ -87,6 +91,7 @@ private:
     void startProcessingCompletionQueue(std::promise<void> requested);
     /// Handles events until processEvent returns false; returns the outcome at which it did.
     grpc::CompletionQueue::NextStatus processEvents();
+    grpc::CompletionQueue::NextStatus nextEvent(void** tag, bool* ok);
     void createCallData(const std::shared_ptr<const AsyncMethodDesc>& asyncMethodDesc);
     void requestUnaryCall(CallDataTag* tag);
     void requestStreamingCall(CallDataTag* tag);
@@ -119,6 +124,7 @@ private:
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
     std::shared_ptr<std::mutex> m_capabilityMutex;
+    const std::shared_ptr<StandbyPoller> m_standbyPoller;
     const std::size_t m_maxMessageSize;
     std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
     std::vector<std::shared_ptr<IRequestWrapperService>> m_services;

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "hox/observer_tree/grpc/standby_poller.h"
 #include "hox/service_common/capability/icap_mngr.h"
 #include "hox/service_common/service_initializer/capability_paths.h"
 #include "hox/service_common/service_initializer/proxy_obs_tree_helper.h"
@@ -90,13 +91,21 @@ public:
     /// The builder on which a capability registers its gRPC services in initCapability(). Asserts
     /// that there is one.
     grpc::ServerBuilder& getServerBuilder();
-    /// Replaces the builder and releases a former one.
+    /// Replaces the builder and releases a former one. Adds a queue to it in which the network is
+    /// read while no other thread does.
     void setServerBuilder(std::unique_ptr<grpc::ServerBuilder> serverBuilder);
+
+    /// What stands in for a capability's thread, while that runs a handler, in reading from the
+    /// network. Null until there is a server builder.
+    const std::shared_ptr<Hox::ObserverTree::StandbyPoller>& getStandbyPoller() const {
+        return m_standbyPoller;
+    }
 
     /// The slot of the server, null until it has started. The reference is valid as long as the
     /// context.
     const std::unique_ptr<grpc::Server>& getGrpcServer() const { return m_grpcServer; }
-    /// Fills the slot of the server.
+    /// Fills the slot of the server. From then on the network is read, unless it is null or was not
+    /// made by this context's builder.
     void setGrpcServer(std::unique_ptr<grpc::Server> grpcServer);
 
 private:
@@ -108,6 +117,7 @@ private:
     ServiceIdentity m_identity;
     std::unique_ptr<grpc::ServerBuilder> m_serverBuilder;
     std::unique_ptr<grpc::Server> m_grpcServer;
+    std::shared_ptr<Hox::ObserverTree::StandbyPoller> m_standbyPoller;
 };
 
 }  // namespace Hox::Service

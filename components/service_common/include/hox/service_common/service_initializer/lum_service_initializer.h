@@ -4,15 +4,19 @@
 #include <spdlog/logger.h>
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "hox/cpputil/semaphore/binary_semaphore.h"
 #include "hox/service_common/capability/icap_mngr.h"
 #include "hox/service_common/service_initializer/logsystem_initializer.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
 
 namespace Hox::Service {
+
+class ServerFront;
 
 /// The frame of the service: owns everything else and drives the life cycle.
 ///
@@ -21,8 +25,8 @@ namespace Hox::Service {
 class LumServiceInitializer {
 public:
     /// Installs the log system and defines the service's own options. Keeps argv, which outlives
-    /// the object. Asserts that the shutdown descriptor could be created; throws what opening the
-    /// log file throws.
+    /// the object. Asserts that the shutdown descriptor could be created. A log file that cannot be
+    /// opened shows in initialize(); until then records go to standard output.
     LumServiceInitializer(int argc, char** argv);
 
     /// Joins the shutdown thread, then takes the process apart: capabilities that never got
@@ -39,8 +43,8 @@ public:
     ///
     /// Returns 0 to go on; 1 to stop, with the help printed on standard output. Asserts that it is
     /// called once, and on one object per process only. Throws std::invalid_argument and
-    /// std::out_of_range for ports that are no numbers where both are given, and whatever a
-    /// capability throws.
+    /// std::out_of_range for ports that are no numbers where both are given, what opening the log
+    /// file has thrown, and whatever a capability throws.
     virtual int initialize();
 
     /// Lets the capability add its options and keeps it. Called before initialize().
@@ -73,8 +77,11 @@ private:
     void initGrpcServerBuilder(LumServiceCtx& ctx);
     void initCapabilities(LumServiceCtx& ctx);
     void callCapabilities(const char* step, Hook hook);
-    void buildAndStart(const std::string& internalAddress);
+    void buildAndStart();
     void startCapabilities(const std::string& internalAddress);
+    void startShutdownThread();
+    void endShutdownThread();
+    void logReadiness();
 
     /// Written on shutdown and read by nobody here: what a waiting thread would poll. Never closed.
     static int global_fd_shutdown;
@@ -83,15 +90,20 @@ private:
     /// Written before instance is, read only where instance is set.
     static std::atomic<pthread_t> mainThread;
 
+    std::exception_ptr m_logFailure;
     std::unique_ptr<LogsystemInitializer> m_logsystemInitializer;
     std::shared_ptr<spdlog::logger> m_logger;
     bool m_isInitialized = false;
     char** m_argv;
     int m_argc;
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> m_proxyObsTreeBuilder;
+    std::unique_ptr<ServerFront> m_serverFront;
     LumServiceCtx m_ctx;
     std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
+    /// Made ahead of readiness, as a service that is to end may find no room for a thread.
     std::unique_ptr<std::thread> m_shutdownThread;
+    bool m_isShuttingDown = false;                 // the main thread's, until it posts
+    CppUtil::BinarySemaphore m_shutdownRequested;  // or the end of this object
 };
 
 }  // namespace Hox::Service
