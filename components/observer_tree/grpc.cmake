@@ -49,6 +49,7 @@ if(HALVO_BUILD_TESTS)
         tests/grpc/hand_driven_server.cpp
         tests/grpc/item_tree.cpp
         tests/grpc/observe_client.cpp
+        tests/grpc/system_calls.cpp
         tests/grpc/unary_call.cpp)
     target_include_directories(hox_observer_tree_grpc_test_support PUBLIC tests)
     target_link_libraries(hox_observer_tree_grpc_test_support
@@ -59,6 +60,7 @@ if(HALVO_BUILD_TESTS)
         SOURCES
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
+            tests/builders/service_traits_test.cpp
             tests/grpc/captured_logging.cpp
         LIBS hox_observer_tree_grpc_test_support
         LABELS threads)
@@ -71,10 +73,17 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/captured_logging.cpp
             tests/grpc/client_text_test.cpp
             tests/grpc/in_process_gate_test.cpp
+            tests/grpc/non_polling_queue_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp
+            tests/grpc/proxy_observer_tree_threads_test.cpp
+            tests/grpc/standby_poller_test.cpp
+            tests/grpc/unary_caller_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp
         LIBS hox_observer_tree_grpc_test_support
         LABELS threads
         TIMEOUT 300)
+    if(HALVO_NON_POLLING_QUEUES)
+        target_compile_definitions(hox_observer_tree_grpc_test PRIVATE HALVO_NON_POLLING_QUEUES)
+    endif()
 endif()

@@ -180,6 +180,33 @@ TEST(AsyncGrpcServerHandler, FreesWhatComesBetweenItsLastLookAtTheQueueAndTheEnd
     EXPECT_TRUE(log.containsInOrder({"Shutdown", "AsyncGrpcServerHandler Thread Exited "}));
 }
 
+TEST(AsyncGrpcServerHandler, HoldsTheCapabilityMutexWhileTheLastObservationsEnd) {
+    HandDrivenServer served;
+    std::atomic<int> locked{0};
+    served.tree->registerObserverGoneHandler<ObserveReq>(
+        "/items", [&locked, mutex = served.mutex](const ObserveReq&, const ObserverCallback&) {
+            locked += isLocked(*mutex) ? 1 : 100;
+        });
+    served.handler->startCompletionQueueThread();
+    const ObserveClient busy(*served.stub);
+    const ObserveClient idle(*served.stub, "/none");  // has no event of its own at the end
+    ASSERT_TRUE(waitUntil([&] { return served.handlers.allObservers == 2; }));
+
+    // The end of the stream is told to a handler that has been told to end.
+    std::unique_lock<std::mutex> lock(*served.mutex);
+    ASSERT_TRUE(waitUntil([&] { return isAwaited(*served.mutex); }));
+    const auto destroyed = std::async(std::launch::async, [&served] { served.destroyHandler(); });
+    ASSERT_TRUE(waitUntil([&] {
+        createItem(*served.tree, "a");
+        const LogCapture log(handlerLogger, spdlog::level::trace);
+        createItem(*served.tree, "a");
+        return log.texts().empty();
+    }));
+    lock.unlock();
+    destroyed.wait();
+    EXPECT_EQ(locked, 2);
+}
+
 TEST(AsyncGrpcServerHandler, OpenStreamsEndWithTheirObservations) {
     auto served = std::make_unique<ServedTree<TestService>>();
     served->create("a");
