@@ -1,3 +1,4 @@
+#include <grpc/grpc.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 
 #include <clocale>
@@ -16,6 +17,9 @@ int main(int argc, char** argv) {
     // One set of descriptors for all threads: the one that reads serves them all, at a cost that
     // does not grow with the connections. No other strategy lets one thread read for all.
     ::setenv("GRPC_POLL_STRATEGY", "epoll1", 1);
+    // Never given back: the library would wait for its threads at the end, for ever where one of
+    // them could not be made.
+    grpc_init();
     // Linking the plugin is not enough: nothing refers to it, so that the linker drops it.
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 

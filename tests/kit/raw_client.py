@@ -1,0 +1,96 @@
+"""A client that speaks HTTP/2 by hand, so that it can leave out what every library does: take answers,
+answer pings."""
+import socket
+import struct
+
+_PREFACE = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"
+_DATA, _HEADERS, _SETTINGS, _PING, _WINDOW_UPDATE = 0, 1, 4, 6, 8
+_ACK = END_STREAM = 1
+_END_HEADERS = 4
+
+
+def _frame(kind, flags, stream, payload=b""):
+    return (struct.pack(">I", len(payload))[1:] + bytes([kind, flags]) +
+            struct.pack(">I", stream) + payload)
+
+
+def _text(text):
+    """A header's name or value, neither compressed nor in any table."""
+    data = text.encode()
+    if len(data) < 127:
+        return bytes([len(data)]) + data
+    return bytes([127, len(data) - 127]) + data
+
+
+def _headers(path):
+    fields = ((":method", "POST"), (":scheme", "http"), (":path", path),
+              (":authority", "localhost"), ("content-type", "application/grpc"),
+              ("te", "trailers"))
+    return b"".join(b"\x10" + _text(name) + _text(value) for name, value in fields)
+
+
+class RawClient:
+    """One connection, on which 64 kB may come in unless more is allowed. Nothing is read unless
+    asked for."""
+
+    def __init__(self, service, window=0):
+        self._socket = socket.socket()
+        self._socket.connect(("127.0.0.1", service.port))
+        self._socket.sendall(_PREFACE + _frame(_SETTINGS, 0, 0))
+        if window:
+            self._socket.sendall(_frame(_WINDOW_UPDATE, 0, 0, struct.pack(">I", window)))
+        self._stream = 1
+
+    def call(self, path, request):
+        """Sends a call of "/service/method"; its answer comes when it likes."""
+        message = request.SerializeToString()
+        body = b"\0" + struct.pack(">I", len(message)) + message
+        self._socket.sendall(_frame(_HEADERS, _END_HEADERS, self._stream, _headers(path)) +
+                             _frame(_DATA, END_STREAM, self._stream, body))
+        self._stream += 2
+
+    def wait_for_answer(self, seconds=20):
+        """Until the first bytes of something are there; they stay there."""
+        self._socket.settimeout(seconds)
+        assert self._socket.recv(1, socket.MSG_PEEK)
+
+    def ping(self):
+        self._socket.sendall(_frame(_PING, 0, 0, b"\0" * 8))
+
+    def frames(self, seconds=20, answers_pings=False):
+        """The kind of each frame that comes, to the end of the connection; a longer silence fails."""
+        self._socket.settimeout(seconds)
+        while True:
+            header = self._read(9)
+            if header is None:
+                return
+            payload = self._read(int.from_bytes(header[:3], "big"))
+            yield header[3]
+            if header[3] == _PING and not header[4] & _ACK and answers_pings:
+                self._socket.sendall(_frame(_PING, _ACK, 0, payload))
+
+    def _read(self, count):
+        data = b""
+        while len(data) < count:
+            try:
+                part = self._socket.recv(count - len(data))
+            except ConnectionResetError:
+                return None
+            if not part:
+                return None
+            data += part
+        return data
+
+    def close(self):
+        self._socket.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+#: Kinds of frames: the begin of an answer, and what asks for one.
+HEADERS = _HEADERS
+PING = _PING

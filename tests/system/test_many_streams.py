@@ -1,0 +1,62 @@
+"""What streams cost that have ended, and the end of many at once."""
+import itertools
+
+import pytest
+
+from kit.memory import is_sanitized, resident_bytes
+from kit.raw_client import HEADERS, RawClient
+
+OBSERVE = "/Hox.Capability.StateMonitoring.Api.StateMonitoringService/observeStateNotifications"
+#: What may be left of a stream.
+BYTES_PER_ENDED_STREAM = 200
+
+
+def observe_and_cancel(client, count):
+    """So many streams, each with its snapshot, in groups that are open at a time."""
+    request = client.protos.tree.ObserveReq(key_pattern="/state/**")
+    for _ in range(count // 200):
+        calls = [client.state.observeStateNotifications(request) for _ in range(200)]
+        for call in calls:
+            next(call)
+        for call in calls:
+            call.cancel()
+
+
+def test_an_ended_stream_leaves_next_to_nothing(service, client):
+    client.create()
+    observe_and_cancel(client, 2000)
+    before = resident_bytes(service)
+    observe_and_cancel(client, 10000)
+    growth = resident_bytes(service) - before
+    print(f"{growth / 10000:.0f} bytes per ended stream")
+    if not is_sanitized():  # a sanitizer keeps what is freed
+        assert growth < 10000 * BYTES_PER_ENDED_STREAM + 500000
+
+
+@pytest.fixture
+def open_streams(service, client):
+    """Opens streams on connections of a thousand each."""
+    connections = []
+
+    def launch(count):
+        request = client.protos.tree.ObserveReq(key_pattern="/state/**")
+        for _ in range(count // 1000):
+            raw = RawClient(service, window=1 << 30)
+            connections.append(raw)
+            for _ in range(1000):
+                raw.call(OBSERVE, request)
+        for raw in connections:
+            begun = (kind for kind in raw.frames() if kind == HEADERS)
+            assert len(list(itertools.islice(begun, 1000))) == 1000
+
+    yield launch
+    for raw in connections:
+        raw.close()
+
+
+def test_ten_thousand_open_streams_end_in_time(service, client, open_streams):
+    client.create()
+    open_streams(2000 if is_sanitized() else 10000)
+    client.create()
+    service.stop()
+    print(f"{service.stop_seconds:.1f} s")
