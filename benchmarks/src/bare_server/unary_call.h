@@ -29,16 +29,14 @@ public:
     static void request(const Method& method) { new UnaryCall(method); }
 
     void handle(bool ok) override {
-        if (!ok) {
-            delete this;
-        } else if (m_isAnswered) {
-            request(m_method);
+        if (!ok || m_isAnswered) {
             delete this;
         } else {
             m_isAnswered = true;
             Response response;
             m_method.answer(m_request, response);
             m_responder.Finish(response, grpc::Status::OK, this);
+            request(m_method);
         }
     }
 
