@@ -10,6 +10,7 @@ find_path(GRPC_PROTO_ROOT grpc/health/v1/health.proto PATHS /usr/share/grpc-prot
 find_package(cxxopts REQUIRED)
 find_package(LibArchive REQUIRED)
 find_package(PkgConfig REQUIRED)
+pkg_check_modules(AVAHI REQUIRED IMPORTED_TARGET avahi-client)
 pkg_check_modules(JEMALLOC REQUIRED IMPORTED_TARGET jemalloc)
 pkg_check_modules(RAPIDJSON REQUIRED IMPORTED_TARGET RapidJSON) # its CMake package has no target
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
