@@ -29,3 +29,12 @@ hox_add_test(hox_service_discovery_avahi_test
         tests/request_state_test.cpp
     LIBS hox_service_discovery_avahi hox_testing PkgConfig::AVAHI
     LABELS threads)
+
+# With a daemon that starts and ends as the tests say.
+hox_add_test(hox_service_discovery_client_test
+    SOURCES
+        tests/avahi_service_discovery_client_test.cpp
+        tests/discovery_fixture.cpp
+        tests/events.cpp
+    LIBS hox_service_discovery_avahi hox_testing
+    LABELS threads)
