@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -21,6 +20,8 @@
 #include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/type/type_name.h"
 #include "hox/observer_tree/double_registration_error.h"
+#include "hox/observer_tree/function_observe_handler.h"
+#include "hox/observer_tree/iobserve_handler.h"
 #include "hox/observer_tree/message_ptr.h"
 #include "hox/observer_tree/unary_ops.h"
 
@@ -35,6 +36,9 @@ template <typename BaseMsgType, typename TreeType, typename NodesChangedType, ty
 class CRURONode : public std::enable_shared_from_this<
                       CRURONode<BaseMsgType, TreeType, NodesChangedType, StatusType>> {
 public:
+    /// A change set.
+    using Changes = NodesChangedType;
+
     /// What a unary handler returns. The message counts only with an OK status.
     template <typename ReturnMsgType>
     struct UnaryHandlerReturnType {
@@ -60,9 +64,6 @@ public:
     struct ObsCallbackStoredType {
         std::shared_ptr<ObserverCallback> observeCallback;
         std::shared_ptr<InMsgType> request;
-        /// What the observe handler of the node derived from the request, for its eyes alone, so
-        /// that it need not derive it again at every change. GUARDED_BY(m_observerMutex)
-        mutable std::shared_ptr<void> derived;
     };
 
     /// The observers of a node, keyed by the address of their callback object.
@@ -103,7 +104,14 @@ public:
 
     /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
     template <typename InMsg>
-    void setObserveHandler(ObserveHandler<InMsg> handler);
+    void setObserveHandler(std::shared_ptr<IObserveHandler<CRURONode, InMsg>> handler);
+
+    /// The same for a function.
+    template <typename InMsg>
+    void setObserveHandler(ObserveHandler<InMsg> handler) {
+        setObserveHandler<InMsg>(
+            std::make_shared<FunctionObserveHandler<CRURONode, InMsg>>(std::move(handler)));
+    }
 
     /// Sets what runs when an observer arrives, replacing an earlier hook for the same message
     /// type. A hook for BaseMsgType serves every request type.
@@ -170,6 +178,23 @@ private:
     }
 
     template <typename InMsg>
+    IObserveHandler<CRURONode, InMsg>& observeHandler() {
+        using Handler = std::shared_ptr<IObserveHandler<CRURONode, InMsg>>;
+        return *std::any_cast<const Handler&>(m_observeHandler);
+    }
+
+    template <typename InMsg>
+    ObserverCallbackMap<InMsg>& observers() {
+        return std::any_cast<ObserverCallbackMap<InMsg>&>(m_observerCallbackMap);
+    }
+
+    template <typename InMsg>
+    void addObserver(const ObsCallbackStoredType<InMsg>& observer);
+
+    template <typename InMsg>
+    void callTypedObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
+
+    template <typename InMsg>
     void setObserveCastHandler();
 
     template <typename InMsg>
@@ -199,11 +224,11 @@ private:
     std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(BaseMsgType&&, TreeType&)>,
                unaryOpsCount>
         m_unaryTakingCastHandlers;
-    std::optional<std::function<void(const NodesChangedType&, std::any&, const std::any&)>>
-        m_observeHandler;
+    std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;
     std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
-    /// Last in the lock order, behind the locks of the tree; not recursive.
+    /// Last in the lock order, after the locks of the tree; not recursive.
     std::mutex m_observerMutex;
+    std::any m_observeHandler;       // GUARDED_BY(m_observerMutex)
     std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
     /// Held alone and only while hooks are set or copied: a handle may be dropped without any lock.
     std::mutex m_hookMutex;
@@ -241,28 +266,36 @@ void CRURONode<B, T, N, S>::setUnaryTakingHandler(UnaryTakingHandler<InMsg, Retu
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
-    if (m_observeHandler) {
+void CRURONode<B, T, N, S>::setObserveHandler(
+    std::shared_ptr<IObserveHandler<CRURONode, InMsg>> handler) {
+    if (m_callObserveHandler) {
         throw DoubleRegistrationError("Only allowed to register one observe handler function",
                                       __FILE__, __LINE__);
     }
     setObserveCastHandler<InMsg>();
     const std::lock_guard<std::mutex> lock(m_observerMutex);
-    m_observeHandler = [handler = std::move(handler)](const N& changes, std::any& observers,
-                                                      const std::any& singleObserver) {
-        const auto& observeMap = std::any_cast<ObserverCallbackMap<InMsg>&>(observers);
-        if (!singleObserver.has_value()) {
-            handler(changes, observeMap);
-            return;
-        }
-        const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
-        const auto callbackIter = observeMap.find(handle->observeCallback.get());
-        HOX_ASSERT(callbackIter != observeMap.end());
-        if (callbackIter != observeMap.end()) {
-            handler(changes, {*callbackIter});
-        }
-    };
+    m_observeHandler = std::move(handler);
     m_observerCallbackMap = ObserverCallbackMap<InMsg>();
+    m_callObserveHandler = [this](const N& changes, const std::any& singleObserver) {
+        callTypedObserveHandler<InMsg>(changes, singleObserver);
+    };
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::callTypedObserveHandler(const N& changes,
+                                                    const std::any& singleObserver) {
+    const auto& observeMap = observers<InMsg>();
+    if (!singleObserver.has_value()) {
+        observeHandler<InMsg>().deliver(changes, observeMap);
+        return;
+    }
+    const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
+    const auto callbackIter = observeMap.find(handle->observeCallback.get());
+    HOX_ASSERT(callbackIter != observeMap.end());
+    if (callbackIter != observeMap.end()) {
+        observeHandler<InMsg>().deliverTo(callbackIter->second, changes);
+    }
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -342,16 +375,10 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
     using Stored = ObsCallbackStoredType<InMsgType>;
     try {
         const Stored observer{std::make_shared<ObserverCallback>(std::move(callback)),
-                              std::shared_ptr<InMsgType>(inMsg.New()), nullptr};
+                              std::shared_ptr<InMsgType>(inMsg.New())};
         observer.request->CopyFrom(inMsg);
         auto record = std::make_unique<Stored>(observer);
-        {
-            const std::lock_guard<std::mutex> lock(m_observerMutex);
-            if (m_observerCallbackMap.has_value()) {
-                std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
-                    .emplace(observer.observeCallback.get(), observer);
-            }
-        }
+        addObserver<InMsgType>(observer);
         ObserveRaiiHandleType<InMsgType> handle(
             record.release(),
             [weakNode = this->weak_from_this()](Stored* storedTypeObserverCallback) {
@@ -368,6 +395,23 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
                 "It is forbidden to throw exceptions from observe handlers and callbacks - ") +
                 error.what(),
             inMsg, "inMsg");
+        throw;
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::addObserver(const ObsCallbackStoredType<InMsg>& observer) {
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    if (!m_observerCallbackMap.has_value()) {
+        return;
+    }
+    auto& known = observers<InMsg>();
+    const auto position = known.emplace(observer.observeCallback.get(), observer).first;
+    try {
+        observeHandler<InMsg>().observerArrived(position->second);
+    } catch (...) {
+        known.erase(position);
         throw;
     }
 }
@@ -399,6 +443,10 @@ void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& obse
     runHooks<InMsgType>(m_observerGoneHandler, m_observerGoneCastHandler, observer);
     const std::lock_guard<std::mutex> lock(m_observerMutex);
     if (m_observerCallbackMap.has_value()) {
+        const auto known = observers<InMsgType>().find(observer.observeCallback.get());
+        if (known != observers<InMsgType>().end()) {
+            observeHandler<InMsgType>().observerLeft(known->second);
+        }
         // The blank in the report's text comes from the line break.
         HOX_ASSERT(std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
                        .erase((*storedTypeObserverCallback).observeCallback.get()));
@@ -407,12 +455,12 @@ void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& obse
 
 template <typename B, typename T, typename N, typename S>
 void CRURONode<B, T, N, S>::callObserveHandler(const N& changes, const std::any& singleObserver) {
-    if (changes.empty() || !m_observeHandler) {
+    if (changes.empty() || !m_callObserveHandler) {
         return;
     }
     try {
         const std::lock_guard<std::mutex> lock(m_observerMutex);
-        m_observeHandler.value()(changes, m_observerCallbackMap, singleObserver);
+        m_callObserveHandler(changes, singleObserver);
     } catch (const std::exception& error) {
         m_logger->log(Hox::Log::here(), spdlog::level::err,
                       "Caught exception in Observer Tree observe Callback:\n{}", error.what());

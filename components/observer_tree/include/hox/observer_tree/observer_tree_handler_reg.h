@@ -54,11 +54,7 @@ public:
     /// DoubleRegistrationError when the address has one.
     template <typename InMsg>
     void registerObserveHandler(const std::string& key, TreeNode::ObserveHandler<InMsg> handler) {
-        checkAddress(key);
-        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
-        const auto node = findOrCreateNode(key, observeText);
-        node->template setObserveHandler<InMsg>(std::move(handler));
-        m_observeNodes->push_back(node);
+        addObserveNode<InMsg>(key, std::move(handler));
     }
 
     /// Registers what runs when an observer arrives, replacing an earlier hook.
@@ -83,6 +79,16 @@ public:
     }
 
 protected:
+    /// As registerObserveHandler; takes an IObserveHandler as well.
+    template <typename InMsg, typename Handler>
+    void addObserveNode(const std::string& key, Handler handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        const auto node = findOrCreateNode(key, observeText);
+        node->template setObserveHandler<InMsg>(std::move(handler));
+        m_observeNodes->push_back(node);
+    }
+
     /// The handler lock, for registrations that belong together.
     const std::shared_ptr<std::recursive_mutex>& handlerLock() const { return m_handlerLock; }
 
