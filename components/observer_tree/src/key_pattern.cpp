@@ -1,8 +1,11 @@
 #include "key_pattern.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 #include <variant>
+
+#include "hox/observer_tree/snapshot.h"
 
 namespace Hox::ObserverTree {
 
@@ -60,6 +63,20 @@ bool KeyPattern::selects(const PathManipulation& path, const std::string& key) c
     }
     return m_kind != Kind::Key && key[m_prefix.size()] == '/' &&
            (m_kind == Kind::Subtree || path.keyMatches(key, m_components));
+}
+
+ChangeSetType KeyPattern::snapshotOf(const PathManipulation& path, const DataTree& tree) const {
+    const auto isSelected = [this, &path](const std::string& key) { return selects(path, key); };
+    ChangeSetType snapshot;
+    // Not all keys with this prefix: a component may go on after it.
+    const auto prefix = tree.find(m_prefix);
+    if (prefix != tree.end()) {
+        addToSnapshot(snapshot, DataTree::Range(prefix, std::next(prefix)), isSelected);
+    }
+    if (m_kind != Kind::Key) {
+        addToSnapshot(snapshot, tree.withPrefix(m_prefix + "/"), isSelected);
+    }
+    return snapshot;
 }
 
 }  // namespace Hox::ObserverTree

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "hox/observer_tree/data_tree.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "key_pattern_shape.h"
 
@@ -19,6 +20,10 @@ public:
     /// Whether the key is selected. Throws what the matcher throws, std::bad_variant_access for a
     /// pattern that cannot be matched.
     bool selects(const PathManipulation& path, const std::string& key) const;
+
+    /// The selected elements of the tree, as new keys; for one where the matcher throws see
+    /// addToSnapshot. Walks the stretch of keys that start with the pattern's first literals.
+    ChangeSetType snapshotOf(const PathManipulation& path, const DataTree& tree) const;
 
 private:
     /// What decides whether a key is selected.

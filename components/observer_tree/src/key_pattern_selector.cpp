@@ -8,10 +8,16 @@
 namespace Hox::ObserverTree {
 
 struct KeyPatternSelector::Pass {
+    /// As many changes as a short handler makes; more are worth their memory for one pass only.
+    static constexpr std::size_t maxKeptCapacity = 16;
+
     explicit Pass(KeyPatternSelector& owner) : selector(owner) {}
     ~Pass() {
         for (auto* selection : selector.m_concerned) {
             selection->selected.clear();
+            if (selection->selected.capacity() > maxKeptCapacity) {
+                selection->selected.shrink_to_fit();
+            }
             selection->part.clear();
             selection->failure = nullptr;
         }
@@ -81,6 +87,11 @@ void KeyPatternSelector::deliverTo(const Observer& observer, const ChangeSetType
         makePart(*selection, changes);
         tell(*observer.observeCallback, *selection, changes);
     }
+}
+
+ChangeSetType KeyPatternSelector::snapshotFor(const Observer& observer, const DataTree& tree) {
+    const auto* selection = selectionOf(observer);
+    return selection == nullptr ? ChangeSetType() : selection->pattern.snapshotOf(m_path, tree);
 }
 
 KeyPatternSelector::Selection* KeyPatternSelector::selectionOf(const Observer& observer) {

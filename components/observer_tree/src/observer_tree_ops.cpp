@@ -63,11 +63,7 @@ std::shared_ptr<TreeNode> ObserverTreeOps::requireObserveNode(const std::string&
 }
 
 void ObserverTreeOps::deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle) {
-    ChangeSetType snapshot;
-    for (const auto& [key, value] : *m_dataTree) {
-        snapshot.emplace_hint(snapshot.end(), key,
-                              ChangeSetType::mapped_type{ChangeSetMapVal{value, nullptr}});
-    }
+    auto snapshot = node->snapshotFor(handle, *m_dataTree);
     callAllObserveHandlers(*m_dataTree,
                            [node, snapshot = std::move(snapshot), handle = std::move(handle)] {
                                node->callObserveHandler(snapshot, handle);

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "hox/observer_tree/snapshot.h"
+
 namespace Hox::ObserverTree {
 
 namespace {
@@ -59,6 +61,17 @@ void RegExSelector::deliverTo(const Observer& observer, const ChangeSetType& cha
     if (found != m_expressions.end()) {
         tell(*observer.observeCallback, found->second, changes);
     }
+}
+
+ChangeSetType RegExSelector::snapshotFor(const Observer& observer, const DataTree& tree) {
+    ChangeSetType snapshot;
+    const auto found = m_expressions.find(observer.observeCallback.get());
+    if (found != m_expressions.end()) {
+        addToSnapshot(snapshot, tree, [&expression = found->second](const std::string& key) {
+            return matchesKey(expression, key);
+        });
+    }
+    return snapshot;
 }
 
 }  // namespace Hox::ObserverTree

@@ -20,6 +20,7 @@ public:
     void observerLeft(const Observer& observer) override;
     void deliver(const ChangeSetType& changes, const Observers& observers) override;
     void deliverTo(const Observer& observer, const ChangeSetType& changes) override;
+    ChangeSetType snapshotFor(const Observer& observer, const DataTree& tree) override;
 
     /// What the observer that came last is to be told of its expression, nothing for a good one.
     /// Runs on the thread that has brought the observer, with the handler lock still held since

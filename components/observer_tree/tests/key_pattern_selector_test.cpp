@@ -187,5 +187,24 @@ TEST_F(KeyPatternSelection, KeepsNothingOfObserversThatAreGone) {
     EXPECT_LT(mallinfo2().uordblks, before + 10000);
 }
 
+TEST_F(KeyPatternSelection, KeepsLittleOfALargePass) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's allocator does not count what is in use";
+#endif
+    std::vector<std::string> keys;
+    for (int i = 0; i < 20000; ++i) {
+        keys.push_back("/a/" + std::to_string(i));
+    }
+    const auto changes = newKeys(keys);
+    const auto observer = arrive(1, "/a/*");
+    m_selector.deliver(newKeys({"/a/1", "/b"}), {});
+    m_told = {};
+    const auto before = mallinfo2().uordblks + mallinfo2().hblkhd;
+    m_selector.deliverTo(observer, changes);
+    EXPECT_EQ(m_told.size(), 1U);
+    m_told = {};
+    EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + 10000);
+}
+
 }  // namespace
 }  // namespace Hox::ObserverTree

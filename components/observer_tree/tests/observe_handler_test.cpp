@@ -39,6 +39,12 @@ public:
         note("deliver " + changes.begin()->first + " to " + observer.request->value());
     }
 
+    ChangeSetType snapshotFor(const Observer& observer, const DataTree& tree) override {
+        EXPECT_EQ(&observer, m_lastArrived);
+        note("snapshot of " + std::to_string(tree.size()) + " for " + observer.request->value());
+        return newKeys({"/snapshot"});
+    }
+
     std::vector<std::string> takeNotes() { return std::exchange(m_notes, {}); }
 
 private:
@@ -99,6 +105,25 @@ TEST_F(NodeWithHandler, ForgetsAnObserverThatItRefuses) {
     EXPECT_THAT(reports.conditions(), ElementsAre("false"));
     m_node->callObserveHandler(newKeys({"/a"}), {});
     EXPECT_THAT(m_handler->takeNotes(), ElementsAre("arrived refused", "deliver /a to 0"));
+}
+
+TEST_F(NodeWithHandler, AsksItForSnapshots) {
+    const auto handle = observe("1");
+    m_handler->takeNotes();
+    DataTree tree;
+    const auto snapshot = m_node->snapshotFor(std::any(handle), tree);
+    EXPECT_THAT(TestKit::linesOf(snapshot), ElementsAre("/snapshot: null -> /snapshot"));
+    EXPECT_THAT(m_handler->takeNotes(), ElementsAre("snapshot of 0 for 1"));
+    EXPECT_THROW(m_node->snapshotFor(std::any(5), tree), std::bad_any_cast);
+}
+
+TEST(NodeWithoutHandler, HasNoSnapshots) {
+    const auto node = std::make_shared<TreeNode>();
+    DataTree tree;
+    tree.setKeyPattern("/");
+    tree.insert_or_assign("/a", TestKit::value("1"));
+    const auto handle = node->observe<StringValue>(message(""), {});
+    EXPECT_THAT(node->snapshotFor(std::any(handle), tree), IsEmpty());
 }
 
 TEST_F(NodeWithHandler, KeepsTheFirstOfTwo) {

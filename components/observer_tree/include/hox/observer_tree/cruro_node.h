@@ -38,6 +38,8 @@ class CRURONode : public std::enable_shared_from_this<
 public:
     /// A change set.
     using Changes = NodesChangedType;
+    /// What handlers read and write.
+    using Tree = TreeType;
 
     /// What a unary handler returns. The message counts only with an OK status.
     template <typename ReturnMsgType>
@@ -167,6 +169,10 @@ public:
     /// exception is logged and fails an assertion; it is not thrown on.
     void callObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
 
+    /// What the observer whose handle `singleObserver` holds is to be told first, to be given to
+    /// callObserveHandler: nothing without an observe handler. Runs under both locks of the tree.
+    NodesChangedType snapshotFor(const std::any& singleObserver, const TreeType& tree);
+
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
@@ -190,6 +196,9 @@ private:
 
     template <typename InMsg>
     void addObserver(const ObsCallbackStoredType<InMsg>& observer);
+
+    template <typename InMsg>
+    const ObsCallbackStoredType<InMsg>* findObserver(const std::any& singleObserver);
 
     template <typename InMsg>
     void callTypedObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
@@ -225,6 +234,7 @@ private:
                unaryOpsCount>
         m_unaryTakingCastHandlers;
     std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;
+    std::function<NodesChangedType(const std::any&, const TreeType&)> m_snapshotFor;
     std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
     /// Last in the lock order, after the locks of the tree; not recursive.
     std::mutex m_observerMutex;
@@ -279,23 +289,32 @@ void CRURONode<B, T, N, S>::setObserveHandler(
     m_callObserveHandler = [this](const N& changes, const std::any& singleObserver) {
         callTypedObserveHandler<InMsg>(changes, singleObserver);
     };
+    m_snapshotFor = [this](const std::any& singleObserver, const T& tree) {
+        const auto* observer = findObserver<InMsg>(singleObserver);
+        return observer == nullptr ? N() : observeHandler<InMsg>().snapshotFor(*observer, tree);
+    };
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
 void CRURONode<B, T, N, S>::callTypedObserveHandler(const N& changes,
                                                     const std::any& singleObserver) {
-    const auto& observeMap = observers<InMsg>();
     if (!singleObserver.has_value()) {
-        observeHandler<InMsg>().deliver(changes, observeMap);
-        return;
+        observeHandler<InMsg>().deliver(changes, observers<InMsg>());
+    } else if (const auto* observer = findObserver<InMsg>(singleObserver)) {
+        observeHandler<InMsg>().deliverTo(*observer, changes);
     }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+auto CRURONode<B, T, N, S>::findObserver(const std::any& singleObserver)
+    -> const ObsCallbackStoredType<InMsg>* {
+    const auto& observeMap = observers<InMsg>();
     const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
     const auto callbackIter = observeMap.find(handle->observeCallback.get());
     HOX_ASSERT(callbackIter != observeMap.end());
-    if (callbackIter != observeMap.end()) {
-        observeHandler<InMsg>().deliverTo(callbackIter->second, changes);
-    }
+    return callbackIter == observeMap.end() ? nullptr : &callbackIter->second;
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -466,6 +485,15 @@ void CRURONode<B, T, N, S>::callObserveHandler(const N& changes, const std::any&
                       "Caught exception in Observer Tree observe Callback:\n{}", error.what());
         HOX_ASSERT(false);
     }
+}
+
+template <typename B, typename T, typename N, typename S>
+N CRURONode<B, T, N, S>::snapshotFor(const std::any& singleObserver, const T& tree) {
+    if (!m_snapshotFor) {
+        return N();
+    }
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    return m_snapshotFor(singleObserver, tree);
 }
 
 }  // namespace Hox::ObserverTree

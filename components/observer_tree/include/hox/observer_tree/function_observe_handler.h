@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "hox/observer_tree/iobserve_handler.h"
+#include "hox/observer_tree/snapshot.h"
 
 namespace Hox::ObserverTree {
 
@@ -15,6 +16,7 @@ public:
     using typename Base::Changes;
     using typename Base::Observer;
     using typename Base::Observers;
+    using typename Base::Tree;
     using Function = typename NodeType::template ObserveHandler<InMsgType>;
 
     /// Calls that function, for better or worse.
@@ -29,6 +31,12 @@ public:
 
     void deliverTo(const Observer& observer, const Changes& changes) override {
         m_function(changes, {{observer.observeCallback.get(), observer}});
+    }
+
+    Changes snapshotFor(const Observer& /*observer*/, const Tree& tree) override {
+        Changes snapshot;
+        addToSnapshot(snapshot, tree, [](const auto& /*key*/) { return true; });
+        return snapshot;
     }
 
 private:

@@ -17,6 +17,8 @@ public:
     using Observers = typename NodeType::template ObserverCallbackMap<InMsgType>;
     /// A change set.
     using Changes = typename NodeType::Changes;
+    /// What snapshots are taken of.
+    using Tree = typename NodeType::Tree;
 
     IObserveHandler() = default;
     virtual ~IObserveHandler() = default;
@@ -38,6 +40,11 @@ public:
 
     /// Calls this observer alone.
     virtual void deliverTo(const Observer& observer, const Changes& changes) = 0;
+
+    /// What the tree holds for the observer now, as new keys. It is given to deliverTo later, maybe
+    /// after other changes of the tree; what fails in selecting is to fail there. Runs under the
+    /// data lock as well.
+    virtual Changes snapshotFor(const Observer& observer, const Tree& tree) = 0;
 };
 
 }  // namespace Hox::ObserverTree
