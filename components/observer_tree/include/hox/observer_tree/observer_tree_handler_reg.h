@@ -87,6 +87,8 @@ protected:
         const auto node = findOrCreateNode(key, observeText);
         node->template setObserveHandler<InMsg>(std::move(handler));
         m_observeNodes->push_back(node);
+
+    // REQUIRES(*m_handlerLock)
     }
 
     /// The handler lock, for registrations that belong together.
@@ -101,10 +103,11 @@ private:
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
-    std::shared_ptr<std::recursive_mutex> m_handlerLock;
-    std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
+    // Constant. What these refer to is shared with the operations of the tree; the locks guard it.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::shared_ptr<std::recursive_mutex> m_handlerLock;
+    const std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
+    const std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
 };
 
 }  // namespace Hox::ObserverTree
