@@ -52,10 +52,6 @@ public:
     template <typename InMsg, typename ReturnMsg>
     using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
 
-    /// The same for an operation that keeps parts of its request: it may move them out.
-    template <typename InMsg, typename ReturnMsg>
-    using UnaryTakingHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(InMsg&&, TreeType&)>;
-
     /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
     /// not throw, wait for another thread that needs the tree, or observe at or drop the last copy
     /// of a handle of its own node.
@@ -94,15 +90,10 @@ public:
     CRURONode& operator=(CRURONode&&) = delete;
 
     /// Sets the handler of an operation. Throws DoubleRegistrationError when there is one; the
-    /// first one stays.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler);
-
-    /// The same for a handler that may take its request over; it gets a copy of a request that its
-    /// caller keeps. When it fails with a request that was given over, the log shows what it left
-    /// of it: to keep the text for that case would cost each call a copy.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler);
+    /// first one stays. What a UnaryHandler can hold only reads its request. A handler whose first
+    /// parameter is an InMsg&& takes its request over, or a copy of one that the caller keeps.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+    void setUnaryHandler(Handler handler);
 
     /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
     template <typename InMsg>
@@ -115,8 +106,8 @@ public:
             std::make_shared<FunctionObserveHandler<CRURONode, InMsg>>(std::move(handler)));
     }
 
-    /// Sets what runs when an observer arrives, replacing an earlier hook for the same message
-    /// type. A hook for BaseMsgType serves every request type.
+    /// Sets what runs when an observer arrives, replacing an earlier hook. A hook for BaseMsgType
+    /// serves every request type.
     template <typename InMsg>
     void setNewObserverHandler(ObserverHook<InMsg> handler);
 
@@ -138,18 +129,14 @@ public:
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(const BaseMsgType& inMsg,
                                                              TreeType& tree) {
-        return guardCastHandler(inMsg,
-                                [&] { return slot(m_unaryCastHandlers, OpId)(inMsg, tree); });
+        return callCastHandler(OpId, {inMsg, nullptr}, tree);
     }
 
-    /// The same for a request that nobody reads afterwards.
+    /// The same for a request that nobody reads afterwards. The log shows its type only if it fails
+    /// with a handler that has taken it over.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(BaseMsgType&& inMsg, TreeType& tree) {
-        const auto& takingHandler = slot(m_unaryTakingCastHandlers, OpId);
-        if (!takingHandler) {
-            return callUnaryHandlerCast<OpId>(std::as_const(inMsg), tree);
-        }
-        return guardCastHandler(inMsg, [&] { return takingHandler(std::move(inMsg), tree); });
+        return callCastHandler(OpId, {inMsg, &inMsg}, tree);
     }
 
     /// Registers an observer for the life of the handle. An exception is logged, fails an assertion
@@ -174,32 +161,45 @@ public:
     NodesChangedType snapshotFor(const std::any& singleObserver, const TreeType& tree);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
-        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+        // The compiler's text has the arguments of the template.
+        return Hox::Log::loggerName("Hox::ObserverTree::CRURONode", __FILE__);
     };
 
 private:
+    /// A request by descriptor on its way to a handler.
+    struct CastRequest {
+        const BaseMsgType& message;
+        BaseMsgType* givenOver;  ///< The same message, null if the caller keeps it.
+        bool isTaken = false;    ///< Whether a handler has got the one that was given over.
+    };
+
+    using CastHandler = std::function<UnaryHandlerReturnType<BaseMsgType>(CastRequest&, TreeType&)>;
+
     template <typename SlotsType>
     static auto& slot(SlotsType& slots, UnaryOps operation) {
         return slots.at(static_cast<std::size_t>(operation));
     }
 
+    /// The observe handler. Throws std::bad_any_cast for another request type than its own.
     template <typename InMsg>
-    IObserveHandler<CRURONode, InMsg>& observeHandler() {
+    IObserveHandler<CRURONode, InMsg>& observeHandler() {  // REQUIRES(m_observerMutex)
         using Handler = std::shared_ptr<IObserveHandler<CRURONode, InMsg>>;
         return *std::any_cast<const Handler&>(m_observeHandler);
     }
 
     template <typename InMsg>
-    ObserverCallbackMap<InMsg>& observers() {
+    ObserverCallbackMap<InMsg>& observers() {  // REQUIRES(m_observerMutex)
         return std::any_cast<ObserverCallbackMap<InMsg>&>(m_observerCallbackMap);
     }
 
     template <typename InMsg>
     void addObserver(const ObsCallbackStoredType<InMsg>& observer);
 
+    // REQUIRES(m_observerMutex)
     template <typename InMsg>
     const ObsCallbackStoredType<InMsg>* findObserver(const std::any& singleObserver);
 
+    // REQUIRES(m_observerMutex)
     template <typename InMsg>
     void callTypedObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
 
@@ -207,71 +207,78 @@ private:
     void setObserveCastHandler();
 
     template <typename InMsg>
-    void setHook(ObserverHook<InMsg> handler, std::any& typed, ObserverHook<BaseMsgType>& cast);
+    void setHook(ObserverHook<InMsg> handler, ObserverHook<BaseMsgType>& hook);
 
     template <typename InMsg>
-    void runHooks(const std::any& typed, const ObserverHook<BaseMsgType>& cast,
-                  const ObsCallbackStoredType<InMsg>& observer);
+    void runHook(const ObserverHook<BaseMsgType>& hook,
+                 const ObsCallbackStoredType<InMsg>& observer);
 
     template <typename InMsg>
     void release(const ObsCallbackStoredType<InMsg>& observer);
 
-    template <typename Call>
-    UnaryHandlerReturnType<BaseMsgType> guardCastHandler(const BaseMsgType& inMsg, Call call);
+    UnaryHandlerReturnType<BaseMsgType> callCastHandler(UnaryOps operation, CastRequest request,
+                                                        TreeType& tree);
 
-    void logFailure(const std::string& text, const BaseMsgType& message, const char* label) {
+    void logFailure(const std::string& text, const char* label, const std::string& message) {
         m_logger->log(Hox::Log::here(), spdlog::level::err, "{}", text);
-        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message.DebugString());
+        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message);
         HOX_ASSERT(false);
     }
 
-    std::shared_ptr<spdlog::logger> m_logger;
+    // Constant.
+    const std::shared_ptr<spdlog::logger> m_logger;
+
+    // Each set once, under the handler lock of the tree, which guards it.
     std::array<std::any, unaryOpsCount> m_unaryHandlers;
-    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(const BaseMsgType&, TreeType&)>,
-               unaryOpsCount>
-        m_unaryCastHandlers;
-    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(BaseMsgType&&, TreeType&)>,
-               unaryOpsCount>
-        m_unaryTakingCastHandlers;
+    std::array<CastHandler, unaryOpsCount> m_unaryCastHandlers;
     std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;
     std::function<NodesChangedType(const std::any&, const TreeType&)> m_snapshotFor;
     std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
+
     /// Last in the lock order, after the locks of the tree; not recursive.
     std::mutex m_observerMutex;
     std::any m_observeHandler;       // GUARDED_BY(m_observerMutex)
     std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
+
     /// Held alone and only while hooks are set or copied: a handle may be dropped without any lock.
     std::mutex m_hookMutex;
-    std::any m_newObserverHandler;                        // GUARDED_BY(m_hookMutex)
-    ObserverHook<BaseMsgType> m_newObserverCastHandler;   // GUARDED_BY(m_hookMutex)
-    std::any m_observerGoneHandler;                       // GUARDED_BY(m_hookMutex)
-    ObserverHook<BaseMsgType> m_observerGoneCastHandler;  // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_newObserverHandler;   // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_observerGoneHandler;  // GUARDED_BY(m_hookMutex)
 };
 
 template <typename B, typename T, typename N, typename S>
-template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-void CRURONode<B, T, N, S>::setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler) {
+template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+void CRURONode<B, T, N, S>::setUnaryHandler(Handler handler) {
+    using Result = UnaryHandlerReturnType<ReturnMsg>;
     if (hasUnaryHandler(OpId)) {
         throw DoubleRegistrationError(
             std::string("Only allowed to register one ") + toString(OpId) + "operation.\n",
             __FILE__, __LINE__);
     }
-    slot(m_unaryCastHandlers, OpId) = [handler](const B& inMsg, T& tree) {
-        auto result = handler(dynamic_cast<const InMsg&>(inMsg), tree);
+    const auto toBase = [](Result result) {
         return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
     };
-    slot(m_unaryHandlers, OpId) = std::move(handler);
-}
-
-template <typename B, typename T, typename N, typename S>
-template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-void CRURONode<B, T, N, S>::setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler) {
-    setUnaryHandler<OpId, InMsg, ReturnMsg>(
-        [handler](const InMsg& inMsg, T& tree) { return handler(InMsg(inMsg), tree); });
-    slot(m_unaryTakingCastHandlers, OpId) = [handler = std::move(handler)](B&& inMsg, T& tree) {
-        auto result = handler(dynamic_cast<InMsg&&>(inMsg), tree);
-        return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
-    };
+    if constexpr (std::is_invocable_r_v<Result, Handler&, const InMsg&, T&>) {
+        UnaryHandler<InMsg, ReturnMsg> typed(std::move(handler));
+        slot(m_unaryCastHandlers, OpId) = [typed, toBase](CastRequest& request, T& tree) {
+            return toBase(typed(dynamic_cast<const InMsg&>(request.message), tree));
+        };
+        slot(m_unaryHandlers, OpId) = std::move(typed);
+    } else {
+        std::function<Result(InMsg&&, T&)> taking(std::move(handler));
+        slot(m_unaryCastHandlers, OpId) = [taking, toBase](CastRequest& request, T& tree) {
+            if (request.givenOver == nullptr) {
+                return toBase(taking(InMsg(dynamic_cast<const InMsg&>(request.message)), tree));
+            }
+            auto& inMsg = dynamic_cast<InMsg&>(*request.givenOver);
+            request.isTaken = true;
+            return toBase(taking(std::move(inMsg), tree));
+        };
+        slot(m_unaryHandlers, OpId) = UnaryHandler<InMsg, ReturnMsg>(
+            [taking = std::move(taking)](const InMsg& inMsg, T& tree) {
+                return taking(InMsg(inMsg), tree);
+            });
+    }
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -323,7 +330,7 @@ void CRURONode<B, T, N, S>::setNewObserverHandler(ObserverHook<InMsg> handler) {
     if (!m_observeCastHandler) {
         setObserveCastHandler<InMsg>();
     }
-    setHook<InMsg>(std::move(handler), m_newObserverHandler, m_newObserverCastHandler);
+    setHook<InMsg>(std::move(handler), m_newObserverHandler);
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -332,20 +339,16 @@ void CRURONode<B, T, N, S>::setObserverGoneHandler(ObserverHook<InMsg> handler) 
     if (!m_observeCastHandler) {
         setObserveCastHandler<InMsg>();
     }
-    setHook<InMsg>(std::move(handler), m_observerGoneHandler, m_observerGoneCastHandler);
+    setHook<InMsg>(std::move(handler), m_observerGoneHandler);
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, std::any& typed,
-                                    ObserverHook<B>& cast) {
+void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, ObserverHook<B>& hook) {
     const std::lock_guard<std::mutex> lock(m_hookMutex);
-    // One slot per hook: both run when an observer comes or goes, and it must be told once.
-    if constexpr (std::is_same_v<InMsg, B>) {
-        cast = std::move(handler);
-    } else {
-        typed = std::move(handler);
-    }
+    hook = [handler = std::move(handler)](const B& request, const ObserverCallback& callback) {
+        handler(dynamic_cast<const InMsg&>(request), callback);
+    };
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -367,22 +370,23 @@ auto CRURONode<B, T, N, S>::callUnaryHandler(const InMsgType& inMsg, T& tree)
         logFailure(std::string("Caught exception in Observer Tree CRUR Callback:\nOperation ") +
                        toString(OpId) + ": " + getTemplateTypeName<InMsgType>() + " -> " +
                        getTemplateTypeName<ReturnMsgType>() + "\n" + error.what(),
-                   inMsg, "msg");
+                   "msg", inMsg.DebugString());
         throw;
     }
 }
 
 template <typename B, typename T, typename N, typename S>
-template <typename Call>
-auto CRURONode<B, T, N, S>::guardCastHandler(const B& inMsg, Call call)
+auto CRURONode<B, T, N, S>::callCastHandler(UnaryOps operation, CastRequest request, T& tree)
     -> UnaryHandlerReturnType<B> {
     try {
-        return call();
+        return slot(m_unaryCastHandlers, operation)(request, tree);
     } catch (const std::exception& error) {
         logFailure(
             std::string("It is forbidden to throw exceptions from crur handler callbacks - ") +
                 error.what(),
-            inMsg, "msg");
+            "msg",
+            request.isTaken ? request.message.GetTypeName() + ", taken over by its handler"
+                            : request.message.DebugString());
         throw;
     }
 }
@@ -406,14 +410,14 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
                     node->template release<InMsgType>(*owned);
                 }
             });
-        runHooks<InMsgType>(m_newObserverHandler, m_newObserverCastHandler, observer);
+        runHook<InMsgType>(m_newObserverHandler, observer);
         return handle;
     } catch (const std::exception& error) {
         logFailure(
             std::string(
                 "It is forbidden to throw exceptions from observe handlers and callbacks - ") +
                 error.what(),
-            inMsg, "inMsg");
+            "inMsg", inMsg.DebugString());
         throw;
     }
 }
@@ -437,21 +441,15 @@ void CRURONode<B, T, N, S>::addObserver(const ObsCallbackStoredType<InMsg>& obse
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::runHooks(const std::any& typed, const ObserverHook<B>& cast,
-                                     const ObsCallbackStoredType<InMsg>& observer) {
-    std::any typedHook;
-    ObserverHook<B> castHook;
+void CRURONode<B, T, N, S>::runHook(const ObserverHook<B>& hook,
+                                    const ObsCallbackStoredType<InMsg>& observer) {
+    ObserverHook<B> current;
     {
         const std::lock_guard<std::mutex> lock(m_hookMutex);
-        typedHook = typed;
-        castHook = cast;
+        current = hook;
     }
-    if (typedHook.has_value()) {
-        std::any_cast<const ObserverHook<InMsg>&>(typedHook)(*observer.request,
-                                                             *observer.observeCallback);
-    }
-    if (castHook) {
-        castHook(*observer.request, *observer.observeCallback);
+    if (current) {
+        current(*observer.request, *observer.observeCallback);
     }
 }
 
@@ -459,7 +457,7 @@ template <typename B, typename T, typename N, typename S>
 template <typename InMsgType>
 void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& observer) {
     const auto* storedTypeObserverCallback = &observer;
-    runHooks<InMsgType>(m_observerGoneHandler, m_observerGoneCastHandler, observer);
+    runHook<InMsgType>(m_observerGoneHandler, observer);
     const std::lock_guard<std::mutex> lock(m_observerMutex);
     if (m_observerCallbackMap.has_value()) {
         const auto known = observers<InMsgType>().find(observer.observeCallback.get());

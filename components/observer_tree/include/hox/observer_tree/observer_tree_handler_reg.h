@@ -29,25 +29,16 @@ public:
     ObserverTreeHandlerReg& operator=(const ObserverTreeHandlerReg&) = delete;
     ObserverTreeHandlerReg& operator=(ObserverTreeHandlerReg&&) = delete;
 
-    /// Registers the handler of one unary operation. Throws DoubleRegistrationError when the
-    /// address has one; the first one stays.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void registerUnaryOpHandler(const std::string& key, UnaryHandler<InMsg, ReturnMsg> handler) {
+    /// Registers the handler of one unary operation: a UnaryHandler<InMsg, ReturnMsg> or the like
+    /// that takes an InMsg&&, from which it may move parts. Such a handler gets a copy of a request
+    /// that the caller keeps. Throws DoubleRegistrationError when the address has a handler for the
+    /// operation; the first one stays.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+    void registerUnaryOpHandler(const std::string& key, Handler handler) {
         checkAddress(key);
         const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
         findOrCreateNode(key, toString(OpId))
             ->template setUnaryHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
-    }
-
-    /// The same for a handler that may move parts out of its request. It gets a copy of the request
-    /// unless the caller has given that over.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void registerUnaryTakingOpHandler(const std::string& key,
-                                      UnaryTakingHandler<InMsg, ReturnMsg> handler) {
-        checkAddress(key);
-        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
-        findOrCreateNode(key, toString(OpId))
-            ->template setUnaryTakingHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
     }
 
     /// Registers the handler that selects changes for the observers of the address. Throws
@@ -87,8 +78,6 @@ protected:
         const auto node = findOrCreateNode(key, observeText);
         node->template setObserveHandler<InMsg>(std::move(handler));
         m_observeNodes->push_back(node);
-
-    // REQUIRES(*m_handlerLock)
     }
 
     /// The handler lock, for registrations that belong together.
@@ -98,6 +87,8 @@ private:
     static constexpr const char* observeText = "OBSERVE";
 
     static void checkAddress(const std::string& key);
+
+    // REQUIRES(*m_handlerLock)
     std::shared_ptr<TreeNode> findOrCreateNode(const std::string& key, const char* operationText);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
