@@ -54,8 +54,7 @@ void ConfObstreeHandler::setStateTree(
 }
 
 void ConfObstreeHandler::registerObsTreeHandlers() {
-    m_tree.registerUnaryTakingOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq,
-                                        Api::UpdateCapConfResp>(
+    m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq, Api::UpdateCapConfResp>(
         confRoot, [this](Api::UpdateCapConfReq&& request, DataTree& tree) {
             return updateCapConf(request, tree);
         });

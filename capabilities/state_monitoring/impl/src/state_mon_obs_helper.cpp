@@ -36,8 +36,8 @@ void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree&
 }
 
 void StateMonObsHelper::registerStateHandlers(Hox::ObserverTree::ObserverTree& tree) {
-    tree.registerUnaryTakingOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
-                                      Api::CreateStateNotificationResp>(
+    tree.registerUnaryOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
+                                Api::CreateStateNotificationResp>(
         "/state/notifications", [this](Api::CreateStateNotificationReq&& req, DataTree& data) {
             return createStateNotification(std::move(req), data);
         });

@@ -242,14 +242,19 @@ TEST_P(ProxyTreeHandles, WaitForACallbackThatRunsWhileTheyAreDroppedElsewhere) {
 
 TEST_P(ProxyTreeHandles, MayBeDroppedElsewhereWhileTheirCallbackObservesAnew) {
     std::promise<void> entered;
-    std::atomic<bool> isLeaving{false};
-    m_client->proxy->registerObserverGoneHandler<ObserveReq>(
-        "/items", [&](const ObserveReq&, const ObserverCallback&) { isLeaving = true; });
+    // The hook for leaving observers is the proxy's own; it says when it runs.
+    const LogCapture log(
+        "async_grpc_proxy_obs_tree_builder.h::Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder",
+        spdlog::level::debug);
+    const auto isLeaving = [&log] {
+        return log.contains(
+            "Register Observer Stop, delete RAII handle from map will trigger server unregister");
+    };
     std::any next;
     auto record = m_told.callback();
     auto handle = m_client->observe("/items/a", [&](const ChangeSetType&, const Status&) {
         entered.set_value();
-        EXPECT_TRUE(waitUntil([&] { return isLeaving.load(); }));
+        EXPECT_TRUE(waitUntil(isLeaving));
         ObserveReq request;
         request.set_key_pattern("/items/b");
         next = m_client->proxy->observe<ObserveReq>("/items", request, record, 0);
