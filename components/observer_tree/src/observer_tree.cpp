@@ -57,10 +57,7 @@ void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
             try {
                 Hox::CppUtil::BoundedRegex{request.reg_ex()};
             } catch (const std::exception& error) {
-                callback(ChangeSetType(),
-                         Status(ProtoStatus::INVALID_ARGUMENT,
-                                "Regular expression error, regex \"" + request.reg_ex() +
-                                    "\" not valid - " + error.what()));
+                callback(ChangeSetType(), RegExSelector::refusal(request, error));
             }
         });
 }

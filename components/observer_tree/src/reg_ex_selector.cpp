@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/regex/bounded_regex.h"
 
 namespace Hox::ObserverTree {
@@ -11,7 +12,7 @@ namespace {
 
 using Hox::CppUtil::BoundedRegex;
 
-/// Empty for a malformed expression; its observer was told when it arrived.
+/// Empty for an expression that was refused; its observer was told.
 using Expression = std::optional<BoundedRegex>;
 
 std::shared_ptr<Expression> compile(const std::string& text) {
@@ -24,7 +25,23 @@ std::shared_ptr<Expression> compile(const std::string& text) {
     return expression;
 }
 
+ChangeSetType select(const ChangeSetType& changes, BoundedRegex& expression) {
+    ChangeSetType selected;
+    for (const auto& change : changes) {
+        if (change.first.size() <= BoundedRegex::maxSubjectSize &&
+            expression.matches(change.first)) {
+            selected.emplace_hint(selected.end(), change);
+        }
+    }
+    return selected;
+}
+
 }  // namespace
+
+Status RegExSelector::refusal(const RegExObserveReq& request, const std::exception& error) {
+    return {ProtoStatus::INVALID_ARGUMENT, "Regular expression error, regex \"" + request.reg_ex() +
+                                               "\" not valid - " + error.what()};
+}
 
 void RegExSelector::deliver(const ChangeSetType& changes,
                             const ObserverCallbackMap<RegExObserveReq>& observers) {
@@ -37,11 +54,11 @@ void RegExSelector::deliver(const ChangeSetType& changes,
             continue;
         }
         ChangeSetType selected;
-        for (const auto& change : changes) {
-            if (change.first.size() <= BoundedRegex::maxSubjectSize &&
-                expression->matches(change.first)) {
-                selected.emplace_hint(selected.end(), change);
-            }
+        try {
+            selected = select(changes, *expression);
+        } catch (const Hox::CppUtil::InvalidArgumentError& error) {
+            expression.reset();
+            (*observer.observeCallback)(selected, refusal(*observer.request, error));
         }
         if (!selected.empty()) {
             (*observer.observeCallback)(selected, Status());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <exception>
+
 #include "hox/observer_tree/tree_types.h"
 #include "obstree.pb.h"
 
@@ -11,9 +13,13 @@ namespace Hox::ObserverTree {
 class RegExSelector {
 public:
     /// Calls each observer, in map order, with the changes that its expression selects, if any. An
-    /// observer with a malformed expression is passed over.
+    /// observer with a malformed expression is passed over; one whose expression turns out to be
+    /// too expensive is told, once.
     static void deliver(const ChangeSetType& changes,
                         const ObserverCallbackMap<RegExObserveReq>& observers);
+
+    /// What an observer with a refused expression is told.
+    static Status refusal(const RegExObserveReq& request, const std::exception& error);
 };
 
 }  // namespace Hox::ObserverTree
