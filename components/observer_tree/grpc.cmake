@@ -46,6 +46,7 @@ if(HALVO_BUILD_TESTS)
 
     hox_add_test(hox_observer_tree_builders_test
         SOURCES
+            tests/builders/async_grpc_proxy_obs_tree_builder_test.cpp
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
             tests/grpc/captured_logging.cpp
@@ -59,6 +60,8 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/async_grpc_server_handler_test.cpp
             tests/grpc/captured_logging.cpp
             tests/grpc/in_process_gate_test.cpp
+            tests/grpc/proxy_observer_tree_handles_test.cpp
+            tests/grpc/proxy_observer_tree_peer_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp
