@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/observer_tree/snapshot.h"
 
 namespace Hox::ObserverTree {
@@ -15,17 +16,19 @@ bool matchesKey(BoundedRegex& expression, const std::string& key) {
     return key.size() <= BoundedRegex::maxSubjectSize && expression.matches(key);
 }
 
-void tell(const ObserverCallback& callback, BoundedRegex& expression,
-          const ChangeSetType& changes) {
+ChangeSetType select(const ChangeSetType& changes, BoundedRegex& expression) {
     ChangeSetType selected;
     for (const auto& change : changes) {
         if (matchesKey(expression, change.first)) {
             selected.emplace_hint(selected.end(), change);
         }
     }
-    if (!selected.empty()) {
-        callback(selected, Status());
-    }
+    return selected;
+}
+
+Status refusal(const std::string& expression, const std::exception& error) {
+    return {ProtoStatus::INVALID_ARGUMENT,
+            "Regular expression error, regex \"" + expression + "\" not valid - " + error.what()};
 }
 
 }  // namespace
@@ -36,9 +39,7 @@ void RegExSelector::observerArrived(const Observer& observer) {
     try {
         m_expressions.emplace(observer.observeCallback.get(), BoundedRegex(text));
     } catch (const std::exception& error) {
-        m_refusal =
-            Status(ProtoStatus::INVALID_ARGUMENT,
-                   "Regular expression error, regex \"" + text + "\" not valid - " + error.what());
+        m_refusal = refusal(text, error);
     }
 }
 
@@ -50,16 +51,26 @@ std::optional<Status> RegExSelector::takeRefusal() {
     return std::exchange(m_refusal, std::nullopt);
 }
 
-void RegExSelector::deliver(const ChangeSetType& changes, const Observers& /*observers*/) {
-    for (auto& [callback, expression] : m_expressions) {
-        tell(*callback, expression, changes);
+void RegExSelector::deliver(const ChangeSetType& changes, const Observers& observers) {
+    for (const auto& [callback, observer] : observers) {
+        deliverTo(observer, changes);
     }
 }
 
 void RegExSelector::deliverTo(const Observer& observer, const ChangeSetType& changes) {
     const auto found = m_expressions.find(observer.observeCallback.get());
-    if (found != m_expressions.end()) {
-        tell(*observer.observeCallback, found->second, changes);
+    if (found == m_expressions.end()) {
+        return;
+    }
+    ChangeSetType selected;
+    try {
+        selected = select(changes, found->second);
+    } catch (const Hox::CppUtil::InvalidArgumentError& error) {
+        m_expressions.erase(found);
+        (*observer.observeCallback)(selected, refusal(observer.request->reg_ex(), error));
+    }
+    if (!selected.empty()) {
+        (*observer.observeCallback)(selected, Status());
     }
 }
 

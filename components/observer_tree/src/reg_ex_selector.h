@@ -13,7 +13,7 @@ namespace Hox::ObserverTree {
 /// Selects changes for observers by regular expressions that a key matches as a whole.
 ///
 /// An expression is compiled once per observer. An observer with a malformed expression is passed
-/// over.
+/// over; one whose expression turns out to take too much time or memory is told so, once.
 class RegExSelector final : public IObserveHandler<TreeNode, RegExObserveReq> {
 public:
     void observerArrived(const Observer& observer) override;
@@ -28,7 +28,7 @@ public:
     std::optional<Status> takeRefusal();
 
 private:
-    /// In the order in which observers are called; those with a malformed expression are not there.
+    /// Without those that were refused.
     std::map<const ObserverCallback*, Hox::CppUtil::BoundedRegex> m_expressions;
     std::optional<Status> m_refusal;  // GUARDED_BY(handler lock of the tree)
 };
