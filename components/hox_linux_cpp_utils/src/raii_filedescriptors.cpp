@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/file_system_error.h"
 #include "hox/linutils/error/file_descriptor_error.h"
@@ -19,17 +21,26 @@ void closeAndFree(int* number) {
 }  // namespace
 
 OwnedFileDescriptor openFileDescriptor(const std::string& path, int flags) {
-    auto number =
-        std::make_unique<int>();  // ahead of open: a failure here must not leak a descriptor
     const int fd = ::open(path.c_str(), flags);
     if (fd > 0) {
         HOX_ASSERT(fd >= 0);
-        *number = fd;
-        return {number.release(), closeAndFree};
+        return ownFileDescriptor(fd);
     }
     throw CppUtil::FileSystemError(
         "Could not open file: \"" + path + "\" with flags: " + std::to_string(flags), __FILE__,
         __LINE__);
+}
+
+OwnedFileDescriptor ownFileDescriptor(int number) {
+    if (number < 0) {
+        return nullptr;
+    }
+    try {
+        return {new int(number), closeAndFree};
+    } catch (const std::bad_alloc&) {
+        ::close(number);
+        throw;
+    }
 }
 
 int fileDescriptorNumber(const OwnedFileDescriptor& fileDescriptor) {

@@ -16,6 +16,10 @@ using OwnedFileDescriptor = std::unique_ptr<int, std::function<void(int*)>>;
 /// failure as well and stays open: the standard input of a service is never its own file.
 OwnedFileDescriptor openFileDescriptor(const std::string& path, int flags);
 
+/// Takes over a descriptor that the system has opened; null for a negative number, as calls return
+/// for a failure.
+OwnedFileDescriptor ownFileDescriptor(int number);
+
 /// The descriptor's number, valid as long as its owner. Throws FileDescriptorError if there is
 /// none.
 int fileDescriptorNumber(const OwnedFileDescriptor& fileDescriptor);
