@@ -7,6 +7,7 @@ find_package(Protobuf REQUIRED) # ahead of gRPC, whose configuration uses its ta
 find_package(gRPC CONFIG REQUIRED)
 find_package(cxxopts REQUIRED)
 find_package(LibArchive REQUIRED)
+find_package(ZLIB REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JEMALLOC REQUIRED IMPORTED_TARGET jemalloc)
 pkg_check_modules(RAPIDJSON REQUIRED IMPORTED_TARGET RapidJSON) # its CMake package has no target

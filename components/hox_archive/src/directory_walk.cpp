@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -35,9 +37,14 @@ void writeFileData(::archive* ar, const std::string& path) {
     const auto file = LinuxCppUtil::openFileDescriptor(path, O_RDONLY);
     const int fd = LinuxCppUtil::fileDescriptorNumber(file);
     std::array<char, readBlock> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    for (auto length = ::read(fd, block.data(), block.size()); length > 0;
-         length = ::read(fd, block.data(), block.size())) {
+    auto length = ::read(fd, block.data(), block.size());
+    while (length > 0) {
         archive_write_data(ar, block.data(), static_cast<std::size_t>(length));
+        length = ::read(fd, block.data(), block.size());
+    }
+    if (length < 0) {
+        throw std::filesystem::filesystem_error("cannot read", path,
+                                                std::error_code(errno, std::generic_category()));
     }
 }
 
