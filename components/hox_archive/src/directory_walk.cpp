@@ -7,8 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include "archive_handles.h"
 #include "hox/cpputil/assertion/assertion.h"
@@ -112,21 +110,12 @@ int writeEntry(::archive* ar, ::archive_entry* entry, const std::string& base, b
 std::uintmax_t directorySize(const std::filesystem::path& directory) {
     std::uintmax_t fileBytes = 0;
     std::uintmax_t directories = 0;
-    // A recursive iterator would have a directory open for each level of the tree.
-    std::vector<std::filesystem::path> pending{directory};
     try {
-        while (!pending.empty()) {
-            const auto current = std::move(pending.back());
-            pending.pop_back();
-            for (const auto& entry : std::filesystem::directory_iterator(current)) {
-                if (!entry.is_directory()) {
-                    fileBytes += entry.file_size();
-                    continue;
-                }
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+            if (entry.is_directory()) {
                 ++directories;
-                if (!entry.is_symlink()) {
-                    pending.push_back(entry.path());
-                }
+            } else {
+                fileBytes += entry.file_size();
             }
         }
     } catch (const std::filesystem::filesystem_error&) {
