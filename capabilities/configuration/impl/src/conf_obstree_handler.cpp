@@ -2,12 +2,15 @@
 
 #include <google/protobuf/util/time_util.h>
 
+#include <chrono>
+#include <cstdint>
 #include <utility>
 
 #include "conf_keys.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "saved_copy.h"
 #include "slice_update.h"
 #include "state_id.h"
 #include "state_monitoring.pb.h"
@@ -34,6 +37,11 @@ bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& r
     return stateId == tree.end() || holdsStateId(*stateId->second, request.lastcapconfstateid());
 }
 
+std::int64_t nanosecondsSinceEpoch() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
 }  // namespace
 
 ConfObstreeHandler::ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
@@ -41,12 +49,15 @@ ConfObstreeHandler::ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
                                        std::string confPath, std::string serviceId)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(tree),
+      m_savedCopy(std::make_unique<SavedCopy>(std::move(confPath))),
       m_persistHndlr(std::make_unique<Hox::ObserverTree::PersistenceHndlr>(
           tree, lock, std::string(), std::string(), std::string(), "/sys/conf/.*")),
-      m_confPath(std::move(confPath)),
       m_serviceId(std::move(serviceId)) {
-    m_persistHndlr->init(false, m_confPath);
+    m_persistHndlr->init(false, m_savedCopy->folder(),
+                         [this](ChangeSetType& content) { m_savedCopy->mend(content); });
 }
+
+ConfObstreeHandler::~ConfObstreeHandler() = default;
 
 void ConfObstreeHandler::setStateTree(
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> stateTree) {
@@ -63,8 +74,8 @@ void ConfObstreeHandler::registerObsTreeHandlers() {
             return readSysConf();
         });
     m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
-        dataAddress, [this](const Api::UpdateSysConfReq& request, DataTree& /*tree*/) {
-            return updateSysConf(request);
+        dataAddress, [this](const Api::UpdateSysConfReq& request, DataTree& tree) {
+            return updateSysConf(request, tree);
         });
     m_tree.registerNewObserverHandler<Api::ObserveCapConfReq>(
         confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
@@ -110,6 +121,7 @@ ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCap
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Updating system configuration for {}",
                   root);
     notify(StateMonitoring::Api::WARN, "Sysconf cap update");
+    m_hasUnsavedChanges = true;
     update.apply(tree, [this](const std::string& key, const google::protobuf::Any& value) {
         if (m_logger->should_log(spdlog::level::debug)) {
             m_logger->log(Hox::Log::here(), spdlog::level::debug,
@@ -136,7 +148,8 @@ void ConfObstreeHandler::notify(StateMonitoring::Api::StateSeverity severity,
         Api::StateNotificationTypes_Name(Api::Cap_Configuration_SysConfPersisted));
     notification.set_source("sys/conf/update");
     notification.set_msg(msg);
-    *notification.mutable_timestamp() = google::protobuf::util::TimeUtil::GetCurrentTime();
+    *notification.mutable_timestamp() =
+        google::protobuf::util::TimeUtil::NanosecondsToTimestamp(nanosecondsSinceEpoch());
     Monitor::CreateStateNotificationResp response;
     m_stateTree->callUnary("/state/notifications", UnaryOps::CREATE, request, response);
 }

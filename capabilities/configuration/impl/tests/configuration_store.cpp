@@ -74,6 +74,44 @@ std::string ConfigurationStore::update(const Update& request) {
     return m_stateId;
 }
 
+Status ConfigurationStore::call(const Api::UpdateSysConfReq& request) {
+    return m_tree
+        ->callApiOp<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
+            "/sys/conf/.data.", request)
+        .status;
+}
+
+Status ConfigurationStore::save() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_savechanges(false);
+    return call(request);
+}
+
+Status ConfigurationStore::discard() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_discardchanges(false);
+    return call(request);
+}
+
+Status ConfigurationStore::clear() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_clearconfiguration(false);
+    return call(request);
+}
+
+Status ConfigurationStore::importPackage(const std::string& data) {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_sysconfdata(data);
+    return call(request);
+}
+
+Status ConfigurationStore::exportPackage(std::string& data) {
+    auto result = m_tree->callApiOp<UnaryOps::READ, Api::GetSysConfReq, Api::GetSysConfResp>(
+        "/sys/conf/.data.", {});
+    data = result.message->sysconfdata();
+    return result.status;
+}
+
 std::any ConfigurationStore::observe(const std::string& capability, const std::string& stateId,
                                      std::vector<std::string>& told) {
     Api::ObserveCapConfReq request;
