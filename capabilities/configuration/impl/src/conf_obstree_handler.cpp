@@ -11,6 +11,7 @@
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "saved_copy.h"
+#include "slice_observers.h"
 #include "slice_update.h"
 #include "state_id.h"
 #include "state_monitoring.pb.h"
@@ -46,13 +47,19 @@ std::int64_t nanosecondsSinceEpoch() {
 
 ConfObstreeHandler::ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
                                        std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                                       std::shared_ptr<std::mutex> capabilityMutex,
                                        std::string confPath, std::string serviceId)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(tree),
       m_savedCopy(std::make_unique<SavedCopy>(std::move(confPath))),
       m_persistHndlr(std::make_unique<Hox::ObserverTree::PersistenceHndlr>(
           tree, lock, std::string(), std::string(), std::string(), "/sys/conf/.*")),
-      m_serviceId(std::move(serviceId)) {
+      m_serviceId(std::move(serviceId)),
+      m_sliceObservers(std::make_unique<SliceObservers>(
+          std::move(capabilityMutex),
+          [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
+              greet(request, callback);
+          })) {
     m_persistHndlr->init(false, m_savedCopy->folder(),
                          [this](ChangeSetType& content) { m_savedCopy->mend(content); });
 }
@@ -79,11 +86,12 @@ void ConfObstreeHandler::registerObsTreeHandlers() {
         });
     m_tree.registerNewObserverHandler<Api::ObserveCapConfReq>(
         confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
-            observeCapConf(request, callback);
+            m_sliceObservers->arrive(request, callback);
         });
     m_tree.registerObserverGoneHandler<Api::ObserveCapConfReq>(
-        confRoot, [this](const Api::ObserveCapConfReq& request,
-                         const ObserverCallback& /*callback*/) { stopObserveCapConf(request); });
+        confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
+            m_sliceObservers->leave(request, callback);
+        });
     m_tree.registerUnaryOpHandler<UnaryOps::READ, Api::ReadCapConfReq, Api::ReadCapConfResp>(
         readAddress, [this](const Api::ReadCapConfReq& request, DataTree& tree) {
             return readCapConf(request, tree);
@@ -171,11 +179,8 @@ ConfObstreeHandler::Return<Api::ReadCapConfResp> ConfObstreeHandler::readCapConf
     return {std::move(response), Status()};
 }
 
-void ConfObstreeHandler::observeCapConf(const Api::ObserveCapConfReq& request,
-                                        const ObserverCallback& callback) {
-    const std::string uniqueConfId = Configuration::uniqueConfId(request.confid());
-    HOX_ASSERT(m_observeCbMap.find(uniqueConfId) == m_observeCbMap.end());
-    m_observeCbMap[uniqueConfId] = callback;
+void ConfObstreeHandler::greet(const Api::ObserveCapConfReq& request,
+                               const ObserverCallback& callback) {
     Api::ReadCapConfReq readRequest;
     *readRequest.mutable_confid() = request.confid();
     readRequest.set_confstateid(request.lastcapconfstateid());
@@ -186,12 +191,6 @@ void ConfObstreeHandler::observeCapConf(const Api::ObserveCapConfReq& request,
     } else {
         callback(ChangeSetType(), Status(ProtoStatus::ALREADY_EXISTS, std::string()));
     }
-}
-
-void ConfObstreeHandler::stopObserveCapConf(const Api::ObserveCapConfReq& request) {
-    const std::string uniqueConfId = Configuration::uniqueConfId(request.confid());
-    HOX_ASSERT(m_observeCbMap.find(uniqueConfId) != m_observeCbMap.end());
-    m_observeCbMap.erase(uniqueConfId);
 }
 
 void ConfObstreeHandler::onConfTreeChanged(const ChangeSetType& changes, const Status& /*status*/) {
@@ -205,10 +204,7 @@ void ConfObstreeHandler::onConfTreeChanged(const ChangeSetType& changes, const S
             key.substr(rootLength), keyChanges);
     }
     for (const auto& [uniqueConfId, group] : groups) {
-        const auto observer = m_observeCbMap.find(uniqueConfId);
-        if (observer != m_observeCbMap.end()) {
-            observer->second(group, Status());
-        }
+        m_sliceObservers->tell(uniqueConfId, group);
     }
 }
 

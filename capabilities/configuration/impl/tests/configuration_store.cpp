@@ -54,7 +54,7 @@ ConfigurationStore::ConfigurationStore() {
 void ConfigurationStore::start() {
     m_handler.reset();
     m_tree.emplace();
-    m_handler.emplace(*m_tree, m_lock, (m_dir / "conf").string(), "head-1");
+    m_handler.emplace(*m_tree, m_lock, m_mutex, (m_dir / "conf").string(), "head-1");
     m_handler->registerObsTreeHandlers();
     m_handler->addObservers();
 }

@@ -63,6 +63,7 @@ protected:
 
     /// Not below /tmp, which tests may hide.
     Hox::Testing::TempDir m_dir{"/dev/shm"};
+    std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
     std::unique_ptr<std::unique_lock<std::mutex>> m_lock;
     std::optional<Hox::ObserverTree::ObserverTree> m_tree;
     std::optional<ConfObstreeHandler> m_handler;

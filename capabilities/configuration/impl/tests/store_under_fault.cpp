@@ -78,7 +78,8 @@ std::string dumpOf(const fs::path& saved) {
 /// A tree with a handler, as the service has them.
 class StoreUnderFault::Store {
 public:
-    explicit Store(const fs::path& saved) : m_handler(m_tree, m_lock, saved.string(), "head-1") {
+    explicit Store(const fs::path& saved)
+        : m_handler(m_tree, m_lock, std::make_shared<std::mutex>(), saved.string(), "head-1") {
         m_handler.registerObsTreeHandlers();
         m_handler.addObservers();
     }

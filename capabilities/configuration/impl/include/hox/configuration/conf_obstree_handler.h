@@ -5,7 +5,6 @@
 #include <any>
 #include <exception>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,6 +19,7 @@
 namespace Hox::Capability::Configuration {
 
 class SavedCopy;
+class SliceObservers;
 
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
@@ -36,7 +36,8 @@ public:
     /// std::filesystem::filesystem_error for a value that cannot be read: a service that went on
     /// would save without it.
     ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
-                       std::unique_ptr<std::unique_lock<std::mutex>>& lock, std::string confPath,
+                       std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                       std::shared_ptr<std::mutex> capabilityMutex, std::string confPath,
                        std::string serviceId);
     virtual ~ConfObstreeHandler();
     ConfObstreeHandler(const ConfObstreeHandler&) = delete;
@@ -61,9 +62,8 @@ private:
                                                  Hox::ObserverTree::DataTree& tree);
     Return<Api::ReadCapConfResp> readCapConf(const Api::ReadCapConfReq& request,
                                              Hox::ObserverTree::DataTree& tree) const;
-    void observeCapConf(const Api::ObserveCapConfReq& request,
-                        const Hox::ObserverTree::ObserverCallback& callback);
-    void stopObserveCapConf(const Api::ObserveCapConfReq& request);
+    void greet(const Api::ObserveCapConfReq& request,
+               const Hox::ObserverTree::ObserverCallback& callback);
     void onConfTreeChanged(const Hox::ObserverTree::ChangeSetType& changes,
                            const Hox::ObserverTree::Status& status);
 
@@ -85,7 +85,6 @@ private:
     };
     std::shared_ptr<spdlog::logger> m_logger;
     Hox::ObserverTree::ObserverTree& m_tree;
-    std::map<std::string, Hox::ObserverTree::ObserverCallback> m_observeCbMap;
     std::any m_confObserveHandle;
     bool m_ignoreTreeChanges = true;
     bool m_hasUnsavedChanges = false;
@@ -93,6 +92,8 @@ private:
     std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> m_persistHndlr;
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> m_stateTree;
     std::string m_serviceId;
+    /// The first to be destroyed: its thread uses all the rest.
+    std::unique_ptr<SliceObservers> m_sliceObservers;
 };
 
 }  // namespace Hox::Capability::Configuration
