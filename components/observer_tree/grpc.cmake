@@ -58,6 +58,7 @@ if(HALVO_BUILD_TESTS)
 
     hox_add_test(hox_observer_tree_builders_test
         SOURCES
+            tests/builders/async_grpc_proxy_obs_tree_builder_test.cpp
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
             tests/builders/service_traits_test.cpp
@@ -74,6 +75,8 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/client_text_test.cpp
             tests/grpc/in_process_gate_test.cpp
             tests/grpc/non_polling_queue_test.cpp
+            tests/grpc/proxy_observer_tree_handles_test.cpp
+            tests/grpc/proxy_observer_tree_peer_test.cpp
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/proxy_observer_tree_threads_test.cpp
             tests/grpc/standby_poller_test.cpp

@@ -6,10 +6,11 @@ hox_add_library(hox_observer_tree_persistence
         include/hox/observer_tree/persistence/store_node_data_return.h
     SOURCES
         src/persistence/node_data_file_hndlr.cpp
-        src/persistence/node_file.cpp
-        src/persistence/node_file.h
         src/persistence/persistence_hndlr.cpp
-    PUBLIC hox_observer_tree)
+        src/persistence/value_text.cpp
+        src/persistence/value_text.h
+    PUBLIC hox_observer_tree
+    PRIVATE hox_linux_cpp_utils)
 
 if(HALVO_BUILD_TESTS)
     hox_add_test(hox_observer_tree_persistence_test
@@ -20,6 +21,7 @@ if(HALVO_BUILD_TESTS)
             tests/persistence/persistence_hndlr_test.cpp
             tests/persistence/persistence_kit.cpp
             tests/persistence/persistence_requests_test.cpp
+            tests/persistence/value_text_test.cpp
         LIBS hox_observer_tree_persistence hox_testing
         LABELS threads)
     target_include_directories(hox_observer_tree_persistence_test PRIVATE tests)

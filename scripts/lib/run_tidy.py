@@ -16,7 +16,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 # GoogleTest's macros and fixtures trip much of it.
 TEST_CHECKS = ("-*,bugprone-use-after-move,misc-unused-using-decls,modernize-loop-convert,"
                "modernize-use-equals-default,modernize-use-nullptr,modernize-use-override,"
-               "performance-for-range-copy,readability-identifier-naming")
+               "performance-for-range-copy,readability-function-size,readability-identifier-naming")
 
 
 def own_sources(build, prefixes):

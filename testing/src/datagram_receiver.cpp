@@ -29,15 +29,13 @@ sockaddr_un addressOf(const std::string& path) {
 }
 
 /// A socket that is bound to the address, of which this many bytes count.
-int boundSocket(const sockaddr_un& address, socklen_t size) {
-    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0) {
+LinuxCppUtil::OwnedFileDescriptor boundSocket(const sockaddr_un& address, socklen_t size) {
+    auto descriptor = LinuxCppUtil::ownFileDescriptor(
+        socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!descriptor) {
         fail("socket");
     }
-    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), size) != 0) {
-        const int error = errno;
-        close(descriptor);
-        errno = error;
+    if (bind(*descriptor, reinterpret_cast<const sockaddr*>(&address), size) != 0) {
         fail("bind " + std::string(address.sun_path));
     }
     return descriptor;
@@ -53,8 +51,7 @@ DatagramReceiver::DatagramReceiver()
     : m_socket(boundSocket(addressOf(""), sizeof(sa_family_t))) {
     sockaddr_un address{};
     socklen_t size = sizeof(address);
-    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        close(m_socket);
+    if (getsockname(*m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         fail("getsockname");
     }
     const std::size_t length = size - offsetof(sockaddr_un, sun_path);
@@ -62,7 +59,6 @@ DatagramReceiver::DatagramReceiver()
 }
 
 DatagramReceiver::~DatagramReceiver() {
-    close(m_socket);
     if (m_address.front() != '@') {
         unlink(m_address.c_str());
     }
@@ -71,7 +67,7 @@ DatagramReceiver::~DatagramReceiver() {
 const std::vector<std::string>& DatagramReceiver::messages() {
     while (true) {
         char next = 0;
-        const auto size = recv(m_socket, &next, sizeof(next), MSG_PEEK | MSG_TRUNC);
+        const auto size = recv(*m_socket, &next, sizeof(next), MSG_PEEK | MSG_TRUNC);
         if (size < 0) {
             if (errno == EAGAIN) {
                 return m_messages;
@@ -79,7 +75,7 @@ const std::vector<std::string>& DatagramReceiver::messages() {
             fail("recv");
         }
         std::string message(static_cast<std::size_t>(size), '\0');
-        if (recv(m_socket, message.data(), message.size(), 0) < 0) {
+        if (recv(*m_socket, message.data(), message.size(), 0) < 0) {
             fail("recv");
         }
         m_messages.push_back(std::move(message));

@@ -1,7 +1,6 @@
 #include "hox/testing/file_calls.h"
 
 #include <fcntl.h>
-#include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -20,153 +19,38 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "hox/linutils/raii_filedescriptors.h"
+#include "known_calls.h"
+
 namespace Hox::Testing {
+
+using LinuxCppUtil::OwnedFileDescriptor;
 
 namespace {
 
 constexpr int timeLimit = 20000;  // milliseconds
-constexpr std::uint32_t writeFlags = O_WRONLY | O_RDWR | O_CREAT | O_TRUNC;
-
-/// What decides whether a call counts.
-enum class Kind {
-    Path,        // always; the argument is the place of the path
-    Open,        // by its flags, which stand behind the path
-    Descriptor,  // where the first argument is none of the three standard descriptors
-    Sync         // always, and it is not made
-};
-
-struct KnownCall {
-    const char* name;
-    long number;
-    Kind kind;
-    unsigned path;
-};
-
-const std::vector<KnownCall>& knownCalls() {
-    static const std::vector<KnownCall> calls = {
-#ifdef SYS_mkdir  // not on newer machines, which have the forms with "at" only
-        {"mkdir", SYS_mkdir, Kind::Path, 0},
-        {"rmdir", SYS_rmdir, Kind::Path, 0},
-        {"unlink", SYS_unlink, Kind::Path, 0},
-        {"rename", SYS_rename, Kind::Path, 0},
-        {"link", SYS_link, Kind::Path, 0},
-        {"symlink", SYS_symlink, Kind::Path, 1},
-        {"mknod", SYS_mknod, Kind::Path, 0},
-        {"creat", SYS_creat, Kind::Path, 0},
-        {"open", SYS_open, Kind::Open, 0},
-        {"chmod", SYS_chmod, Kind::Path, 0},
-        {"chown", SYS_chown, Kind::Path, 0},
-        {"lchown", SYS_lchown, Kind::Path, 0},
-        {"utime", SYS_utime, Kind::Path, 0},
-        {"utimes", SYS_utimes, Kind::Path, 0},
-        {"futimesat", SYS_futimesat, Kind::Path, 1},
-#endif
-#ifdef SYS_renameat
-        {"renameat", SYS_renameat, Kind::Path, 1},
-#endif
-        {"mkdirat", SYS_mkdirat, Kind::Path, 1},
-        {"unlinkat", SYS_unlinkat, Kind::Path, 1},
-        {"renameat2", SYS_renameat2, Kind::Path, 1},
-        {"linkat", SYS_linkat, Kind::Path, 1},
-        {"symlinkat", SYS_symlinkat, Kind::Path, 2},
-        {"mknodat", SYS_mknodat, Kind::Path, 1},
-        {"openat", SYS_openat, Kind::Open, 1},
-        {"truncate", SYS_truncate, Kind::Path, 0},
-        {"fchmodat", SYS_fchmodat, Kind::Path, 1},
-        {"fchownat", SYS_fchownat, Kind::Path, 1},
-        {"utimensat", SYS_utimensat, Kind::Path, 1},
-        {"setxattr", SYS_setxattr, Kind::Path, 0},
-        {"lsetxattr", SYS_lsetxattr, Kind::Path, 0},
-        {"removexattr", SYS_removexattr, Kind::Path, 0},
-        {"lremovexattr", SYS_lremovexattr, Kind::Path, 0},
-        {"fsetxattr", SYS_fsetxattr, Kind::Descriptor, 0},
-        {"fremovexattr", SYS_fremovexattr, Kind::Descriptor, 0},
-        {"ftruncate", SYS_ftruncate, Kind::Descriptor, 0},
-        {"fallocate", SYS_fallocate, Kind::Descriptor, 0},
-        {"fchmod", SYS_fchmod, Kind::Descriptor, 0},
-        {"fchown", SYS_fchown, Kind::Descriptor, 0},
-        {"write", SYS_write, Kind::Descriptor, 0},
-        {"writev", SYS_writev, Kind::Descriptor, 0},
-        {"pwrite64", SYS_pwrite64, Kind::Descriptor, 0},
-        {"pwritev", SYS_pwritev, Kind::Descriptor, 0},
-        {"pwritev2", SYS_pwritev2, Kind::Descriptor, 0},
-        {"sendfile", SYS_sendfile, Kind::Descriptor, 0},
-        {"sync", SYS_sync, Kind::Sync, 0},
-    };
-    return calls;
-}
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int number, const char* what) : m_number(number) {
-        if (number < 0) {
-            fail(what);
-        }
+/// A descriptor of a call that has succeeded.
+OwnedFileDescriptor descriptor(int number, const char* what) {
+    if (number < 0) {
+        fail(what);
     }
-    ~Descriptor() { close(m_number); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor(Descriptor&&) = delete;
-    Descriptor& operator=(Descriptor&&) = delete;
+    return LinuxCppUtil::ownFileDescriptor(number);
+}
 
-    int operator*() const { return m_number; }
-
-private:
-    const int m_number;
-};
-
-std::string readWhole(const Descriptor& file) {
+std::string readWhole(const OwnedFileDescriptor& file) {
     std::string text(static_cast<std::size_t>(lseek(*file, 0, SEEK_END)), '\0');
     const ssize_t got = pread(*file, text.data(), text.size(), 0);
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     return text;
-}
-
-sock_filter statement(unsigned code, std::size_t value) {
-    return {static_cast<std::uint16_t>(code), 0, 0, static_cast<std::uint32_t>(value)};
-}
-
-sock_filter jump(unsigned code, std::size_t value, std::size_t ifTrue, std::size_t ifFalse) {
-    return {static_cast<std::uint16_t>(BPF_JMP | code | BPF_K), static_cast<std::uint8_t>(ifTrue),
-            static_cast<std::uint8_t>(ifFalse), static_cast<std::uint32_t>(value)};
-}
-
-sock_filter loadArgument(unsigned index) {
-    return statement(BPF_LD | BPF_W | BPF_ABS,
-                     offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
-}
-
-std::vector<sock_filter> filterFor(FileCalls listed) {
-    const auto tell = statement(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF);
-    const auto allow = statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
-    std::vector<sock_filter> program = {
-        statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-    for (const auto& call : knownCalls()) {
-        if (listed == FileCalls::None && call.kind != Kind::Sync) {
-            continue;
-        }
-        std::vector<sock_filter> body;
-        if (call.kind == Kind::Open && listed == FileCalls::Changing) {
-            body = {loadArgument(call.path + 1), jump(BPF_JSET, writeFlags, 0, 1), tell, allow};
-        } else if (call.kind == Kind::Descriptor) {
-            body = {loadArgument(0), jump(BPF_JGT, STDERR_FILENO, 0, 1), tell, allow};
-        } else {
-            body = {tell};
-        }
-        program.push_back(jump(BPF_JEQ, static_cast<std::size_t>(call.number), 0, body.size()));
-        program.insert(program.end(), body.begin(), body.end());
-    }
-    program.push_back(allow);
-    return program;
 }
 
 union ControlBuffer {
@@ -247,9 +131,13 @@ constexpr int endWithoutFilter = 2;
     }
 }
 
-std::string readPath(pid_t child, std::uint64_t address) {
-    const Descriptor memory(
+OwnedFileDescriptor memoryOf(pid_t child) {
+    return descriptor(
         open(("/proc/" + std::to_string(child) + "/mem").c_str(), O_RDONLY | O_CLOEXEC), "open");
+}
+
+std::string readPath(pid_t child, std::uint64_t address) {
+    const auto memory = memoryOf(child);
     std::string path;
     while (true) {
         // Not beyond the end of a page: the next one need not be there.
@@ -269,12 +157,30 @@ std::string readPath(pid_t child, std::uint64_t address) {
 }
 
 /// The path of what is open there; empty for a pipe or a socket, which the sanitizers write to as
-/// well.
-std::string openFile(pid_t child, std::uint64_t descriptor) {
+/// well. AT_FDCWD stands for the working directory.
+std::string openFile(pid_t child, std::uint64_t number) {
+    const auto file = static_cast<int>(number);
     std::error_code error;
     const auto target = std::filesystem::read_symlink(
-        "/proc/" + std::to_string(child) + "/fd/" + std::to_string(descriptor), error);
+        "/proc/" + std::to_string(child) +
+            (file == AT_FDCWD ? "/cwd" : "/fd/" + std::to_string(file)),
+        error);
     return target.is_absolute() ? target.string() : std::string();
+}
+
+/// Makes the first half of a write in place of the child; how much has been written, or the negated
+/// errno.
+std::int64_t writeHalf(pid_t child, const seccomp_data& data) {
+    std::string bytes(data.args[2] / 2, '\0');
+    const auto memory = memoryOf(child);
+    if (pread(*memory, bytes.data(), bytes.size(), static_cast<off_t>(data.args[1])) < 0) {
+        fail("memory of a child");
+    }
+    const auto process = descriptor(static_cast<int>(syscall(SYS_pidfd_open, child, 0)), "pidfd");
+    const auto target = descriptor(
+        static_cast<int>(syscall(SYS_pidfd_getfd, *process, data.args[0], 0)), "pidfd_getfd");
+    const ssize_t written = write(*target, bytes.data(), bytes.size());
+    return written < 0 ? -errno : written;
 }
 
 /// The parent's side of a running child.
@@ -284,7 +190,7 @@ public:
         : m_child(child), m_fault(fault), m_atCall(std::move(atCall)) {}
 
     /// Answers each call, until nobody is left who could make one.
-    void serve(const Descriptor& listener, WatchedRun& run) {
+    void serve(const OwnedFileDescriptor& listener, WatchedRun& run) {
         while (true) {
             pollfd events = {*listener, POLLIN, 0};
             const int ready = poll(&events, 1, timeLimit);
@@ -311,24 +217,26 @@ private:
         seccomp_notif_resp response{};
         response.id = request.id;
         const FileCall described = describe(call, request.data);
-        if (call.kind == Kind::Descriptor && described.path.empty()) {
+        if (call.isOnDescriptor() && described.path.empty()) {
             response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
             ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
             return;
         }
         const bool isFirst = m_fault && m_fault->call == run.calls.size();
-        if (isFirst || isLaterOne(described, run)) {
-            response.error = -m_fault->error;
-        } else if (call.kind != Kind::Sync) {
-            response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-        }
+        const bool isFaulty = isFirst || isLaterOne(described, run);
         run.calls.push_back(described);
         if (m_atCall) {
             m_atCall(run.calls.size() - 1, run.calls.back());
         }
-        if (isFirst && m_fault->error == 0) {
+        if (isFaulty && m_fault->halved) {
+            response.val = writeHalf(m_child, request.data);
+        } else if (isFaulty && m_fault->error == 0) {
             kill(m_child, SIGKILL);
             return;
+        } else if (isFaulty) {
+            response.error = -m_fault->error;
+        } else if (call.isMade) {
+            response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
         }
         ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
     }
@@ -341,12 +249,17 @@ private:
     FileCall describe(const KnownCall& known, const seccomp_data& data) const {
         FileCall call;
         call.name = known.name;
-        if (known.kind == Kind::Path || known.kind == Kind::Open) {
-            call.path = readPath(m_child, data.args[known.path]);
-        } else if (known.kind == Kind::Descriptor) {
+        call.changes = !known.onlyLooks() &&
+                       (!known.isOpen() || (data.args[known.path + 1] & writeFlags) != 0);
+        if (known.isOnDescriptor()) {
             call.path = openFile(m_child, data.args[0]);
+        } else if (known.kind != CallKind::Whole) {
+            call.path = readPath(m_child, data.args[known.path]);
         }
-        call.changes = known.kind != Kind::Open || (data.args[known.path + 1] & writeFlags) != 0;
+        if (known.isAt() && call.path.rfind('/', 0) != 0) {
+            const auto folder = openFile(m_child, data.args[known.path - 1]);
+            call.path = call.path.empty() ? folder : folder + "/" + call.path;
+        }
         return call;
     }
 
@@ -389,25 +302,25 @@ private:
 WatchedRun runWatched(const std::function<std::string()>& action, FileCalls listed,
                       const std::optional<Fault>& fault, const AtCall& atCall) {
     auto filter = filterFor(listed);
-    const Descriptor answers(memfd_create("answers", MFD_CLOEXEC), "memfd_create");
-    const Descriptor errors(memfd_create("errors", MFD_CLOEXEC), "memfd_create");
+    const auto answers = descriptor(memfd_create("answers", MFD_CLOEXEC), "memfd_create");
+    const auto errors = descriptor(memfd_create("errors", MFD_CLOEXEC), "memfd_create");
     int pair[2] = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
         fail("socketpair");
     }
-    const Descriptor own(pair[0], "socketpair");
-    auto theirs = std::make_unique<const Descriptor>(pair[1], "socketpair");
+    const auto own = descriptor(pair[0], "socketpair");
+    auto theirs = descriptor(pair[1], "socketpair");
     const pid_t id = fork();
     if (id < 0) {
         fail("fork");
     }
     if (id == 0) {
-        beChild(action, **theirs, *answers, *errors, filter);
+        beChild(action, *theirs, *answers, *errors, filter);
     }
     Child child(id);
     theirs.reset();
     WatchedRun run;
-    const Descriptor listener(receiveListener(*own), "a filter of system calls");
+    const auto listener = descriptor(receiveListener(*own), "a filter of system calls");
     Watch(id, fault, atCall).serve(listener, run);
     const int status = child.wait();
     run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -24,20 +23,17 @@ sockaddr* asSocketAddress(sockaddr_in6& address) {
 
 }  // namespace
 
-ReservedPort::ReservedPort() : m_socket(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    require(m_socket >= 0, "socket");
+ReservedPort::ReservedPort()
+    : m_socket(LinuxCppUtil::ownFileDescriptor(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0))) {
+    require(m_socket != nullptr, "socket");
     const int on = 1;
-    require(setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0, "setsockopt");
+    require(setsockopt(*m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0, "setsockopt");
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     socklen_t size = sizeof(address);
-    require(bind(m_socket, asSocketAddress(address), size) == 0, "bind");
-    require(getsockname(m_socket, asSocketAddress(address), &size) == 0, "getsockname");
+    require(bind(*m_socket, asSocketAddress(address), size) == 0, "bind");
+    require(getsockname(*m_socket, asSocketAddress(address), &size) == 0, "getsockname");
     m_number = ntohs(address.sin6_port);
-}
-
-ReservedPort::~ReservedPort() {
-    close(m_socket);
 }
 
 }  // namespace Hox::Testing

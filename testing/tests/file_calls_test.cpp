@@ -10,6 +10,8 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "hox/testing/temp_dir.h"
@@ -74,6 +76,46 @@ TEST_F(FileCallsTest, CountOpensForReadingOnDemand) {
     EXPECT_THAT(names(seen), ElementsAre("mkdir", "openat", "write", "openat", "sync", "rename"));
     EXPECT_TRUE(seen.calls.at(1).changes);
     EXPECT_FALSE(seen.calls.at(3).changes);
+}
+
+TEST_F(FileCallsTest, AreAllThatHaveToDoWithFilesOnDemand) {
+    ASSERT_EQ(mkdir(path("d").c_str(), 0700), 0);
+    const auto look = [this] {
+        const int folder = open(path("d").c_str(), O_RDONLY | O_DIRECTORY);
+        const int file = openat(folder, "e", O_RDWR | O_CREAT, 0600);
+        char byte = 0;
+        struct stat status {};
+        const ssize_t got = read(file, &byte, 1);
+        fstatat(folder, "e", &status, 0);
+        fstat(file, &status);
+        syncfs(folder);
+        close(file);
+        return std::to_string(got);
+    };
+    const auto seen = runWatched(look, FileCalls::All);
+    EXPECT_THAT(names(seen), ElementsAre("openat", "openat", "read", "newfstatat", "newfstatat",
+                                         "syncfs", "close"));
+    const std::vector<std::string> paths = {"d", "d/e", "d/e", "d/e", "d/e", "d", "d/e"};
+    const std::vector<bool> changes = {false, true, false, false, false, true, false};
+    ASSERT_EQ(seen.calls.size(), paths.size());
+    for (std::size_t number = 0; number < paths.size(); ++number) {
+        EXPECT_EQ(seen.calls[number].path, path(paths[number])) << number;
+        EXPECT_EQ(seen.calls[number].changes, changes[number]) << number;
+    }
+    EXPECT_EQ(runWatched(look, FileCalls::All, Fault{2, EIO}).answer, "-1");
+}
+
+TEST_F(FileCallsTest, AreWrittenByHalfOnDemand) {
+    const auto write = [this] {
+        const int file = open(path("f").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        const ssize_t first = ::write(file, "12345678", 8);
+        return std::to_string(first) + " " + std::to_string(::write(file, "abc", 3));
+    };
+    const auto seen = runWatched(write, FileCalls::Changing, Fault::half(1));
+    EXPECT_THAT(names(seen), ElementsAre("openat", "write", "write"));
+    EXPECT_EQ(seen.answer, "4 3");
+    std::ifstream file(path("f"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "1234abc");
 }
 
 TEST_F(FileCallsTest, AreNotWritesToPipes) {

@@ -11,6 +11,12 @@ from kit.wait import wait_until
 FILE_CALLS = ("?mkdir,mkdirat,?open,openat,?rename,?renameat,renameat2,?unlink,unlinkat,?rmdir,"
               "?link,linkat,?symlink,symlinkat,?chmod,fchmod,fchmodat,truncate,ftruncate")
 
+#: These as well, and what reads and writes files that are open.
+ALL_FILE_CALLS = FILE_CALLS + (",read,write,close,getdents64,newfstatat,syncfs,?stat,?lstat")
+
+#: What a disk may say.
+ERRORS = ["ENOSPC", "EIO", "EACCES", "EROFS", "EMFILE", "EDQUOT"]
+
 #: "1234 mkdir("/a/b", 0777) = 0", or without a result where the process was killed.
 _LINE = re.compile(r"^\d+ +(\w+)\((.*)$")
 
@@ -24,7 +30,10 @@ class Call:
 
     @property
     def path(self):
-        """The first path among the arguments."""
+        """The first path among the arguments, or that of the open file that they begin with."""
+        opened = re.match(r"\d+<([^>]*)>", self.arguments)
+        if opened and not self.name.endswith("at"):
+            return opened.group(1)
         return re.search(r'"([^"]*)"', self.arguments).group(1)
 
     @property
@@ -32,7 +41,7 @@ class Call:
         """Whether it may change anything: sync and opening for reading do not."""
         if self.name.startswith("open"):
             return bool(re.search(r"O_(WRONLY|RDWR|CREAT|TRUNC)", self.arguments))
-        return self.name != "sync"
+        return self.name not in ("sync", "read", "close", "getdents64", "newfstatat", "stat", "lstat")
 
     def __repr__(self):
         return f"{self.name}({self.arguments}"
@@ -42,20 +51,23 @@ class Strace:
     """Follows all threads of a service, from the first call after the constructor.
 
     inject: what happens to which calls, as strace's option takes it. It counts each kind of call of
-    each thread by itself; all file calls of an operation come from one thread. sync is never made,
-    because it would wait for the disks of the whole machine. path: the only one whose calls count;
-    opens by the libraries come at any time.
+    each thread by itself; all file calls of an operation come from one thread. sync and syncfs are
+    never made, because they would wait for whole disks. path: the only one whose calls count; opens by
+    the libraries come at any time. calls: what is followed.
     """
 
-    def __init__(self, service, inject=None, path=None):
+    def __init__(self, service, inject=None, path=None, calls=FILE_CALLS):
         self._file = service.folder / "strace"
         pid = service.process.pid
-        faults = ["-e", f"inject={inject}"] if inject else []
+        options = ["-e", f"inject={inject}"] if inject else []
         if path:
-            faults += ["-P", str(path)]
+            options += ["-P", str(path)]
+        if inject:
+            calls += "," + inject.partition(":")[0]
+        flushes = ",".join({"sync", "syncfs"} - set((inject or "").partition(":")[0].split(",")))
         self._process = subprocess.Popen(
-            ["strace", "-f", "-p", str(pid), "-o", str(self._file), "-e",
-             f"trace={FILE_CALLS},sync", *faults, "-e", "inject=sync:retval=0"],
+            ["strace", "-f", "-y", "-p", str(pid), "-o", str(self._file), "-e",
+             f"trace={calls},sync", *options, "-e", f"inject={flushes}:retval=0"],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         try:
             wait_until(lambda: self._follows_all(pid), what="strace's hold of every thread")

@@ -33,9 +33,9 @@ class RawClient:
     """One connection, on which 64 kB may come in unless more is allowed. Nothing is read unless
     asked for."""
 
-    def __init__(self, service, window=0):
+    def __init__(self, port, window=0):
         self._socket = socket.socket()
-        self._socket.connect(("127.0.0.1", service.port))
+        self._socket.connect(("127.0.0.1", port))
         self._socket.sendall(_PREFACE + _frame(_SETTINGS, 0, 0))
         if window:
             self._socket.sendall(_frame(_WINDOW_UPDATE, 0, 0, struct.pack(">I", window)))
@@ -43,7 +43,9 @@ class RawClient:
 
     def call(self, path, request):
         """Sends a call of "/service/method"; its answer comes when it likes."""
-        message = request.SerializeToString()
+        self.call_with_bytes(path, request.SerializeToString())
+
+    def call_with_bytes(self, path, message):
         body = b"\0" + struct.pack(">I", len(message)) + message
         self._socket.sendall(_frame(_HEADERS, _END_HEADERS, self._stream, _headers(path)) +
                              _frame(_DATA, END_STREAM, self._stream, body))
@@ -53,6 +55,14 @@ class RawClient:
         """Until the first bytes of something are there; they stay there."""
         self._socket.settimeout(seconds)
         assert self._socket.recv(1, socket.MSG_PEEK)
+
+    def wait_for_frames(self, kind, count, seconds=20):
+        """Takes what comes until so many frames of the kind are among it."""
+        for frame in self.frames(seconds):
+            count -= frame == kind
+            if not count:
+                return
+        raise ConnectionError("the connection has ended")
 
     def ping(self):
         self._socket.sendall(_frame(_PING, 0, 0, b"\0" * 8))
@@ -91,6 +101,7 @@ class RawClient:
         self.close()
 
 
-#: Kinds of frames: the begin of an answer, and what asks for one.
+#: Kinds of frames: an element of a stream, the begin of an answer, and what asks for an answer.
+DATA = _DATA
 HEADERS = _HEADERS
 PING = _PING

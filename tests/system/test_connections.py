@@ -39,7 +39,7 @@ def frames_to_the_end(raw, **kwargs):
 
 def test_only_peers_that_are_there_keep_their_connections(service):
     """Quiet connections are pinged after 30 s and dropped 20 s later; clients may ping as well."""
-    with RawClient(service) as silent, RawClient(service) as answering:
+    with RawClient(service.port) as silent, RawClient(service.port) as answering:
         start = time.monotonic()
         silent_reader, _ = frames_to_the_end(silent)
         answering_reader, kinds = frames_to_the_end(answering, answers_pings=True)

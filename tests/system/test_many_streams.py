@@ -41,7 +41,7 @@ def open_streams(service, client):
     def launch(count):
         request = client.protos.tree.ObserveReq(key_pattern="/state/**")
         for _ in range(count // 1000):
-            raw = RawClient(service, window=1 << 30)
+            raw = RawClient(service.port, window=1 << 30)
             connections.append(raw)
             for _ in range(1000):
                 raw.call(OBSERVE, request)

@@ -26,7 +26,7 @@ def fill(client, count=100):
 def stalled(service, client):
     """A client that has asked for everything, several times, and takes nothing."""
     fill(client)
-    with RawClient(service) as raw:
+    with RawClient(service.port) as raw:
         for _ in range(5):
             raw.call(MONITOR + "getStateNotifications",
                      client.protos.state.GetStateNotificationsReq())
@@ -66,7 +66,7 @@ def test_a_package_that_nobody_takes(service, client):
     for number in range(20):
         owner.update({f"/{number}": "x" * 10000}, patch=True)
     save(client)
-    with RawClient(service) as raw:
+    with RawClient(service.port) as raw:
         for _ in range(5):
             raw.call(STORE + "getSysConf", client.protos.configuration.GetSysConfReq())
         raw.wait_for_answer()
@@ -77,7 +77,7 @@ def test_a_package_that_nobody_takes(service, client):
 
 
 def test_a_client_that_observes_and_reports_and_takes_nothing(service, client):
-    with RawClient(service) as raw:
+    with RawClient(service.port) as raw:
         raw.call(MONITOR + "observeStateNotifications",
                  client.protos.tree.ObserveReq(key_pattern="/state/**"))
         fill(client, 20)

@@ -115,6 +115,14 @@ def test_the_type_filter_searches_anywhere_in_the_type(client, expression, expec
     assert found == list(reversed(expected))
 
 
+def test_the_type_filter_may_refer_back_to_its_groups(client):
+    for name in ("Disk_Disk", "Disk_Disc", "Fan_Fan"):
+        client.create(type=name)
+    found = [entry.stateNotification.type
+             for entry in client.notifications(typeRegEx=r"^(\w+)_\1$")]
+    assert found == ["Fan_Fan", "Disk_Disk"]
+
+
 def test_the_latest_table_holds_one_entry_per_origin_in_key_order(client):
     for service, kind, source in [("b", "T", "s"), ("a", "T", "s/2"), ("a", "T", "s"),
                                   ("a", "S", "s"), ("b", "T", "s")]:

@@ -40,7 +40,8 @@ std::string pack(const fs::path& folder) {
 /// The store of the configuration capability without its server.
 class Store {
 public:
-    explicit Store(const fs::path& folder) : m_handler(m_tree, m_noLock, folder.string(), "bench") {
+    explicit Store(const fs::path& folder)
+        : m_handler(m_tree, m_noLock, std::make_shared<std::mutex>(), folder.string(), "bench") {
         m_handler.registerObsTreeHandlers();
         m_handler.addObservers();
     }

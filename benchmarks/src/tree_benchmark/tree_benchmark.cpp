@@ -1,4 +1,5 @@
 #include <benchmark/benchmark.h>
+#include <fmt/format.h>
 
 #include <any>
 #include <cstddef>
@@ -94,22 +95,55 @@ void insertWithoutObservers(benchmark::State& state) {
 }
 BENCHMARK(insertWithoutObservers)->Arg(1)->Arg(10000);
 
-void deliver(benchmark::State& state, bool isSilent) {
+std::string watchAll(int /*observer*/) {
+    return "/state/notifications/latest/**";
+}
+
+std::string watchMarker(int observer) {
+    return latestKey(markerNotification(observer));
+}
+
+/// A subtree in which nothing happens.
+std::string watchQuietService(int observer) {
+    return fmt::format("/state/notifications/latest/service-{}/**", observer);
+}
+
+/// A type that nobody reports, from whichever service.
+std::string watchQuietType(int observer) {
+    return fmt::format("/state/notifications/latest/*/Type{}/**", observer);
+}
+
+void deliver(benchmark::State& state, std::string (*patternOf)(int observer)) {
     Fixture fixture(1);
     std::vector<std::any> observers;
     observers.reserve(static_cast<std::size_t>(state.range(0)));
     for (int i = 0; i < state.range(0); ++i) {
-        // Patterns of their own, as different clients have.
-        observers.push_back(fixture.observe(isSilent ? latestKey(markerNotification(i))
-                                                     : "/state/notifications/latest/**"));
+        observers.push_back(fixture.observe(patternOf(i)));
     }
     const auto request = Fixture::request(0);
     for (auto _ : state) {
         fixture.create(request);
     }
 }
-BENCHMARK_CAPTURE(deliver, silentObservers, true)->Arg(1)->Arg(10)->Arg(100);
-BENCHMARK_CAPTURE(deliver, listeningObservers, false)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK_CAPTURE(deliver, silentObservers, watchMarker)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK_CAPTURE(deliver, listeningObservers, watchAll)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK_CAPTURE(deliver, quietSubtrees, watchQuietService)->Arg(20)->Arg(2000);
+BENCHMARK_CAPTURE(deliver, quietTypes, watchQuietType)->Arg(20)->Arg(2000);
+
+/// Arrivals and departures between the changes, beside observers that stay.
+void deliverAmongArrivals(benchmark::State& state) {
+    Fixture fixture(1);
+    std::vector<std::any> observers;
+    for (int i = 1; i <= state.range(0); ++i) {
+        observers.push_back(fixture.observe(watchMarker(i)));
+    }
+    const auto request = Fixture::request(0);
+    for (auto _ : state) {
+        const auto passing = fixture.observe(watchMarker(0));
+        fixture.create(request);
+    }
+}
+BENCHMARK(deliverAmongArrivals)->Arg(20)->Arg(2000);
 
 void snapshot(benchmark::State& state) {
     Fixture fixture(static_cast<int>(state.range(0)));
@@ -118,6 +152,15 @@ void snapshot(benchmark::State& state) {
     }
 }
 BENCHMARK(snapshot)->Arg(100)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void snapshotOfOneKey(benchmark::State& state) {
+    Fixture fixture(static_cast<int>(state.range(0)));
+    const auto key = latestKey(sampleNotification(0));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(fixture.observe(key));
+    }
+}
+BENCHMARK(snapshotOfOneKey)->Arg(1)->Arg(50000);
 
 Tree::ChangeSetType changesOf(int keys) {
     Tree::ChangeSetType changes;

@@ -37,6 +37,14 @@ void check(int result, ::archive* handle) {
     }
 }
 
+/// Names go into the headers as the bytes that they are.
+int setTar(::archive* writer) {
+    const int result = archive_write_set_format_pax_restricted(writer);
+    return result != ARCHIVE_OK
+               ? result
+               : archive_write_set_format_option(writer, nullptr, "hdrcharset", "BINARY");
+}
+
 /// The writer's filter and format. A value that is none of the enumeration sets neither.
 int setFormat(::archive* writer, ArchiveFormat format) {
     int result = ARCHIVE_OK;
@@ -51,7 +59,7 @@ int setFormat(::archive* writer, ArchiveFormat format) {
     switch (format) {
         case ArchiveFormat::TarGz:
         case ArchiveFormat::TarBz2:
-            return archive_write_set_format_pax_restricted(writer);
+            return setTar(writer);
         case ArchiveFormat::Zip:
             return archive_write_set_format_zip(writer);
     }

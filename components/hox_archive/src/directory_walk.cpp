@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
-#include <vector>
+#include <cerrno>
+#include <system_error>
 
 #include "archive_handles.h"
 #include "hox/cpputil/assertion/assertion.h"
@@ -35,9 +35,14 @@ void writeFileData(::archive* ar, const std::string& path) {
     const auto file = LinuxCppUtil::openFileDescriptor(path, O_RDONLY);
     const int fd = LinuxCppUtil::fileDescriptorNumber(file);
     std::array<char, readBlock> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    for (auto length = ::read(fd, block.data(), block.size()); length > 0;
-         length = ::read(fd, block.data(), block.size())) {
+    auto length = ::read(fd, block.data(), block.size());
+    while (length > 0) {
         archive_write_data(ar, block.data(), static_cast<std::size_t>(length));
+        length = ::read(fd, block.data(), block.size());
+    }
+    if (length < 0) {
+        throw std::filesystem::filesystem_error("cannot read", path,
+                                                std::error_code(errno, std::generic_category()));
     }
 }
 
@@ -105,21 +110,12 @@ int writeEntry(::archive* ar, ::archive_entry* entry, const std::string& base, b
 std::uintmax_t directorySize(const std::filesystem::path& directory) {
     std::uintmax_t fileBytes = 0;
     std::uintmax_t directories = 0;
-    // A recursive iterator would have a directory open for each level of the tree.
-    std::vector<std::filesystem::path> pending{directory};
     try {
-        while (!pending.empty()) {
-            const auto current = std::move(pending.back());
-            pending.pop_back();
-            for (const auto& entry : std::filesystem::directory_iterator(current)) {
-                if (!entry.is_directory()) {
-                    fileBytes += entry.file_size();
-                    continue;
-                }
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+            if (entry.is_directory()) {
                 ++directories;
-                if (!entry.is_symlink()) {
-                    pending.push_back(entry.path());
-                }
+            } else {
+                fileBytes += entry.file_size();
             }
         }
     } catch (const std::filesystem::filesystem_error&) {

@@ -13,12 +13,13 @@ namespace Hox::Archive {
 ///
 /// The directory's path is canonical. Returns libarchive's code: 0, or the first other one,
 /// warnings and the code of closing included; the writer then has the text. Throws
-/// CppUtil::FileSystemError if a file cannot be opened.
+/// CppUtil::FileSystemError if a file cannot be opened, std::filesystem::filesystem_error if it
+/// cannot be read.
 int writeDirectory(::archive* ar, const std::filesystem::path& directory, bool stripBase);
 
 /// Writes one entry of the walk, with its data if it is a regular file; the walk's root has no name
-/// of its own with stripBase and is left out. Returns the code of writing the header. Throws
-/// CppUtil::FileSystemError if the file cannot be opened.
+/// of its own with stripBase and is left out. Returns the code of writing the header. Throws as
+/// writeDirectory does.
 int writeEntry(::archive* ar, ::archive_entry* entry, const std::string& base, bool stripBase);
 
 /// An estimate in bytes of what the tree takes in an archive: the sizes of all that is no

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -16,6 +17,7 @@
 #include "hox/archive/archive.h"
 #include "hox/archive/error/archive_error.h"
 #include "hox/cpputil/error/file_system_error.h"
+#include "hox/testing/file_calls.h"
 #include "hox/testing/private_mounts.h"
 #include "hox/testing/skip_outside_ci.h"
 
@@ -136,23 +138,6 @@ TEST_F(ArchiveFaults, ArchivesWithBrokenBytesAreReadOrRefused) {
     EXPECT_GT(refused, 150);
 }
 
-TEST_F(ArchiveFaults, ANameThatTheLocaleDoesNotKnowStopsTheWalk) {
-    writeFile(m_source / "Größe", "content");
-    EXPECT_THAT(packText(),
-                MatchesRegex(archiveError("Can't translate pathname 'Größe' to UTF-8")));
-}
-
-TEST_F(ArchiveFaults, ANameThatTheLocaleDoesNotKnowStopsTheUnpacking) {
-    std::string bytes;
-    {
-        const ScopedCharacterType utf8("C.UTF-8");
-        writeFile(m_source / "Größe", "content");
-        bytes = packed(ArchiveFormat::TarGz, m_source);
-    }
-    EXPECT_THAT(unpackText(bytes), MatchesRegex(noText));
-    EXPECT_THAT(treeOf(m_destination), IsEmpty());
-}
-
 TEST_F(ArchiveFaults, WhatAFormatCannotHoldStopsTheWalk) {
     ASSERT_EQ(::mkfifo((m_source / "entry").c_str(), 0600), 0);
     EXPECT_THAT(packText(ArchiveFormat::Zip),
@@ -183,6 +168,31 @@ TEST_F(ArchiveFaults, AFullDiskIsFoundAtTheLatestWhenTheArchiveIsClosed) {
                         [&] { packToFile(format, "/dev/full", m_source, true, false); }),
                     MatchesRegex(archiveError("Write error")));
     }
+}
+
+TEST_F(ArchiveFaults, AFileThatCannotBeReadStopsTheWalk) {
+    writeFile(m_source / "a/file", "content");
+    const auto pack = [this] {
+        try {
+            packed(ArchiveFormat::TarGz, m_source);
+        } catch (const fs::filesystem_error& error) {
+            return std::string(error.what());
+        }
+        return std::string("no error");
+    };
+    const auto calls = Testing::runWatched(pack, Testing::FileCalls::All).calls;
+    std::size_t reads = 0;
+    for (std::size_t number = 0; number < calls.size(); ++number) {
+        if (calls[number].name == "read" && calls[number].path == m_source / "a/file") {
+            ++reads;
+            EXPECT_EQ(
+                Testing::runWatched(pack, Testing::FileCalls::All, Testing::Fault{number, EIO})
+                    .answer,
+                "filesystem error: cannot read: Input/output error [" +
+                    (m_source / "a/file").string() + "]");
+        }
+    }
+    EXPECT_EQ(reads, 2U) << "the content and its end";
 }
 
 /// The walk goes by short relative names, the opening of the file by its whole path.

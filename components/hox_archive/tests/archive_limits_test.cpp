@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <sstream>
@@ -95,23 +94,6 @@ TEST_F(ArchiveLimits, ASizeThatCannotBeToldMakesTheEstimateNothing) {
     fs::remove(m_source / "dangling");
     ASSERT_EQ(::mkfifo((m_source / "pipe").c_str(), 0600), 0);
     expectEstimate(1536);
-}
-
-TEST_F(ArchiveLimits, AFolderMayHaveMoreLevelsThanTheProcessHasDescriptors) {
-    std::string file;
-    for (int level = 0; level < 200; ++level) {
-        file += "a/";
-    }
-    file += "file";
-    writeFile(m_source / file, "1");
-    rlimit former{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
-    const rlimit few{openDescriptors() + 20, former.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    expectEstimate(1 + 200 * 32 + 1536);
-    EXPECT_NO_THROW(unpackBytes(packed(ArchiveFormat::TarGz, m_source), m_destination));
-    EXPECT_EQ(readFile(m_destination / file), "1");
-    ::setrlimit(RLIMIT_NOFILE, &former);
 }
 
 TEST_F(ArchiveLimits, AnUnderestimatedFolderEndsInAnErrorWhenItDoesNotFit) {

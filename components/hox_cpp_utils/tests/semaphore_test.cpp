@@ -63,6 +63,7 @@ TEST(CountingSemaphore, APostWakesAWaitWithADeadline) {
     auto waiter = std::async(
         std::launch::async, [&semaphore] { return semaphore.waitUntil(Clock::time_point::max()); });
     semaphore.post();
+    ASSERT_EQ(waiter.wait_for(longEnough), std::future_status::ready);
     EXPECT_TRUE(waiter.get());
 }
 

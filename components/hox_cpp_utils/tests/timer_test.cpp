@@ -203,7 +203,9 @@ TEST(Timer, CannotCancelTheItemThatIsRunning) {
     std::uint64_t tag = 0;
     tag = timer.add(Clock::now(), [&](bool) { cancelled.set_value(timer.cancel(tag)); });
     gate.open();
-    EXPECT_FALSE(cancelled.get_future().get());
+    auto future = cancelled.get_future();
+    ASSERT_EQ(future.wait_for(longEnough), std::future_status::ready);
+    EXPECT_FALSE(future.get());
 }
 
 TEST(Timer, CancelReleasesWhatTheCallbackCaptured) {

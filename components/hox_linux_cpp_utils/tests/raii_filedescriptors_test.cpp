@@ -88,6 +88,17 @@ TEST(FileDescriptors, NamesTheFlagsInDecimal) {
                            std::to_string(O_RDWR | O_CLOEXEC) + "("));
 }
 
+TEST(FileDescriptors, AreTakenOverFromTheSystem) {
+    const int number = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    {
+        const auto owned = ownFileDescriptor(number);
+        EXPECT_EQ(fileDescriptorNumber(owned), number);
+        EXPECT_TRUE(isOpen(number));
+    }
+    EXPECT_FALSE(isOpen(number));
+    EXPECT_FALSE(ownFileDescriptor(-1));
+}
+
 TEST(FileDescriptors, RefusesTheNumberOfNoDescriptor) {
     const OwnedFileDescriptor none;
     try {

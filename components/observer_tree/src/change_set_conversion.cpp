@@ -1,11 +1,45 @@
 #include "hox/observer_tree/change_set_conversion.h"
 
+#include <algorithm>
+#include <iterator>
+#include <utility>
+#include <vector>
+
 namespace Hox::ObserverTree {
 
 namespace {
 
-DataTreeValPtr packedValue(bool isPresent, const google::protobuf::Any& packed) {
-    return isPresent ? std::make_shared<const DataTreeVal>(packed) : nullptr;
+DataTreeValPtr valueOf(google::protobuf::Any packed) {
+    return std::make_shared<const DataTreeVal>(std::move(packed));
+}
+
+ChangeSetMapVal changeOf(const ObsTreeDataNodePair& pair) {
+    return {pair.has_currentmessage() ? valueOf(pair.currentmessage()) : nullptr,
+            pair.has_prevmessage() ? valueOf(pair.prevmessage()) : nullptr};
+}
+
+ChangeSetMapVal takeChange(ObsTreeDataNodePair& pair) {
+    return {
+        pair.has_currentmessage() ? valueOf(std::move(*pair.mutable_currentmessage())) : nullptr,
+        pair.has_prevmessage() ? valueOf(std::move(*pair.mutable_prevmessage())) : nullptr};
+}
+
+/// The keys of a wire map with what `changesOf` makes of their entries.
+template <typename WireMap, typename ChangesOf>
+ChangeSetType convert(WireMap& wireMap, const ChangesOf& changesOf) {
+    // A wire map has no order; sorted ahead, each key is inserted at a known place.
+    std::vector<decltype(&*wireMap.begin())> entries;
+    entries.reserve(wireMap.size());
+    for (auto& entry : wireMap) {
+        entries.push_back(&entry);
+    }
+    std::sort(entries.begin(), entries.end(),
+              [](const auto* left, const auto* right) { return left->first < right->first; });
+    ChangeSetType changes;
+    for (auto* entry : entries) {
+        changes.emplace_hint(changes.end(), entry->first, changesOf(entry->second));
+    }
+    return changes;
 }
 
 }  // namespace
@@ -30,16 +64,21 @@ void toWire(const ChangeSetType& changes, ObsTreeObserveChangeSet& message) {
 }
 
 ChangeSetType fromWire(const ObsTreeObserveChangeSet& message) {
-    ChangeSetType changes;
-    for (const auto& [key, pairList] : message.node_change_map()) {
-        auto& keyChanges = changes[key];
-        keyChanges.reserve(static_cast<std::size_t>(pairList.nodepairlist_size()));
-        for (const auto& pair : pairList.nodepairlist()) {
-            keyChanges.push_back({packedValue(pair.has_currentmessage(), pair.currentmessage()),
-                                  packedValue(pair.has_prevmessage(), pair.prevmessage())});
-        }
-    }
-    return changes;
+    return convert(message.node_change_map(), [](const ObsTreeDataNodePairList& pairs) {
+        ChangeSetType::mapped_type changes;
+        std::transform(pairs.nodepairlist().begin(), pairs.nodepairlist().end(),
+                       std::back_inserter(changes), changeOf);
+        return changes;
+    });
+}
+
+ChangeSetType fromWire(ObsTreeObserveChangeSet&& message) {
+    return convert(*message.mutable_node_change_map(), [](ObsTreeDataNodePairList& pairs) {
+        ChangeSetType::mapped_type changes;
+        std::transform(pairs.mutable_nodepairlist()->begin(), pairs.mutable_nodepairlist()->end(),
+                       std::back_inserter(changes), takeChange);
+        return changes;
+    });
 }
 
 }  // namespace Hox::ObserverTree

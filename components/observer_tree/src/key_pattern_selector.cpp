@@ -1,172 +1,192 @@
 #include "key_pattern_selector.h"
 
 #include <algorithm>
-#include <cstring>
-#include <variant>
+#include <functional>
 
 #include "hox/observer_tree/path_error.h"
 
 namespace Hox::ObserverTree {
 
-namespace {
+struct KeyPatternSelector::Pass {
+    /// As many changes as a short handler makes; more are worth their memory for one pass only.
+    static constexpr std::size_t maxKeptCapacity = 16;
 
-/// The last eight bytes of the text's first `size`, 0 where that is less.
-uint64_t endOf(std::string_view text, std::size_t size) {
-    uint64_t end = 0;
-    if (size >= sizeof(end)) {
-        std::memcpy(&end, text.data() + (size - sizeof(end)), sizeof(end));
+    explicit Pass(KeyPatternSelector& owner) : selector(owner) {}
+    ~Pass() {
+        for (auto* selection : selector.m_concerned) {
+            selection->selected.clear();
+            if (selection->selected.capacity() > maxKeptCapacity) {
+                selection->selected.shrink_to_fit();
+            }
+            selection->part.clear();
+            selection->failure = nullptr;
+        }
+        selector.m_concerned.clear();
+        selector.m_calls.clear();
     }
-    return end;
+    Pass(const Pass&) = delete;
+    Pass(Pass&&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    Pass& operator=(Pass&&) = delete;
+
+    KeyPatternSelector& selector;
+};
+
+void KeyPatternSelector::observerArrived(const Observer& observer) {
+    m_refusal.reset();
+    auto* selection = selectionOf(observer);
+    if (selection == nullptr) {
+        try {
+            selection = &addSelection(observer.request->key_pattern());
+        } catch (const PathError& error) {
+            m_refusal = Status(ProtoStatus::INVALID_ARGUMENT, error.what());
+            return;
+        }
+    }
+    selection->observers.insert(observer.observeCallback.get());
 }
 
-}  // namespace
-
-void KeyPatternSelector::deliver(const ChangeSetType& changes,
-                                 const ObserverCallbackMap<ObserveReq>& observers) {
-    if (observers.empty()) {
+void KeyPatternSelector::observerLeft(const Observer& observer) {
+    const auto position = m_selections.find(observer.request->key_pattern());
+    if (position == m_selections.end()) {
         return;
     }
-    if (!isListOf(observers)) {
-        listWatchers(observers);
-    }
-    ++m_pass;
-    const auto forget = [](KeyPatternSelector* selector) { selector->forgetPass(); };
-    const std::unique_ptr<KeyPatternSelector, decltype(forget)> atEnd(this, forget);
-    for (const auto& change : changes) {
-        m_changedKeys.emplace_back(change.first);
-    }
-    const Status ok;
-    for (const auto& watcher : m_watchers) {
-        if (!watcher.mayWatch(m_changedKeys)) {
-            continue;
-        }
-        const auto& selection = watcher.watch->selection;
-        if (selection->kind == Selection::Kind::Nothing) {
-            continue;
-        }
-        if (selection->pass != m_pass) {
-            select(changes, selection);
-        }
-        if (selection->isWhole) {
-            (*watcher.callback)(changes, ok);
-        } else if (!selection->part.empty()) {
-            (*watcher.callback)(selection->part, ok);
-        }
+    auto& observers = position->second.observers;
+    observers.erase(observer.observeCallback.get());
+    if (observers.empty()) {
+        removeSelection(position);
     }
 }
 
-bool KeyPatternSelector::Watcher::mayWatch(const std::vector<std::string_view>& keys) const {
-    // Keys of one tree mostly begin alike, so that the end of the prefix tells most.
-    return std::any_of(keys.begin(), keys.end(), [this](std::string_view key) {
-        return key.size() >= prefixSize && endOf(key, prefixSize) == prefixEnd;
-    });
+std::optional<Status> KeyPatternSelector::takeRefusal() {
+    return std::exchange(m_refusal, std::nullopt);
 }
 
-bool KeyPatternSelector::isListOf(const ObserverCallbackMap<ObserveReq>& observers) const {
-    // The first one tells the only observer of a snapshot from an only observer that is listed.
-    return *m_isListCurrent && m_watchers.size() == observers.size() &&
-           m_watchers.front().callback == observers.begin()->first;
+void KeyPatternSelector::deliver(const ChangeSetType& changes, const Observers& /*observers*/) {
+    const Pass pass(*this);
+    for (auto change = changes.begin(); change != changes.end(); ++change) {
+        visitCandidates(change->first,
+                        [this, change](Selection& selection) { match(selection, change); });
+    }
+    for (auto* selection : m_concerned) {
+        makePart(*selection, changes);
+    }
+    tellAll(changes);
 }
 
-void KeyPatternSelector::listWatchers(const ObserverCallbackMap<ObserveReq>& observers) {
-    *m_isListCurrent = false;
-    m_watchers.clear();
-    for (const auto& [address, observer] : observers) {
-        if (!observer.derived) {
-            observer.derived = std::make_shared<Watch>(
-                selectionFor(observer.request->key_pattern()), m_isListCurrent);
-        }
-        const auto* watch = static_cast<const Watch*>(observer.derived.get());
-        const auto& prefix = watch->selection->prefix;
-        m_watchers.push_back(
-            {observer.observeCallback.get(), watch, prefix.size(), endOf(prefix, prefix.size())});
+void KeyPatternSelector::deliverTo(const Observer& observer, const ChangeSetType& changes) {
+    auto* selection = selectionOf(observer);
+    if (selection == nullptr) {
+        return;
     }
-    *m_isListCurrent = true;
+    const Pass pass(*this);
+    for (auto change = changes.begin(); change != changes.end(); ++change) {
+        match(*selection, change);
+    }
+    if (!m_concerned.empty()) {
+        makePart(*selection, changes);
+        tell(*observer.observeCallback, *selection, changes);
+    }
 }
 
-KeyPatternSelector::SelectionPtr KeyPatternSelector::selectionFor(const std::string& keyPattern) {
-    dropUnusedSelections();
-    auto& shared = m_selections[keyPattern];
-    if (auto existing = shared.lock()) {
-        return existing;
-    }
-    auto selection = std::make_shared<Selection>();
-    shared = selection;
-    try {
-        parse(keyPattern, *selection);
-    } catch (const PathError&) {
-        // The observer was told when it arrived.
-    }
+ChangeSetType KeyPatternSelector::snapshotFor(const Observer& observer, const DataTree& tree) {
+    const auto* selection = selectionOf(observer);
+    return selection == nullptr ? ChangeSetType() : selection->pattern.snapshotOf(m_path, tree);
+}
+
+KeyPatternSelector::Selection* KeyPatternSelector::selectionOf(const Observer& observer) {
+    const auto found = m_selections.find(observer.request->key_pattern());
+    return found == m_selections.end() ? nullptr : &found->second;
+}
+
+KeyPatternSelector::Selection& KeyPatternSelector::addSelection(const std::string& keyPattern) {
+    auto& selection =
+        m_selections.try_emplace(keyPattern, KeyPattern(m_path, keyPattern)).first->second;
+    const auto& shape = selection.pattern.shape();
+    m_byShape[shape][shape.hashOf(keyPattern).value()].insert(&selection);
     return selection;
 }
 
-void KeyPatternSelector::parse(const std::string& keyPattern, Selection& selection) const {
-    auto pattern = m_path.parsePath(PathType::KeyPattern, keyPattern);
-    std::size_t literals = 0;
-    while (literals < pattern.size() && std::holds_alternative<std::string>(pattern[literals])) {
-        selection.prefix.append("/").append(std::get<std::string>(pattern[literals]));
-        ++literals;
+void KeyPatternSelector::removeSelection(Selections::iterator position) {
+    const auto& shape = position->second.pattern.shape();
+    const auto ofShape = m_byShape.find(shape);
+    const auto ofHash = ofShape->second.find(shape.hashOf(position->first).value());
+    ofHash->second.erase(&position->second);
+    if (ofHash->second.empty()) {
+        ofShape->second.erase(ofHash);
     }
-    if (literals == pattern.size()) {
-        selection.kind = Selection::Kind::Key;
-        selection.prefix = keyPattern;
-    } else if (literals + 1 == pattern.size() &&
-               std::get<WildCard>(pattern.back()) == WildCard::DoubleStar) {
-        selection.kind = Selection::Kind::Subtree;
-    } else {
-        selection.kind = Selection::Kind::Pattern;
-        selection.pattern = std::move(pattern);
+    if (ofShape->second.empty()) {
+        m_byShape.erase(ofShape);
+    }
+    m_selections.erase(position);
+}
+
+/// Calls `visit` for each selection whose pattern has the key's literals where it has some.
+template <typename Visitor>
+void KeyPatternSelector::visitCandidates(const std::string& key, Visitor visit) {
+    for (const auto& [shape, selections] : m_byShape) {
+        const auto hash = shape.hashOf(key);
+        const auto found = hash ? selections.find(*hash) : selections.end();
+        if (found != selections.end()) {
+            std::for_each(found->second.begin(), found->second.end(),
+                          [&visit](Selection* selection) { visit(*selection); });
+        }
     }
 }
 
-void KeyPatternSelector::dropUnusedSelections() {
-    if (m_selections.size() < m_sweepSize) {
+void KeyPatternSelector::match(Selection& selection, ChangeSetType::const_iterator change) {
+    if (selection.failure) {
         return;
     }
-    for (auto it = m_selections.begin(); it != m_selections.end();) {
-        it = it->second.expired() ? m_selections.erase(it) : std::next(it);
+    try {
+        if (!selection.pattern.selects(m_path, change->first)) {
+            return;
+        }
+    } catch (...) {
+        // Raised where its first observer would be called: those ahead of it get their changes.
+        selection.failure = std::current_exception();
     }
-    m_sweepSize = std::max<std::size_t>(16, 2 * m_selections.size());
+    if (selection.selected.empty()) {
+        m_concerned.push_back(&selection);
+    }
+    selection.selected.push_back(change);
 }
 
-void KeyPatternSelector::select(const ChangeSetType& changes, const SelectionPtr& selection) {
-    m_selected.clear();
-    for (auto change = changes.begin(); change != changes.end(); ++change) {
-        if (selects(*selection, change->first)) {
-            m_selected.push_back(change);
+void KeyPatternSelector::makePart(Selection& selection, const ChangeSetType& changes) {
+    if (selection.selected.size() < changes.size()) {
+        for (const auto& change : selection.selected) {
+            selection.part.emplace_hint(selection.part.end(), *change);
         }
     }
-    selection->isWhole = m_selected.size() == changes.size();
-    if (!selection->isWhole && !m_selected.empty()) {
-        m_withPart.push_back(selection);
-        for (const auto& change : m_selected) {
-            selection->part.emplace_hint(selection->part.end(), *change);
+}
+
+/// Calls the observers of all concerned selections, in the order of their callbacks' addresses.
+void KeyPatternSelector::tellAll(const ChangeSetType& changes) {
+    if (m_concerned.size() == 1) {
+        for (const auto* callback : m_concerned.front()->observers) {
+            tell(*callback, *m_concerned.front(), changes);
+        }
+        return;
+    }
+    for (const auto* selection : m_concerned) {
+        for (const auto* callback : selection->observers) {
+            m_calls.emplace_back(callback, selection);
         }
     }
-    selection->pass = m_pass;
+    std::sort(m_calls.begin(), m_calls.end(), [](const auto& left, const auto& right) {
+        return std::less<>()(left.first, right.first);
+    });
+    for (const auto& [callback, selection] : m_calls) {
+        tell(*callback, *selection, changes);
+    }
 }
 
-bool KeyPatternSelector::selects(const Selection& selection, const std::string& key) const {
-    // Most keys differ from most patterns here, so that no key has to be parsed for them.
-    const auto& prefix = selection.prefix;
-    if (key.size() < prefix.size() || std::memcmp(key.data(), prefix.data(), prefix.size()) != 0) {
-        return false;
+void KeyPatternSelector::tell(const ObserverCallback& callback, const Selection& selection,
+                              const ChangeSetType& changes) const {
+    if (selection.failure) {
+        std::rethrow_exception(selection.failure);
     }
-    if (selection.kind == Selection::Kind::Key) {
-        return key.size() == prefix.size();
-    }
-    const bool isAtOrBelow = key.size() == prefix.size() || key[prefix.size()] == '/';
-    return isAtOrBelow && (selection.kind == Selection::Kind::Subtree ||
-                           m_path.keyMatches(key, selection.pattern));
-}
-
-void KeyPatternSelector::forgetPass() {
-    for (const auto& selection : m_withPart) {
-        selection->part.clear();
-    }
-    m_withPart.clear();
-    m_selected.clear();
-    m_changedKeys.clear();
+    callback(selection.part.empty() ? changes : selection.part, m_ok);
 }
 
 }  // namespace Hox::ObserverTree

@@ -1,15 +1,19 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
+#include <exception>
 #include <map>
-#include <memory>
+#include <optional>
+#include <set>
 #include <string>
-#include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "hox/observer_tree/iobserve_handler.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "hox/observer_tree/tree_types.h"
+#include "key_pattern.h"
 #include "obstree.pb.h"
 
 namespace Hox::ObserverTree {
@@ -17,77 +21,57 @@ namespace Hox::ObserverTree {
 /// Selects changes for observers by their key patterns.
 ///
 /// A pattern is parsed once and shared by all observers that use it, and its selection is made once
-/// per delivery. Runs under the observer mutex of its node, which serialises all calls.
-class KeyPatternSelector {
+/// per delivery. The patterns that may select a changed key are found by their literals, so that
+/// the others cost nothing. An observer with a malformed pattern is passed over.
+class KeyPatternSelector final : public IObserveHandler<TreeNode, ObserveReq> {
 public:
-    /// Calls each observer, in map order, with the changes that its pattern selects, if any. An
-    /// observer with a malformed pattern is passed over. Throws std::bad_variant_access for a
-    /// pattern that cannot be matched; the observers behind it then miss the changes.
-    void deliver(const ChangeSetType& changes, const ObserverCallbackMap<ObserveReq>& observers);
+    void observerArrived(const Observer& observer) override;
+    void observerLeft(const Observer& observer) override;
+    void deliver(const ChangeSetType& changes, const Observers& observers) override;
+    void deliverTo(const Observer& observer, const ChangeSetType& changes) override;
+    ChangeSetType snapshotFor(const Observer& observer, const DataTree& tree) override;
+
+    /// What the observer that came last is to be told of its pattern, nothing for a good one. Runs
+    /// on the thread that has brought the observer, with the handler lock still held since then.
+    std::optional<Status> takeRefusal();
 
 private:
-    /// What all observers with one pattern share.
+    /// The observers with one pattern, and what it selects from the changes of one pass.
     struct Selection {
-        /// What decides whether a key is selected.
-        enum class Kind {
-            Nothing,  ///< The pattern is malformed.
-            Key,      ///< `prefix` is the one key.
-            Subtree,  ///< Every key at or below `prefix`.
-            Pattern,  ///< Every key at or below `prefix` that `pattern` matches.
-        };
+        explicit Selection(KeyPattern parsed) : pattern(std::move(parsed)) {}
 
-        Kind kind = Kind::Nothing;
-        uint64_t pass = 0;       // the delivery that the rest belongs to
-        bool isWhole = false;    // selects every change
-        std::string prefix;      // the literal components ahead of the first wildcard
-        ChangeSetType part;      // the selected changes, unless isWhole
-        PathComponents pattern;  // only for Kind::Pattern, as it takes twenty times its text
-    };
-    using SelectionPtr = std::shared_ptr<Selection>;
-
-    /// What is derived from one observer's request; tells when that observer goes.
-    struct Watch {
-        Watch(SelectionPtr shared, std::shared_ptr<bool> isCurrent)
-            : selection(std::move(shared)), isListCurrent(std::move(isCurrent)) {}
-        ~Watch() { *isListCurrent = false; }
-        Watch(const Watch&) = delete;
-        Watch(Watch&&) = delete;
-        Watch& operator=(const Watch&) = delete;
-        Watch& operator=(Watch&&) = delete;
-
-        const SelectionPtr selection;
-        const std::shared_ptr<bool> isListCurrent;
+        KeyPattern pattern;
+        std::set<const ObserverCallback*> observers;
+        std::vector<ChangeSetType::const_iterator> selected;
+        ChangeSetType part;          // what is selected, unless that is everything
+        std::exception_ptr failure;  // of the matcher
     };
 
-    /// An observer in short, so that one that watches something else is passed over at a glance.
-    struct Watcher {
-        const ObserverCallback* callback;
-        const Watch* watch;
-        std::size_t prefixSize;
-        uint64_t prefixEnd;  // the last bytes of the prefix, 0 where it has fewer
+    using Selections = std::map<std::string, Selection>;
+    /// Selections whose patterns have one shape, by the hash of their literals.
+    using SelectionsByHash = std::unordered_map<std::size_t, std::set<Selection*>>;
 
-        bool mayWatch(const std::vector<std::string_view>& keys) const;
-    };
+    /// Forgets the pass at its end, however that comes.
+    struct Pass;
 
-    void listWatchers(const ObserverCallbackMap<ObserveReq>& observers);
-    bool isListOf(const ObserverCallbackMap<ObserveReq>& observers) const;
-    SelectionPtr selectionFor(const std::string& keyPattern);
-    void parse(const std::string& keyPattern, Selection& selection) const;
-    void dropUnusedSelections();
-    void select(const ChangeSetType& changes, const SelectionPtr& selection);
-    bool selects(const Selection& selection, const std::string& key) const;
-    void forgetPass();
+    Selection* selectionOf(const Observer& observer);
+    Selection& addSelection(const std::string& keyPattern);
+    void removeSelection(Selections::iterator position);
+    template <typename Visitor>
+    void visitCandidates(const std::string& key, Visitor visit);
+    void match(Selection& selection, ChangeSetType::const_iterator change);
+    void makePart(Selection& selection, const ChangeSetType& changes);
+    void tellAll(const ChangeSetType& changes);
+    void tell(const ObserverCallback& callback, const Selection& selection,
+              const ChangeSetType& changes) const;
 
-    PathManipulation m_path;
-    /// The observers in map order; counts as long as all of them are there.
-    std::vector<Watcher> m_watchers;
-    std::shared_ptr<bool> m_isListCurrent = std::make_shared<bool>(false);
-    std::map<std::string, std::weak_ptr<Selection>> m_selections;
-    std::size_t m_sweepSize = 16;  // size of m_selections that makes a sweep worth its while
-    uint64_t m_pass = 0;
-    std::vector<std::string_view> m_changedKeys;            // of one pass
-    std::vector<ChangeSetType::const_iterator> m_selected;  // of one selection
-    std::vector<SelectionPtr> m_withPart;  // hold changes that must not outlive the pass
+    const PathManipulation m_path;
+    const Status m_ok;
+    Selections m_selections;  // by pattern
+    std::map<KeyPatternShape, SelectionsByHash> m_byShape;
+    std::vector<Selection*> m_concerned;                                        // of one pass
+    std::vector<std::pair<const ObserverCallback*, const Selection*>> m_calls;  // of one pass
+    std::optional<Status> m_refusal;  // GUARDED_BY(handler lock of the tree)
 };
 
 }  // namespace Hox::ObserverTree

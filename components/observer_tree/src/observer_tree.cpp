@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "hox/cpputil/regex/bounded_regex.h"
-#include "hox/observer_tree/path_error.h"
 #include "key_pattern_selector.h"
 #include "obstree.pb.h"
 #include "reg_ex_selector.h"
@@ -26,43 +24,27 @@ ObserverTree::ObserverTree(const SharedState& state)
                       state.observeNodes),
       m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
 
-void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
+template <typename InMsg, typename Selector>
+void ObserverTree::registerSelector(const std::string& key) {
     // The observe handler first, as it may be refused; both at once, as every observer has to meet
     // both.
     const std::lock_guard<std::recursive_mutex> lock(*handlerLock());
-    registerObserveHandler<ObserveReq>(
-        key, [selector = std::make_shared<KeyPatternSelector>()](
-                 const ChangeSetType& changes, const ObserverCallbackMap<ObserveReq>& observers) {
-            selector->deliver(changes, observers);
-        });
-    registerNewObserverHandler<ObserveReq>(
-        key, [](const ObserveReq& request, const ObserverCallback& callback) {
-            try {
-                PathManipulation().parsePath(PathType::KeyPattern, request.key_pattern());
-            } catch (const PathError& error) {
-                callback(ChangeSetType(), Status(ProtoStatus::INVALID_ARGUMENT, error.what()));
+    const auto selector = std::make_shared<Selector>();
+    addObserveNode<InMsg>(key, selector);
+    registerNewObserverHandler<InMsg>(
+        key, [selector](const InMsg& /*request*/, const ObserverCallback& callback) {
+            if (const auto refusal = selector->takeRefusal()) {
+                callback(ChangeSetType(), *refusal);
             }
         });
 }
 
+void ObserverTree::registerDefaultObserveHandler(const std::string& key) {
+    registerSelector<ObserveReq, KeyPatternSelector>(key);
+}
+
 void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
-    const std::lock_guard<std::recursive_mutex> lock(*handlerLock());
-    registerObserveHandler<RegExObserveReq>(
-        key,
-        [](const ChangeSetType& changes, const ObserverCallbackMap<RegExObserveReq>& observers) {
-            RegExSelector::deliver(changes, observers);
-        });
-    registerNewObserverHandler<RegExObserveReq>(
-        key, [](const RegExObserveReq& request, const ObserverCallback& callback) {
-            try {
-                Hox::CppUtil::BoundedRegex{request.reg_ex()};
-            } catch (const std::exception& error) {
-                callback(ChangeSetType(),
-                         Status(ProtoStatus::INVALID_ARGUMENT,
-                                "Regular expression error, regex \"" + request.reg_ex() +
-                                    "\" not valid - " + error.what()));
-            }
-        });
+    registerSelector<RegExObserveReq, RegExSelector>(key);
 }
 
 std::string ObserverTree::dumpDataTree() {

@@ -6,8 +6,8 @@ ObserverTreeHandlerReg::ObserverTreeHandlerReg(std::shared_ptr<FunctionTree> fun
                                                std::shared_ptr<std::recursive_mutex> handlerLock,
                                                std::shared_ptr<ObserveNodes> observeNodes)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
-      m_functionTree(std::move(functionTree)),
       m_handlerLock(std::move(handlerLock)),
+      m_functionTree(std::move(functionTree)),
       m_observeNodes(std::move(observeNodes)) {}
 
 void ObserverTreeHandlerReg::checkAddress(const std::string& key) {

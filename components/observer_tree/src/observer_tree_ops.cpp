@@ -18,11 +18,11 @@ ObserverTreeOps::ObserverTreeOps(std::shared_ptr<FunctionTree> functionTree,
                                  std::shared_ptr<std::recursive_mutex> dataLock,
                                  std::shared_ptr<ObserveNodes> observeNodes)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
-      m_functionTree(std::move(functionTree)),
       m_handlerLock(std::move(handlerLock)),
-      m_dataTree(std::move(dataTree)),
       m_dataLock(std::move(dataLock)),
-      m_observeNodes(std::move(observeNodes)) {}
+      m_functionTree(std::move(functionTree)),
+      m_observeNodes(std::move(observeNodes)),
+      m_dataTree(std::move(dataTree)) {}
 
 std::any ObserverTreeOps::observeCast(const std::string& key, const BaseMsgType& inMsg,
                                       ObserverCallback callback,
@@ -63,11 +63,7 @@ std::shared_ptr<TreeNode> ObserverTreeOps::requireObserveNode(const std::string&
 }
 
 void ObserverTreeOps::deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle) {
-    ChangeSetType snapshot;
-    for (const auto& [key, value] : *m_dataTree) {
-        snapshot.emplace_hint(snapshot.end(), key,
-                              ChangeSetType::mapped_type{ChangeSetMapVal{value, nullptr}});
-    }
+    auto snapshot = node->snapshotFor(handle, *m_dataTree);
     callAllObserveHandlers(*m_dataTree,
                            [node, snapshot = std::move(snapshot), handle = std::move(handle)] {
                                node->callObserveHandler(snapshot, handle);

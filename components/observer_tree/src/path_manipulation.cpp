@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "hox/cpputil/log/logsystem.h"
+#include "hox/observer_tree/key_components.h"
 #include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/unexpected_index.h"
 
@@ -14,7 +15,7 @@ namespace Hox::ObserverTree {
 
 namespace {
 
-constexpr char separator = '/';
+constexpr char separator = KeyComponents::separator;
 
 std::string naming(const std::string& path) {
     return "path = " + path + ". ";
@@ -71,20 +72,13 @@ void forEachComponent(PathType type, const std::string& path, Visitor visit) {
         throw PathError("Initial character of path must be '/'; " + naming(path), __FILE__,
                         __LINE__);
     }
-    if (path.size() == 1) {
-        return;
-    }
-    if (path.back() == separator) {
+    if (path.size() > 1 && path.back() == separator) {
         throw PathError("Final character of path must not be '/' ; " + naming(path), __FILE__,
                         __LINE__);
     }
     bool doubleStarSeen = false;
-    std::string_view rest = path;
-    while (!rest.empty()) {
-        rest.remove_prefix(1);
-        const auto component = rest.substr(0, rest.find(separator));
+    for (const auto component : KeyComponents(path)) {
         visit(component, parseComponent(type, component, path, doubleStarSeen));
-        rest.remove_prefix(component.size());
     }
 }
 
@@ -155,16 +149,10 @@ bool PathManipulation::isKey(std::string_view text) const {
     if (text.empty() || text.front() != separator || text.find('*') != std::string_view::npos) {
         return false;
     }
-    std::size_t start = 1;
-    while (text.size() > 1) {
-        const auto end = std::min(text.find(separator, start), text.size());
-        if (end == start || isFunctionTreeOnly(text.substr(start, end - start))) {
+    for (const auto component : KeyComponents(text)) {
+        if (component.empty() || isFunctionTreeOnly(component)) {
             return false;
         }
-        if (end == text.size()) {
-            break;
-        }
-        start = end + 1;
     }
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include <google/protobuf/util/message_differencer.h>
 
+#include "hox/observer_tree/message_ptr.h"
 #include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
@@ -139,6 +140,41 @@ TEST(ChangeSetFromWire, ReadsAnAbsentStatusAsOk) {
     EXPECT_FALSE(received.has_observestatus());
     EXPECT_EQ(received.observestatus().statuscode(), ProtoStatus::OK);
     EXPECT_EQ(received.observestatus().errormessage(), "");
+}
+
+ObsTreeObserveChangeSet mixedWire() {
+    ObsTreeObserveChangeSet wire;
+    toWire({{"/c", {{value(std::string(100, 'n')), nullptr}}},
+            {"/a", {{value("2"), value(std::string(100, 'o'))}, {nullptr, value("3")}}},
+            {"/b", {{nullptr, nullptr}}},
+            {"/a/b", {}}},
+           wire);
+    wire.mutable_observestatus()->set_errormessage("kept");
+    return wire;
+}
+
+TEST(ChangeSetFromWire, GivesTheSameOfAMessageThatIsGivenOver) {
+    const auto received = sent(mixedWire());
+    const auto expected = fromWire(received);
+    EXPECT_EQ(linesOf(fromWire(sent(mixedWire()))), linesOf(expected));
+    auto inArena = makeArenaMessage<ObsTreeObserveChangeSet>();
+    *inArena = mixedWire();
+    const auto left = fromWire(std::move(*inArena));
+    inArena = nullptr;
+    EXPECT_EQ(linesOf(left), linesOf(expected));
+    ASSERT_EQ(expected.size(), 4U);
+    EXPECT_EQ(expected.at("/a").size(), 2U);
+}
+
+TEST(ChangeSetFromWire, MovesTheValuesOutOfAMessageThatIsGivenOver) {
+    auto wire = mixedWire();
+    const auto* bytes = onlyPair(wire, "/c").currentmessage().value().data();
+    const auto copied = fromWire(std::as_const(wire));
+    EXPECT_NE(copied.at("/c").at(0).current->toAny()->value().data(), bytes);
+    const auto taken = fromWire(std::move(wire));
+    EXPECT_EQ(taken.at("/c").at(0).current->toAny()->value().data(), bytes);
+    EXPECT_EQ(linesOf(taken), linesOf(copied));
+    EXPECT_EQ(wire.observestatus().errormessage(), "kept");  // NOLINT(bugprone-use-after-move)
 }
 
 TEST(ChangeSetConversion, LosesNothingBothWays) {

@@ -203,7 +203,7 @@ TEST_F(ObservedNode, TellsTheHookOfALeavingObserverThatIsStillInTheMap) {
     EXPECT_THAT(observations.calls(), IsEmpty());
 }
 
-TEST_F(ObservedNode, TellsEachHookOnce) {
+TEST_F(ObservedNode, TellsOnlyTheLastHookWhateverItsMessageType) {
     std::vector<std::string> told;
     const auto typed = [&](const char* name) {
         return [&told, name](const StringValue& request, const ObserverCallback&) {
@@ -226,7 +226,12 @@ TEST_F(ObservedNode, TellsEachHookOnce) {
     m_node->setNewObserverHandler<BaseMsgType>(cast("cast new "));
     m_node->setObserverGoneHandler<BaseMsgType>(cast("cast gone "));
     observe(observations, "3").reset();
-    EXPECT_THAT(told, ElementsAre("new 3", "cast new 3", "gone 3", "cast gone 3"));
+    EXPECT_THAT(std::exchange(told, {}), ElementsAre("cast new 3", "cast gone 3"));
+
+    m_node->setNewObserverHandler<StringValue>(typed("new "));
+    m_node->setObserverGoneHandler<StringValue>(typed("gone "));
+    observe(observations, "4").reset();
+    EXPECT_THAT(told, ElementsAre("new 4", "gone 4"));
 }
 
 TEST_F(ObservedNode, ReplacesAHookWithoutComplaint) {
@@ -241,6 +246,14 @@ TEST_F(ObservedNode, ReplacesAHookWithoutComplaint) {
     Observations observations;
     observe(observations).reset();
     EXPECT_THAT(told, ElementsAre("second", "second"));
+}
+
+TEST_F(ObservedNode, RefusesAnObserverWithAnotherRequestTypeThanItsHook) {
+    const AssertionReports reports;
+    m_node->setNewObserverHandler<Int64Value>([](const Int64Value&, const ObserverCallback&) {});
+    Observations observations;
+    EXPECT_THROW(observe(observations), std::bad_cast);
+    EXPECT_THAT(reports.conditions(), ElementsAre("false"));
 }
 
 TEST_F(ObservedNode, ForgetsAnObserverWhoseHookThrows) {

@@ -200,6 +200,34 @@ TEST(DataTreeMap, OrdersKeysBytewiseAndThenByLength) {
     EXPECT_TRUE(map.lower_bound("/\xff") == map.end());
 }
 
+std::vector<std::string> keysWithPrefix(const DataTreeValMap& map, const std::string& prefix) {
+    std::vector<std::string> keys;
+    for (const auto& [key, held] : map.withPrefix(prefix)) {
+        keys.push_back(key);
+    }
+    EXPECT_EQ(map.withPrefix(prefix).empty(), keys.empty()) << prefix;
+    return keys;
+}
+
+TEST(DataTreeMap, GivesTheKeysWithAPrefix) {
+    DataTreeValMap map;
+    for (const char* key :
+         {"/", "/a", "/a!", "/a/b", "/a/c/d", "/a0", "/b", "/\xff", "/\xff\xff"}) {
+        map.insert_or_assign(key, value("x"));
+    }
+    EXPECT_THAT(keysWithPrefix(map, "/a/"), ElementsAre("/a/b", "/a/c/d"));
+    EXPECT_THAT(keysWithPrefix(map, "/a"), ElementsAre("/a", "/a!", "/a/b", "/a/c/d", "/a0"));
+    EXPECT_THAT(keysWithPrefix(map, "/b"), ElementsAre("/b"));
+    EXPECT_THAT(keysWithPrefix(map, "/\xff"), ElementsAre("/\xff", "/\xff\xff"));
+    EXPECT_THAT(keysWithPrefix(map, "/\xff\xff"), ElementsAre("/\xff\xff"));
+    EXPECT_THAT(keysWithPrefix(map, "\xff"), IsEmpty());
+    EXPECT_THAT(keysWithPrefix(map, "/a/bb"), IsEmpty());
+    EXPECT_THAT(keysWithPrefix(map, "/c"), IsEmpty());
+    EXPECT_EQ(keysWithPrefix(map, ""), keysOf(map));
+    EXPECT_EQ(keysWithPrefix(map, "/"), keysOf(map));
+    EXPECT_THAT(keysWithPrefix(DataTreeValMap(), "/"), IsEmpty());
+}
+
 TEST(DataTreeMap, HasNoSideEffectsOfReads) {
     DataTreeValMap map;
     EXPECT_TRUE(map.find("/a") == map.end());

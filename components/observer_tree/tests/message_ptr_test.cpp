@@ -18,7 +18,28 @@ TEST(MessagePtr, TakesAnOrdinaryMessageOver) {
     EXPECT_EQ(dynamic_cast<const StringValue&>(*base).value(), longText);
 }
 
+TEST(MessagePtr, GivesItsMessageAwayAsTheUsualPointer) {
+    MessagePtr<StringValue> ordinary = std::make_unique<StringValue>(message(longText));
+    const auto* const address = ordinary.get();
+    const std::unique_ptr<StringValue> given = std::move(ordinary);
+    EXPECT_EQ(given.get(), address);
+    EXPECT_EQ(ordinary, nullptr);  // NOLINT(bugprone-use-after-move)
+
+    MessagePtr<StringValue> inArena = makeArenaMessage<StringValue>();
+    inArena->set_value(longText);
+    MessagePtr<google::protobuf::Message> base = std::move(inArena);
+    std::unique_ptr<google::protobuf::Message> copy;
+    copy = std::move(base);
+    EXPECT_EQ(base, nullptr);  // NOLINT(bugprone-use-after-move)
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->GetArena(), nullptr);
+    EXPECT_EQ(dynamic_cast<const StringValue&>(*copy).value(), longText);
+}
+
 TEST(MessagePtr, MayBeEmpty) {
+    const std::unique_ptr<StringValue> nothing = MessagePtr<StringValue>();
+    EXPECT_EQ(nothing, nullptr);
+
     MessagePtr<StringValue> empty = nullptr;
     empty = std::unique_ptr<StringValue>();
     EXPECT_EQ(empty, nullptr);

@@ -31,7 +31,7 @@ void answerEmpty(ObserverTree& tree, const std::string& address) {
 }
 
 void answerTaking(ObserverTree& tree, const std::string& address) {
-    tree.registerUnaryTakingOpHandler<UnaryOps::UPDATE, StringValue, StringValue>(
+    tree.registerUnaryOpHandler<UnaryOps::UPDATE, StringValue, StringValue>(
         address, [](StringValue&&, DataTree&) {
             return UnaryHandlerReturnType<StringValue>{std::make_unique<StringValue>(), Status()};
         });

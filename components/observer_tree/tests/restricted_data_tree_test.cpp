@@ -52,6 +52,19 @@ TEST(RestrictedDataTree, TakesDottedComponentsForAnyOne) {
     EXPECT_EQ(accessError([&] { tree.checkAccess("/"); }), refusal("/", "*/**"));
 }
 
+TEST(RestrictedDataTree, ReadsKeysWithAPrefixWhateverItsLimit) {
+    DataTree tree;
+    tree.setKeyPattern("/a");
+    tree.insert_or_assign("/a/b", value("1"));
+    tree.setKeyPattern("/elsewhere");
+    const DataTree& readOnly = tree;
+    std::vector<std::string> keys;
+    for (const auto& element : readOnly.withPrefix(std::string("/") + "a/")) {
+        keys.push_back(element.first);
+    }
+    EXPECT_THAT(keys, ElementsAre("/a/b"));
+}
+
 TEST(RestrictedDataTree, AllowsEverythingBelowTheRootAddress) {
     DataTree tree;
     tree.setKeyPattern("/");

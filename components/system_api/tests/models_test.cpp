@@ -28,6 +28,8 @@ protected:
                std::to_string(partNumber) + R"(","revision":"1"})";
     }
 
+    void SetUp() override { ASSERT_FALSE(modelTable().empty()); }
+
     /// A part number that no model has.
     static int unknownPartNumber() {
         std::set<int> known;

@@ -70,7 +70,8 @@ TEST_F(SerialRecords, MayBeNone) {
 TEST_F(SerialRecords, KeepASerialOfAnyCharacters) {
     const auto records =
         read(R"([{"type":"0","serial":"a\u0000b\u00e9","partnumber":"1","revision":"1"}])");
-    EXPECT_EQ(records.at(0).serial, std::string("a\0b\xc3\xa9", 5));
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].serial, std::string("a\0b\xc3\xa9", 5));
 }
 
 TEST_F(SerialRecords, AreRefusedInAFileOfAnotherShape) {
@@ -152,6 +153,14 @@ TEST_F(SerialRecordsDeathTest, OtherCharactersThanDigitsEndTheProcess) {
         EXPECT_DEATH(read(recordWith(R"("1")", R"("1")", value)),
                      "Assertion failed: \\[CppUtil::str_isonly_digits\\(revision\\)\\]");
     }
+}
+
+TEST_F(SerialRecordsDeathTest, OfSeveralWrongNumbersTheTypeIsNamedThenThePartNumber) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_DEATH(read(recordWith(R"("x")", R"("x")", R"("x")")),
+                 "Assertion failed: \\[CppUtil::str_isonly_digits\\(type\\)\\]");
+    EXPECT_DEATH(read(recordWith(R"("1")", R"("x")", R"("x")")),
+                 "Assertion failed: \\[CppUtil::str_isonly_digits\\(partNumber\\)\\]");
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ void ConfCapMngr::serverStarted(Hox::Service::LumServiceCtx& ctx) {
 void ConfCapMngr::proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) {
     const auto paths = ctx.getCapabilityPaths(Hox::Service::capabilityName(id()));
     m_confObstreeHandler = std::make_unique<ConfObstreeHandler>(
-        *m_observerTree, ctx.getCapabilityLock(), paths.confPath, ctx.getIdentity().id);
+        *m_observerTree, ctx.getCapabilityLock(), m_mutex, paths.confPath, ctx.getIdentity().id);
     m_confObstreeHandler->setStateTree(m_stateTree);
     m_confObstreeHandler->registerObsTreeHandlers();
     m_confObstreeHandler->addObservers();

@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "hox/cpputil/assertion/assertion.h"
-#include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/string/string_utils.h"
-#include "hox/observer_tree/path_manipulation.h"
 
 namespace Hox::Capability::Configuration {
 
@@ -26,13 +24,6 @@ constexpr std::size_t maxComponentSize = 255;
 
 /// The expression of what is saved does not match line ends, and a path ends at a zero.
 constexpr std::string_view unstorableBytes("\n\r\0", 3);
-
-/// Whether the key goes into the tree when it is loaded.
-bool isKept(const std::string& key) {
-    static const std::string start = std::string(confRoot) + "/";
-    return Hox::CppUtil::str_starts_with(start, key) &&
-           key.find_first_of("\n\r") == std::string::npos;
-}
 
 /// What a byte of the message of a status takes on the wire.
 std::size_t sizeInStatus(char byte) {
@@ -74,6 +65,17 @@ bool isReservedName(std::string_view component) {
     return component == "data" || component == "data~";
 }
 
+/// Where the slash behind the root of the key's slice is; the end for a key in no slice.
+std::string::const_iterator sliceRootEnd(const std::string& key) {
+    auto iter = key.begin() + static_cast<std::ptrdiff_t>(std::min(uniqueIdStart, key.size()));
+    for (int slashes = 0; iter != key.end(); ++iter) {
+        if (*iter == '/' && ++slashes == slashesOfSlice) {
+            break;
+        }
+    }
+    return iter;
+}
+
 }  // namespace
 
 std::string uniqueConfId(const Api::ConfId& confId) {
@@ -85,14 +87,14 @@ std::string capConfKey(const Api::ConfId& confId) {
 }
 
 std::size_t sliceRootLength(const std::string& key) {
-    auto iter = key.begin() + static_cast<std::ptrdiff_t>(std::min(uniqueIdStart, key.size()));
-    for (int slashes = 0; iter != key.end(); ++iter) {
-        if (*iter == '/' && ++slashes == slashesOfSlice) {
-            break;
-        }
-    }
+    const auto iter = sliceRootEnd(key);
     HOX_ASSERT(iter != key.end());
     return static_cast<std::size_t>(iter - key.begin());
+}
+
+bool isStateIdKey(const std::string& key) {
+    return isLoaded(key) && sliceRootEnd(key) != key.end() &&
+           key.substr(sliceRootLength(key)) == stateIdKey;
 }
 
 ChangeSetType splitCapConfKeys(Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet) {
@@ -118,20 +120,16 @@ ChangeSetType splitCapConfKeys(Hox::ObserverTree::ObsTreeObserveChangeSet&& chan
     return local;
 }
 
-void checkSaved(const ChangeSetType& content) {
-    const Hox::ObserverTree::PathManipulation path;
-    for (const auto& saved : content) {
-        const std::string& key = saved.first;
-        if (isKept(key)) {
-            if (key.size() <= maxKeySize) {
-                path.parsePath(Hox::ObserverTree::PathType::Key, key);
-            }
-            const std::string refusal = whyNotStorable(key);
-            if (!refusal.empty()) {
-                throw Hox::CppUtil::InvalidArgumentError(refusal, __FILE__, __LINE__);
-            }
-        }
-    }
+bool isLoaded(const std::string& key) {
+    static const std::string start = std::string(confRoot) + "/";
+    return Hox::CppUtil::str_starts_with(start, key) &&
+           key.find_first_of("\n\r") == std::string::npos;
+}
+
+std::string whyNotWritable(const std::string& key) {
+    const std::string refusal = whyNotStorable(key);
+    return refusal.empty() && sliceRootEnd(key) == key.end() ? "Key lies in no slice: " + shown(key)
+                                                             : refusal;
 }
 
 std::string whyNotStorable(const std::string& key) {
@@ -142,7 +140,11 @@ std::string whyNotStorable(const std::string& key) {
         return "Key is longer than " + std::to_string(maxKeySize) + " bytes: " + shown(key);
     }
     std::size_t start = 1;
-    while (start < key.size()) {
+    for (std::size_t components = 1; start < key.size(); ++components) {
+        if (components > maxKeyComponents) {
+            return "Key has more than " + std::to_string(maxKeyComponents) +
+                   " components: " + shown(key);
+        }
         const std::size_t end = std::min(key.find('/', start), key.size());
         const auto component = std::string_view(key).substr(start, end - start);
         if (component.size() > maxComponentSize) {

@@ -20,6 +20,9 @@ constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
 /// and would not fit the status of an answer.
 constexpr std::size_t maxKeySize = 3000;
 
+/// A key of more components is refused: its folders lie too deep.
+constexpr std::size_t maxKeyComponents = 128;
+
 /// The key that holds the state id of a slice, inside the slice.
 constexpr const char* stateIdKey = "/__csid";
 
@@ -48,12 +51,16 @@ void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::strin
     }
 }
 
-/// Throws what the tree would throw for saved values that are loaded: PathError for a key that is
-/// none, and InvalidArgumentError for a key that could be loaded, but not saved again. Keys outside
-/// of the store are passed over.
-void checkSaved(const Hox::ObserverTree::ChangeSetType& content);
+/// Whether a saved key goes into the tree when it is loaded.
+bool isLoaded(const std::string& key);
+
+/// Whether the key is that of the state id of a slice.
+bool isStateIdKey(const std::string& key);
 
 /// Why the file store cannot hold the key, or an empty text.
 std::string whyNotStorable(const std::string& key);
+
+/// Why no service could write the well-formed key, or an empty text.
+std::string whyNotWritable(const std::string& key);
 
 }  // namespace Hox::Capability::Configuration

@@ -2,12 +2,16 @@
 
 #include <google/protobuf/util/time_util.h>
 
+#include <chrono>
+#include <cstdint>
 #include <utility>
 
 #include "conf_keys.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "saved_copy.h"
+#include "slice_observers.h"
 #include "slice_update.h"
 #include "state_id.h"
 #include "state_monitoring.pb.h"
@@ -34,19 +38,33 @@ bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& r
     return stateId == tree.end() || holdsStateId(*stateId->second, request.lastcapconfstateid());
 }
 
+std::int64_t nanosecondsSinceEpoch() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
 }  // namespace
 
 ConfObstreeHandler::ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
                                        std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                                       std::shared_ptr<std::mutex> capabilityMutex,
                                        std::string confPath, std::string serviceId)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(tree),
+      m_savedCopy(std::make_unique<SavedCopy>(std::move(confPath))),
       m_persistHndlr(std::make_unique<Hox::ObserverTree::PersistenceHndlr>(
           tree, lock, std::string(), std::string(), std::string(), "/sys/conf/.*")),
-      m_confPath(std::move(confPath)),
-      m_serviceId(std::move(serviceId)) {
-    m_persistHndlr->init(false, m_confPath);
+      m_serviceId(std::move(serviceId)),
+      m_sliceObservers(std::make_unique<SliceObservers>(
+          std::move(capabilityMutex),
+          [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
+              greet(request, callback);
+          })) {
+    m_persistHndlr->init(false, m_savedCopy->folder(),
+                         [this](ChangeSetType& content) { m_savedCopy->mend(content); });
 }
+
+ConfObstreeHandler::~ConfObstreeHandler() = default;
 
 void ConfObstreeHandler::setStateTree(
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> stateTree) {
@@ -54,8 +72,7 @@ void ConfObstreeHandler::setStateTree(
 }
 
 void ConfObstreeHandler::registerObsTreeHandlers() {
-    m_tree.registerUnaryTakingOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq,
-                                        Api::UpdateCapConfResp>(
+    m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateCapConfReq, Api::UpdateCapConfResp>(
         confRoot, [this](Api::UpdateCapConfReq&& request, DataTree& tree) {
             return updateCapConf(request, tree);
         });
@@ -64,16 +81,17 @@ void ConfObstreeHandler::registerObsTreeHandlers() {
             return readSysConf();
         });
     m_tree.registerUnaryOpHandler<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
-        dataAddress, [this](const Api::UpdateSysConfReq& request, DataTree& /*tree*/) {
-            return updateSysConf(request);
+        dataAddress, [this](const Api::UpdateSysConfReq& request, DataTree& tree) {
+            return updateSysConf(request, tree);
         });
     m_tree.registerNewObserverHandler<Api::ObserveCapConfReq>(
         confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
-            observeCapConf(request, callback);
+            m_sliceObservers->arrive(request, callback);
         });
     m_tree.registerObserverGoneHandler<Api::ObserveCapConfReq>(
-        confRoot, [this](const Api::ObserveCapConfReq& request,
-                         const ObserverCallback& /*callback*/) { stopObserveCapConf(request); });
+        confRoot, [this](const Api::ObserveCapConfReq& request, const ObserverCallback& callback) {
+            m_sliceObservers->leave(request, callback);
+        });
     m_tree.registerUnaryOpHandler<UnaryOps::READ, Api::ReadCapConfReq, Api::ReadCapConfResp>(
         readAddress, [this](const Api::ReadCapConfReq& request, DataTree& tree) {
             return readCapConf(request, tree);
@@ -111,6 +129,7 @@ ConfObstreeHandler::Return<Api::UpdateCapConfResp> ConfObstreeHandler::updateCap
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Updating system configuration for {}",
                   root);
     notify(StateMonitoring::Api::WARN, "Sysconf cap update");
+    m_hasUnsavedChanges = true;
     update.apply(tree, [this](const std::string& key, const google::protobuf::Any& value) {
         if (m_logger->should_log(spdlog::level::debug)) {
             m_logger->log(Hox::Log::here(), spdlog::level::debug,
@@ -137,7 +156,8 @@ void ConfObstreeHandler::notify(StateMonitoring::Api::StateSeverity severity,
         Api::StateNotificationTypes_Name(Api::Cap_Configuration_SysConfPersisted));
     notification.set_source("sys/conf/update");
     notification.set_msg(msg);
-    *notification.mutable_timestamp() = google::protobuf::util::TimeUtil::GetCurrentTime();
+    *notification.mutable_timestamp() =
+        google::protobuf::util::TimeUtil::NanosecondsToTimestamp(nanosecondsSinceEpoch());
     Monitor::CreateStateNotificationResp response;
     m_stateTree->callUnary("/state/notifications", UnaryOps::CREATE, request, response);
 }
@@ -159,11 +179,8 @@ ConfObstreeHandler::Return<Api::ReadCapConfResp> ConfObstreeHandler::readCapConf
     return {std::move(response), Status()};
 }
 
-void ConfObstreeHandler::observeCapConf(const Api::ObserveCapConfReq& request,
-                                        const ObserverCallback& callback) {
-    const std::string uniqueConfId = Configuration::uniqueConfId(request.confid());
-    HOX_ASSERT(m_observeCbMap.find(uniqueConfId) == m_observeCbMap.end());
-    m_observeCbMap[uniqueConfId] = callback;
+void ConfObstreeHandler::greet(const Api::ObserveCapConfReq& request,
+                               const ObserverCallback& callback) {
     Api::ReadCapConfReq readRequest;
     *readRequest.mutable_confid() = request.confid();
     readRequest.set_confstateid(request.lastcapconfstateid());
@@ -174,12 +191,6 @@ void ConfObstreeHandler::observeCapConf(const Api::ObserveCapConfReq& request,
     } else {
         callback(ChangeSetType(), Status(ProtoStatus::ALREADY_EXISTS, std::string()));
     }
-}
-
-void ConfObstreeHandler::stopObserveCapConf(const Api::ObserveCapConfReq& request) {
-    const std::string uniqueConfId = Configuration::uniqueConfId(request.confid());
-    HOX_ASSERT(m_observeCbMap.find(uniqueConfId) != m_observeCbMap.end());
-    m_observeCbMap.erase(uniqueConfId);
 }
 
 void ConfObstreeHandler::onConfTreeChanged(const ChangeSetType& changes, const Status& /*status*/) {
@@ -193,10 +204,7 @@ void ConfObstreeHandler::onConfTreeChanged(const ChangeSetType& changes, const S
             key.substr(rootLength), keyChanges);
     }
     for (const auto& [uniqueConfId, group] : groups) {
-        const auto observer = m_observeCbMap.find(uniqueConfId);
-        if (observer != m_observeCbMap.end()) {
-            observer->second(group, Status());
-        }
+        m_sliceObservers->tell(uniqueConfId, group);
     }
 }
 

@@ -77,6 +77,10 @@ Hox::ObserverTree::DataTreeValPtr stateIdToValue(const std::string& stateId) {
     return std::make_shared<const Hox::ObserverTree::DataTreeVal>(std::move(outer));
 }
 
+bool isStateId(const Hox::ObserverTree::DataTreeVal& value) {
+    return valueToStateId(value).has_value();
+}
+
 bool holdsStateId(const Hox::ObserverTree::DataTreeVal& value, const std::string& stateId) {
     return valueToStateId(value) == stateId;
 }

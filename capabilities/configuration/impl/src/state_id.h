@@ -13,6 +13,9 @@ std::string newStateId();
 /// text is the JSON form of a packed StringValue that holds the id.
 Hox::ObserverTree::DataTreeValPtr stateIdToValue(const std::string& stateId);
 
+/// Whether the tree value holds an id that can be read.
+bool isStateId(const Hox::ObserverTree::DataTreeVal& value);
+
 /// Whether the tree value holds this id. A value that cannot be read holds no id at all.
 bool holdsStateId(const Hox::ObserverTree::DataTreeVal& value, const std::string& stateId);
 

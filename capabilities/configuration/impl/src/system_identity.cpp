@@ -1,8 +1,10 @@
 #include "system_identity.h"
 
-#include <fstream>
+#include <optional>
+#include <sstream>
 
 #include "hox/cpputil/error/file_system_error.h"
+#include "hox/linutils/files.h"
 #include "hox/system_api/models.h"
 
 namespace fs = std::filesystem;
@@ -18,14 +20,18 @@ constexpr const char* variantFile = "swvariant";
 constexpr const char* variantTemporary = "swvariant.new";
 constexpr const char* partNumberFile = "partno";
 
-/// A package may hold pipes and devices, which are never opened: they might not come to an end.
-bool mayBlock(const fs::path& path) {
-    const auto status = fs::status(path);
-    return fs::is_fifo(status) || fs::is_character_file(status) || fs::is_block_file(status);
+constexpr fs::perms fileRights =
+    fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;
+
+/// Empty for a file that does not exist. Throws std::filesystem::filesystem_error for one that
+/// cannot be read.
+std::optional<std::istringstream> openIfThere(const fs::path& path) {
+    return fs::exists(path) ? std::make_optional<std::istringstream>(LinuxCppUtil::readFile(path))
+                            : std::nullopt;
 }
 
-/// A package may also hold what leads out of the folder or blocks: a file that is written there
-/// must be its own.
+/// A folder that was changed by hand may hold what leads out of it or blocks: a file that is
+/// written there must be its own.
 void makeWayForAFile(const fs::path& path) {
     const auto status = fs::symlink_status(path);
     const bool isOwnFile = fs::is_regular_file(status) && fs::hard_link_count(path) == 1;
@@ -36,10 +42,9 @@ void makeWayForAFile(const fs::path& path) {
 
 void writePartNumber(std::uint32_t partNumber, const fs::path& path) {
     makeWayForAFile(path);
-    std::ofstream file(path, std::ios::trunc);
-    file << partNumber << '\n';
-    file.close();
-    if (file.fail()) {
+    try {
+        LinuxCppUtil::writeFile(path, std::to_string(partNumber) + "\n");
+    } catch (const fs::filesystem_error&) {
         throw Hox::CppUtil::FileSystemError("Unable to write partno file", __FILE__, __LINE__);
     }
 }
@@ -73,14 +78,12 @@ SystemIdentity readSystemIdentity() {
 
 SystemIdentity readPackageIdentity(const fs::path& dir) {
     SystemIdentity identity;
-    identity.variant = mayBlock(dir / variantFile) ? HeadendSWVariant::UNKNOWN
-                                                   : Hox::SystemAPI::deSerialize(dir / variantFile);
-    if (mayBlock(dir / partNumberFile)) {
-        return identity;
+    if (auto file = openIfThere(dir / variantFile)) {
+        identity.variant = Hox::SystemAPI::deSerialize(*file);
     }
-    std::ifstream file(dir / partNumberFile);
+    auto file = openIfThere(dir / partNumberFile);
     std::string line;
-    if (std::getline(file, line)) {
+    if (file && std::getline(*file, line)) {
         identity.partNumber = static_cast<std::uint32_t>(std::stoi(line));
     }
     return identity;
@@ -89,6 +92,7 @@ SystemIdentity readPackageIdentity(const fs::path& dir) {
 void writePackageIdentity(const SystemIdentity& identity, const fs::path& dir) {
     makeWayForAFile(dir / variantTemporary);  // which is renamed to the variant file in the end
     Hox::SystemAPI::serialize(identity.variant, dir / variantFile);
+    fs::permissions(dir / variantFile, fileRights);
     writePartNumber(identity.partNumber, dir / partNumberFile);
 }
 

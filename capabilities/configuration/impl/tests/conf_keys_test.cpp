@@ -73,10 +73,42 @@ TEST(ConfKeys, ThatNoFileCanHoldAreTold) {
     EXPECT_EQ(whyNotStorable("/a/database"), "");
     std::string longKey;
     while (longKey.size() < 3000) {
-        longKey += "/123456789";
+        longKey += "/" + std::string(99, 'x');
     }
     EXPECT_EQ(whyNotStorable(longKey), "");
     EXPECT_THAT(whyNotStorable(longKey + "x"), HasSubstr(longKey));
+    std::string deepKey = "/sys/conf";
+    for (int count = 2; count < 128; ++count) {
+        deepKey += "/a";
+    }
+    EXPECT_EQ(whyNotStorable(deepKey), "");
+    EXPECT_EQ(whyNotStorable(deepKey + "/b"),
+              "Key has more than 128 components: " + deepKey + "/b");
+}
+
+TEST(ConfKeys, ThatNoServiceCouldWriteAreTold) {
+    EXPECT_EQ(whyNotWritable("/sys/conf/mb/0/net/a"), "");
+    EXPECT_EQ(whyNotWritable("/sys/conf/mb/0/net/data"),
+              "Key has the reserved component data: /sys/conf/mb/0/net/data");
+    for (const std::string key : {"/sys/conf/mb/0/net", "/sys/conf/mb", "/sys/conf/x"}) {
+        EXPECT_EQ(whyNotWritable(key), "Key lies in no slice: " + key);
+    }
+}
+
+TEST(ConfKeys, OfAStateIdLieRightBelowTheirSlice) {
+    EXPECT_TRUE(isStateIdKey("/sys/conf/mb/0/net/__csid"));
+    for (const char* key :
+         {"/sys/conf/mb/0/net/a/__csid", "/sys/conf/mb/0/net/__csid/a", "/sys/conf/mb/0/__csid",
+          "/sys/conf/mb/0/net/x__csid", "/sys/conf/mb/0/net", "/__csid", "/x/y/mb/0/net/__csid"}) {
+        EXPECT_FALSE(isStateIdKey(key)) << key;
+    }
+}
+
+TEST(ConfKeys, AreLoadedFromBelowTheRootAlone) {
+    EXPECT_TRUE(isLoaded("/sys/conf/a"));
+    for (const char* key : {"/__csid", "/sys/conf", "/sys/configuration/a", "/sys/conf/a\nb"}) {
+        EXPECT_FALSE(isLoaded(key)) << key;
+    }
 }
 
 TEST(ConfKeys, WithLineEndsOrZerosAreToldInOneLine) {
@@ -106,6 +138,7 @@ TEST(StateId, IsStoredInItsOddForm) {
               R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":"17"})");
     EXPECT_TRUE(holdsStateId(*value, "17"));
     EXPECT_FALSE(holdsStateId(*value, "18"));
+    EXPECT_TRUE(isStateId(*value));
 }
 
 TEST(StateId, IsStoredAsTheConversionToJsonWritesIt) {
@@ -141,6 +174,7 @@ TEST(StateId, ThatCannotBeReadMatchesNothing) {
         text.set_value(broken);
         EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), broken)) << broken;
         EXPECT_FALSE(holdsStateId(Hox::ObserverTree::DataTreeVal(text), "")) << broken;
+        EXPECT_FALSE(isStateId(Hox::ObserverTree::DataTreeVal(text))) << broken;
     }
     google::protobuf::Any foreign;
     foreign.set_type_url("type.googleapis.com/No.Such");

@@ -217,18 +217,20 @@ TEST_F(ConfigurationStore, MakesItsDirectory) {
     EXPECT_TRUE(std::filesystem::is_directory(m_dir / "conf"));
 }
 
-using ConfigurationStoreDeathTest = ConfigurationStore;
-
-TEST_F(ConfigurationStoreDeathTest, TakesOneObserverPerSlice) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(ConfigurationStore, OwnerThatIsBackBeforeItHasLeftIsToldOnceItHas) {
+    update(Update("tuner").set("/a", "1"));
     std::vector<std::string> told;
-    EXPECT_DEATH(
-        {
-            const auto first = observe("tuner", "", told);
-            const auto second = observe("tuner", "", told);
-        },
-        "m_observeCbMap.find\\(uniqueConfId\\) == m_observeCbMap.end\\(\\)");
+    std::vector<std::string> toldAgain;
+    std::unique_lock<std::mutex> lock(*m_mutex);
+    auto former = observe("tuner", "", told);
+    ASSERT_THAT(told, ElementsAre("0 /__csid /a=1"));
+    const auto again = observe("tuner", "", toldAgain);
+    EXPECT_THAT(toldAgain, testing::IsEmpty());
+    former.reset();
+    EXPECT_THAT(toldAgain, ElementsAre("0 /__csid /a=1"));
 }
+
+using ConfigurationStoreDeathTest = ConfigurationStore;
 
 TEST_F(ConfigurationStoreDeathTest, EndsTheProcessOnAnEntryWithoutPairs) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -54,7 +54,7 @@ ConfigurationStore::ConfigurationStore() {
 void ConfigurationStore::start() {
     m_handler.reset();
     m_tree.emplace();
-    m_handler.emplace(*m_tree, m_lock, (m_dir / "conf").string(), "head-1");
+    m_handler.emplace(*m_tree, m_lock, m_mutex, (m_dir / "conf").string(), "head-1");
     m_handler->registerObsTreeHandlers();
     m_handler->addObservers();
 }
@@ -72,6 +72,44 @@ std::string ConfigurationStore::update(const Update& request) {
     EXPECT_TRUE(status.isOk()) << status.errorMessage();
     EXPECT_FALSE(m_stateId.empty());
     return m_stateId;
+}
+
+Status ConfigurationStore::call(const Api::UpdateSysConfReq& request) {
+    return m_tree
+        ->callApiOp<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
+            "/sys/conf/.data.", request)
+        .status;
+}
+
+Status ConfigurationStore::save() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_savechanges(false);
+    return call(request);
+}
+
+Status ConfigurationStore::discard() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_discardchanges(false);
+    return call(request);
+}
+
+Status ConfigurationStore::clear() {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_clearconfiguration(false);
+    return call(request);
+}
+
+Status ConfigurationStore::importPackage(const std::string& data) {
+    Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_sysconfdata(data);
+    return call(request);
+}
+
+Status ConfigurationStore::exportPackage(std::string& data) {
+    auto result = m_tree->callApiOp<UnaryOps::READ, Api::GetSysConfReq, Api::GetSysConfResp>(
+        "/sys/conf/.data.", {});
+    data = result.message->sysconfdata();
+    return result.status;
 }
 
 std::any ConfigurationStore::observe(const std::string& capability, const std::string& stateId,

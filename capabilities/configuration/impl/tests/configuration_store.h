@@ -46,6 +46,14 @@ protected:
     /// Updates and returns the new state id.
     std::string update(const Update& request);
 
+    /// Operations on the whole store.
+    Hox::ObserverTree::Status call(const Api::UpdateSysConfReq& request);
+    Hox::ObserverTree::Status save();
+    Hox::ObserverTree::Status discard();
+    Hox::ObserverTree::Status clear();
+    Hox::ObserverTree::Status importPackage(const std::string& data);
+    Hox::ObserverTree::Status exportPackage(std::string& data);
+
     /// Observes a slice; "<code> <key>=<text>..." for each call, "<key>=gone" for a removal.
     std::any observe(const std::string& capability, const std::string& stateId,
                      std::vector<std::string>& told);
@@ -55,6 +63,7 @@ protected:
 
     /// Not below /tmp, which tests may hide.
     Hox::Testing::TempDir m_dir{"/dev/shm"};
+    std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
     std::unique_ptr<std::unique_lock<std::mutex>> m_lock;
     std::optional<Hox::ObserverTree::ObserverTree> m_tree;
     std::optional<ConfObstreeHandler> m_handler;

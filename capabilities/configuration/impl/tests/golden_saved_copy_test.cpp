@@ -54,15 +54,30 @@ TEST_F(GoldenSavedCopy, IsLoadedAndSavedAgainByteForByte) {
                                   "0 /__csid /traps={\"@type\":\"type.googleapis.com/"
                                   "Hox.ObserverTree.ObserveReq\",\"keyPattern\":\"/a/**\"}"));
 
-    Api::UpdateSysConfReq save;
-    save.mutable_update_type()->set_savechanges(true);
-    ASSERT_TRUE((m_tree
-                     ->callApiOp<UnaryOps::UPDATE, Api::UpdateSysConfReq, Api::UpdateSysConfResp>(
-                         "/sys/conf/.data.", save)
-                     .status.isOk()));
+    ASSERT_TRUE(save().isOk());
     auto expected = filesOf(m_golden);
     EXPECT_EQ(expected.erase("swvariant") + expected.erase("partno"), 2U);
     EXPECT_EQ(filesOf(m_saved), expected);
+}
+
+/// Values that JSON cannot hold, as they are saved since there is a form for them.
+TEST_F(GoldenSavedCopy, WithValuesInBytesIsLoadedAndSavedAgainByteForByte) {
+    const fs::path golden = HALVO_GOLDEN_SAVED_BYTES;
+    fs::copy(golden, m_saved, fs::copy_options::recursive);
+    start();
+    EXPECT_THAT(content(),
+                ElementsAre("/sys/conf/mb/0/vendor/__csid", "/sys/conf/mb/0/vendor/list",
+                            "/sys/conf/mb/0/vendor/text", "/sys/conf/mb/0/vendor/unknown"));
+    Api::ReadCapConfReq request;
+    *request.mutable_confid() = Update("vendor").request.confid();
+    const auto read = m_tree->callApiOp<UnaryOps::READ, Api::ReadCapConfReq, Api::ReadCapConfResp>(
+        "/.rcc.", request);
+    const auto& values = read.message->capconfchangeset().node_change_map();
+    const auto& unknown = values.at("/sys/conf/mb/0/vendor/unknown").nodepairlist().at(0);
+    EXPECT_EQ(unknown.currentmessage().type_url(), "type.googleapis.com/vendor.Unknown");
+    EXPECT_EQ(unknown.currentmessage().value(), std::string("\x08\x2a\x00\xff", 4));
+    ASSERT_TRUE(save().isOk());
+    EXPECT_EQ(filesOf(m_saved), filesOf(golden));
 }
 
 TEST_F(GoldenSavedCopy, TellsItsMachineAsOneOfTodayDoes) {

@@ -37,9 +37,9 @@ protected:
 
     /// The folder right behind a kill at that call.
     void expectAWholeCopy(const std::vector<FileCall>& calls, std::size_t number) const {
-        ASSERT_EQ(m_store.whatLoads(), number > find("renameat2", calls)
-                                           ? m_store.newCopy(m_operation)
-                                           : m_store.oldCopy());
+        ASSERT_EQ(m_store.whatIsSaved(), number > find("renameat2", calls)
+                                             ? m_store.newCopy(m_operation)
+                                             : m_store.oldCopy());
         if (number <= find("sync", calls)) {
             ASSERT_TRUE(fs::exists(m_store.guide() / "guide/today")) << "goes last";
         }
@@ -49,12 +49,12 @@ protected:
     void expectAFreshStart(std::size_t number) {
         constexpr Operation operations[] = {Operation::Save, Operation::Import, Operation::Clear};
         const Operation next = operations[number % 3];
-        const std::string before = m_store.whatLoads();
+        const std::string before = m_store.whatIsSaved();
         const auto run = m_store.runNext(next);
         ASSERT_TRUE(run.answer) << nameOf(next) << run.errors;
         ASSERT_EQ(answerOf(run).code, 0) << nameOf(next) << answerOf(run).message;
         ASSERT_FALSE(fs::exists(m_store.scratch())) << nameOf(next);
-        ASSERT_EQ(m_store.whatLoads(), next == Operation::Save ? before : m_store.newCopy(next))
+        ASSERT_EQ(m_store.whatIsSaved(), next == Operation::Save ? before : m_store.newCopy(next))
             << nameOf(next);
     }
 };
@@ -73,7 +73,7 @@ TEST_P(InterruptedOperation, LeavesTheWholeOldOrTheWholeNewCopy) {
     ASSERT_TRUE(whole.answer) << whole.errors;
     EXPECT_EQ(whole.calls.size(), calls.size());
     EXPECT_EQ(looks == 0, m_operation == Operation::Discard) << "which only reads";
-    EXPECT_EQ(m_store.whatLoads(), m_store.newCopy(m_operation));
+    EXPECT_EQ(m_store.whatIsSaved(), m_store.newCopy(m_operation));
 }
 
 TEST_P(InterruptedOperation, LeavesNothingInTheWayOfTheNextOne) {
@@ -91,6 +91,7 @@ TEST_P(InterruptedOperation, LeavesNothingInTheWayOfTheNextOne) {
         SCOPED_TRACE(describe(m_operation, number, calls[number]));
         const auto run = m_store.run(m_operation, FileCalls::Changing, Fault{number, 0});
         ASSERT_EQ(run.signal, SIGKILL) << run.errors;
+        ASSERT_EQ(run.calls.size(), number + 1);
         ASSERT_EQ(run.calls.back().name, calls[number].name);
         ASSERT_NO_FATAL_FAILURE(expectAWholeCopy(calls, number));
         ASSERT_NO_FATAL_FAILURE(expectAFreshStart(number));

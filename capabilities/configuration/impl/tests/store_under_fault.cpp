@@ -2,7 +2,7 @@
 
 #include <spdlog/sinks/stdout_sinks.h>
 
-#include <fstream>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -12,6 +12,8 @@
 #include "hox/archive/archive.h"
 #include "hox/configuration/conf_obstree_handler.h"
 #include "hox/cpputil/log/logsystem.h"
+#include "hox/observer_tree/persistence/node_data_file_hndlr.h"
+#include "saved_files.h"
 #include "system_identity.h"
 
 namespace fs = std::filesystem;
@@ -20,6 +22,7 @@ namespace Hox::Capability::Configuration {
 
 using Hox::ObserverTree::UnaryOps;
 using Hox::Testing::Fault;
+using Hox::Testing::FileCall;
 using Hox::Testing::FileCalls;
 using Hox::Testing::WatchedRun;
 
@@ -49,11 +52,6 @@ private:
     std::map<std::string, std::shared_ptr<spdlog::logger>> m_loggers;
 };
 
-void write(const fs::path& file, const std::string& text) {
-    fs::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
-}
-
 std::string packageOfAnotherMachine(const fs::path& dir) {
     SystemIdentity foreign = readSystemIdentity();
     using Hox::SystemAPI::HeadendSWVariant;
@@ -62,10 +60,17 @@ std::string packageOfAnotherMachine(const fs::path& dir) {
     foreign.partNumber += 1;
     fs::create_directories(dir);
     writePackageIdentity(foreign, dir);
-    const auto [bytes, size] = Hox::Archive::packToBuffer(Hox::Archive::ArchiveFormat::TarGz, dir,
-                                                          std::size_t{1} << 20U, true, false);
-    const std::unique_ptr<std::uint8_t[]> owned(bytes);
-    return {reinterpret_cast<const char*>(bytes), size};
+    return Configuration::pack(dir);
+}
+
+/// All values of a saved copy, as a tree that has loaded them dumps them.
+std::string dumpOf(const fs::path& saved) {
+    std::string text;
+    for (const auto& [key, changes] : Hox::ObserverTree::NodeDataFileHndlr().readNodeData(saved)) {
+        text +=
+            "key: \"" + key + "\" value: " + changes.at(0).current->toAny()->DebugString() + "\n";
+    }
+    return text;
 }
 
 }  // namespace
@@ -73,7 +78,8 @@ std::string packageOfAnotherMachine(const fs::path& dir) {
 /// A tree with a handler, as the service has them.
 class StoreUnderFault::Store {
 public:
-    explicit Store(const fs::path& saved) : m_handler(m_tree, m_lock, saved.string(), "head-1") {
+    explicit Store(const fs::path& saved)
+        : m_handler(m_tree, m_lock, std::make_shared<std::mutex>(), saved.string(), "head-1") {
         m_handler.registerObsTreeHandlers();
         m_handler.addObservers();
     }
@@ -165,6 +171,8 @@ const char* nameOf(Operation operation) {
             return "Discard";
         case Operation::Export:
             return "Export";
+        case Operation::Start:
+            return "Start";
     }
     return "";
 }
@@ -192,7 +200,7 @@ StoreUnderFault::StoreUnderFault(int keys) {
     put("new");
     m_workingCopy = m_store->content();
     restore();
-    m_oldCopy = whatLoads();
+    m_oldCopy = whatIsSaved();
 }
 
 StoreUnderFault::~StoreUnderFault() = default;
@@ -210,6 +218,13 @@ WatchedRun StoreUnderFault::run(Operation operation, FileCalls listed,
                                 const std::optional<Fault>& fault,
                                 const Hox::Testing::AtCall& atCall) {
     restore();
+    if (operation == Operation::Start) {
+        return runInNewService(
+            [](const fs::path& saved) {
+                return pack({0, "", "", Store(saved).content()});
+            },
+            listed, fault);
+    }
     const std::string& package =
         operation == Operation::ImportOfAnotherMachine ? m_packageOfAnotherMachine : m_package;
     return Hox::Testing::runWatched(
@@ -218,13 +233,33 @@ WatchedRun StoreUnderFault::run(Operation operation, FileCalls listed,
 }
 
 WatchedRun StoreUnderFault::runNext(Operation operation) {
-    return Hox::Testing::runWatched(
-        [this, operation] { return pack(Store(m_saved).call(operation, m_package)); },
-        FileCalls::None);
+    return runInNewService(
+        [this, operation](const fs::path& saved) {
+            return pack(Store(saved).call(operation, m_package));
+        },
+        FileCalls::None, std::nullopt);
 }
 
-std::string StoreUnderFault::whatLoads() const {
-    return Store(m_saved).content();
+WatchedRun StoreUnderFault::runInNewService(
+    const std::function<std::string(const fs::path&)>& action, FileCalls listed,
+    const std::optional<Fault>& fault) {
+    const auto move = [](const fs::path& from, const fs::path& to) {
+        for (const char* name : {"conf", "conf.temp", "epg"}) {
+            if (fs::exists(from / name)) {
+                fs::rename(from / name, to / name);
+            }
+        }
+    };
+    fs::create_directories(m_elsewhere);
+    move(m_saved.parent_path(), m_elsewhere);
+    auto run = Hox::Testing::runWatched([this, &action] { return action(m_elsewhere / "conf"); },
+                                        listed, fault);
+    move(m_elsewhere, m_saved.parent_path());
+    return run;
+}
+
+std::string StoreUnderFault::whatIsSaved() const {
+    return dumpOf(m_saved);
 }
 
 std::string StoreUnderFault::contentOf(const std::string& package) {
@@ -232,7 +267,11 @@ std::string StoreUnderFault::contentOf(const std::string& package) {
     std::string bytes = package;
     Hox::Archive::unpackBuffer({reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size()},
                                dir.path());
-    return Store(dir.path()).content();
+    return dumpOf(dir.path());
+}
+
+bool StoreUnderFault::isOwn(const FileCall& call) const {
+    return call.path.rfind(m_dir.path().string(), 0) == 0;
 }
 
 std::string StoreUnderFault::newCopy(Operation operation) const {
@@ -246,6 +285,7 @@ std::string StoreUnderFault::newCopy(Operation operation) const {
         case Operation::ImportOfAnotherMachine:
         case Operation::Discard:
         case Operation::Export:
+        case Operation::Start:
             break;
     }
     return m_oldCopy;
@@ -256,6 +296,7 @@ std::string StoreUnderFault::newWorkingCopy(Operation operation) const {
         case Operation::Import:
         case Operation::Clear:
         case Operation::Discard:
+        case Operation::Start:
             return newCopy(operation);
         case Operation::Save:
         case Operation::Export:
@@ -276,6 +317,11 @@ OperationAnswer answerOf(const WatchedRun& run) {
         start = colon + 1 + size;
     }
     return {std::stoi(parts.at(0)), parts.at(1), parts.at(2), parts.at(3)};
+}
+
+bool allFaults() {
+    const char* value = std::getenv("HALVO_ALL_FAULTS");
+    return value != nullptr && *value != '\0';
 }
 
 std::string describe(Operation operation, std::size_t number, const Hox::Testing::FileCall& call) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,8 +11,8 @@
 
 namespace Hox::Capability::Configuration {
 
-/// What can be asked of the saved copy.
-enum class Operation { Save, Import, ImportOfAnotherMachine, Clear, Discard, Export };
+/// What can be asked of the saved copy; Start is the start of a service that loads it.
+enum class Operation { Save, Import, ImportOfAnotherMachine, Clear, Discard, Export, Start };
 
 const char* nameOf(Operation operation);
 
@@ -21,7 +22,7 @@ struct OperationAnswer {
     std::string message;
     /// The package of an export.
     std::string package;
-    /// The working copy behind the operation, in the form of whatLoads.
+    /// The working copy behind the operation, in the form of whatIsSaved.
     std::string workingCopy;
 };
 
@@ -46,8 +47,8 @@ public:
     /// The operation in a new service on the folder as it lies there.
     Hox::Testing::WatchedRun runNext(Operation operation);
 
-    /// All keys and values that a service would begin with.
-    std::string whatLoads() const;
+    /// All keys and values that lie in the saved copy.
+    std::string whatIsSaved() const;
 
     /// What lies in a package, in the same form; throws Hox::Error for what is none.
     static std::string contentOf(const std::string& package);
@@ -64,17 +65,25 @@ public:
     const std::filesystem::path& scratch() const { return m_scratch; }
     const std::filesystem::path& guide() const { return m_guide; }
 
+    /// Whether the call is about a file of the store, and none of a library's.
+    bool isOwn(const Hox::Testing::FileCall& call) const;
+
 private:
     class Store;
 
+    Hox::Testing::WatchedRun runInNewService(
+        const std::function<std::string(const std::filesystem::path&)>& action,
+        Hox::Testing::FileCalls listed, const std::optional<Hox::Testing::Fault>& fault);
     void restore() const;
 
     /// In memory: the folder is built anew for each of thousands of children.
     Hox::Testing::TempDir m_dir{"/dev/shm"};
-    const std::filesystem::path m_saved = m_dir / "conf";
-    const std::filesystem::path m_scratch = m_dir / "conf.temp";
-    const std::filesystem::path m_guide = m_dir / "epg";
+    const std::filesystem::path m_saved = m_dir / "live/conf";
+    const std::filesystem::path m_scratch = m_dir / "live/conf.temp";
+    const std::filesystem::path m_guide = m_dir / "live/epg";
     const std::filesystem::path m_original = m_dir / "original";
+    /// Where a new service finds the folder: the store of this object has it to itself where it is.
+    const std::filesystem::path m_elsewhere = m_dir / "elsewhere";
     std::unique_ptr<Store> m_store;
     std::string m_package;
     std::string m_packageOfAnotherMachine;
@@ -85,6 +94,9 @@ private:
 
 /// The answer of a run that came to its end.
 OperationAnswer answerOf(const Hox::Testing::WatchedRun& run);
+
+/// Whether every fault is to be tried at every call (HALVO_ALL_FAULTS), instead of one at each.
+bool allFaults();
 
 /// For failing expectations: "call 12 of save (rename /a/b/data~)".
 std::string describe(Operation operation, std::size_t number, const Hox::Testing::FileCall& call);

@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "hox/cpputil/error/file_system_error.h"
-#include "hox/testing/log_capture.h"
 #include "hox/testing/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -19,7 +18,6 @@ namespace Hox::Capability::Configuration {
 namespace {
 
 using Hox::SystemAPI::HeadendSWVariant;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 class PackageIdentity : public ::testing::Test {
@@ -59,7 +57,7 @@ TEST_F(PackageIdentity, NeedsANumberInItsPartNumberFile) {
 TEST_F(PackageIdentity, NeverWaitsForAPipe) {
     ASSERT_EQ(mkfifo((m_dir / "swvariant").c_str(), 0600), 0);
     ASSERT_EQ(mkfifo((m_dir / "partno").c_str(), 0600), 0);
-    expect(HeadendSWVariant::UNKNOWN, 0);
+    expect(HeadendSWVariant::QAM, 0);
 }
 
 TEST_F(PackageIdentity, IsWrittenAsItIsRead) {
@@ -114,12 +112,28 @@ TEST_F(PackageIdentity, IsWrittenInPlaceOfLinks) {
     }
 }
 
-TEST_F(PackageIdentity, ThatIsAFolderIsToldOnReading) {
-    fs::create_directory(m_dir / "swvariant");
-    fs::create_directory(m_dir / "partno");
-    const Hox::Testing::LogCapture log;
-    expect(HeadendSWVariant::UNKNOWN, 0);
-    EXPECT_THAT(log.textsAt(spdlog::level::err), ElementsAre("Failed deserializing stream"));
+TEST_F(PackageIdentity, ThatCannotBeReadIsToldOnReading) {
+    for (const char* name : {"swvariant", "partno"}) {
+        fs::create_directory(m_dir / name);
+        try {
+            readPackageIdentity(m_dir.path());
+            FAIL();
+        } catch (const fs::filesystem_error& error) {
+            EXPECT_EQ(error.path1(), m_dir / name);
+        }
+        fs::remove(m_dir / name);
+    }
+}
+
+TEST_F(PackageIdentity, IsForOwnerAndGroupAlone) {
+    for (const mode_t mask : {0U, 0077U}) {
+        const mode_t former = ::umask(mask);
+        writePackageIdentity({HeadendSWVariant::COFDM, 100001}, m_dir.path());
+        ::umask(former);
+        for (const char* name : {"swvariant", "partno"}) {
+            EXPECT_EQ(fs::status(m_dir / name).permissions(), fs::perms(0640)) << name;
+        }
+    }
 }
 
 TEST(SystemIdentity, IsDescribedForTheLog) {

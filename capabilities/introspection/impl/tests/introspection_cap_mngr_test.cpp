@@ -6,6 +6,7 @@
 #include <spdlog/spdlog.h>
 
 #include <atomic>
+#include <chrono>
 #include <cxxopts.hpp>
 #include <map>
 #include <memory>
@@ -29,6 +30,13 @@ using ::testing::Key;
 using ::testing::Not;
 using ::testing::Pair;
 
+/// The context of a call that does not wait for ever.
+std::unique_ptr<grpc::ClientContext> limited() {
+    auto context = std::make_unique<grpc::ClientContext>();
+    context->set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
+    return context;
+}
+
 /// The capability in a server of its own, asked over a real channel, with two loggers to turn.
 class IntrospectionCapability : public ::testing::Test {
 protected:
@@ -49,9 +57,8 @@ protected:
     }
 
     std::map<std::string, int> list() {
-        grpc::ClientContext context;
         ListLoggersResp response;
-        EXPECT_TRUE(m_stub->listLoggers(&context, {}, &response).ok());
+        EXPECT_TRUE(m_stub->listLoggers(limited().get(), {}, &response).ok());
         std::map<std::string, int> levels;
         for (const Logger& entry : response.logger()) {
             EXPECT_TRUE(levels.emplace(entry.name(), entry.level()).second) << entry.name();
@@ -60,20 +67,18 @@ protected:
     }
 
     grpc::Status set(const std::string& name, int level) {
-        grpc::ClientContext context;
         SetLogLevelReq request;
         request.set_name(name);
         request.set_level(static_cast<LogLevel>(level));
         SetLogLevelResp response;
-        return m_stub->setLogLevel(&context, request, &response);
+        return m_stub->setLogLevel(limited().get(), request, &response);
     }
 
     grpc::Status setAll(int level) {
-        grpc::ClientContext context;
         SetAllLogLevelsReq request;
         request.set_level(static_cast<LogLevel>(level));
         SetAllLogLevelsResp response;
-        return m_stub->setAllLogLevels(&context, request, &response);
+        return m_stub->setAllLogLevels(limited().get(), request, &response);
     }
 
     Hox::Testing::InProcessService m_service{std::make_unique<IntrospectionCapMngr>()};
@@ -167,6 +172,7 @@ TEST_F(IntrospectionCapability, LeavesLaterLoggersAlone) {
 }
 
 TEST_F(IntrospectionCapability, LeavesTheLevelsOfSinksAlone) {
+    ASSERT_EQ(m_one->sinks().size(), 1U);
     m_one->sinks().front()->set_level(spdlog::level::warn);
     EXPECT_TRUE(set("one", trace).ok());
     EXPECT_TRUE(setAll(debug).ok());
@@ -221,7 +227,7 @@ TEST(IntrospectionWire, HasTheseMethodsInOrder) {
         {"setAllLogLevels", "Hox.Capability.Introspection.SetAllLogLevelsReq",
          "Hox.Capability.Introspection.SetAllLogLevelsResp"},
     };
-    ASSERT_EQ(service->method_count(), 3);
+    ASSERT_EQ(service->method_count(), static_cast<int>(table.size()));
     for (int index = 0; index < service->method_count(); ++index) {
         const auto* method = service->method(index);
         EXPECT_EQ(std::vector<std::string>({method->name(), method->input_type()->full_name(),

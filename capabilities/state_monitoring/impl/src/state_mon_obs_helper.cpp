@@ -1,19 +1,16 @@
 #include "hox/state_monitoring/state_mon_obs_helper.h"
 
-#include <iterator>
 #include <utility>
 
-#include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/path_error.h"
-#include "notification_keys.h"
+#include "notification_store.h"
 #include "obstree.pb.h"
 #include "state_monitoring_internals.pb.h"
 
 namespace Hox::Capability::StateMonitoring {
 
 using Hox::ObserverTree::DataTreeVal;
-using Hox::ObserverTree::DataTreeValPtr;
 using Hox::ObserverTree::PathError;
 using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
@@ -23,12 +20,12 @@ StateMonObsHelper::StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex
                                      std::string serviceId, bool isSystemMonitor,
                                      int32_t archiveSize)
     : m_logger(Hox::Log::getLogsystem()->getLogger("StateMonObsHelper")),
-      m_archiveSize(archiveSize),
+      m_store(std::make_unique<NotificationStore>(archiveSize)),
       m_isSystemMonitor(isSystemMonitor),
       m_serviceId(std::move(serviceId)),
-      m_capabilityMutex(std::move(capabilityMutex)) {
-    HOX_ASSERT(m_archiveSize > 0);
-}
+      m_capabilityMutex(std::move(capabilityMutex)) {}
+
+StateMonObsHelper::~StateMonObsHelper() = default;
 
 void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree) {
     registerStateHandlers(tree);
@@ -36,8 +33,8 @@ void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree&
 }
 
 void StateMonObsHelper::registerStateHandlers(Hox::ObserverTree::ObserverTree& tree) {
-    tree.registerUnaryTakingOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
-                                      Api::CreateStateNotificationResp>(
+    tree.registerUnaryOpHandler<UnaryOps::CREATE, Api::CreateStateNotificationReq,
+                                Api::CreateStateNotificationResp>(
         "/state/notifications", [this](Api::CreateStateNotificationReq&& req, DataTree& data) {
             return createStateNotification(std::move(req), data);
         });
@@ -89,59 +86,11 @@ auto StateMonObsHelper::createStateNotification(Api::CreateStateNotificationReq&
     auto resp = std::make_unique<Api::CreateStateNotificationResp>();
     req.mutable_statenotification();  // an absent one counts as an empty one
     try {
-        storeNotification(std::unique_ptr<Api::StateNotification>(req.release_statenotification()),
-                          tree);
+        m_store->store(std::unique_ptr<Api::StateNotification>(req.release_statenotification()),
+                       tree);
         return {std::move(resp), Status()};
     } catch (const PathError& error) {
         return {std::move(resp), Status(ProtoStatus::FAILED_PRECONDITION, error.what())};
-    }
-}
-
-void StateMonObsHelper::storeNotification(std::unique_ptr<Api::StateNotification> notification,
-                                          DataTree& tree) {
-    auto key = latestKey(*notification);
-    const auto severity = notification->severity();
-    const auto former = m_latest.find(key);
-    Api::StoredNotification stored;
-    stored.set_index(m_nextIndex);
-    stored.set_allocated_statenotification(notification.release());
-    if (former != m_latest.end()) {
-        stored.mutable_previousstateseverity()->set_stateseverity(former->second.severity);
-    }
-    DataTreeValPtr value = std::make_shared<const DataTreeVal>(std::move(stored));
-
-    if (former != m_latest.end()) {
-        tree.insert_or_assign(former->second.position, std::move(key), DataTreeValPtr(value));
-        countSeverity(former->second.severity, -1);
-        former->second.severity = severity;
-    } else {
-        // Throws for a malformed key, with nothing changed yet.
-        const auto position = tree.insert_or_assign(std::move(key), DataTreeValPtr(value)).first;
-        m_latest.emplace(position->first, LatestEntry{position, severity});
-    }
-    countSeverity(severity, 1);
-    archive(std::move(value), tree);
-    ++m_nextIndex;
-}
-
-void StateMonObsHelper::archive(DataTreeValPtr value, DataTree& tree) {
-    const auto& notification = value->get<Api::StoredNotification>();
-    const auto behindNewest =
-        m_archive.empty() ? tree.begin() : std::next(m_archive.back().position);
-    const auto position =
-        tree.insert_or_assign(behindNewest, archiveKey(m_nextIndex), std::move(value)).first;
-    m_archive.push_back({position, &notification});
-    if (m_archive.size() > static_cast<std::size_t>(m_archiveSize)) {
-        tree.erase(m_archive.front().position);
-        m_archive.pop_front();
-    }
-}
-
-void StateMonObsHelper::countSeverity(Api::StateSeverity severity, int32_t difference) {
-    if (severity == Api::StateSeverity::ERROR) {
-        m_latestErrors += difference;
-    } else if (severity == Api::StateSeverity::WARN) {
-        m_latestWarnings += difference;
     }
 }
 

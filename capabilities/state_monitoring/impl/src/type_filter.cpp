@@ -1,8 +1,11 @@
 #include "type_filter.h"
 
 #include "hox/cpputil/error/invalid_argument_error.h"
+#include "hox/cpputil/timer/thread_cpu_time.h"
 
 namespace Hox::Capability::StateMonitoring {
+
+using Hox::CppUtil::threadCpuTime;
 
 bool TypeFilter::accepts(std::string_view type) {
     if (m_expression.empty()) {
@@ -20,9 +23,10 @@ bool TypeFilter::accepts(std::string_view type) {
 
 bool TypeFilter::search(std::string_view type) {
     if (!m_regex) {
+        m_deadline = threadCpuTime() + maxTime;
         m_regex.emplace(m_expression);
     }
-    if (m_regex->steps() > maxSteps) {
+    if (threadCpuTime() > m_deadline) {
         throw Hox::CppUtil::InvalidArgumentError(
             "Regular expression takes too long on the stored types", __FILE__, __LINE__);
     }

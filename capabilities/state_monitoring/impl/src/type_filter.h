@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,16 +15,16 @@ namespace Hox::Capability::StateMonitoring {
 /// serves one request.
 class TypeFilter {
 public:
-    /// Steps after which a request judges no further type, about a tenth of a second.
-    static constexpr std::uint64_t maxSteps = 50'000'000;
+    /// Processor time after which a request judges no further type.
+    static constexpr std::chrono::milliseconds maxTime{100};
 
     /// An empty expression accepts every type. The expression is compiled when the first type
     /// comes, so that a malformed one shows only then. Keeps a reference to it.
     explicit TypeFilter(const std::string& expression) : m_expression(expression) {}
 
     /// Whether the type is wanted. The text outlives this object. Throws std::regex_error for a
-    /// malformed expression, InvalidArgumentError for an expression or a type that is too long and
-    /// when the request has taken too many steps.
+    /// malformed expression, InvalidArgumentError for an expression or a type that is too long or
+    /// takes too long together, and when the request has taken too long in all.
     bool accepts(std::string_view type);
 
 private:
@@ -32,6 +32,7 @@ private:
 
     const std::string& m_expression;
     std::optional<Hox::CppUtil::BoundedRegex> m_regex;
+    std::chrono::nanoseconds m_deadline{};
     std::unordered_map<std::string_view, bool> m_verdicts;
     /// The type that came last, as types come in rows; null before the first one.
     const std::pair<const std::string_view, bool>* m_last = nullptr;

@@ -1,5 +1,7 @@
 #include "state_mon_fixture.h"
 
+#include <gtest/gtest.h>
+
 #include <ostream>
 #include <tuple>
 #include <utility>
@@ -48,6 +50,20 @@ StateMon::StateMon(int32_t archiveSize, bool isSystemMonitor)
     m_helper.registerObsTreeHandlers(m_tree);
 }
 
+namespace {
+
+/// The result with an empty message in the place of one that is missing, which fails the test.
+template <typename Resp>
+UnaryHandlerReturnType<Resp> withMessage(UnaryHandlerReturnType<Resp> result) {
+    EXPECT_NE(result.message, nullptr);
+    if (!result.message) {
+        result.message = std::make_unique<Resp>();
+    }
+    return result;
+}
+
+}  // namespace
+
 UnaryHandlerReturnType<Api::CreateStateNotificationResp> StateMon::create(
     const Api::StateNotification& notification) {
     Api::CreateStateNotificationReq req;
@@ -58,22 +74,23 @@ UnaryHandlerReturnType<Api::CreateStateNotificationResp> StateMon::create(
 
 UnaryHandlerReturnType<Api::GetStateNotificationsResp> StateMon::get(
     const Api::GetStateNotificationsReq& req) {
-    return m_tree
-        .callApiOp<UnaryOps::READ, Api::GetStateNotificationsReq, Api::GetStateNotificationsResp>(
-            "/state/notifications", req);
+    return withMessage(
+        m_tree.callApiOp<UnaryOps::READ, Api::GetStateNotificationsReq,
+                         Api::GetStateNotificationsResp>("/state/notifications", req));
 }
 
 UnaryHandlerReturnType<Api::GetLatestStateNotificationsResp> StateMon::latest(
     const Api::GetLatestStateNotificationsReq& req) {
-    return m_tree.callApiOp<UnaryOps::READ, Api::GetLatestStateNotificationsReq,
-                            Api::GetLatestStateNotificationsResp>("/state/latest", req);
+    return withMessage(
+        m_tree.callApiOp<UnaryOps::READ, Api::GetLatestStateNotificationsReq,
+                         Api::GetLatestStateNotificationsResp>("/state/latest", req));
 }
 
 Api::StateSeverity StateMon::currentState() {
-    const auto result =
-        m_tree.callApiOp<UnaryOps::READ, Api::GetCurrentStateReq, Api::GetCurrentStateResp>(
-            "/state/current", {});
-    return result.message->currentstate();
+    return withMessage(
+               m_tree.callApiOp<UnaryOps::READ, Api::GetCurrentStateReq, Api::GetCurrentStateResp>(
+                   "/state/current", {}))
+        .message->currentstate();
 }
 
 std::vector<int32_t> StateMon::indices(const Api::GetStateNotificationsReq& req) {

@@ -84,6 +84,7 @@ TEST(StateMonObsHelper, SetsNoTimeStamp) {
     StateMon monitor;
     monitor.create(notification("a", "b", "c"));
     const auto result = monitor.get({});
+    ASSERT_EQ(result.message->statelist_size(), 1);
     EXPECT_FALSE(result.message->statelist(0).statenotification().has_timestamp());
 }
 
@@ -197,6 +198,7 @@ TEST(StateMonObsHelper, KeepsTheLastThousandReports) {
         monitor.create(notification("a", "b", "c"));
     }
     EXPECT_EQ(monitor.indicesFrom(0).size(), 1000U);
+    ASSERT_FALSE(observed->empty());
     EXPECT_EQ(observed->back().size(), 1U);
     monitor.create(notification("a", "b", "c"));
     const auto indices = monitor.indicesFrom(0);
@@ -209,8 +211,9 @@ TEST(StateMonObsHelper, KeepsTheLastThousandReports) {
             ObservedChange{"/state/notifications/archive/0000000000", false, true, "", -1},
             ObservedChange{"/state/notifications/archive/0000001000", true, false, "", 1000}));
     monitor.create(notification("a", "b", "c"));
-    EXPECT_EQ(monitor.indicesFrom(0).back(), 2);
-    EXPECT_EQ(monitor.indicesFrom(0).size(), 1000U);
+    const auto later = monitor.indicesFrom(0);
+    ASSERT_EQ(later.size(), 1000U);
+    EXPECT_EQ(later.back(), 2);
 }
 
 TEST(StateMonObsHelper, KeepsOneReportWithAnArchiveOfOne) {

@@ -71,6 +71,9 @@ public:
         std::vector<std::string> urls;
         const auto conf = changes.find("/conf");
         if (conf != changes.end()) {
+            EXPECT_EQ(conf->second.nodepairlist_size(), 1);
+        }
+        if (conf != changes.end() && conf->second.nodepairlist_size() == 1) {
             StateMonitorConf message;
             EXPECT_TRUE(conf->second.nodepairlist(0).currentmessage().UnpackTo(&message));
             urls.assign(message.statemonitorconnecturls().begin(),
@@ -233,11 +236,14 @@ TEST(StateMonitorCapMngr, StreamsReportsOverGrpc) {
     const std::string key = "/state/notifications/latest/head-1/T/a";
     const auto snapshot = stream.read();
     ASSERT_EQ(snapshot.node_change_map().count(key), 1U);
+    ASSERT_EQ(snapshot.node_change_map().at(key).nodepairlist_size(), 1);
     EXPECT_FALSE(snapshot.node_change_map().at(key).nodepairlist(0).has_prevmessage());
 
     EXPECT_TRUE(service.create(notification("head-1", "T", "a", Api::StateSeverity::OK)).ok());
     const auto change = stream.read();
     ASSERT_EQ(change.node_change_map().size(), 1U);
+    ASSERT_EQ(change.node_change_map().count(key), 1U);
+    ASSERT_EQ(change.node_change_map().at(key).nodepairlist_size(), 1);
     const auto& pair = change.node_change_map().at(key).nodepairlist(0);
     Api::StoredNotification current;
     Api::StoredNotification previous;

@@ -1,16 +1,17 @@
 #include "hox/cpputil/regex/bounded_regex.h"
 
+#include <algorithm>
 #include <regex>
-#include <utility>
 
 #include "hox/cpputil/error/invalid_argument_error.h"
-#include "regex/regex_automaton.h"
-#include "regex/regex_literals.h"
-#include "regex/regex_parser.h"
+#include "regex/regex_matcher.h"
+#include "regex/regex_translator.h"
 
 namespace Hox::CppUtil {
 
 namespace {
+
+constexpr std::size_t maxDigits = 9;
 
 void checkSize(std::string_view text, std::size_t maximum, const char* what) {
     if (text.size() > maximum) {
@@ -20,55 +21,81 @@ void checkSize(std::string_view text, std::size_t maximum, const char* what) {
     }
 }
 
-RegexSyntax parse(const std::string& expression) {
-    checkSize(expression, BoundedRegex::maxExpressionSize, "Regular expression");
-    auto syntax = RegexParser(expression).parse();
-    if (!syntax) {
-        // The library words the error: at first as it does for everybody, then that of an
-        // expression whose only fault is a back-reference.
-        const std::regex malformed(expression);
-        const std::regex backReference(expression,
-                                       std::regex::ECMAScript | std::regex_constants::__polynomial);
-        throw InvalidArgumentError("Regular expression is not supported", __FILE__, __LINE__);
-    }
-    if (syntax->stateCount() > BoundedRegex::maxStates) {
-        throw InvalidArgumentError("Regular expression needs more than " +
-                                       std::to_string(BoundedRegex::maxStates) + " states",
-                                   __FILE__, __LINE__);
-    }
-    return std::move(*syntax);
+std::string_view numberAt(std::string_view text, std::size_t start) {
+    return text.substr(start, text.find_first_not_of("0123456789", start) - start);
 }
 
-std::unique_ptr<RegexLiterals> recognizeLiterals(const RegexSyntax& syntax) {
-    auto literals = RegexLiterals::recognize(syntax);
-    return literals ? std::make_unique<RegexLiterals>(std::move(*literals)) : nullptr;
+bool isGreater(std::string_view left, std::string_view right) {
+    left.remove_prefix(std::min(left.find_first_not_of('0'), left.size()));
+    right.remove_prefix(std::min(right.find_first_not_of('0'), right.size()));
+    return left.size() != right.size() ? left.size() > right.size() : left > right;
+}
+
+/// The expression with small numbers, and just as well-formed. The library computes with numbers of
+/// any length, and multiplies out what is repeated a counted number of times, which takes hundreds
+/// of megabytes for an expression that is made for it.
+std::string withSmallNumbers(std::string_view expression) {
+    std::string result;
+    for (std::size_t i = 0; i < expression.size();) {
+        const auto sign = expression[i++];
+        result += sign;
+        if (sign == '\\' && i < expression.size()) {
+            const auto number = numberAt(expression, i);
+            result += number.empty() ? expression.substr(i, 1) : number.substr(0, maxDigits);
+            i += std::max<std::size_t>(number.size(), 1);
+        } else if (sign == '{') {
+            const auto minimum = numberAt(expression, i);
+            i += minimum.size();
+            const auto isRange = expression.substr(i, 1) == ",";
+            const auto maximum = numberAt(expression, std::min(i + 1, expression.size()));
+            const auto isInOrder = !isRange || maximum.empty() || !isGreater(minimum, maximum);
+            result += minimum.empty() ? "" : isInOrder ? "0" : "1";
+            if (isRange) {
+                result += maximum.empty() ? "," : ",0";
+                i += maximum.size() + 1;
+            }
+        }
+    }
+    return result;
+}
+
+/// Throws what the library says of a malformed expression.
+void checkExpression(const std::string& expression) {
+    checkSize(expression, BoundedRegex::maxExpressionSize, "Regular expression");
+    const std::regex judge(withSmallNumbers(expression));
+}
+
+void checkSubject(std::string_view subject) {
+    checkSize(subject, BoundedRegex::maxSubjectSize, "Subject of a regular expression");
 }
 
 }  // namespace
 
-BoundedRegex::BoundedRegex(const std::string& expression) : BoundedRegex(parse(expression)) {}
-
-BoundedRegex::BoundedRegex(const RegexSyntax& syntax)
-    : m_automaton(std::make_unique<RegexAutomaton>(syntax)),
-      m_literals(recognizeLiterals(syntax)) {}
+BoundedRegex::BoundedRegex(const std::string& expression) {
+    checkExpression(expression);
+    RegexTranslator translator(expression);
+    m_matcher = std::make_unique<RegexMatcher>(translator.translate(false));
+    if (translator.dependsOnAttempt()) {
+        m_matcherAtStart = std::make_unique<RegexMatcher>(translator.translate(true));
+    }
+}
 
 BoundedRegex::~BoundedRegex() = default;
 BoundedRegex::BoundedRegex(BoundedRegex&& other) noexcept = default;
 BoundedRegex& BoundedRegex::operator=(BoundedRegex&& other) noexcept = default;
 
 bool BoundedRegex::search(std::string_view subject) {
-    checkSize(subject, maxSubjectSize, "Subject of a regular expression");
-    return m_automaton->run(subject, RegexAutomaton::Mode::Search);
+    checkSubject(subject);
+    if (!m_matcherAtStart) {
+        return m_matcher->search(subject, 0);
+    }
+    return m_matcherAtStart->matchesStart(subject) ||
+           (!subject.empty() && m_matcher->search(subject, 1));
 }
 
 bool BoundedRegex::matches(std::string_view subject) {
-    checkSize(subject, maxSubjectSize, "Subject of a regular expression");
-    return m_literals ? m_literals->match(subject)
-                      : m_automaton->run(subject, RegexAutomaton::Mode::Match);
-}
-
-std::uint64_t BoundedRegex::steps() const {
-    return m_automaton->steps() + (m_literals ? m_literals->steps() : 0);
+    checkSubject(subject);
+    return (m_matcherAtStart ? m_matcherAtStart : m_matcher)->matches(subject);
 }
 
 }  // namespace Hox::CppUtil

@@ -10,7 +10,7 @@ constexpr std::uint64_t oneWaiting = 1;
 constexpr std::uint64_t oneEnded = std::uint64_t{1} << 32U;
 
 // Looks at which nothing has changed until the thread sleeps.
-constexpr int quietLooks = 5;
+constexpr int quietLooks = 2;
 
 }  // namespace
 

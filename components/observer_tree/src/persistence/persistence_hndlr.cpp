@@ -3,14 +3,13 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <google/protobuf/wrappers.pb.h>
 
-#include <filesystem>
 #include <map>
 #include <utility>
 
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
-#include "hox/cpputil/string/string_utils.h"
+#include "hox/linutils/files.h"
 #include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/utils.h"
 
@@ -44,12 +43,12 @@ Candidates candidatesFor(const std::string& regex, const DataTree& tree) {
     return candidates;
 }
 
+/// What the changes have removed already is gone from the tree, and what they have written from the
+/// candidates.
 void removeLeftOvers(const Candidates& candidates, DataTree& tree) {
-    for (const auto& candidate : candidates) {
-        const auto first = tree.lower_bound(candidate.first);
-        if (first != tree.end() && Hox::CppUtil::str_starts_with(candidate.first, first->first) &&
-            !first->second->notPersisted()) {
-            tree.erase(candidate.first);
+    for (const auto& [key, value] : candidates) {
+        if (!value->notPersisted()) {
+            tree.erase(key);
         }
     }
 }
@@ -138,13 +137,18 @@ void PersistenceHndlr::setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeData
     m_nodeDataHndlr = std::move(nodeDataHndlr);
 }
 
-void PersistenceHndlr::init(bool startPersisting, const std::string& persistDir) {
+void PersistenceHndlr::init(bool startPersisting, const std::string& persistDir,
+                            const LoadFilter& onLoad) {
     if (!persistDir.empty()) {
-        if (std::filesystem::create_directories(persistDir)) {
+        if (Hox::LinuxCppUtil::makeFolders(persistDir)) {
             m_logger->log(Hox::Log::here(), spdlog::level::info, "Created persist directory {}",
                           persistDir);
         }
-        applyChangeSet(m_nodeDataFile.readNodeData(persistDir), false, false);
+        ChangeSetType content = m_nodeDataFile.readNodeData(persistDir);
+        if (onLoad) {
+            onLoad(content);
+        }
+        applyChangeSet(content, false, false);
     }
     if (startPersisting) {
         startPersistingObsTree(persistDir, false);
@@ -166,6 +170,15 @@ void PersistenceHndlr::startPersistingObsTree(const std::string& persistDir,
     m_persistFirstChange = true;
     if (m_nodeDataHndlr) {
         startCentralObserving();
+    }
+}
+
+void PersistenceHndlr::writeAll(const DataTree& tree, const std::filesystem::path& directory) {
+    Hox::CppUtil::BoundedRegex persistent(m_persistKeyRegex);
+    for (const auto& [key, value] : tree) {
+        if (!value->notPersisted() && matchesKey(persistent, key)) {
+            m_nodeDataFile.saveNodeData(directory, key, *value->toAny());
+        }
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "hox/observer_tree/path_error.h"
+
 namespace Hox::ObserverTree::Test {
 
 namespace {
@@ -47,11 +49,16 @@ void registerItemHandlers(ObserverTree& tree, ItemHandlers& handlers) {
         "/items", [&handlers](const ObserveReq& /*request*/, const ObserverCallback& /*callback*/) {
             --handlers.observers;
         });
-    tree.registerNewObserverHandler<google::protobuf::Message>(
-        "/items", [&handlers](const google::protobuf::Message& /*request*/,
-                              const ObserverCallback& /*callback*/) {
+    // Replaces the hook of the default handler, and answers malformed patterns as that does.
+    tree.registerNewObserverHandler<ObserveReq>(
+        "/items", [&handlers](const ObserveReq& request, const ObserverCallback& callback) {
             ++handlers.observers;
             ++handlers.allObservers;
+            try {
+                PathManipulation().parsePath(PathType::KeyPattern, request.key_pattern());
+            } catch (const PathError& error) {
+                callback({}, Status(ProtoStatus::INVALID_ARGUMENT, error.what()));
+            }
         });
 }
 

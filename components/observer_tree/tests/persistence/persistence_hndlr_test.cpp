@@ -92,6 +92,43 @@ TEST_F(Persistence, DoesNotStoreTheFirstSnapshotUnlessAsked) {
     EXPECT_THAT(files(m_dir), ElementsAre("/keep/a=1", "/keep/b=2", "/keep/c=3"));
 }
 
+TEST_F(Persistence, WritesAllOfItsTreeIntoADirectoryOnDemand) {
+    set("/keep/a", "1");
+    set("/keep/a/b", "2");
+    set("/__csid", "7");
+    set("/other", "3");
+    auto& persistence = handler();
+    write([&](DataTree& tree) { persistence.writeAll(tree, m_dir); });
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=7", "/keep/a=1", "/keep/a/b=2"));
+    set("/keep/a", "4");
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=7", "/keep/a=1", "/keep/a/b=2")) << "once";
+}
+
+TEST_F(Persistence, TellsItsCallerWhatCannotBeWrittenOnDemand) {
+    const AssertionReports reports;
+    set("/keep/a", "1");
+    std::ofstream(m_dir) << "in the way";
+    auto& persistence = handler();
+    write([&](DataTree& tree) {
+        EXPECT_THROW(persistence.writeAll(tree, m_dir), std::filesystem::filesystem_error);
+    });
+    EXPECT_THAT(reports.conditions(), IsEmpty());
+}
+
+TEST_F(Persistence, LoadsWhatAFilterMakesOfTheDirectory) {
+    NodeDataFileHndlr().saveChangeSet(TestKit::newKeys({"/keep/a", "/keep/b"}), m_dir);
+    handler().init(false, m_dir, [](ChangeSetType& loaded) { loaded.erase("/keep/a"); });
+    EXPECT_THAT(content(), ElementsAre("/keep/b=/keep/b"));
+}
+
+TEST_F(Persistence, StartsWithEverySavedValueOrNotAtAll) {
+    set("/keep/before", "1");
+    std::filesystem::create_directories(m_dir / "keep/a");
+    std::filesystem::create_symlink("data", m_dir / "keep/a/data");  // to itself
+    EXPECT_THROW(handler().init(true, m_dir), std::filesystem::filesystem_error);
+    EXPECT_THAT(content(), ElementsAre("/keep/before=1"));
+}
+
 TEST_F(Persistence, StoresTheFirstChangeOfATreeThatWasEmpty) {
     handler().init(true, m_dir);
     set("/keep/a", "1");

@@ -132,6 +132,16 @@ TEST_F(PersistenceRequests, ReplaceAllAndRemoveAKeyThatTheyName) {
     EXPECT_THAT(content(), ElementsAre("/keep/ab=2"));
 }
 
+TEST_F(PersistenceRequests, RemoveTheLastKeyOfAllByNameWhereAllAreReplaced) {
+    for (const char* key : {"/keep/a", "/keep/b"}) {
+        set(key, "1");
+    }
+    auto request = setting({{"/keep/b", "gone"}});
+    request.set_node_remove_regex("/keep/.*");
+    update(request);
+    EXPECT_THAT(content(), IsEmpty());
+}
+
 TEST_F(PersistenceRequests, AnswerTheStateId) {
     EXPECT_EQ(update({}).conf_state_id(), "");
     set("/__csid", "9");

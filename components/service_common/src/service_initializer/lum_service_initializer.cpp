@@ -153,7 +153,7 @@ void LumServiceInitializer::serverStart() {
 void LumServiceInitializer::serverShutdown() {
     const int rc = eventfd_write(global_fd_shutdown, 1);
     HOX_ASSERT(rc != -1);
-    if (!m_ctx.getGrpcServer() || std::exchange(m_isShuttingDown, true)) {
+    if (!m_ctx.getGrpcServer() || m_isShuttingDown.exchange(true)) {
         return;
     }
     sd_notify(0, "STOPPING=1");

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "hox/linutils/raii_filedescriptors.h"
+
 namespace Hox::Testing {
 
 /// The receiving end of a local datagram socket: stands in for a daemon that only listens.
@@ -31,7 +33,7 @@ public:
 
 private:
     std::string m_address;
-    int m_socket;
+    LinuxCppUtil::OwnedFileDescriptor m_socket;
     std::vector<std::string> m_messages;
 };
 

@@ -12,8 +12,8 @@ namespace Hox::Testing {
 struct FileCall {
     /// As the manual calls it, "renameat2".
     std::string name;
-    /// The path that it is given, the first of two, as it stands in the child; for calls on a file
-    /// that is open, the path of that file.
+    /// The path that it is given, the first of two, as it stands in the child; absolute where it is
+    /// relative to an open folder. For calls on a file that is open, the path of that file.
     std::string path;
     /// Whether it may change anything: an open for reading may not.
     bool changes = true;
@@ -27,13 +27,19 @@ struct Fault {
     int error = 0;
     /// Whether each later call of that name fails as well.
     bool lasting = false;
+    /// Whether the call, a write, is made with the first half of its bytes instead.
+    bool halved = false;
+
+    /// The short write.
+    static Fault half(std::size_t call) { return {call, 0, false, true}; }
 };
 
 /// Which calls are listed, and counted for faults.
 enum class FileCalls {
-    None,               ///< none
-    Changing,           ///< each that changes a file or a directory, writes to files included
-    ChangingAndOpening  ///< these and each open for reading
+    None,                ///< none
+    Changing,            ///< each that changes a file or a directory, writes to files included
+    ChangingAndOpening,  ///< these and each open for reading
+    All                  ///< each that has to do with a file
 };
 
 /// How a child has ended.
@@ -51,8 +57,8 @@ struct WatchedRun {
 using AtCall = std::function<void(std::size_t number, const FileCall& call)>;
 
 /// Forks, runs the action in the child and lists its calls to the kernel, with a fault at one of
-/// them if given. sync is listed among the changing calls, but never made: it would wait for the
-/// disks of the whole machine.
+/// them if given. sync and syncfs are listed among the changing calls, but never made: they would
+/// wait for whole disks.
 ///
 /// While a call waits to be made, atCall is told its number and the call; what lies on the disk
 /// then is what a kill at this entry leaves.

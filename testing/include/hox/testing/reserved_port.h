@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "hox/linutils/raii_filedescriptors.h"
+
 namespace Hox::Testing {
 
 /// A TCP port that nobody is given while the object lives, and on which a server can listen that
@@ -11,11 +13,6 @@ class ReservedPort {
 public:
     /// Takes a free port; throws std::system_error.
     ReservedPort();
-    ~ReservedPort();
-    ReservedPort(const ReservedPort&) = delete;
-    ReservedPort& operator=(const ReservedPort&) = delete;
-    ReservedPort(ReservedPort&&) = delete;
-    ReservedPort& operator=(ReservedPort&&) = delete;
 
     /// The port, never 0.
     std::uint16_t number() const { return m_number; }
@@ -23,7 +20,7 @@ public:
     std::string text() const { return std::to_string(m_number); }
 
 private:
-    int m_socket;
+    LinuxCppUtil::OwnedFileDescriptor m_socket;
     std::uint16_t m_number = 0;
 };
 

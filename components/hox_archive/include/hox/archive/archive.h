@@ -9,9 +9,9 @@
 /// Packs a folder's tree into one archive and unpacks one, in a file or in memory.
 ///
 /// The operations share no state: any thread may call them, but not two at once with the same
-/// folder, and an unpack reads the process's umask by setting it for an instant. File names pass
-/// through the locale's character type: a name that it cannot express ends a pack in ArchiveError.
-/// Besides what is said below, std::bad_alloc and std::filesystem::filesystem_error may be thrown.
+/// folder, and an unpack reads the process's umask by setting it for an instant. File names are
+/// packed as the bytes that they are. Besides what is said below, std::bad_alloc and
+/// std::filesystem::filesystem_error, for a file that cannot be read, may be thrown.
 /// Nothing stays open on any way out; what was written until then stays.
 namespace Hox::Archive {
 

@@ -15,4 +15,8 @@ void toWire(const ChangeSetType& changes, ObsTreeObserveChangeSet& message);
 /// The native form of a received change set; its values stay packed until somebody asks for a type.
 ChangeSetType fromWire(const ObsTreeObserveChangeSet& message);
 
+/// The same for a message that nobody reads afterwards: moves the values out of it, unless it is in
+/// an arena, which they have to leave as copies.
+ChangeSetType fromWire(ObsTreeObserveChangeSet&& message);
+
 }  // namespace Hox::ObserverTree

@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -21,6 +20,8 @@
 #include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/type/type_name.h"
 #include "hox/observer_tree/double_registration_error.h"
+#include "hox/observer_tree/function_observe_handler.h"
+#include "hox/observer_tree/iobserve_handler.h"
 #include "hox/observer_tree/message_ptr.h"
 #include "hox/observer_tree/unary_ops.h"
 
@@ -35,6 +36,11 @@ template <typename BaseMsgType, typename TreeType, typename NodesChangedType, ty
 class CRURONode : public std::enable_shared_from_this<
                       CRURONode<BaseMsgType, TreeType, NodesChangedType, StatusType>> {
 public:
+    /// A change set.
+    using Changes = NodesChangedType;
+    /// What handlers read and write.
+    using Tree = TreeType;
+
     /// What a unary handler returns. The message counts only with an OK status.
     template <typename ReturnMsgType>
     struct UnaryHandlerReturnType {
@@ -46,10 +52,6 @@ public:
     template <typename InMsg, typename ReturnMsg>
     using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
 
-    /// The same for an operation that keeps parts of its request: it may move them out.
-    template <typename InMsg, typename ReturnMsg>
-    using UnaryTakingHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(InMsg&&, TreeType&)>;
-
     /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
     /// not throw, wait for another thread that needs the tree, or observe at or drop the last copy
     /// of a handle of its own node.
@@ -60,9 +62,6 @@ public:
     struct ObsCallbackStoredType {
         std::shared_ptr<ObserverCallback> observeCallback;
         std::shared_ptr<InMsgType> request;
-        /// What the observe handler of the node derived from the request, for its eyes alone, so
-        /// that it need not derive it again at every change. GUARDED_BY(m_observerMutex)
-        mutable std::shared_ptr<void> derived;
     };
 
     /// The observers of a node, keyed by the address of their callback object.
@@ -91,22 +90,24 @@ public:
     CRURONode& operator=(CRURONode&&) = delete;
 
     /// Sets the handler of an operation. Throws DoubleRegistrationError when there is one; the
-    /// first one stays.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler);
-
-    /// The same for a handler that may take its request over; it gets a copy of a request that its
-    /// caller keeps. When it fails with a request that was given over, the log shows what it left
-    /// of it: to keep the text for that case would cost each call a copy.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler);
+    /// first one stays. What a UnaryHandler can hold only reads its request. A handler whose first
+    /// parameter is an InMsg&& takes its request over, or a copy of one that the caller keeps.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+    void setUnaryHandler(Handler handler);
 
     /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
     template <typename InMsg>
-    void setObserveHandler(ObserveHandler<InMsg> handler);
+    void setObserveHandler(std::shared_ptr<IObserveHandler<CRURONode, InMsg>> handler);
 
-    /// Sets what runs when an observer arrives, replacing an earlier hook for the same message
-    /// type. A hook for BaseMsgType serves every request type.
+    /// The same for a function.
+    template <typename InMsg>
+    void setObserveHandler(ObserveHandler<InMsg> handler) {
+        setObserveHandler<InMsg>(
+            std::make_shared<FunctionObserveHandler<CRURONode, InMsg>>(std::move(handler)));
+    }
+
+    /// Sets what runs when an observer arrives, replacing an earlier hook. A hook for BaseMsgType
+    /// serves every request type.
     template <typename InMsg>
     void setNewObserverHandler(ObserverHook<InMsg> handler);
 
@@ -128,18 +129,14 @@ public:
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(const BaseMsgType& inMsg,
                                                              TreeType& tree) {
-        return guardCastHandler(inMsg,
-                                [&] { return slot(m_unaryCastHandlers, OpId)(inMsg, tree); });
+        return callCastHandler(OpId, {inMsg, nullptr}, tree);
     }
 
-    /// The same for a request that nobody reads afterwards.
+    /// The same for a request that nobody reads afterwards. The log shows its type only if it fails
+    /// with a handler that has taken it over.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(BaseMsgType&& inMsg, TreeType& tree) {
-        const auto& takingHandler = slot(m_unaryTakingCastHandlers, OpId);
-        if (!takingHandler) {
-            return callUnaryHandlerCast<OpId>(std::as_const(inMsg), tree);
-        }
-        return guardCastHandler(inMsg, [&] { return takingHandler(std::move(inMsg), tree); });
+        return callCastHandler(OpId, {inMsg, &inMsg}, tree);
     }
 
     /// Registers an observer for the life of the handle. An exception is logged, fails an assertion
@@ -159,110 +156,172 @@ public:
     /// exception is logged and fails an assertion; it is not thrown on.
     void callObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
 
+    /// What the observer whose handle `singleObserver` holds is to be told first, to be given to
+    /// callObserveHandler: nothing without an observe handler. Runs under both locks of the tree.
+    NodesChangedType snapshotFor(const std::any& singleObserver, const TreeType& tree);
+
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
-        return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+        // The compiler's text has the arguments of the template.
+        return Hox::Log::loggerName("Hox::ObserverTree::CRURONode", __FILE__);
     };
 
 private:
+    /// A request by descriptor on its way to a handler.
+    struct CastRequest {
+        const BaseMsgType& message;
+        BaseMsgType* givenOver;  ///< The same message, null if the caller keeps it.
+        bool isTaken = false;    ///< Whether a handler has got the one that was given over.
+    };
+
+    using CastHandler = std::function<UnaryHandlerReturnType<BaseMsgType>(CastRequest&, TreeType&)>;
+
     template <typename SlotsType>
     static auto& slot(SlotsType& slots, UnaryOps operation) {
         return slots.at(static_cast<std::size_t>(operation));
     }
 
+    /// The observe handler. Throws std::bad_any_cast for another request type than its own.
+    template <typename InMsg>
+    IObserveHandler<CRURONode, InMsg>& observeHandler() {  // REQUIRES(m_observerMutex)
+        using Handler = std::shared_ptr<IObserveHandler<CRURONode, InMsg>>;
+        return *std::any_cast<const Handler&>(m_observeHandler);
+    }
+
+    template <typename InMsg>
+    ObserverCallbackMap<InMsg>& observers() {  // REQUIRES(m_observerMutex)
+        return std::any_cast<ObserverCallbackMap<InMsg>&>(m_observerCallbackMap);
+    }
+
+    template <typename InMsg>
+    void addObserver(const ObsCallbackStoredType<InMsg>& observer);
+
+    // REQUIRES(m_observerMutex)
+    template <typename InMsg>
+    const ObsCallbackStoredType<InMsg>* findObserver(const std::any& singleObserver);
+
+    // REQUIRES(m_observerMutex)
+    template <typename InMsg>
+    void callTypedObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
+
     template <typename InMsg>
     void setObserveCastHandler();
 
     template <typename InMsg>
-    void setHook(ObserverHook<InMsg> handler, std::any& typed, ObserverHook<BaseMsgType>& cast);
+    void setHook(ObserverHook<InMsg> handler, ObserverHook<BaseMsgType>& hook);
 
     template <typename InMsg>
-    void runHooks(const std::any& typed, const ObserverHook<BaseMsgType>& cast,
-                  const ObsCallbackStoredType<InMsg>& observer);
+    void runHook(const ObserverHook<BaseMsgType>& hook,
+                 const ObsCallbackStoredType<InMsg>& observer);
 
     template <typename InMsg>
     void release(const ObsCallbackStoredType<InMsg>& observer);
 
-    template <typename Call>
-    UnaryHandlerReturnType<BaseMsgType> guardCastHandler(const BaseMsgType& inMsg, Call call);
+    UnaryHandlerReturnType<BaseMsgType> callCastHandler(UnaryOps operation, CastRequest request,
+                                                        TreeType& tree);
 
-    void logFailure(const std::string& text, const BaseMsgType& message, const char* label) {
+    void logFailure(const std::string& text, const char* label, const std::string& message) {
         m_logger->log(Hox::Log::here(), spdlog::level::err, "{}", text);
-        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message.DebugString());
+        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message);
         HOX_ASSERT(false);
     }
 
-    std::shared_ptr<spdlog::logger> m_logger;
+    // Constant.
+    const std::shared_ptr<spdlog::logger> m_logger;
+
+    // Each set once, under the handler lock of the tree, which guards it.
     std::array<std::any, unaryOpsCount> m_unaryHandlers;
-    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(const BaseMsgType&, TreeType&)>,
-               unaryOpsCount>
-        m_unaryCastHandlers;
-    std::array<std::function<UnaryHandlerReturnType<BaseMsgType>(BaseMsgType&&, TreeType&)>,
-               unaryOpsCount>
-        m_unaryTakingCastHandlers;
-    std::optional<std::function<void(const NodesChangedType&, std::any&, const std::any&)>>
-        m_observeHandler;
+    std::array<CastHandler, unaryOpsCount> m_unaryCastHandlers;
+    std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;
+    std::function<NodesChangedType(const std::any&, const TreeType&)> m_snapshotFor;
     std::function<std::any(const BaseMsgType&, ObserverCallback)> m_observeCastHandler;
-    /// Last in the lock order, behind the locks of the tree; not recursive.
+
+    /// Last in the lock order, after the locks of the tree; not recursive.
     std::mutex m_observerMutex;
+    std::any m_observeHandler;       // GUARDED_BY(m_observerMutex)
     std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
+
     /// Held alone and only while hooks are set or copied: a handle may be dropped without any lock.
     std::mutex m_hookMutex;
-    std::any m_newObserverHandler;                        // GUARDED_BY(m_hookMutex)
-    ObserverHook<BaseMsgType> m_newObserverCastHandler;   // GUARDED_BY(m_hookMutex)
-    std::any m_observerGoneHandler;                       // GUARDED_BY(m_hookMutex)
-    ObserverHook<BaseMsgType> m_observerGoneCastHandler;  // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_newObserverHandler;   // GUARDED_BY(m_hookMutex)
+    ObserverHook<BaseMsgType> m_observerGoneHandler;  // GUARDED_BY(m_hookMutex)
 };
 
 template <typename B, typename T, typename N, typename S>
-template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-void CRURONode<B, T, N, S>::setUnaryHandler(UnaryHandler<InMsg, ReturnMsg> handler) {
+template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+void CRURONode<B, T, N, S>::setUnaryHandler(Handler handler) {
+    using Result = UnaryHandlerReturnType<ReturnMsg>;
     if (hasUnaryHandler(OpId)) {
         throw DoubleRegistrationError(
             std::string("Only allowed to register one ") + toString(OpId) + "operation.\n",
             __FILE__, __LINE__);
     }
-    slot(m_unaryCastHandlers, OpId) = [handler](const B& inMsg, T& tree) {
-        auto result = handler(dynamic_cast<const InMsg&>(inMsg), tree);
+    const auto toBase = [](Result result) {
         return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
     };
-    slot(m_unaryHandlers, OpId) = std::move(handler);
-}
-
-template <typename B, typename T, typename N, typename S>
-template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-void CRURONode<B, T, N, S>::setUnaryTakingHandler(UnaryTakingHandler<InMsg, ReturnMsg> handler) {
-    setUnaryHandler<OpId, InMsg, ReturnMsg>(
-        [handler](const InMsg& inMsg, T& tree) { return handler(InMsg(inMsg), tree); });
-    slot(m_unaryTakingCastHandlers, OpId) = [handler = std::move(handler)](B&& inMsg, T& tree) {
-        auto result = handler(dynamic_cast<InMsg&&>(inMsg), tree);
-        return UnaryHandlerReturnType<B>{std::move(result.message), std::move(result.status)};
-    };
+    if constexpr (std::is_invocable_r_v<Result, Handler&, const InMsg&, T&>) {
+        UnaryHandler<InMsg, ReturnMsg> typed(std::move(handler));
+        slot(m_unaryCastHandlers, OpId) = [typed, toBase](CastRequest& request, T& tree) {
+            return toBase(typed(dynamic_cast<const InMsg&>(request.message), tree));
+        };
+        slot(m_unaryHandlers, OpId) = std::move(typed);
+    } else {
+        std::function<Result(InMsg&&, T&)> taking(std::move(handler));
+        slot(m_unaryCastHandlers, OpId) = [taking, toBase](CastRequest& request, T& tree) {
+            if (request.givenOver == nullptr) {
+                return toBase(taking(InMsg(dynamic_cast<const InMsg&>(request.message)), tree));
+            }
+            auto& inMsg = dynamic_cast<InMsg&>(*request.givenOver);
+            request.isTaken = true;
+            return toBase(taking(std::move(inMsg), tree));
+        };
+        slot(m_unaryHandlers, OpId) = UnaryHandler<InMsg, ReturnMsg>(
+            [taking = std::move(taking)](const InMsg& inMsg, T& tree) {
+                return taking(InMsg(inMsg), tree);
+            });
+    }
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::setObserveHandler(ObserveHandler<InMsg> handler) {
-    if (m_observeHandler) {
+void CRURONode<B, T, N, S>::setObserveHandler(
+    std::shared_ptr<IObserveHandler<CRURONode, InMsg>> handler) {
+    if (m_callObserveHandler) {
         throw DoubleRegistrationError("Only allowed to register one observe handler function",
                                       __FILE__, __LINE__);
     }
     setObserveCastHandler<InMsg>();
     const std::lock_guard<std::mutex> lock(m_observerMutex);
-    m_observeHandler = [handler = std::move(handler)](const N& changes, std::any& observers,
-                                                      const std::any& singleObserver) {
-        const auto& observeMap = std::any_cast<ObserverCallbackMap<InMsg>&>(observers);
-        if (!singleObserver.has_value()) {
-            handler(changes, observeMap);
-            return;
-        }
-        const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
-        const auto callbackIter = observeMap.find(handle->observeCallback.get());
-        HOX_ASSERT(callbackIter != observeMap.end());
-        if (callbackIter != observeMap.end()) {
-            handler(changes, {*callbackIter});
-        }
-    };
+    m_observeHandler = std::move(handler);
     m_observerCallbackMap = ObserverCallbackMap<InMsg>();
+    m_callObserveHandler = [this](const N& changes, const std::any& singleObserver) {
+        callTypedObserveHandler<InMsg>(changes, singleObserver);
+    };
+    m_snapshotFor = [this](const std::any& singleObserver, const T& tree) {
+        const auto* observer = findObserver<InMsg>(singleObserver);
+        return observer == nullptr ? N() : observeHandler<InMsg>().snapshotFor(*observer, tree);
+    };
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::callTypedObserveHandler(const N& changes,
+                                                    const std::any& singleObserver) {
+    if (!singleObserver.has_value()) {
+        observeHandler<InMsg>().deliver(changes, observers<InMsg>());
+    } else if (const auto* observer = findObserver<InMsg>(singleObserver)) {
+        observeHandler<InMsg>().deliverTo(*observer, changes);
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+auto CRURONode<B, T, N, S>::findObserver(const std::any& singleObserver)
+    -> const ObsCallbackStoredType<InMsg>* {
+    const auto& observeMap = observers<InMsg>();
+    const auto& handle = std::any_cast<const ObserveRaiiHandleType<InMsg>&>(singleObserver);
+    const auto callbackIter = observeMap.find(handle->observeCallback.get());
+    HOX_ASSERT(callbackIter != observeMap.end());
+    return callbackIter == observeMap.end() ? nullptr : &callbackIter->second;
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -271,7 +330,7 @@ void CRURONode<B, T, N, S>::setNewObserverHandler(ObserverHook<InMsg> handler) {
     if (!m_observeCastHandler) {
         setObserveCastHandler<InMsg>();
     }
-    setHook<InMsg>(std::move(handler), m_newObserverHandler, m_newObserverCastHandler);
+    setHook<InMsg>(std::move(handler), m_newObserverHandler);
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -280,20 +339,16 @@ void CRURONode<B, T, N, S>::setObserverGoneHandler(ObserverHook<InMsg> handler) 
     if (!m_observeCastHandler) {
         setObserveCastHandler<InMsg>();
     }
-    setHook<InMsg>(std::move(handler), m_observerGoneHandler, m_observerGoneCastHandler);
+    setHook<InMsg>(std::move(handler), m_observerGoneHandler);
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, std::any& typed,
-                                    ObserverHook<B>& cast) {
+void CRURONode<B, T, N, S>::setHook(ObserverHook<InMsg> handler, ObserverHook<B>& hook) {
     const std::lock_guard<std::mutex> lock(m_hookMutex);
-    // One slot per hook: both run when an observer comes or goes, and it must be told once.
-    if constexpr (std::is_same_v<InMsg, B>) {
-        cast = std::move(handler);
-    } else {
-        typed = std::move(handler);
-    }
+    hook = [handler = std::move(handler)](const B& request, const ObserverCallback& callback) {
+        handler(dynamic_cast<const InMsg&>(request), callback);
+    };
 }
 
 template <typename B, typename T, typename N, typename S>
@@ -315,22 +370,23 @@ auto CRURONode<B, T, N, S>::callUnaryHandler(const InMsgType& inMsg, T& tree)
         logFailure(std::string("Caught exception in Observer Tree CRUR Callback:\nOperation ") +
                        toString(OpId) + ": " + getTemplateTypeName<InMsgType>() + " -> " +
                        getTemplateTypeName<ReturnMsgType>() + "\n" + error.what(),
-                   inMsg, "msg");
+                   "msg", inMsg.DebugString());
         throw;
     }
 }
 
 template <typename B, typename T, typename N, typename S>
-template <typename Call>
-auto CRURONode<B, T, N, S>::guardCastHandler(const B& inMsg, Call call)
+auto CRURONode<B, T, N, S>::callCastHandler(UnaryOps operation, CastRequest request, T& tree)
     -> UnaryHandlerReturnType<B> {
     try {
-        return call();
+        return slot(m_unaryCastHandlers, operation)(request, tree);
     } catch (const std::exception& error) {
         logFailure(
             std::string("It is forbidden to throw exceptions from crur handler callbacks - ") +
                 error.what(),
-            inMsg, "msg");
+            "msg",
+            request.isTaken ? request.message.GetTypeName() + ", taken over by its handler"
+                            : request.message.DebugString());
         throw;
     }
 }
@@ -342,16 +398,10 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
     using Stored = ObsCallbackStoredType<InMsgType>;
     try {
         const Stored observer{std::make_shared<ObserverCallback>(std::move(callback)),
-                              std::shared_ptr<InMsgType>(inMsg.New()), nullptr};
+                              std::shared_ptr<InMsgType>(inMsg.New())};
         observer.request->CopyFrom(inMsg);
         auto record = std::make_unique<Stored>(observer);
-        {
-            const std::lock_guard<std::mutex> lock(m_observerMutex);
-            if (m_observerCallbackMap.has_value()) {
-                std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
-                    .emplace(observer.observeCallback.get(), observer);
-            }
-        }
+        addObserver<InMsgType>(observer);
         ObserveRaiiHandleType<InMsgType> handle(
             record.release(),
             [weakNode = this->weak_from_this()](Stored* storedTypeObserverCallback) {
@@ -360,35 +410,46 @@ auto CRURONode<B, T, N, S>::observe(const InMsgType& inMsg, ObserverCallback cal
                     node->template release<InMsgType>(*owned);
                 }
             });
-        runHooks<InMsgType>(m_newObserverHandler, m_newObserverCastHandler, observer);
+        runHook<InMsgType>(m_newObserverHandler, observer);
         return handle;
     } catch (const std::exception& error) {
         logFailure(
             std::string(
                 "It is forbidden to throw exceptions from observe handlers and callbacks - ") +
                 error.what(),
-            inMsg, "inMsg");
+            "inMsg", inMsg.DebugString());
         throw;
     }
 }
 
 template <typename B, typename T, typename N, typename S>
 template <typename InMsg>
-void CRURONode<B, T, N, S>::runHooks(const std::any& typed, const ObserverHook<B>& cast,
-                                     const ObsCallbackStoredType<InMsg>& observer) {
-    std::any typedHook;
-    ObserverHook<B> castHook;
+void CRURONode<B, T, N, S>::addObserver(const ObsCallbackStoredType<InMsg>& observer) {
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    if (!m_observerCallbackMap.has_value()) {
+        return;
+    }
+    auto& known = observers<InMsg>();
+    const auto position = known.emplace(observer.observeCallback.get(), observer).first;
+    try {
+        observeHandler<InMsg>().observerArrived(position->second);
+    } catch (...) {
+        known.erase(position);
+        throw;
+    }
+}
+
+template <typename B, typename T, typename N, typename S>
+template <typename InMsg>
+void CRURONode<B, T, N, S>::runHook(const ObserverHook<B>& hook,
+                                    const ObsCallbackStoredType<InMsg>& observer) {
+    ObserverHook<B> current;
     {
         const std::lock_guard<std::mutex> lock(m_hookMutex);
-        typedHook = typed;
-        castHook = cast;
+        current = hook;
     }
-    if (typedHook.has_value()) {
-        std::any_cast<const ObserverHook<InMsg>&>(typedHook)(*observer.request,
-                                                             *observer.observeCallback);
-    }
-    if (castHook) {
-        castHook(*observer.request, *observer.observeCallback);
+    if (current) {
+        current(*observer.request, *observer.observeCallback);
     }
 }
 
@@ -396,9 +457,13 @@ template <typename B, typename T, typename N, typename S>
 template <typename InMsgType>
 void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& observer) {
     const auto* storedTypeObserverCallback = &observer;
-    runHooks<InMsgType>(m_observerGoneHandler, m_observerGoneCastHandler, observer);
+    runHook<InMsgType>(m_observerGoneHandler, observer);
     const std::lock_guard<std::mutex> lock(m_observerMutex);
     if (m_observerCallbackMap.has_value()) {
+        const auto known = observers<InMsgType>().find(observer.observeCallback.get());
+        if (known != observers<InMsgType>().end()) {
+            observeHandler<InMsgType>().observerLeft(known->second);
+        }
         // The blank in the report's text comes from the line break.
         HOX_ASSERT(std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
                        .erase((*storedTypeObserverCallback).observeCallback.get()));
@@ -407,17 +472,26 @@ void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& obse
 
 template <typename B, typename T, typename N, typename S>
 void CRURONode<B, T, N, S>::callObserveHandler(const N& changes, const std::any& singleObserver) {
-    if (changes.empty() || !m_observeHandler) {
+    if (changes.empty() || !m_callObserveHandler) {
         return;
     }
     try {
         const std::lock_guard<std::mutex> lock(m_observerMutex);
-        m_observeHandler.value()(changes, m_observerCallbackMap, singleObserver);
+        m_callObserveHandler(changes, singleObserver);
     } catch (const std::exception& error) {
         m_logger->log(Hox::Log::here(), spdlog::level::err,
                       "Caught exception in Observer Tree observe Callback:\n{}", error.what());
         HOX_ASSERT(false);
     }
+}
+
+template <typename B, typename T, typename N, typename S>
+N CRURONode<B, T, N, S>::snapshotFor(const std::any& singleObserver, const T& tree) {
+    if (!m_snapshotFor) {
+        return N();
+    }
+    const std::lock_guard<std::mutex> lock(m_observerMutex);
+    return m_snapshotFor(singleObserver, tree);
 }
 
 }  // namespace Hox::ObserverTree

@@ -27,6 +27,25 @@ public:
     using iterator = typename Values::const_iterator;
     using const_iterator = typename Values::const_iterator;
 
+    /// Elements in key order, for range-for. Valid as long as neither its first element nor the one
+    /// after its last is erased.
+    class Range {
+    public:
+        /// The elements from `first` up to `last`, without `last`.
+        Range(iterator first, iterator last) : m_first(first), m_last(last) {}
+
+        /// The first element.
+        iterator begin() const { return m_first; }
+        /// After the last element.
+        iterator end() const { return m_last; }
+        /// Whether there is no element.
+        bool empty() const { return m_first == m_last; }
+
+    private:
+        iterator m_first;
+        iterator m_last;
+    };
+
     /// `defaults` holds what an erased key falls back to.
     explicit DataTreeMap(Values defaults = {}) : m_defaults(std::move(defaults)) {
         m_spareChanges.reserve(maxSpareChanges);
@@ -84,9 +103,22 @@ public:
     iterator find(const KeyType& key) const { return m_values.find(key); }
     /// The first element whose key is not below the key, or the end.
     iterator lower_bound(const KeyType& key) const { return m_values.lower_bound(key); }
+    /// The elements whose key starts with the text, which need not end at a component.
+    Range withPrefix(const KeyType& prefix) const {
+        // The lowest text above all that start with the prefix; there is none after bytes of 0xff.
+        KeyType above = prefix;
+        while (!above.empty() && static_cast<unsigned char>(above.back()) == 0xffU) {
+            above.pop_back();
+        }
+        if (above.empty()) {
+            return {lower_bound(prefix), end()};
+        }
+        above.back() = static_cast<char>(static_cast<unsigned char>(above.back()) + 1);
+        return {lower_bound(prefix), lower_bound(above)};
+    }
     /// The element with the lowest key.
     iterator begin() const { return m_values.begin(); }
-    /// Behind the element with the highest key.
+    /// After the element with the highest key.
     iterator end() const { return m_values.end(); }
     /// Number of keys.
     std::size_t size() const { return m_values.size(); }

@@ -4,6 +4,7 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
+#include <type_traits>
 
 namespace Hox::ObserverTree {
 
@@ -26,9 +27,28 @@ struct MessageDeleter {
     }
 };
 
-/// Owns a message and its memory.
+/// Owns a message and its memory. Made from the usual owner of a message and turned into one, so
+/// that who has no need of arenas uses std::unique_ptr<T> alone.
 template <typename T>
-using MessagePtr = std::unique_ptr<T, MessageDeleter>;
+class MessagePtr : public std::unique_ptr<T, MessageDeleter> {
+    using Base = std::unique_ptr<T, MessageDeleter>;
+
+public:
+    using Base::Base;
+    using Base::operator=;
+
+    /// Gives the message away; one that lies in an arena is copied and freed.
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<T*, U*>>>
+    operator std::unique_ptr<U>() && {
+        if (*this == nullptr || (*this)->GetArena() == nullptr) {
+            return std::unique_ptr<U>(this->release());
+        }
+        std::unique_ptr<U> copy((*this)->New());
+        copy->CopyFrom(**this);
+        this->reset();
+        return copy;
+    }
+};
 
 /// An empty message that shares few large blocks of memory with all its parts: for messages of many
 /// parts, which are made and freed several times faster that way.

@@ -40,6 +40,9 @@ private:
     struct SharedState;
     explicit ObserverTree(const SharedState& state);
 
+    template <typename InMsg, typename Selector>
+    void registerSelector(const std::string& key);
+
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };

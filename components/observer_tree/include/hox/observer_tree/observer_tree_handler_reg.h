@@ -29,36 +29,23 @@ public:
     ObserverTreeHandlerReg& operator=(const ObserverTreeHandlerReg&) = delete;
     ObserverTreeHandlerReg& operator=(ObserverTreeHandlerReg&&) = delete;
 
-    /// Registers the handler of one unary operation. Throws DoubleRegistrationError when the
-    /// address has one; the first one stays.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void registerUnaryOpHandler(const std::string& key, UnaryHandler<InMsg, ReturnMsg> handler) {
+    /// Registers the handler of one unary operation: a UnaryHandler<InMsg, ReturnMsg> or the like
+    /// that takes an InMsg&&, from which it may move parts. Such a handler gets a copy of a request
+    /// that the caller keeps. Throws DoubleRegistrationError when the address has a handler for the
+    /// operation; the first one stays.
+    template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
+    void registerUnaryOpHandler(const std::string& key, Handler handler) {
         checkAddress(key);
         const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
         findOrCreateNode(key, toString(OpId))
             ->template setUnaryHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
     }
 
-    /// The same for a handler that may move parts out of its request. It gets a copy of the request
-    /// unless the caller has given that over.
-    template <UnaryOps OpId, typename InMsg, typename ReturnMsg>
-    void registerUnaryTakingOpHandler(const std::string& key,
-                                      UnaryTakingHandler<InMsg, ReturnMsg> handler) {
-        checkAddress(key);
-        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
-        findOrCreateNode(key, toString(OpId))
-            ->template setUnaryTakingHandler<OpId, InMsg, ReturnMsg>(std::move(handler));
-    }
-
     /// Registers the handler that selects changes for the observers of the address. Throws
     /// DoubleRegistrationError when the address has one.
     template <typename InMsg>
     void registerObserveHandler(const std::string& key, TreeNode::ObserveHandler<InMsg> handler) {
-        checkAddress(key);
-        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
-        const auto node = findOrCreateNode(key, observeText);
-        node->template setObserveHandler<InMsg>(std::move(handler));
-        m_observeNodes->push_back(node);
+        addObserveNode<InMsg>(key, std::move(handler));
     }
 
     /// Registers what runs when an observer arrives, replacing an earlier hook.
@@ -83,6 +70,16 @@ public:
     }
 
 protected:
+    /// As registerObserveHandler; takes an IObserveHandler as well.
+    template <typename InMsg, typename Handler>
+    void addObserveNode(const std::string& key, Handler handler) {
+        checkAddress(key);
+        const std::lock_guard<std::recursive_mutex> lock(*m_handlerLock);
+        const auto node = findOrCreateNode(key, observeText);
+        node->template setObserveHandler<InMsg>(std::move(handler));
+        m_observeNodes->push_back(node);
+    }
+
     /// The handler lock, for registrations that belong together.
     const std::shared_ptr<std::recursive_mutex>& handlerLock() const { return m_handlerLock; }
 
@@ -90,15 +87,18 @@ private:
     static constexpr const char* observeText = "OBSERVE";
 
     static void checkAddress(const std::string& key);
+
+    // REQUIRES(*m_handlerLock)
     std::shared_ptr<TreeNode> findOrCreateNode(const std::string& key, const char* operationText);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
-    std::shared_ptr<std::recursive_mutex> m_handlerLock;
-    std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
+    // Constant. What these refer to is shared with the operations of the tree; the locks guard it.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::shared_ptr<std::recursive_mutex> m_handlerLock;
+    const std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
+    const std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
 };
 
 }  // namespace Hox::ObserverTree

@@ -129,23 +129,30 @@ private:
         return result;
     }
 
+    // REQUIRES(*m_handlerLock)
     FunctionTree::iterator findUnaryNode(UnaryOps operation, const std::string& key);
+    // REQUIRES(*m_handlerLock)
     TreeNode& requireUnaryNode(UnaryOps operation, const std::string& key);
+    // REQUIRES(*m_handlerLock)
     std::shared_ptr<TreeNode> requireObserveNode(const std::string& key);
+    // REQUIRES(*m_handlerLock, *m_dataLock)
     void deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle);
-    void runDeferredCallbacks();
-    void deliver(const ChangeSetType& changes);
-    void traceChanges(const ChangeSetType& changes);
+    void runDeferredCallbacks();                      // REQUIRES(*m_handlerLock, *m_dataLock)
+    void deliver(const ChangeSetType& changes);       // REQUIRES(*m_handlerLock, *m_dataLock)
+    void traceChanges(const ChangeSetType& changes);  // REQUIRES(*m_dataLock)
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
-    std::shared_ptr<std::recursive_mutex> m_handlerLock;
-    std::shared_ptr<DataTree> m_dataTree;  // GUARDED_BY(*m_dataLock)
-    std::shared_ptr<std::recursive_mutex> m_dataLock;
-    std::shared_ptr<ObserveNodes> m_observeNodes;           // GUARDED_BY(*m_handlerLock)
+    // Constant. What these refer to is shared with the registering face of the tree; the locks
+    // guard it.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::shared_ptr<std::recursive_mutex> m_handlerLock;
+    const std::shared_ptr<std::recursive_mutex> m_dataLock;
+    const std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)
+    const std::shared_ptr<ObserveNodes> m_observeNodes;  // GUARDED_BY(*m_handlerLock)
+    const std::shared_ptr<DataTree> m_dataTree;          // GUARDED_BY(*m_dataLock)
+
     bool m_callbacksBeingProcessed = false;                 // GUARDED_BY(*m_dataLock)
     std::deque<std::function<void()>> m_deferredCallbacks;  // GUARDED_BY(*m_dataLock)
 };

@@ -33,10 +33,6 @@ using UnaryHandlerReturnType = TreeNode::UnaryHandlerReturnType<ReturnMsgType>;
 template <typename InMsg, typename ReturnMsg>
 using UnaryHandler = TreeNode::UnaryHandler<InMsg, ReturnMsg>;
 
-/// Serves one unary operation and may take its request over.
-template <typename InMsg, typename ReturnMsg>
-using UnaryTakingHandler = TreeNode::UnaryTakingHandler<InMsg, ReturnMsg>;
-
 /// What an observer supplies.
 using ObserverCallback = TreeNode::ObserverCallback;
 

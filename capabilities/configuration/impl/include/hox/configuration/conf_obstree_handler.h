@@ -3,9 +3,8 @@
 #include <spdlog/logger.h>
 
 #include <any>
-#include <filesystem>
+#include <exception>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +18,9 @@
 
 namespace Hox::Capability::Configuration {
 
+class SavedCopy;
+class SliceObservers;
+
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
 /// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
@@ -28,12 +30,16 @@ namespace Hox::Capability::Configuration {
 /// without the mutex: the state tree's thread, which it may have to join, needs it.
 class ConfObstreeHandler {
 public:
-    /// Loads what is saved in confPath, which is made if missing, into the tree. `lock` is the
-    /// frame's slot for its lock of the capability. Throws std::filesystem::filesystem_error.
+    /// Loads what is saved in confPath, which is made if missing, into the tree, and keeps other
+    /// services away from it. `lock` is the frame's slot for its lock of the capability. Throws
+    /// InitializationError where another service uses the folder, and
+    /// std::filesystem::filesystem_error for a value that cannot be read: a service that went on
+    /// would save without it.
     ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
-                       std::unique_ptr<std::unique_lock<std::mutex>>& lock, std::string confPath,
+                       std::unique_ptr<std::unique_lock<std::mutex>>& lock,
+                       std::shared_ptr<std::mutex> capabilityMutex, std::string confPath,
                        std::string serviceId);
-    virtual ~ConfObstreeHandler() = default;
+    virtual ~ConfObstreeHandler();
     ConfObstreeHandler(const ConfObstreeHandler&) = delete;
     ConfObstreeHandler(ConfObstreeHandler&&) = delete;
     ConfObstreeHandler& operator=(const ConfObstreeHandler&) = delete;
@@ -56,9 +62,8 @@ private:
                                                  Hox::ObserverTree::DataTree& tree);
     Return<Api::ReadCapConfResp> readCapConf(const Api::ReadCapConfReq& request,
                                              Hox::ObserverTree::DataTree& tree) const;
-    void observeCapConf(const Api::ObserveCapConfReq& request,
-                        const Hox::ObserverTree::ObserverCallback& callback);
-    void stopObserveCapConf(const Api::ObserveCapConfReq& request);
+    void greet(const Api::ObserveCapConfReq& request,
+               const Hox::ObserverTree::ObserverCallback& callback);
     void onConfTreeChanged(const Hox::ObserverTree::ChangeSetType& changes,
                            const Hox::ObserverTree::Status& status);
 
@@ -66,32 +71,29 @@ private:
 
     // The working copy, the saved copy and packages: conf_obstree_handler_packages.cpp.
     Return<Api::GetSysConfResp> readSysConf() const;
-    Return<Api::UpdateSysConfResp> updateSysConf(const Api::UpdateSysConfReq& request);
+    Return<Api::UpdateSysConfResp> updateSysConf(const Api::UpdateSysConfReq& request,
+                                                 const Hox::ObserverTree::DataTree& tree);
     Hox::ObserverTree::Status saveSysConfData(const std::string& data);
-    Hox::ObserverTree::Status unpack(const std::string& data,
-                                     const std::filesystem::path& dir) const;
-    Hox::ObserverTree::Status examinePackage(const std::filesystem::path& dir,
-                                             Hox::ObserverTree::ChangeSetType& content) const;
-    bool confIsCompatible(const std::filesystem::path& dir) const;
-    void saveChanges();
-    void discardChanges();
-    void announceDiscard();
-    void clearSysConfData();
-    std::filesystem::path makeScratchDirectory() const;
-    void putInForce(const std::filesystem::path& scratch) const;
+    Hox::ObserverTree::Status saveChanges(const Hox::ObserverTree::DataTree& tree);
+    Hox::ObserverTree::Status discardChanges();
+    Hox::ObserverTree::Status clearSysConfData();
+    void replaceWorkingCopy(const Hox::ObserverTree::ChangeSetType& content);
+    Hox::ObserverTree::Status refused(const char* operation, const std::exception& error) const;
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
     std::shared_ptr<spdlog::logger> m_logger;
     Hox::ObserverTree::ObserverTree& m_tree;
-    std::map<std::string, Hox::ObserverTree::ObserverCallback> m_observeCbMap;
     std::any m_confObserveHandle;
     bool m_ignoreTreeChanges = true;
+    bool m_hasUnsavedChanges = false;
+    std::unique_ptr<SavedCopy> m_savedCopy;
     std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> m_persistHndlr;
-    std::string m_confPath;
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> m_stateTree;
     std::string m_serviceId;
+    /// The first to be destroyed: its thread uses all the rest.
+    std::unique_ptr<SliceObservers> m_sliceObservers;
 };
 
 }  // namespace Hox::Capability::Configuration

@@ -4,12 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/state_monitoring/system_state.h"
@@ -17,10 +14,10 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-class TypeFilter;
+class NotificationStore;
 
-/// The logic of the state monitor: keeps the latest notification of every origin and the last
-/// notifications of all, as data of an observer tree, and derives the severity of the whole.
+/// The logic of the state monitor: binds the notifications, which a NotificationStore keeps as data
+/// of an observer tree, to the operations of that tree, and derives the severity of the whole.
 ///
 /// Outlives the use of the tree that its handlers are registered on. The handlers run under the
 /// locks of that tree, which guard the members too.
@@ -30,7 +27,7 @@ public:
     /// archiveSize notifications. Asserts that this is above 0.
     StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex, std::string serviceId,
                       bool isSystemMonitor, int32_t archiveSize);
-    virtual ~StateMonObsHelper() = default;
+    virtual ~StateMonObsHelper();
     StateMonObsHelper(const StateMonObsHelper&) = delete;
     StateMonObsHelper(StateMonObsHelper&&) = delete;
     StateMonObsHelper& operator=(const StateMonObsHelper&) = delete;
@@ -49,18 +46,6 @@ private:
     template <typename Msg>
     using Result = Hox::ObserverTree::UnaryHandlerReturnType<Msg>;
 
-    /// A latest key of the tree and the severity of what it holds.
-    struct LatestEntry {
-        DataTree::iterator position;
-        Api::StateSeverity severity = Api::StateSeverity::OK;
-    };
-
-    /// An archive key of the tree and the notification that it holds.
-    struct ArchiveEntry {
-        DataTree::iterator position;
-        const Api::StoredNotification* notification = nullptr;
-    };
-
     void registerStateHandlers(Hox::ObserverTree::ObserverTree& tree);
     void registerConnectionHandlers(Hox::ObserverTree::ObserverTree& tree);
 
@@ -72,29 +57,13 @@ private:
         const Api::GetLatestStateNotificationsReq& req, const DataTree& tree) const;
     Result<Api::GetCurrentStateResp> getCurrentState() const;
 
-    void storeNotification(std::unique_ptr<Api::StateNotification> notification, DataTree& tree);
-    void archive(Hox::ObserverTree::DataTreeValPtr value, DataTree& tree);
-    void countSeverity(Api::StateSeverity severity, int32_t difference);
-    void selectByIndex(int32_t index, TypeFilter& filter,
-                       Api::GetStateNotificationsResp& resp) const;
-    void selectByTime(const google::protobuf::Timestamp& from, TypeFilter& filter,
-                      Api::GetStateNotificationsResp& resp) const;
-
     std::shared_ptr<spdlog::logger> m_logger;
-    int32_t m_nextIndex = 0;
-    /// The latest keys, which are never removed, by their text in the tree.
-    std::unordered_map<std::string_view, LatestEntry> m_latest;
-    /// The archive keys, oldest first, for who need not look them up.
-    std::deque<ArchiveEntry> m_archive;
-    int32_t m_archiveSize;
+    std::unique_ptr<NotificationStore> m_store;
     bool m_isSystemMonitor;
     std::string m_serviceId;
     /// A SystemState.
     std::atomic<int> m_systemState{static_cast<int>(SystemState::Unknown)};
     std::shared_ptr<std::mutex> m_capabilityMutex;
-    /// How many of the latest notifications are of these severities.
-    int32_t m_latestErrors = 0;
-    int32_t m_latestWarnings = 0;
 };
 
 }  // namespace Hox::Capability::StateMonitoring

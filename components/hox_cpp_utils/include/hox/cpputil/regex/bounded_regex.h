@@ -1,24 +1,20 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace Hox::CppUtil {
 
-class RegexAutomaton;
-class RegexLiterals;
-class RegexSyntax;
+class RegexMatcher;
 
 /// A regular expression (ECMAScript grammar) from a source that is not trusted.
 ///
-/// The answers are those of std::regex. Its matcher, however, recurses once per byte of the subject
-/// and backtracks, so that a subject can overflow the stack and an expression can take for ever.
-/// Here the time is bounded by the number of states times the size of the subject, and the stack
-/// does not grow with either. The price is that back-references are refused, as no bounded way to
-/// match them exists.
+/// The standard library decides what is a valid expression, and the answers are its own. Its
+/// matcher, however, recurses once per byte of the subject and backtracks without an end, so that a
+/// subject can overflow the stack and an expression can take for ever. Here PCRE2 matches, within a
+/// few milliseconds and megabytes; what needs more is refused.
 ///
 /// An object may be used by one thread at a time.
 class BoundedRegex {
@@ -27,12 +23,10 @@ public:
     static constexpr std::size_t maxExpressionSize = 1000;
     /// Longest subject accepted, in bytes.
     static constexpr std::size_t maxSubjectSize = 4096;
-    /// Most states that an expression may have once its counted repetitions are written out.
-    static constexpr std::size_t maxStates = 5000;
 
-    /// Compiles the expression. Throws std::regex_error where std::regex does and for a
-    /// back-reference, InvalidArgumentError for an expression that is too long or has too many
-    /// states.
+    /// Compiles the expression. Throws std::regex_error for a malformed one, as std::regex does,
+    /// and InvalidArgumentError for one that is too long, or too large with its counted repetitions
+    /// written out.
     explicit BoundedRegex(const std::string& expression);
     ~BoundedRegex();
     BoundedRegex(BoundedRegex&& other) noexcept;
@@ -41,22 +35,15 @@ public:
     BoundedRegex& operator=(const BoundedRegex&) = delete;
 
     /// Whether any part of the subject matches. Throws InvalidArgumentError for a subject that is
-    /// too long.
+    /// too long and where the answer takes too much time or memory.
     bool search(std::string_view subject);
 
-    /// Whether the whole subject matches. Throws InvalidArgumentError for a subject that is too
-    /// long.
+    /// Whether the whole subject matches. Throws as search() does.
     bool matches(std::string_view subject);
 
-    /// The work done so far by all calls, in steps of a few nanoseconds. A caller with many
-    /// subjects can bound its time by it.
-    std::uint64_t steps() const;
-
 private:
-    explicit BoundedRegex(const RegexSyntax& syntax);
-
-    std::unique_ptr<RegexAutomaton> m_automaton;
-    std::unique_ptr<RegexLiterals> m_literals;  // null for an expression of another kind
+    std::unique_ptr<RegexMatcher> m_matcher;
+    std::unique_ptr<RegexMatcher> m_matcherAtStart;  // null where the other one serves as well
 };
 
 }  // namespace Hox::CppUtil

@@ -12,11 +12,13 @@
 namespace Hox::ObserverTree {
 
 /// Keeps values on disk: key /a/b under the working directory W lies in the file W/a/b/data, as the
-/// JSON form of a packed message.
+/// JSON form of a packed message. A value that JSON cannot hold exactly, such as one of a type that
+/// this program does not know, lies there as {"@type": ..., "@bytes": <base64>}.
 ///
-/// Without state and lock; the caller serialises. File system errors pass to the caller as
-/// std::filesystem::filesystem_error; a failed write of a file's content is not detected. A crash
-/// leaves the old file or the new one, never a mixture.
+/// Without state and lock; the caller serialises. Whatever cannot be read or written is a
+/// std::filesystem::filesystem_error with the path and the system's reason. A crash of the process
+/// leaves the old file or the new one, never a mixture. Files and directories are readable by their
+/// owner and group alone, whatever the umask.
 class NodeDataFileHndlr {
 public:
     /// Touches no file.
@@ -27,7 +29,8 @@ public:
     NodeDataFileHndlr& operator=(const NodeDataFileHndlr&) = delete;
     NodeDataFileHndlr& operator=(NodeDataFileHndlr&&) = delete;
 
-    /// Writes one value, making directories as needed.
+    /// Writes one value, making directories as needed. Throws InvalidArgumentError for a value
+    /// whose type URL is no UTF-8.
     void saveNodeData(const std::filesystem::path& workingDir, const std::string& key,
                       const google::protobuf::Any& data);
 
@@ -39,18 +42,11 @@ public:
     /// key without changes.
     void saveChangeSet(const ChangeSetType& changes, const std::filesystem::path& workingDir);
 
-    /// Loads every value below the working directory. A file that cannot be parsed yields an empty
-    /// packed message.
+    /// Loads every value below the working directory. A file that can be read but not parsed yields
+    /// an empty packed message and a warning that names it.
     ChangeSetType readNodeData(const std::filesystem::path& workingDir);
 
 private:
-    class DirectoryMaker;
-
-    void save(const std::filesystem::path& workingDir, const std::string& key,
-              const google::protobuf::Any& data, DirectoryMaker& directories);
-    static void writeTemporary(const std::string& directory, const std::string& temporary,
-                               const std::string& text, DirectoryMaker& directories);
-
     std::shared_ptr<spdlog::logger> m_logger;
 };
 

@@ -3,6 +3,8 @@
 #include <spdlog/logger.h>
 
 #include <any>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,16 +42,25 @@ public:
     /// Attaches the central store. To be done before persisting starts.
     void setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr);
 
+    /// May change what has been read from a directory, before it is loaded.
+    using LoadFilter = std::function<void(ChangeSetType&)>;
+
     /// Loads the directory, which is made if missing, in place of what the tree holds, then starts
     /// persisting if asked to. An empty directory name stands for none. Throws
-    /// std::filesystem::filesystem_error.
-    void init(bool startPersisting, const std::string& persistDir);
+    /// std::filesystem::filesystem_error, also for a value that cannot be read, and what `onLoad`
+    /// throws; the tree is as it was then.
+    void init(bool startPersisting, const std::string& persistDir, const LoadFilter& onLoad = {});
 
     /// Stores every further change; with persistFirstChange also all that the tree holds now,
     /// before this call returns. With a central store it waits for the store's first answer, and
     /// lets go of the capability's lock meanwhile; not to be called from a handler or an observer
     /// of the tree then, as the answer needs the tree. Asserts that it is not persisting already.
     void startPersistingObsTree(const std::string& persistDir, bool persistFirstChange);
+
+    /// Writes all that the tree holds for it into the directory, for operations on whole
+    /// directories. Runs inside a handler of the tree, which passes its data tree. Throws what
+    /// NodeDataFileHndlr::saveNodeData throws; the first values may have been written then.
+    void writeAll(const DataTree& tree, const std::filesystem::path& directory);
 
     /// Ends persisting. What the central store holds goes on to replace the persistent part of the
     /// tree, until the next start observes the store anew.

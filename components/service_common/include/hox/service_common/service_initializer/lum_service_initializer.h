@@ -102,7 +102,7 @@ private:
     std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
     /// Made ahead of readiness, as a service that is to end may find no room for a thread.
     std::unique_ptr<std::thread> m_shutdownThread;
-    bool m_isShuttingDown = false;                 // the main thread's, until it posts
+    std::atomic<bool> m_isShuttingDown{false};     // the main thread's, until it posts
     CppUtil::BinarySemaphore m_shutdownRequested;  // or the end of this object
 };
 

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "configuration.pb.h"
+#include "hox/cpputil/timer/timer.h"
+#include "hox/observer_tree/tree_types.h"
+
+namespace Hox::Capability::Configuration {
+
+/// The observers of slices: one for each slice.
+///
+/// An owner that has lost its connection comes back over a new one, and its request may overtake
+/// the end of its former stream. Such a newcomer waits until that end has been seen. A second
+/// observer beside one that stays is a programming error and fails an assertion.
+///
+/// All functions but the constructor and the destructor run under the capability's mutex, and so
+/// does everything that they call.
+class SliceObservers {
+public:
+    using Callback = Hox::ObserverTree::ObserverCallback;
+
+    /// Tells an observer what its slice holds.
+    using Greeting = std::function<void(const Api::ObserveCapConfReq&, const Callback&)>;
+
+    /// How long a newcomer waits, at least: time in which the capability is busy does not count.
+    static constexpr std::chrono::milliseconds patience{2000};
+
+    /// The mutex is the capability's.
+    SliceObservers(std::shared_ptr<std::mutex> capabilityMutex, Greeting greeting);
+
+    /// An observer arrives: it is greeted at once, or when the former one of its slice has left.
+    /// The callback is known by its address until it leaves.
+    void arrive(const Api::ObserveCapConfReq& request, const Callback& callback);
+
+    /// An observer leaves. Asserts that its slice has one.
+    void leave(const Api::ObserveCapConfReq& request, const Callback& callback);
+
+    /// Delivers changes to the observer of the slice, if there is one that has been greeted.
+    void tell(const std::string& uniqueConfId,
+              const Hox::ObserverTree::ChangeSetType& changes) const;
+
+private:
+    struct Observer {
+        const Callback* identity;
+        Callback callback;
+    };
+
+    struct Newcomer {
+        Observer observer;
+        Api::ObserveCapConfReq request;
+        int looksLeft;  // until it has waited long enough
+    };
+
+    void admit(const std::string& uniqueConfId, const Observer& observer,
+               const Api::ObserveCapConfReq& request);
+    void admitNext(const std::string& uniqueConfId);
+    bool forgetNewcomer(const std::string& uniqueConfId, const Callback& callback);
+    void startLooking();
+    void look();
+
+    const std::shared_ptr<std::mutex> m_capabilityMutex;
+    const Greeting m_greeting;
+    std::map<std::string, Observer> m_observeCbMap;           // GUARDED_BY(*m_capabilityMutex)
+    std::map<std::string, std::deque<Newcomer>> m_newcomers;  // GUARDED_BY(*m_capabilityMutex)
+    bool m_isLooking = false;                                 // GUARDED_BY(*m_capabilityMutex)
+    /// Made for the first newcomer. The first to be destroyed: its thread uses all the rest.
+    std::optional<Hox::CppUtil::Timer> m_timer;  // GUARDED_BY(*m_capabilityMutex)
+};
+
+}  // namespace Hox::Capability::Configuration

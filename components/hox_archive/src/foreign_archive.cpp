@@ -1,0 +1,171 @@
+#include "hox/archive/foreign_archive.h"
+
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <codecvt>
+#include <locale>
+#include <new>
+#include <utility>
+
+#include "archive_handles.h"
+#include "gzip_check.h"
+#include "hox/archive/error/archive_error.h"
+#include "unfiltered_stream.h"
+
+namespace Hox::Archive {
+
+namespace {
+
+/// What the header of an entry takes, with those for a long name and the filling of its last block.
+constexpr std::uint64_t bytesPerHeader = 3072;
+
+/// Longer ones are no paths.
+constexpr std::size_t maxNameSize = 4096;
+
+void require(bool condition, const std::string& reason) {
+    if (!condition) {
+        throw ArchiveError(reason, __FILE__, __LINE__);
+    }
+}
+
+bool isUtf8(const std::string& text) {
+    const auto& utf8 =
+        std::use_facet<std::codecvt<char32_t, char, std::mbstate_t>>(std::locale::classic());
+    std::u32string characters(text.size(), U'\0');
+    std::mbstate_t state{};
+    const char* end = nullptr;
+    char32_t* last = nullptr;
+    utf8.in(state, text.data(), text.data() + text.size(), end, characters.data(),
+            characters.data() + characters.size(), last);
+    const auto isSurrogate = [](char32_t code) { return code >= 0xd800 && code < 0xe000; };
+    return end == text.data() + text.size() && std::none_of(characters.data(), last, isSurrogate);
+}
+
+/// The name for people to read, its start only if it is long.
+std::string shown(const std::string& name) {
+    constexpr std::size_t maxSize = 200;
+    if (name.size() <= maxSize) {
+        return name;
+    }
+    std::size_t size = maxSize;
+    while ((static_cast<unsigned char>(name[size]) & 0xc0U) == 0x80U) {
+        --size;  // in the middle of a character
+    }
+    return name.substr(0, size) + "...";
+}
+
+/// While it lives libarchive finds no way to convert the names of this thread's archives, and
+/// leaves them as they are: otherwise it composes their characters anew.
+class NamesAsTheyAre {
+public:
+    NamesAsTheyAre() : m_locale(::newlocale(LC_CTYPE_MASK, "C", nullptr)) {
+        if (m_locale == nullptr) {
+            throw std::bad_alloc();
+        }
+        m_former = ::uselocale(m_locale);
+    }
+    ~NamesAsTheyAre() {
+        ::uselocale(m_former);
+        ::freelocale(m_locale);
+    }
+    NamesAsTheyAre(const NamesAsTheyAre&) = delete;
+    NamesAsTheyAre(NamesAsTheyAre&&) = delete;
+    NamesAsTheyAre& operator=(const NamesAsTheyAre&) = delete;
+    NamesAsTheyAre& operator=(NamesAsTheyAre&&) = delete;
+
+private:
+    locale_t m_locale;
+    locale_t m_former = nullptr;
+};
+
+/// Reads the entries of one archive.
+class ForeignReader {
+public:
+    ForeignReader(std::string_view bytes, const ForeignLimits& limits)
+        : m_limits(limits),
+          m_bytesLeft(limits.bytes),
+          m_stream(bytes, limits.bytes + limits.entries * bytesPerHeader) {}
+
+    std::vector<ForeignEntry> readAll() {
+        std::vector<ForeignEntry> entries;
+        for (std::size_t count = 1; ::archive_entry* entry = m_stream.nextEntry(); ++count) {
+            require(count <= m_limits.entries, "More entries than an archive may have");
+            ForeignEntry read = examined(entry);
+            if (!read.name.empty()) {
+                entries.push_back(std::move(read));
+            }
+        }
+        return entries;
+    }
+
+private:
+    ForeignEntry examined(::archive_entry* entry) {
+        const char* path = archive_entry_pathname(entry);
+        require(path != nullptr && *path != '\0', "Entry without a name that can be read");
+        const auto type = archive_entry_filetype(entry);
+        ForeignEntry read{cleanName(path), type == AE_IFDIR, {}};
+        require((type == AE_IFREG || type == AE_IFDIR) && archive_entry_hardlink(entry) == nullptr,
+                "Entry that is neither file nor folder: " + shown(read.name));
+        require(read.isFolder || !read.name.empty(), "File without a name");
+        if (!read.isFolder) {
+            readContent(entry, read);
+        }
+        return read;
+    }
+
+    std::string cleanName(const std::string& path) const {
+        require(path.size() <= maxNameSize, "Entry with a name that is too long");
+        require(isUtf8(path), "Entry with a name that is no UTF-8");
+        require(path.front() != '/', "Entry with an absolute name: " + shown(path));
+        std::string name;
+        std::size_t components = 0;
+        for (std::size_t start = 0; start < path.size();) {
+            const std::size_t end = std::min(path.find('/', start), path.size());
+            const std::string component = path.substr(start, end - start);
+            require(component != "..", "Entry with \"..\" in its name: " + shown(path));
+            if (!component.empty() && component != ".") {
+                require(++components <= m_limits.components,
+                        "Entry with a name of too many components: " + shown(path));
+                name += (name.empty() ? "" : "/") + component;
+            }
+            start = end + 1;
+        }
+        return name;
+    }
+
+    void readContent(::archive_entry* entry, ForeignEntry& file) {
+        const std::int64_t declared =
+            archive_entry_size_is_set(entry) != 0 ? archive_entry_size(entry) : 0;
+        require(declared >= 0, "File of a negative size: " + shown(file.name));
+        const auto size = static_cast<std::uint64_t>(declared);
+        require(size <= m_bytesLeft,
+                "More bytes than an archive may have, at: " + shown(file.name));
+        std::array<char, 65536> block;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+        while (const std::size_t length = m_stream.readData(block.data(), block.size())) {
+            require(file.content.size() + length <= m_bytesLeft,
+                    "More bytes than an archive may have, at: " + shown(file.name));
+            file.content.append(block.data(), length);
+        }
+        require(archive_entry_size_is_set(entry) == 0 || file.content.size() <= size,
+                "File of more bytes than it declares: " + shown(file.name));
+        // A hole at the end is not part of the data.
+        file.content.resize(std::max<std::size_t>(file.content.size(), size));
+        m_bytesLeft -= file.content.size();
+    }
+
+    const ForeignLimits m_limits;
+    std::uint64_t m_bytesLeft;
+    UnfilteredStream m_stream;
+};
+
+}  // namespace
+
+std::vector<ForeignEntry> readForeignArchive(std::string_view bytes, const ForeignLimits& limits) {
+    require(!bytes.empty(), "No byte at all");
+    checkGzip(bytes, limits.bytes + limits.entries * bytesPerHeader);
+    const NamesAsTheyAre names;
+    return ForeignReader(bytes, limits).readAll();
+}
+
+}  // namespace Hox::Archive

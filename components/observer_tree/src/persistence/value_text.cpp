@@ -1,0 +1,225 @@
+#include "persistence/value_text.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/wrappers.pb.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "hox/cpputil/error/invalid_argument_error.h"
+
+namespace Hox::ObserverTree {
+
+using google::protobuf::Any;
+using google::protobuf::BytesValue;
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::FileDescriptor;
+using google::protobuf::Message;
+using google::protobuf::StringValue;
+using google::protobuf::Struct;
+using google::protobuf::util::JsonStringToMessage;
+using google::protobuf::util::MessageToJsonString;
+
+namespace {
+
+constexpr const char* typeMember = "@type";
+constexpr const char* bytesMember = "@bytes";
+
+/// Decides which types of messages JSON holds exactly, whatever their fields are set to.
+class ExactTypes {
+public:
+    bool contain(const Descriptor& type) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return depthOf(type) > 0;
+    }
+
+private:
+    /// JSON gives up beyond some 60 levels.
+    static constexpr int maxDepth = 30;
+
+    /// How deep messages of the type are nested, 0 for a type that may lose something.
+    int depthOf(const Descriptor& type) {
+        // A type that is met again below itself may be nested without an end.
+        const auto [known, isNew] = m_depths.try_emplace(&type, 0);
+        if (isNew && isPlain(type)) {
+            int depth = 1;
+            for (int index = 0; index < type.field_count() && depth > 0; ++index) {
+                const int below = depthBelow(*type.field(index));
+                depth = below == 0 ? 0 : std::max(depth, below);
+            }
+            known->second = depth < maxDepth ? depth : 0;
+        }
+        return known->second;
+    }
+
+    /// Types with a JSON form of their own differ from others in what they lose.
+    static bool isPlain(const Descriptor& type) {
+        const FileDescriptor& file = *type.file();
+        const bool isOfLibrary = file.package() == "google.protobuf";
+        return file.syntax() == FileDescriptor::SYNTAX_PROTO3 &&
+               (!isOfLibrary || file.name() == StringValue::descriptor()->file()->name());
+    }
+
+    int depthBelow(const FieldDescriptor& field) {
+        const auto type = field.cpp_type();
+        if (field.is_map() || type == FieldDescriptor::CPPTYPE_DOUBLE ||
+            type == FieldDescriptor::CPPTYPE_FLOAT || field.json_name()[0] == '@') {
+            return 0;
+        }
+        if (type != FieldDescriptor::CPPTYPE_MESSAGE) {
+            return 1;
+        }
+        const int depth = depthOf(*field.message_type());
+        return depth == 0 ? 0 : depth + 1;
+    }
+
+    std::mutex m_mutex;
+    std::map<const Descriptor*, int> m_depths;  // GUARDED_BY(m_mutex)
+};
+
+/// A packed message of a type that this program knows; null for any other value.
+std::unique_ptr<Message> unpack(const Any& value) {
+    std::string type;
+    if (!Any::ParseAnyTypeUrl(value.type_url(), &type)) {
+        return nullptr;
+    }
+    const auto* descriptor =
+        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
+    const auto* prototype =
+        descriptor == nullptr
+            ? nullptr
+            : google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor);
+    if (prototype == nullptr) {
+        return nullptr;
+    }
+    std::unique_ptr<Message> message(prototype->New());
+    return message->ParseFromString(value.value()) ? std::move(message) : nullptr;
+}
+
+/// The same bytes for equal messages.
+std::string serialized(const Message& message) {
+    std::string bytes;
+    google::protobuf::io::StringOutputStream stream(&bytes);
+    google::protobuf::io::CodedOutputStream coded(&stream);
+    coded.SetSerializationDeterministic(true);
+    message.SerializeToCodedStream(&coded);
+    coded.Trim();
+    return bytes;
+}
+
+/// Whether JSON holds the value exactly: a cheap answer, which may be false where it does.
+bool isExact(const Any& value) {
+    static ExactTypes exactTypes;
+    const auto message = unpack(value);
+    if (message == nullptr || !exactTypes.contain(*message->GetDescriptor())) {
+        return false;
+    }
+    // Neither unknown fields nor an unusual order or repetition of fields survive JSON.
+    message->DiscardUnknownFields();
+    return message->SerializeAsString() == value.value();
+}
+
+bool isReadBack(const std::string& text, const Any& value) {
+    Any copy;
+    if (!valueFromText(text, copy) || copy.type_url() != value.type_url()) {
+        return false;
+    }
+    const auto read = unpack(copy);
+    const auto original = unpack(value);
+    return read != nullptr && original != nullptr && serialized(*read) == serialized(*original);
+}
+
+/// The same text as jsonOf() in less than half of its time, for what most values are; empty for any
+/// other value.
+std::string jsonOfText(const Any& value) {
+    static const std::string type = "type.googleapis.com/" + StringValue::descriptor()->full_name();
+    StringValue text;
+    std::string json;
+    if (value.type_url() == type && text.ParseFromString(value.value()) && !text.value().empty() &&
+        text.GetReflection()->GetUnknownFields(text).empty() &&
+        text.SerializeAsString() == value.value() && MessageToJsonString(text, &json).ok()) {
+        return std::string("{\"") + typeMember + "\":\"" + type + "\",\"value\":" + json + "}";
+    }
+    return {};
+}
+
+/// Empty where JSON does not hold the value exactly.
+std::string jsonOf(const Any& value) {
+    std::string json;
+    const bool isWritten = MessageToJsonString(value, &json).ok();
+    return isWritten && (isExact(value) || isReadBack(json, value)) ? json : std::string();
+}
+
+std::string bytesFormOf(const Any& value) {
+    StringValue type;
+    type.set_value(value.type_url());
+    BytesValue bytes;
+    bytes.set_value(value.value());
+    std::string typeJson;
+    std::string bytesJson;
+    static_cast<void>(MessageToJsonString(type, &typeJson));
+    static_cast<void>(MessageToJsonString(bytes, &bytesJson));
+    return std::string("{\"") + typeMember + "\":" + typeJson + ",\"" + bytesMember +
+           "\":" + bytesJson + "}";
+}
+
+bool isFromBytesForm(const std::string& text, Any& value) {
+    Struct members;
+    if (text.find(bytesMember) == std::string::npos || !JsonStringToMessage(text, &members).ok()) {
+        return false;
+    }
+    const auto& fields = members.fields();
+    const auto type = fields.find(typeMember);
+    const auto base64 = fields.find(bytesMember);
+    if (fields.size() != 2 || type == fields.end() || base64 == fields.end() ||
+        !type->second.has_string_value() || !base64->second.has_string_value()) {
+        return false;
+    }
+    BytesValue bytes;
+    if (!JsonStringToMessage('"' + base64->second.string_value() + '"', &bytes).ok()) {
+        return false;
+    }
+    value.set_type_url(type->second.string_value());
+    value.set_value(bytes.value());
+    return true;
+}
+
+}  // namespace
+
+std::string textOfValue(const Any& value) {
+    if (value.type_url().empty() && value.value().empty()) {
+        return "{}";
+    }
+    // What cannot be converted is reported to standard error otherwise.
+    const google::protobuf::LogSilencer silencer;
+    std::string text = jsonOfText(value);
+    if (text.empty()) {
+        text = jsonOf(value);
+    }
+    if (!text.empty()) {
+        return text;
+    }
+    text = bytesFormOf(value);
+    Any copy;
+    if (!valueFromText(text, copy) || copy.SerializeAsString() != value.SerializeAsString()) {
+        throw Hox::CppUtil::InvalidArgumentError("Value has a type that is no UTF-8", __FILE__,
+                                                 __LINE__);
+    }
+    return text;
+}
+
+bool valueFromText(const std::string& text, Any& value) {
+    value.Clear();
+    return isFromBytesForm(text, value) || JsonStringToMessage(text, &value).ok();
+}
+
+}  // namespace Hox::ObserverTree

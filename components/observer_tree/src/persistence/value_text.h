@@ -1,0 +1,17 @@
+#pragma once
+
+#include <google/protobuf/any.pb.h>
+
+#include <string>
+
+namespace Hox::ObserverTree {
+
+/// The text of the file that holds the value: its JSON form, or {"@type": ..., "@bytes": <base64>}
+/// where JSON cannot hold it exactly, as with a type that this program does not know. Throws
+/// InvalidArgumentError for a type URL that is no UTF-8.
+std::string textOfValue(const google::protobuf::Any& value);
+
+/// Reads either form. False, with an empty value, for any other text.
+bool valueFromText(const std::string& text, google::protobuf::Any& value);
+
+}  // namespace Hox::ObserverTree
