@@ -14,7 +14,8 @@ struct BusQuestion {
     std::optional<std::string> argument;
 };
 
-/// Asks; nothing where there is no bus, nobody to answer, or no answer of that kind within a second.
+/// Asks; nothing where there is no bus, nobody to answer, or no answer of that kind within a
+/// second.
 std::optional<int> askBus(const std::string& address, const BusQuestion& question);
 
 }  // namespace Hox::Testing

@@ -22,6 +22,8 @@ namespace {
 
 using Hox::Testing::waitUntil;
 using std::chrono::seconds;
+using ::testing::AnyOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -43,7 +45,13 @@ std::string errorOf(const std::function<void()>& function) {
 
 class AvahiServiceDiscoveryClientTest : public DiscoveryTest {
 protected:
-    /// A client without a daemon whose start waits on a thread.
+    void TearDown() override {
+        if (m_client) {
+            m_client->cancel();
+        }
+    }
+
+    /// A client without a daemon whose start waits on a thread, or is about to.
     void startWaiting() {
         m_client.emplace();
         m_client->setCallback(m_events.clientCallback());
@@ -110,14 +118,19 @@ TEST_F(AvahiServiceDiscoveryClientTest, WaitsForADaemonThatIsNotThereYet) {
     EXPECT_TRUE(m_started.get());
     EXPECT_TRUE(m_client->isStarted());
     EXPECT_EQ(outcome(*m_client, service("after")), Published);
-    EXPECT_THAT(m_log.textsAt(spdlog::level::debug), ElementsAre(waitingText, runningText));
+    // A daemon that has just appeared may report its states one by one, this one twice.
+    EXPECT_TRUE(m_log.containsInOrder({waitingText, runningText}));
+    EXPECT_THAT(m_log.textsAt(spdlog::level::debug), Each(AnyOf(waitingText, runningText)));
     EXPECT_THAT(m_events.statuses(), IsEmpty());
 }
 
 TEST_F(AvahiServiceDiscoveryClientTest, StopEndsTheWaitOfStart) {
     startWaiting();
-    EXPECT_FALSE(m_client->stop());
-    ASSERT_TRUE(hasStartReturned());
+    // More than one where start has not come to its wait yet.
+    ASSERT_TRUE(waitUntil([this] {
+        EXPECT_FALSE(m_client->stop());
+        return hasStartReturned(std::chrono::milliseconds(0));
+    }));
     EXPECT_FALSE(m_started.get());
     EXPECT_FALSE(m_client->isStarted());
     EXPECT_THAT(m_events.statuses(), IsEmpty());
@@ -215,9 +228,8 @@ TEST_F(AvahiServiceDiscoveryClientTest, ErrorOfTheCallbackComesOutOfStop) {
     const auto client = startedClient();
     client->setCallback([](const Status&) { throw ServiceDiscoveryError("mine", "f.cpp", 5); });
     EXPECT_EQ(errorOf([&] { client->stop(); }), "Service Discovery Error: mine(f.cpp:5)");
-    EXPECT_THAT(
-        m_log.textsAt(spdlog::level::err),
-        ElementsAre("Avahi: failed when stopping: Service Discovery Error: mine(f.cpp:5)"));
+    EXPECT_THAT(m_log.textsAt(spdlog::level::err),
+                ElementsAre("Avahi: failed when stopping: Service Discovery Error: mine(f.cpp:5)"));
     EXPECT_FALSE(client->isStarted());
     EXPECT_TRUE(client->start());
 }
@@ -234,6 +246,7 @@ TEST_F(AvahiServiceDiscoveryClientTest, DestructionWithdrawsAllWithoutAWord) {
         client->setCallback(m_events.clientCallback());
         handle = client->publisher().publish(service("published"), m_events.callback());
         ASSERT_TRUE(seen.waitFor(ServiceFound, "published"));
+        ASSERT_TRUE(m_events.waitFor(Published));
     }
     EXPECT_TRUE(seen.waitFor(ServiceRemoved, "published"));
     EXPECT_THAT(m_events.statuses(), ElementsAre(Published));
@@ -244,8 +257,8 @@ TEST_F(AvahiServiceDiscoveryClientTest, CallbacksRunWithAllSignalsBlocked) {
     m_host->startDaemon();
     const auto client = startedClient();
     std::promise<sigset_t> mask;
-    const auto publishing = client->publisher().publish(
-        service("signals"), [&](const Status&, const NetworkService&) {
+    const auto publishing =
+        client->publisher().publish(service("signals"), [&](const Status&, const NetworkService&) {
             sigset_t set;
             pthread_sigmask(SIG_BLOCK, nullptr, &set);
             mask.set_value(set);
@@ -254,11 +267,6 @@ TEST_F(AvahiServiceDiscoveryClientTest, CallbacksRunWithAllSignalsBlocked) {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGPIPE, SIGCHLD}) {
         EXPECT_EQ(sigismember(&set, signal), 1) << signal;
     }
-}
-
-TEST_F(AvahiServiceDiscoveryClientTest, HostNameThatCollidesWithdrawsAllAndGoesOn) {
-    // Shown with two hosts elsewhere; here: the daemon changes its name by itself.
-    SUCCEED();
 }
 
 TEST_F(AvahiServiceDiscoveryClientTest, CannotBeWithoutABus) {
@@ -286,8 +294,7 @@ TEST_F(AvahiServiceDiscoveryClientTest, BusThatDiesEndsTheWaitOfStart) {
     EXPECT_THAT(errorOf([&] { m_started.get(); }),
                 StartsWith("Service Discovery Error: Avahi: failed to start avahi("));
     EXPECT_FALSE(m_client->isStarted());
-    EXPECT_THAT(m_log.textsAt(spdlog::level::debug),
-                ElementsAre(waitingText, lostText, lostText));
+    EXPECT_THAT(m_log.textsAt(spdlog::level::debug), ElementsAre(waitingText, lostText, lostText));
     EXPECT_THAT(m_events.statuses(), IsEmpty());
 
     EXPECT_THAT(errorOf([&] { m_client->start(); }),
@@ -304,9 +311,8 @@ TEST_F(AvahiServiceDiscoveryClientTest, SilentDaemonHoldsUpStopForASecondOnly) {
     const auto published = client->publisher().publish(service("published"));
     m_host->pauseDaemon();
     // Waits for an answer that does not come, with the Avahi mutex held.
-    auto publishing = std::async(std::launch::async, [&] {
-        return errorOf([&] { outcome(*client, service("hanging")); });
-    });
+    auto publishing = std::async(
+        std::launch::async, [&] { return errorOf([&] { outcome(*client, service("hanging")); }); });
     // Whether the publication hangs already or has not begun makes no difference to the end.
     std::this_thread::yield();
     const auto start = std::chrono::steady_clock::now();

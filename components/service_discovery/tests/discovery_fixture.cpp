@@ -2,7 +2,8 @@
 
 #include <net/if.h>
 
-#include "hox/testing/child_process.h"
+#include <sstream>
+
 #include "hox/testing/skip_outside_ci.h"
 #include "hox/testing/wait_until.h"
 

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "hox/service_discovery/avahi/avahi_service_discovery_client.h"
+#include "hox/testing/child_process.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/mdns_host.h"
 #include "hox/testing/private_bus.h"
