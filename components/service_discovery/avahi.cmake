@@ -38,3 +38,14 @@ hox_add_test(hox_service_discovery_client_test
         tests/events.cpp
     LIBS hox_service_discovery_avahi hox_testing
     LABELS threads)
+
+# With a daemon that all tests share.
+hox_add_test(hox_service_discovery_network_test
+    SOURCES
+        tests/avahi_publisher_test.cpp
+        tests/avahi_resolver_test.cpp
+        tests/discovery_fixture.cpp
+        tests/events.cpp
+    LIBS hox_service_discovery_avahi hox_testing PkgConfig::AVAHI
+    LABELS threads
+    TIMEOUT 300)

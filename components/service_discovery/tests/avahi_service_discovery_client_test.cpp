@@ -33,16 +33,6 @@ constexpr auto runningText = "Avahi: server entered running state";
 constexpr auto waitingText = "Avahi waiting for daemon to appear";
 constexpr auto lostText = "Avahi: server disappeared, unregistering services";
 
-/// The text of the ServiceDiscoveryError that the function throws, empty for none.
-std::string errorOf(const std::function<void()>& function) {
-    try {
-        function();
-    } catch (const ServiceDiscoveryError& error) {
-        return error.what();
-    }
-    return "";
-}
-
 class AvahiServiceDiscoveryClientTest : public DiscoveryTest {
 protected:
     void TearDown() override {

@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "hox/service_discovery/error/service_discovery_error.h"
 #include "hox/testing/skip_outside_ci.h"
 #include "hox/testing/wait_until.h"
 
@@ -43,6 +44,15 @@ const auto* const registered = ::testing::AddGlobalTestEnvironment(&sharedDaemon
 
 }  // namespace
 
+std::string errorOf(const std::function<void()>& function) {
+    try {
+        function();
+    } catch (const ServiceDiscoveryError& error) {
+        return error.what();
+    }
+    return "";
+}
+
 void DiscoveryTest::SetUp() {
     if (!Hox::Testing::MdnsHost::arePossible()) {
         Hox::Testing::skipOutsideCi("this machine allows no namespaces or has no Avahi daemon");
@@ -57,9 +67,13 @@ NetworkService DiscoveryTest::service(const std::string& name, std::uint16_t por
     NetworkService result;
     result.name = name;
     result.type = NetworkServiceType("capability");
-    result.interfaceIndex = static_cast<int>(if_nametoindex("lo"));
+    result.interfaceIndex = loopback();
     result.port = port;
     return result;
+}
+
+int DiscoveryTest::loopback() {
+    return static_cast<int>(if_nametoindex("lo"));
 }
 
 std::unique_ptr<AvahiServiceDiscoveryClient> DiscoveryTest::startedClient() {

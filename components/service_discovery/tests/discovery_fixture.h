@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@
 
 namespace Hox::Service::Discovery::Avahi {
 
+/// The text of the ServiceDiscoveryError that the function throws, empty for none.
+std::string errorOf(const std::function<void()>& function);
+
 /// A test with a bus and a host of its own; the test starts the daemon. Nobody can resolve the
 /// host, but its daemon serves within a moment.
 class DiscoveryTest : public ::testing::Test {
@@ -23,6 +27,9 @@ protected:
 
     /// A service of the type "_capability._tcp" on the loopback interface.
     static NetworkService service(const std::string& name, std::uint16_t port = 5005);
+
+    /// The index of the loopback interface, the same on every host.
+    static int loopback();
 
     /// A client that is started; there must be a daemon.
     static std::unique_ptr<AvahiServiceDiscoveryClient> startedClient();

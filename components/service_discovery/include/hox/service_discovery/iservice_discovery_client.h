@@ -47,8 +47,9 @@ public:
     /// Has the function called with ClientLost whenever all requests have gone: the daemon or the
     /// connection to it is lost (then isStarted is false, and the owner starts the client anew and
     /// publishes again, on another thread), the machine's host name collides (then it is still
-    /// true, and the owner publishes again), or stop was called. It runs on the event-loop thread
-    /// and must neither throw nor wait. Throws ServiceDiscoveryError for an empty function.
+    /// true, and the owner publishes again), or stop was called. It runs on the event-loop thread,
+    /// for stop on the thread of stop, and must neither throw nor wait. Throws
+    /// ServiceDiscoveryError for an empty function.
     virtual void setCallback(const std::function<void(const Status&)>& callback) = 0;
 
     /// Finds services. This and publisher throw ServiceDiscoveryError unless the client is started;
