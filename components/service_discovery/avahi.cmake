@@ -33,15 +33,19 @@ hox_add_test(hox_service_discovery_avahi_test
 # With a daemon that starts and ends as the tests say.
 hox_add_test(hox_service_discovery_client_test
     SOURCES
+        tests/avahi_loss_test.cpp
         tests/avahi_service_discovery_client_test.cpp
+        tests/avahi_two_hosts_test.cpp
         tests/discovery_fixture.cpp
         tests/events.cpp
     LIBS hox_service_discovery_avahi hox_testing
-    LABELS threads)
+    LABELS threads
+    TIMEOUT 300)
 
 # With a daemon that all tests share.
 hox_add_test(hox_service_discovery_network_test
     SOURCES
+        tests/avahi_cost_test.cpp
         tests/avahi_publisher_test.cpp
         tests/avahi_resolver_test.cpp
         tests/discovery_fixture.cpp

@@ -35,6 +35,11 @@ std::size_t Events::count(Status status, const std::string& name) const {
         }));
 }
 
+void Events::clear() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.clear();
+}
+
 bool Events::waitFor(Status status, const std::string& name, std::size_t times) const {
     return Hox::Testing::waitUntil([&] { return count(status, name) >= times; });
 }

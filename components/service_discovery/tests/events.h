@@ -28,6 +28,9 @@ public:
     /// How often it was this status, for a service of this name if one is given.
     std::size_t count(Status status, const std::string& name = "") const;
 
+    /// Forgets all so far.
+    void clear();
+
     /// Waits until it is at least so often.
     bool waitFor(Status status, const std::string& name = "", std::size_t times = 1) const;
 

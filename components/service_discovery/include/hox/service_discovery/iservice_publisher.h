@@ -29,8 +29,10 @@ public:
     virtual Handle publish(const NetworkService& service,
                            const ServiceDiscoveryCallback& callback) = 0;
 
-    /// How a publication is doing. Throws ServiceDiscoveryError if the handle is not one of a
-    /// publication of this client, or if the client has lost it.
+    /// How a publication is doing. One that the daemon keeps no records of counts as Published,
+    /// also after a collision with another host: rely on the outcome for that. Throws
+    /// ServiceDiscoveryError if the handle is not one of a publication of this client, or if the
+    /// client has lost it.
     virtual Status status(const Handle& handle) = 0;
 };
 
