@@ -33,12 +33,14 @@ hox_add_test(hox_service_discovery_avahi_test
 # With a daemon that starts and ends as the tests say.
 hox_add_test(hox_service_discovery_client_test
     SOURCES
+        tests/avahi_failures_test.cpp
         tests/avahi_loss_test.cpp
         tests/avahi_service_discovery_client_test.cpp
         tests/avahi_two_hosts_test.cpp
+        tests/daemon_stand_in.cpp
         tests/discovery_fixture.cpp
         tests/events.cpp
-    LIBS hox_service_discovery_avahi hox_testing
+    LIBS hox_service_discovery_avahi hox_testing PkgConfig::SYSTEMD
     LABELS threads
     TIMEOUT 300)
 
