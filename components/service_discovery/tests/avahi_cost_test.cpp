@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <filesystem>
 #include <iterator>
-#include <memory>
 #include <string>
 
 #include "discovery_fixture.h"
@@ -52,33 +51,30 @@ protected:
 };
 
 TEST_F(AvahiCostTest, AThousandPublicationsCostNothing) {
-    const auto client = startedClient();
     auto one = service("cost");
     one.txtRecords = {{"a", "b"}};
     one.subtypes = {"cost"};
-    expectNoCost(1000, word, [&] { client->publisher().publish(one); });
+    expectNoCost(1000, word, [&] { m_client->publisher().publish(one); });
     // The daemon has forgotten them as well: it allows each client a thousand.
-    EXPECT_EQ(outcome(*client, one), Published);
+    EXPECT_EQ(outcome(*m_client, one), Published);
     EXPECT_THAT(m_log.textsAt(spdlog::level::err), IsEmpty());
 }
 
 TEST_F(AvahiCostTest, AThousandSearchesCostNothing) {
-    const auto client = startedClient();
     const NetworkServiceType type("nobody");
     expectNoCost(1000, word, [&] {
-        client->resolver().browse(type, -1);
-        client->resolver().resolve("nobody", type, -1);
+        m_client->resolver().browse(type, -1);
+        m_client->resolver().resolve("nobody", type, -1);
     });
     EXPECT_THAT(m_log.textsAt(spdlog::level::err), IsEmpty());
 }
 
 TEST_F(AvahiCostTest, RefusedPublicationsCostNothing) {
-    const auto client = startedClient();
     auto refused = service("cost");
     refused.name = std::string(64, 'n');
     expectNoCost(200, word, [&] {
         m_log.clear();
-        EXPECT_EQ(outcome(*client, refused), PublishFailure);
+        EXPECT_EQ(outcome(*m_client, refused), PublishFailure);
     });
 }
 

@@ -7,7 +7,6 @@
 #include <functional>
 #include <future>
 #include <map>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,17 +29,9 @@ using Records = std::map<std::string, std::string>;
 
 class AvahiResolverTest : public SharedDaemonTest {
 protected:
-    void SetUp() override {
-        SharedDaemonTest::SetUp();
-        if (!IsSkipped()) {
-            m_client = startedClient();
-        }
-    }
-
     IServiceResolver& resolver() { return m_client->resolver(); }
 
     Events m_events;
-    std::unique_ptr<AvahiServiceDiscoveryClient> m_client;
 };
 
 TEST_F(AvahiResolverTest, BrowsingFollowsWhatComesAndGoes) {

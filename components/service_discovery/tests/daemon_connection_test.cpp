@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -41,9 +42,18 @@ TEST(DaemonConnection, ReturnsWhatPollReturns) {
     const std::lock_guard<AvahiMutex> lock(mutex);
     pollfd entry = {-1, POLLIN, 0};
     EXPECT_EQ(DaemonConnection::pollOpen(&entry, 1, 0, &mutex), 0);
+    // More entries than a process may have descriptors.
+    rlimit former = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+    rlimit none = former;
+    none.rlim_cur = 0;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     errno = 0;
-    EXPECT_EQ(DaemonConnection::pollOpen(&entry, ~0U, 0, &mutex), -1);
-    EXPECT_EQ(errno, EINVAL);
+    const auto result = DaemonConnection::pollOpen(&entry, 1, 0, &mutex);
+    const auto error = errno;
+    setrlimit(RLIMIT_NOFILE, &former);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINVAL);
 }
 
 class DaemonConnectionDeathTest : public ::testing::Test {

@@ -92,6 +92,7 @@ void SharedDaemonTest::SetUp() {
         return;
     }
     sharedDaemon().host();
+    m_client = startedClient();
 }
 
 std::string SharedDaemonTest::foreignBrowser(const std::string& type) {

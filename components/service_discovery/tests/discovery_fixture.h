@@ -42,8 +42,8 @@ protected:
     std::unique_ptr<Hox::Testing::MdnsHost> m_host;
 };
 
-/// A test with one daemon for all tests of the program, which none of them may stop. The host can
-/// be resolved.
+/// A test with one daemon for all tests of the program, which none of them may stop, and a client
+/// of its own. The host can be resolved.
 class SharedDaemonTest : public DiscoveryTest {
 protected:
     void SetUp() override;
@@ -56,6 +56,8 @@ protected:
     /// is port and records. Returns once it is published.
     static std::unique_ptr<Hox::Testing::ChildProcess> foreignService(
         const std::vector<std::string>& arguments);
+
+    std::unique_ptr<AvahiServiceDiscoveryClient> m_client;
 };
 
 }  // namespace Hox::Service::Discovery::Avahi

@@ -1,37 +1,32 @@
 #pragma once
 
-#include <memory>
 #include <utility>
 #include <vector>
 
-#include "avahi/request/iservice_request.h"
+#include "avahi/request/avahi_request.h"
 
 namespace Hox::Service::Discovery::Avahi {
 
-/// A request that keeps what is delivered, without Avahi.
-class FakeRequest : public IServiceRequest {
-public:
-    void deliver(Status status, const NetworkService& service) override {
-        delivered.emplace_back(status, service);
-    }
-    void complete() override { ++completed; }
-    void* bind(std::shared_ptr<RequestContext> context) override {
-        m_userdata = context;
-        m_context = std::move(context);
-        return &m_userdata;
-    }
-    void setWrapper(std::unique_ptr<AvahiWrapper> wrapper) override {
-        m_wrapper = std::move(wrapper);
-    }
-    AvahiWrapper* wrapper() const override { return m_wrapper.get(); }
-
+/// What a request has delivered.
+struct KeptEvents {
     std::vector<std::pair<Status, NetworkService>> delivered;
     int completed = 0;
+};
 
-private:
-    std::shared_ptr<RequestContext> m_context;
-    std::weak_ptr<RequestContext> m_userdata;
-    std::unique_ptr<AvahiWrapper> m_wrapper;
+/// Delivers into events that are kept elsewhere.
+struct KeepingDelivery {
+    void deliver(Status status, const NetworkService& service) {
+        events->delivered.emplace_back(status, service);
+    }
+    void complete() { ++events->completed; }
+
+    KeptEvents* events;
+};
+
+/// A request that keeps what is delivered, without Avahi.
+class FakeRequest : public KeptEvents, public AvahiRequest<KeepingDelivery> {
+public:
+    FakeRequest() : AvahiRequest(KeepingDelivery{this}) {}
 };
 
 }  // namespace Hox::Service::Discovery::Avahi

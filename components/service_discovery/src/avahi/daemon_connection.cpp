@@ -14,19 +14,26 @@
 
 namespace Hox::Service::Discovery::Avahi {
 
-DaemonConnection::DaemonConnection(AvahiMutex& mutex, StateHandler stateHandler)
-    : m_avahiMutex(mutex),
-      m_stateHandler(std::move(stateHandler)),
-      m_simplePoll(avahi_simple_poll_new(), avahi_simple_poll_free),
-      m_client(nullptr, avahi_client_free) {
-    if (!m_simplePoll) {
+namespace {
+
+AvahiSimplePoll* newEventLoop() {
+    auto* poll = avahi_simple_poll_new();
+    if (poll == nullptr) {
         throw ServiceDiscoveryError("Avahi: failed to create client event-loop", __FILE__,
                                     __LINE__);
     }
+    return poll;
+}
+
+}  // namespace
+
+DaemonConnection::DaemonConnection(AvahiMutex& mutex, StateHandler stateHandler)
+    : m_avahiMutex(mutex),
+      m_stateHandler(std::move(stateHandler)),
+      m_simplePoll(newEventLoop(), avahi_simple_poll_free),
+      m_poll(*avahi_simple_poll_get(m_simplePoll.get()), *this),
+      m_client(nullptr, avahi_client_free) {
     avahi_simple_poll_set_func(m_simplePoll.get(), pollOpen, &m_avahiMutex);
-    static_cast<AvahiPoll&>(m_poll) = *avahi_simple_poll_get(m_simplePoll.get());
-    m_poll.watch_new = watchNew;
-    m_poll.connection = this;
 }
 
 DaemonConnection::~DaemonConnection() {
@@ -82,7 +89,7 @@ int DaemonConnection::pollOpen(pollfd* ufds, unsigned int nfds, int timeout,
 
 AvahiWatch* DaemonConnection::watchNew(const AvahiPoll* api, int fd, AvahiWatchEvent event,
                                        AvahiWatchCallback callback, void* userdata) noexcept {
-    auto& connection = *static_cast<const ObservedPoll*>(api)->connection;
+    auto& connection = static_cast<const ObservedPoll*>(api)->connection;
     connection.keepSocket(fd);
     const auto* inner = avahi_simple_poll_get(connection.m_simplePoll.get());
     return inner->watch_new(inner, fd, event, callback, userdata);

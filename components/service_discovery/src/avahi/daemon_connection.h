@@ -64,7 +64,12 @@ private:
     /// The functions of the event loop, with one of our own: watch_new, to get to know the bus's
     /// socket.
     struct ObservedPoll : AvahiPoll {
-        DaemonConnection* connection = nullptr;
+        ObservedPoll(const AvahiPoll& functions, DaemonConnection& observer)
+            : AvahiPoll(functions), connection(observer) {
+            watch_new = watchNew;
+        }
+
+        DaemonConnection& connection;
     };
 
     static AvahiWatch* watchNew(const AvahiPoll* api, int fd, AvahiWatchEvent event,

@@ -21,9 +21,6 @@ public:
     /// Starts a further bus, which only those know who are told its address.
     explicit PrivateBus(const std::filesystem::path& folder);
 
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-
     /// Where it listens, as D-Bus writes it.
     const std::string& address() const { return m_address; }
 

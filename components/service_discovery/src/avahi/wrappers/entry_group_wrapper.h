@@ -33,6 +33,9 @@ public:
                       spdlog::logger& logger);
     ~EntryGroupWrapper() override;
 
+    EntryGroupWrapper(const EntryGroupWrapper&) = delete;
+    EntryGroupWrapper& operator=(const EntryGroupWrapper&) = delete;
+
     void release() override;
 
     /// How the publication is doing, asked from the daemon where it must be.
