@@ -5,8 +5,7 @@
 #include <string_view>
 
 #include "configuration.pb.h"
-#include "hox/cpputil/string/string_utils.h"
-#include "hox/observer_tree/data_tree.h"
+#include "hox/observer_tree/tree_types.h"
 
 namespace Hox::Capability::Configuration {
 
@@ -40,16 +39,6 @@ std::size_t sliceRootLength(const std::string& key);
 /// the message. All keys belong to one slice.
 Hox::ObserverTree::ChangeSetType splitCapConfKeys(
     Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet);
-
-/// Calls `action` with each element of the tree whose key starts with the prefix, in key order.
-template <typename Action>
-void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::string& prefix,
-                       const Action& action) {
-    for (auto it = tree.lower_bound(prefix);
-         it != tree.end() && Hox::CppUtil::str_starts_with(prefix, it->first); ++it) {
-        action(*it);
-    }
-}
 
 /// Whether a saved key goes into the tree when it is loaded.
 bool isLoaded(const std::string& key);

@@ -171,10 +171,9 @@ ConfObstreeHandler::Return<Api::ReadCapConfResp> ConfObstreeHandler::readCapConf
         response->mutable_capconfchangeset();
     } else if (!holdsStateId(*stateId->second, request.confstateid())) {
         auto& changes = *response->mutable_capconfchangeset()->mutable_node_change_map();
-        forEachWithPrefix(tree, root, [&changes](const auto& element) {
-            *changes[element.first].add_nodepairlist()->mutable_currentmessage() =
-                *element.second->toAny();
-        });
+        for (const auto& [key, value] : tree.withPrefix(root)) {
+            *changes[key].add_nodepairlist()->mutable_currentmessage() = *value->toAny();
+        }
     }
     return {std::move(response), Status()};
 }

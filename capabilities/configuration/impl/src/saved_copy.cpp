@@ -19,6 +19,7 @@
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/linutils/files.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "state_id.h"

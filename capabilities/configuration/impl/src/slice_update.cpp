@@ -92,7 +92,7 @@ void SliceUpdate::apply(DataTree& tree, const WriteHandler& onWrite) const {
 void SliceUpdate::removeOthers(DataTree& tree) const {
     std::vector<std::string> others;
     auto entry = m_entries.begin();
-    forEachWithPrefix(tree, m_root, [this, &others, &entry](const auto& element) {
+    for (const auto& element : tree.withPrefix(m_root)) {
         const auto key = std::string_view(element.first).substr(m_root.size());
         while (entry != m_entries.end() && *entry->key < key) {
             ++entry;
@@ -100,7 +100,7 @@ void SliceUpdate::removeOthers(DataTree& tree) const {
         if (entry == m_entries.end() || *entry->key != key) {
             others.push_back(element.first);
         }
-    });
+    }
     for (const auto& key : others) {
         tree.erase(key);
     }
