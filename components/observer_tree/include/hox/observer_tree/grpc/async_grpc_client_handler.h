@@ -72,6 +72,7 @@ private:
     enum class ClientRequestState;
     struct CallData;
 
+    // REQUIRES(m_mutex)
     const grpc::internal::RpcMethod& rpcMethodFor(const std::shared_ptr<grpc::Channel>& channel,
                                                   const google::protobuf::MethodDescriptor& method);
     CallMethodRaiiHandleType handleFor(const CallData& callData) const;
@@ -81,20 +82,26 @@ private:
     CallData& callOf(void* tag);
     /// Takes over a call for which no event will come any more.
     std::unique_ptr<CallData> takeOut(const CallData& callData);
-    void processOkEvent(CallData& callData);
-    void processOkUnaryEvent(CallData& callData);
-    void processNotOkEvent(const CallData& callData);
-    void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);
-    void lookAfterEndedCalls();
+    void processOkEvent(CallData& callData);                    // REQUIRES(*m_capabilityMutex)
+    void processOkUnaryEvent(CallData& callData);               // REQUIRES(*m_capabilityMutex)
+    void processNotOkEvent(const CallData& callData);           // REQUIRES(*m_capabilityMutex)
+    void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);  // REQUIRES(*m_capabilityMutex)
+    void lookAfterEndedCalls();                                 // REQUIRES(*m_capabilityMutex)
     void readNext(CallData& callData);
+    /// For stop(), when the thread has ended.
     void freeCalls();
 
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::unique_ptr<grpc::CompletionQueue> m_completionQueue;
-    std::shared_ptr<std::mutex> m_capabilityMutex;
-    bool m_isShuttingDown = false;  // GUARDED_BY(m_mutex)
+    // Constant, or self-synchronised.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::unique_ptr<grpc::CompletionQueue> m_completionQueue;
+    const std::shared_ptr<std::mutex> m_capabilityMutex;
+
+    // For the owner alone.
     std::unique_ptr<std::thread> m_thread;
+
+    // Guarded.
     std::recursive_mutex m_mutex;
+    bool m_isShuttingDown = false;  // GUARDED_BY(m_mutex)
     /// Keeps the channels as well: another one at the same address must not find the methods of a
     /// channel that is gone. GUARDED_BY(m_mutex)
     std::map<std::pair<std::shared_ptr<grpc::Channel>, std::string>,
@@ -102,8 +109,9 @@ private:
         m_rpcMethods;
     /// Calls with an event to come. GUARDED_BY(m_mutex)
     std::map<const CallData*, std::unique_ptr<CallData>> m_calls;
-    /// Calls that ended while their channel did not look lost yet: it is looked at again. Like
-    /// m_leftAlone for the handler's thread alone.
+
+    // For the handler's thread alone; for stop() when that has ended.
+    /// Calls that ended while their channel did not look lost yet: it is looked at again.
     std::vector<std::unique_ptr<CallData>> m_justEnded;
     /// Calls that have ended and wait for the end of their handle.
     std::vector<std::unique_ptr<CallData>> m_leftAlone;

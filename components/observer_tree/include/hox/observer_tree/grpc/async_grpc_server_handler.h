@@ -93,51 +93,56 @@ private:
     grpc::CompletionQueue::NextStatus processEvents();
     grpc::CompletionQueue::NextStatus nextEvent(void** tag, bool* ok);
     void createCallData(const std::shared_ptr<const AsyncMethodDesc>& asyncMethodDesc);
-    void requestUnaryCall(CallDataTag* tag);
-    void requestStreamingCall(CallDataTag* tag);
+    void requestUnaryCall(CallDataTag* tag);      // REQUIRES(m_stateMutex)
+    void requestStreamingCall(CallDataTag* tag);  // REQUIRES(m_stateMutex)
 
-    void processOkEvent(CallDataTag* tag);
-    void processNotOkEvent(CallDataTag* tag);
-    void processRequest(CallDataTag* tag);
-    void processObserveRequest(CallDataTag* tag);
-    void processFinishedWrite(CallDataTag* tag);
-    void processEndOfStream(CallDataTag* tag);
+    void processOkEvent(CallDataTag* tag);         // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void processNotOkEvent(CallDataTag* tag);      // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void processRequest(CallDataTag* tag);         // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void processObserveRequest(CallDataTag* tag);  // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void processFinishedWrite(CallDataTag* tag);   // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void processEndOfStream(CallDataTag* tag);     // REQUIRES(*m_capabilityMutex, m_stateMutex)
 
     template <UnaryOps OpId>
-    void processUnaryRequest(CallDataTag* tag);
+    void processUnaryRequest(CallDataTag* tag);  // REQUIRES(*m_capabilityMutex, m_stateMutex)
     template <UnaryOps OpId>
-    void tryCallUnaryOpCast(CallDataTag& callData);
+    void tryCallUnaryOpCast(CallDataTag& callData);  // REQUIRES(*m_capabilityMutex)
 
+    // REQUIRES(*m_capabilityMutex)
     void answer(CallDataTag& callData, const google::protobuf::Message& response);
-    void writeChangeSet(CallDataTag* tag, StreamElement element);
-    void finishStream(CallDataTag* tag, std::size_t size);  // REQUIRES(m_writeMutex)
+    void writeChangeSet(CallDataTag* tag, StreamElement element);  // REQUIRES(*m_capabilityMutex)
+    void finishStream(CallDataTag* tag, std::size_t size);         // REQUIRES(m_writeMutex)
 
-    void endStream(const CallData& cleanup);
-    void markShuttingDown();
-    void freeTag(CallDataTag* tag);
-    void freeAllTags();
+    void endStream(const CallData& cleanup);  // REQUIRES(*m_capabilityMutex, m_stateMutex)
+    void markShuttingDown();                  // REQUIRES(m_stateMutex)
+    void freeTag(CallDataTag* tag);           // REQUIRES(m_stateMutex)
+    void freeAllTags();                       // REQUIRES(*m_capabilityMutex)
+    /// For the destructor, when the thread has ended.
     void drainQueue();
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
-    std::shared_ptr<std::mutex> m_capabilityMutex;
+    // Constant, or self-synchronised.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::unique_ptr<grpc::ServerCompletionQueue> m_completionQueue;
+    const std::shared_ptr<std::mutex> m_capabilityMutex;
     const std::shared_ptr<StandbyPoller> m_standbyPoller;
     const std::size_t m_maxMessageSize;
+
+    // For the owner alone until the thread starts, constant from then on.
     std::vector<std::shared_ptr<const AsyncMethodDesc>> m_methods;
     std::vector<std::shared_ptr<IRequestWrapperService>> m_services;
+    std::unique_ptr<std::thread> m_completionQueueThread;
 
+    // Guarded.
     /// Guards the creation of calls too. Recursive, as events create calls while it is held.
     std::recursive_mutex m_stateMutex;
-    std::unique_ptr<std::thread> m_completionQueueThread;
+    /// Guards the delayed writes of every stream. Taken inside the locks of a tree.
+    std::mutex m_writeMutex;
     std::set<CallDataTag*> m_callDataTags;  // GUARDED_BY(m_stateMutex): what no event will free
     bool m_isServerShuttingDown = false;    // GUARDED_BY(m_stateMutex)
     bool m_isShuttingDown = false;  // GUARDED_BY(m_stateMutex and m_writeMutex; read under either)
-
-    /// Guards the delayed writes of every stream. Taken inside the locks of a tree.
-    std::mutex m_writeMutex;
     std::unique_ptr<WireMessageMemo> m_wireMessageMemo;  // GUARDED_BY(*m_capabilityMutex)
 };
 

@@ -74,6 +74,8 @@ public:
     NodeDataFileHndlr& nodeDataFile() { return m_nodeDataFile; }
 
 private:
+    // All of these REQUIRE the capability's mutex. onCentralData and onTreeChanged are called where
+    // the tree delivers, and update and read in its operations, with both of its locks held.
     UnaryHandlerReturnType<UpdateDataTreeResp> update(const UpdateDataTreeReq& request,
                                                       DataTree& tree);
     UnaryHandlerReturnType<ReadDataTreeResp> read(const ReadDataTreeReq& request,
@@ -86,15 +88,17 @@ private:
     void storeCentrally(ChangeSetType& changes);
     ChangeSetType readWholePicture();
 
-    // Released from the last to the first: the central observing ends ahead of everything that its
-    // last delivery uses, the tree observer behind it.
-    std::shared_ptr<spdlog::logger> m_logger;
+    // Constant, or self-synchronised.
+    const std::shared_ptr<spdlog::logger> m_logger;
     ObserverTree& m_tree;
     std::unique_ptr<std::unique_lock<std::mutex>>& m_lock;
-    std::string m_nodeType;
-    std::string m_nodeId;
-    std::string m_capabilityId;
-    std::string m_persistKeyRegex;
+    const std::string m_nodeType;
+    const std::string m_nodeId;
+    const std::string m_capabilityId;
+    const std::string m_persistKeyRegex;
+
+    // GUARDED_BY(the capability's mutex). Released from the last to the first: the central
+    // observing ends before everything that its last delivery uses, and the tree observer after it.
     std::any m_observeRaiiHandle;
     NodeDataFileHndlr m_nodeDataFile;
     bool m_persistFirstChange = false;
