@@ -219,9 +219,18 @@ void load(const RunningService& service) {
     }
 }
 
-TEST(Capabilities, NeverWaitForEachOtherUnderLoadInBothDirections) {
-    RunningService service;
-    service.serveWhile([&service] { load(service); });
+// In a process of its own, as a process has one service in its life.
+TEST(CapabilitiesDeathTest, NeverWaitForEachOtherUnderLoadInBothDirections) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            {
+                RunningService service;
+                service.serveWhile([&service] { load(service); });
+            }
+            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
