@@ -21,11 +21,9 @@ namespace Hox::LinuxCppUtil {
 namespace {
 
 using Hox::Testing::Fault;
-using Hox::Testing::FileCall;
 using Hox::Testing::FileCalls;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 /// The umask as long as it lives.

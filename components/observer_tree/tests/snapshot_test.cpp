@@ -15,7 +15,6 @@ namespace Hox::ObserverTree {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using TestKit::linesOf;
 using TestKit::newKeys;
 using TestKit::Observations;

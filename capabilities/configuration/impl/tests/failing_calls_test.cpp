@@ -25,7 +25,6 @@ using Hox::Testing::FileCalls;
 using Hox::Testing::WatchedRun;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr int keys = 2;

@@ -32,7 +32,6 @@ using Hox::Testing::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
 std::set<std::string> entriesOf(const fs::path& dir) {

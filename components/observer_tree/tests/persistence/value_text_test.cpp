@@ -32,8 +32,6 @@ using google::protobuf::Message;
 using google::protobuf::Reflection;
 using google::protobuf::StringValue;
 using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 const std::string url = "type.googleapis.com/";
 
@@ -268,8 +266,8 @@ private:
 
     void setScalar(Message& message, const FieldDescriptor& field) {
         using R = Reflection;
-        const std::uint64_t number = numbers[pick(numbers.size())];
-        const double real = doubles[pick(doubles.size())];
+        const std::uint64_t number = m_numbers[pick(m_numbers.size())];
+        const double real = m_doubles[pick(m_doubles.size())];
         switch (field.cpp_type()) {
             case FieldDescriptor::CPPTYPE_INT32:
                 return put<std::int32_t>(message, field, &R::AddInt32, &R::SetInt32,
@@ -294,17 +292,17 @@ private:
                                 static_cast<int>(number));
             case FieldDescriptor::CPPTYPE_STRING:
                 return put<std::string>(message, field, &R::AddString, &R::SetString,
-                                        strings[pick(strings.size())]);
+                                        m_strings[pick(m_strings.size())]);
             case FieldDescriptor::CPPTYPE_MESSAGE:
                 return;
         }
     }
 
-    const std::vector<std::uint64_t> numbers = {
+    const std::vector<std::uint64_t> m_numbers = {
         0, 1, 2, 77, 0x7fffffffU, 0x80000000U, 0xffffffffU, 1ULL << 53U, ~0ULL, 1ULL << 63U};
-    const std::vector<double> doubles = {0, -0.0, 1, 0.1, -1e22, 5e-324, std::nan("")};
-    const std::vector<std::string> strings = {"", "a", "\xc3\xa4\n\"\\", std::string("\0", 1),
-                                              "google.protobuf.StringValue"};
+    const std::vector<double> m_doubles = {0, -0.0, 1, 0.1, -1e22, 5e-324, std::nan("")};
+    const std::vector<std::string> m_strings = {"", "a", "\xc3\xa4\n\"\\", std::string("\0", 1),
+                                                "google.protobuf.StringValue"};
     std::mt19937 m_random{42};
 };
 

@@ -7,8 +7,8 @@
 
 /// Files and folders whose content must not get lost unnoticed: every call to the system is looked
 /// at, and what fails throws std::filesystem::filesystem_error with the path and the system's
-/// reason. What has been done until then stays. Free of shared state: any thread may call. Paths are
-/// texts: to take them apart costs more than some of the calls.
+/// reason. What has been done until then stays. Free of shared state: any thread may call. Paths
+/// are texts: to take them apart costs more than some of the calls.
 namespace Hox::LinuxCppUtil {
 
 /// Makes the folder and those above it that are missing, each for its owner (all rights) and its
