@@ -1,4 +1,3 @@
-// The state machine of calls, driven event by event.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -41,7 +40,7 @@ QueueEvent asNotOk(QueueEvent event) {
     return event;
 }
 
-/// A stream whose snapshot, an item of count 1 at /items/a, has been written and read.
+/// A stream whose snapshot has been written and read: an item of count 1 at /items/a.
 struct RunningStream {
     explicit RunningStream(HandDrivenServer& server)
         : client(observeOneItem(server)), tag(server.processNext()) {
@@ -58,8 +57,7 @@ struct RunningStream {
     void* tag;
 };
 
-/// What the handler logs while an item changes twice: the second write waits for the first one, so
-/// that it shows also where no client reads.
+/// The log of the handler while an item changes twice: the second write waits for the first one.
 std::vector<std::string> writesOfTwoChanges(HandDrivenServer& server) {
     const LogCapture log(handlerLogger);
     createItem(*server.tree, "b", 1);
@@ -168,7 +166,7 @@ TEST(AsyncGrpcServerEvents, AnswersThatNobodyTakesHoldUpNobody) {
         auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
         server.processNext();
         EXPECT_TRUE(call.get().status.ok());
-        untaken.push_back(server.next());  // has left, but nobody looks at it
+        untaken.push_back(server.next());  // has been sent, but is not processed
     }
     EXPECT_EQ(server.service->requests("readItem"), 4);
     for (const auto& event : untaken) {
@@ -447,7 +445,7 @@ TEST(AsyncGrpcServerEvents, ClientThatVanishesWithAWriteInFlightLeavesNothingBeh
         const LogCapture log(handlerLogger);
         ObserveClient client(*server.stub);
         auto* const tag = server.processNext();
-        createItem(*server.tree, "b");  // queued behind the snapshot
+        createItem(*server.tree, "b");  // queued after the snapshot
         EXPECT_FALSE(server.hasEvent());
         client.context.TryCancel();
         auto first = server.next();
@@ -475,7 +473,7 @@ TEST(AsyncGrpcServerEvents, FailedWriteEndsTheCallAndRequestsNothing) {
     EXPECT_EQ(server.handlers.observers, 0);
     EXPECT_EQ(server.service->requests("observeItems"), 2);
     stream.client->context.TryCancel();
-    server.processNext();  // the notice of a stream that is gone already
+    server.processNext();  // the notification of a stream that has already ended
     EXPECT_FALSE(server.hasEvent());
 }
 
