@@ -82,7 +82,7 @@ TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
     const auto second = create("inprocess");
     EXPECT_NE(first->channel(), second->channel());
     ASSERT_TRUE(waitUntil([&log] { return log.texts().size() == 2; }));
-    // Process and thread stand ahead of the text.
+    // Process and thread precede the text.
     for (const auto& text : log.texts()) {
         EXPECT_THAT(text, EndsWith(" AsyncGrpcClientHandler Thread Started"));
     }
