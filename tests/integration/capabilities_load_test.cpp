@@ -219,7 +219,7 @@ void load(const RunningService& service) {
     }
 }
 
-// In a process of its own, as a process has one service in its life.
+// In a separate process, because a process can run only one service.
 TEST(CapabilitiesDeathTest, NeverWaitForEachOtherUnderLoadInBothDirections) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

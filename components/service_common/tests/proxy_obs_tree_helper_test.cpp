@@ -74,7 +74,7 @@ TEST_F(ProxyTreeHelper, TakesAnyOtherTextForATargetOfGrpc) {
 }
 
 TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
-    // Another test may have made it with the sinks of its own log system.
+    // Another test may have created the logger with the sinks of its own log system.
     spdlog::drop("AsyncGrpcClientHandler");
     const LogCapture log("AsyncGrpcClientHandler", spdlog::level::debug);
     startServer();

@@ -118,7 +118,7 @@ private:
     void markShuttingDown();                  // REQUIRES(m_stateMutex)
     void freeTag(CallDataTag* tag);           // REQUIRES(m_stateMutex)
     void freeAllTags();                       // REQUIRES(*m_capabilityMutex)
-    /// For the destructor, when the thread has ended.
+    /// Used by the destructor after the thread has ended.
     void drainQueue();
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {

@@ -75,8 +75,9 @@ public:
     NodeDataFileHndlr& nodeDataFile() { return m_nodeDataFile; }
 
 private:
-    // All of these REQUIRE the capability's mutex. onCentralData and onTreeChanged are called where
-    // the tree delivers, and update and read in its operations, with both of its locks held.
+    // All of these REQUIRE the capability's mutex. The tree calls update and read in its operations
+    // and onTreeChanged in its deliveries, with both of its locks held. The store's client calls
+    // onCentralData, without them.
     UnaryHandlerReturnType<UpdateDataTreeResp> update(const UpdateDataTreeReq& request,
                                                       DataTree& tree);
     UnaryHandlerReturnType<ReadDataTreeResp> read(const ReadDataTreeReq& request,
