@@ -1,5 +1,5 @@
-"""The owner of a slice loses its connection and is back at once, with the end of its former stream yet to
-be seen."""
+"""The owner of a slice loses its connection and comes back immediately, before the service notices
+the end of its previous stream."""
 import os
 import pathlib
 import subprocess
@@ -13,13 +13,13 @@ from kit.raw_client import DATA, RawClient
 
 OWNER = pathlib.Path(kit.__file__).parent / "owner.py"
 OBSERVE = "/Hox.Capability.Configuration.Api.ConfigurationService/observeCapConf"
-#: Rounds of each test, 0 for as many as usual. The program ended within 240 of them when it took such an
-#: owner for a second one.
+#: Rounds of each test; 0 means the usual number. An earlier version, which treated such an owner as
+#: a second one, ended within 240 rounds.
 ROUNDS = int(os.environ.get("HALVO_RECONNECTS", "0"))
 
 
 def requests(client, count):
-    """What observes so many slices."""
+    """Requests that observe `count` slices."""
     Slice(client, "c0").update({"/a": "1"})
     return [client.protos.configuration.ObserveCapConfReq(confId=Slice(client, f"c{number}").conf_id)
             for number in range(count)]

@@ -74,7 +74,7 @@ TEST_F(ProxyTreeHelper, TakesAnyOtherTextForATargetOfGrpc) {
 }
 
 TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
-    // Another test may have made it with the sinks of its own log system.
+    // Another test may have created the logger with the sinks of its own log system.
     spdlog::drop("AsyncGrpcClientHandler");
     const LogCapture log("AsyncGrpcClientHandler", spdlog::level::debug);
     startServer();
@@ -82,7 +82,7 @@ TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
     const auto second = create("inprocess");
     EXPECT_NE(first->channel(), second->channel());
     ASSERT_TRUE(waitUntil([&log] { return log.texts().size() == 2; }));
-    // Process and thread stand ahead of the text.
+    // Process and thread precede the text.
     for (const auto& text : log.texts()) {
         EXPECT_THAT(text, EndsWith(" AsyncGrpcClientHandler Thread Started"));
     }

@@ -24,18 +24,18 @@ namespace {
 constexpr int slashesOfSlice = 3;
 constexpr std::size_t maxComponentSize = 255;
 
-/// The expression of what is saved does not match line ends, and a path ends at a zero.
+/// The expression for saved keys does not match line ends, and a path ends at a zero byte.
 bool isUnstorable(char byte) {
     return byte == '\n' || byte == '\r' || byte == '\0';
 }
 
-/// What a byte of the message of a status takes on the wire.
+/// The size of a byte of a status message on the wire.
 std::size_t sizeInStatus(char byte) {
     return byte >= ' ' && byte <= '~' && byte != '%' ? 1 : 3;
 }
 
-/// The key for people to read: in one line, and its start only if it is long, since a client would
-/// be told of a status that is too large instead of the reason.
+/// The key for messages: in one line, and shortened to its start if it is long. With a status that
+/// is too large, the client would not get the reason.
 std::string shown(const std::string& key) {
     constexpr std::size_t maxSize = 4000;
     std::string text;
@@ -70,7 +70,7 @@ bool isReservedName(std::string_view component) {
     return component == "data" || component == "data~";
 }
 
-/// Where the slash behind the root of the key's slice is; the end for a key in no slice.
+/// The position of the slash after the root of the key's slice; the end for a key in no slice.
 std::string::const_iterator sliceRootEnd(const std::string& key) {
     std::size_t end = uniqueIdStart - 1;
     for (int slashes = 0; slashes < slashesOfSlice && end < key.size(); ++slashes) {

@@ -31,7 +31,8 @@ constexpr const char* dataAddress = "/sys/conf/.data.";
 constexpr const char* readAddress = "/.rcc.";
 constexpr const char* observeAddress = "/sys/.conf.";
 
-/// Whether the request rests on the slice's state. A slice without a state id takes any.
+/// Whether the request is based on the slice's state. A slice without a state id accepts any
+/// request.
 bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& root,
                       const DataTree& tree) {
     const auto stateId = tree.find(root + stateIdKey);

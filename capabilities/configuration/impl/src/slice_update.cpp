@@ -22,7 +22,7 @@ using Hox::ObserverTree::Status;
 
 namespace {
 
-/// The only pair of an entry that counts. A sender that leaves the list empty breaks the protocol
+/// The only pair of an entry that is used. A sender that leaves the list empty breaks the protocol
 /// of the configuration store, which ends the process in every kind of build.
 Hox::ObserverTree::ObsTreeDataNodePair& firstPair(ObsTreeDataNodePairList& list) {
     if (list.nodepairlist().empty()) {
@@ -68,7 +68,8 @@ Status SliceUpdate::checkKey(const std::string& key, bool isRootValid) const {
     return refusal.empty() ? Status() : Status(ProtoStatus::INVALID_ARGUMENT, refusal);
 }
 
-/// The text that the tree would throw for the key by itself or inside the slice, or an empty one.
+/// The error text that the tree would throw for the key, alone or inside the slice, or an empty
+/// text.
 std::string SliceUpdate::whyMalformed(const std::string& key, bool isRootValid) const {
     if (isRootValid && key.size() > 1 && m_path.isKey(key)) {
         return {};

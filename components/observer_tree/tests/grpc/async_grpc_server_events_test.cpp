@@ -1,4 +1,3 @@
-// The state machine of calls, driven event by event.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -42,8 +41,7 @@ QueueEvent asNotOk(QueueEvent event) {
     return event;
 }
 
-/// What the handler logs while an item changes twice: the second write waits for the first one, so
-/// that it shows also where no client reads.
+/// The log of the handler while an item changes twice: the second write waits for the first one.
 std::vector<std::string> writesOfTwoChanges(HandDrivenServer& server) {
     const LogCapture log(handlerLogger);
     createItem(*server.tree, "b", 1);
@@ -152,7 +150,7 @@ TEST(AsyncGrpcServerEvents, AnswersThatNobodyTakesHoldUpNobody) {
         auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
         server.processNext();
         EXPECT_TRUE(call.get().status.ok());
-        untaken.push_back(server.next());  // has left, but nobody looks at it
+        untaken.push_back(server.next());  // has been sent, but is not processed
     }
     EXPECT_EQ(server.service->requests("readItem"), 4);
     for (const auto& event : untaken) {
@@ -355,7 +353,7 @@ TEST(AsyncGrpcServerEvents, ClientThatVanishesWithAWriteInFlightLeavesNothingBeh
         const LogCapture log(handlerLogger);
         ObserveClient client(*server.stub);
         auto* const tag = server.processNext();
-        createItem(*server.tree, "b");  // queued behind the snapshot
+        createItem(*server.tree, "b");  // queued after the snapshot
         EXPECT_FALSE(server.hasEvent());
         client.context.TryCancel();
         auto first = server.next();
@@ -383,7 +381,7 @@ TEST(AsyncGrpcServerEvents, FailedWriteEndsTheCallAndRequestsNothing) {
     EXPECT_EQ(server.handlers.observers, 0);
     EXPECT_EQ(server.service->requests("observeItems"), 2);
     stream.client->context.TryCancel();
-    server.processNext();  // the notice of a stream that is gone already
+    server.processNext();  // the notification of a stream that has already ended
     EXPECT_FALSE(server.hasEvent());
 }
 
