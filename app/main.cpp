@@ -14,13 +14,13 @@
 int main(int argc, char** argv) {
     // Keys are UTF-8; the C library converts file names by this setting.
     std::setlocale(LC_CTYPE, "C.UTF-8");
-    // One set of descriptors for all threads: the one that reads serves them all, at a cost that
+    // One set of descriptors for all threads: the reading thread serves all of them, at a cost that
     // does not grow with the connections. No other strategy lets one thread read for all.
     ::setenv("GRPC_POLL_STRATEGY", "epoll1", 1);
-    // Never given back: the library would wait for its threads at the end, for ever where one of
-    // them could not be made.
+    // Never released: at the end the library would wait for its threads, for ever if one of them
+    // could not be created.
     grpc_init();
-    // Linking the plugin is not enough: nothing refers to it, so that the linker drops it.
+    // Linking the plugin is not enough: nothing refers to it, so the linker drops it.
     grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 
     auto service = std::make_unique<Hox::Service::LumServiceInitializer>(argc, argv);

@@ -1,5 +1,5 @@
-# Compile and link flags, carried by one interface target that every target of ours links PRIVATE,
-# so that no flag leaks to users of the libraries.
+# Compile and link flags, carried by one interface target that all our targets link PRIVATE, so no
+# flag leaks to users of the libraries.
 set(HALVO_SANITIZERS "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 set(CMAKE_CXX_FLAGS_SANITIZE "-O1 -g1 -fno-omit-frame-pointer")
 # As Debian builds its packages; -O3 costs compile time that CI does not have.
@@ -12,12 +12,13 @@ target_compile_options(hox_build_flags INTERFACE
     -Wimplicit-fallthrough -Werror)
 
 # File names in texts and debug information are relative to the project, wherever it is built; the
-# later map wins where the build folder lies below the sources.
+# later map wins if the build folder is below the sources.
 add_compile_options(
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
     -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
 
-# Sanitizers go to every target, generated code included: a half-instrumented program reports falsehoods.
+# Sanitizers apply to every target, including generated code: a partly instrumented program reports
+# false errors.
 if(HALVO_SANITIZERS)
     add_compile_options(-fsanitize=${HALVO_SANITIZERS} -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${HALVO_SANITIZERS})

@@ -1,9 +1,9 @@
-# Everything foreign, each from its Debian package (scripts/install-deps).
+# All foreign libraries, each from its Debian package (scripts/install-deps).
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
-find_package(Protobuf REQUIRED) # ahead of gRPC, whose configuration uses its targets
+find_package(Protobuf REQUIRED) # before gRPC, whose configuration uses its targets
 find_package(gRPC CONFIG REQUIRED)
 # The proto files of gRPC's standard services.
 find_path(GRPC_PROTO_ROOT grpc/health/v1/health.proto PATHS /usr/share/grpc-proto REQUIRED)

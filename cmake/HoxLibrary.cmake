@@ -1,7 +1,8 @@
 # hox_add_library(<target> SOURCES <file>... HEADERS <file>... [PUBLIC <target>...] [PRIVATE <target>...])
 #
-# A static library of the house: public headers below include/, private ones beside the sources in src/.
-# The headers form a verified header set: each compiles by itself (target all_verify_interface_header_sets).
+# A static library of this project: public headers below include/, private ones beside the sources
+# in src/. The headers form a verified header set: each compiles by itself (target
+# all_verify_interface_header_sets).
 function(hox_add_library target)
     cmake_parse_arguments(ARG "" "" "SOURCES;HEADERS;PUBLIC;PRIVATE" ${ARGN})
     if(ARG_SOURCES)

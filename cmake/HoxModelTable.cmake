@@ -1,12 +1,13 @@
 # hox_model_table(<csv file> <template> <source>)
 #
-# Makes a C++ source from the template, with a row for each product model of the CSV file. The file
-# has the heading below, and one line for each model: a name without commas or quotes, and whole
-# numbers. What is no such file ends the configuration with the number of the line.
+# Generates a C++ source from the template, with a row for each product model of the CSV file. The
+# file has the heading below, and one line for each model: a name without commas or quotes, and
+# whole numbers. An invalid file ends the configuration with an error that names the line.
 set(HOX_MODEL_TABLE_HEADING "name,part_number,module_slots,rack_units")
 
 function(_hox_model_row line place row part_number)
-    # Quotes, backslashes and CMake's own list characters are kept out of names: nothing needs quoting.
+    # Names must not contain quotes, backslashes and CMake's list characters, so nothing needs
+    # quoting.
     if(NOT line MATCHES "^([^],;\"\\[]+),([0-9]+),([0-9]+),([0-9]+)$")
         message(FATAL_ERROR "${place}: \"${line}\" is not ${HOX_MODEL_TABLE_HEADING}")
     endif()

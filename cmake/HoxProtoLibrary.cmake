@@ -1,7 +1,8 @@
 # hox_add_proto_library(<target> ROOT <folder> PROTOS <file>... [GRPC] [DEPENDS <proto target>...])
 #
-# Generates and compiles the C++ code of the named proto files below ROOT, whose folder is also their
-# import root. GRPC adds the service code. DEPENDS names other targets made by this function.
+# Generates and compiles the C++ code of the named proto files below ROOT, whose folder is also
+# their import root. GRPC adds the service code. DEPENDS names other targets created by this
+# function.
 function(hox_add_proto_library target)
     cmake_parse_arguments(ARG "GRPC" "ROOT" "PROTOS;DEPENDS" ${ARGN})
     cmake_path(ABSOLUTE_PATH ARG_ROOT NORMALIZE)
@@ -22,7 +23,8 @@ function(hox_add_proto_library target)
         set(outputs ${out}/${stem}.pb.cc ${out}/${stem}.pb.h)
         set(options --cpp_out=${out})
         if(ARG_GRPC)
-            # In protoc's order: Ninja wants the first name in its dependency file to be the first here.
+            # In protoc's order: Ninja requires the first name in its dependency file to be the
+            # first here.
             list(PREPEND outputs ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
             list(APPEND options --grpc_out=${out} --plugin=protoc-gen-grpc=$<TARGET_FILE:gRPC::grpc_cpp_plugin>)
         endif()
@@ -30,7 +32,7 @@ function(hox_add_proto_library target)
             OUTPUT ${outputs}
             COMMAND protobuf::protoc ${includes} ${options} --dependency_out=${out}/${stem}.d ${proto}
             DEPENDS ${ARG_ROOT}/${proto} protobuf::protoc
-            DEPFILE ${out}/${stem}.d  # names the imports
+            DEPFILE ${out}/${stem}.d  # lists the imports
             COMMENT "Generating ${proto}"
             VERBATIM)
         list(APPEND generated ${outputs})

@@ -13,10 +13,10 @@ function(hox_add_test target)
     add_executable(${target} ${ARG_SOURCES})
     target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     target_link_libraries(${target} PRIVATE hox_build_flags ${ARG_LIBS} hox_test_main)
-    # What is tested is optimised, the tests are not: that took half of the build's time.
+    # The tested code is optimised, the tests are not: optimising them took half of the build time.
     target_compile_options(${target} PRIVATE -O0)
     add_test(NAME ${target} COMMAND ${target})
-    # A program ends by itself ahead of CTest's limit, and names the test that hangs.
+    # A program ends itself before CTest's limit and names the test that hangs.
     math(EXPR seconds "${ARG_TIMEOUT} - 5")
     set_tests_properties(${target} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "unit;${ARG_LABELS}"
         ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp halt_on_error=1 history_size=7;HALVO_TEST_SECONDS=${seconds}")

@@ -71,6 +71,7 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/async_grpc_client_handler_test.cpp
             tests/grpc/async_grpc_server_events_test.cpp
             tests/grpc/async_grpc_server_handler_test.cpp
+            tests/grpc/async_grpc_server_limits_test.cpp
             tests/grpc/captured_logging.cpp
             tests/grpc/client_text_test.cpp
             tests/grpc/in_process_gate_test.cpp

@@ -1,8 +1,7 @@
-"""Checks that every path which the documents name exists.
+"""Checks that every path named in the documents exists.
 
-A path is what stands in backquotes or as the target of a link and begins with a name of the
-project's top folder. What a build makes (build/...) is left out, and so are paths with a
-placeholder in them (<name>, *, ...).
+A path is a text in backquotes, or the target of a link, that begins with a name in the project's
+top folder. Build output (build/...) and paths with a placeholder (<name>, *, ...) are ignored.
 """
 import pathlib
 import re

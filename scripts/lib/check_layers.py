@@ -1,10 +1,11 @@
-"""Checks that each target uses only what docs/architecture.md has below it.
+"""Checks that each target uses only targets of lower levels in docs/architecture.md.
 
 usage: check_layers.py <build folder>
 
-The table of that document gives each target of the product a level. CMake tells which files a target
-is made of and what it links. A target links no target of its own level or above, and none without a
-level; its files include no header of such a target, and none of gRPC's unless it links gRPC.
+The table of that document gives each target of the product a level. CMake lists the files of a
+target and the targets that it links. A target links no target of its own level or above, and none
+without a level; its files include no header of such a target, and no header of gRPC unless it links
+gRPC.
 """
 import json
 import pathlib
@@ -20,7 +21,8 @@ FLAGS = "hox_build_flags"
 
 
 class Target:
-    """What CMake knows of a target: its folder, its files and all that it links, also at second hand.
+    """The properties of a target in CMake: its folder, its files and all targets that it links,
+    directly or indirectly.
 
     Paths are relative to the project; those of generated files begin with the build folder.
     """
@@ -62,7 +64,8 @@ def complaints_of_links(levels, targets):
 
 
 def name_in_includes(path):
-    """How a header of this path is included: the part below include/ or below the generated code."""
+    """The name by which a header of this path is included: the part below include/ or below the
+    generated code."""
     for folder in ("/include/", "/gen/"):
         if folder in path:
             return path.split(folder, 1)[1]
@@ -70,7 +73,7 @@ def name_in_includes(path):
 
 
 def includes_of(target, read):
-    """All pairs of (file, included name) of the target, by way of its private headers."""
+    """All pairs of (file, included name) of the target, including those of its private headers."""
     open_files = [source for source in target.sources if is_product(source)]
     seen = set(open_files)
     while open_files:
@@ -99,7 +102,7 @@ def complaints_of_includes(levels, with_grpc, targets, read):
 
 
 def read_targets(build):
-    """The targets by CMake's file API, which answers when it generates."""
+    """The targets from CMake's file API, which answers when CMake generates."""
     query = build / ".cmake/api/v1/query/codemodel-v2"
     query.parent.mkdir(parents=True, exist_ok=True)
     query.touch()
@@ -111,7 +114,7 @@ def read_targets(build):
     targets = {}
     for entry in model["configurations"][0]["targets"]:
         described = json.loads((replies / entry["jsonFile"]).read_text())
-        # A library of headers alone is known by the target that compiles them.
+        # A header-only library is represented by the target that compiles its headers.
         name = described["name"].removesuffix("_verify_interface_header_sets")
         if described["type"] != "UTILITY" and (name == described["name"] or name not in targets):
             targets[name] = Target(

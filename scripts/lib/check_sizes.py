@@ -1,6 +1,6 @@
 """Checks that no file of code has more than 600 lines and no Python function more than 60.
 
-The functions of C++ are clang-tidy's (readability-function-size).
+clang-tidy checks the functions of C++ (readability-function-size).
 """
 import ast
 import pathlib

@@ -1,7 +1,8 @@
 """Checks the subjects of commits: "<component>: what changes", at most 72 characters.
 
-Looks at what this branch has beyond its upstream or main, and at the last twenty commits anyway: a
-fresh clone has nothing beyond. Merges are left out; a shallow clone shows what it has.
+Checks the commits that this branch has beyond its upstream or main, and always the last twenty
+commits, because a fresh clone has no commits beyond. Merges are ignored; in a shallow clone the
+available commits are checked.
 """
 import pathlib
 import re
@@ -15,7 +16,7 @@ FORM = re.compile(r"[a-z][a-z0-9_]*: \S.*")
 
 
 def complaint(subject):
-    """What is wrong with the subject, None if nothing is."""
+    """The error of the subject, None if it is valid."""
     if len(subject) > MOST_CHARACTERS:
         return f"{len(subject)} characters, {MOST_CHARACTERS} are allowed"
     if not FORM.fullmatch(subject):
@@ -24,7 +25,7 @@ def complaint(subject):
 
 
 def log(root, *arguments):
-    """Pairs of (hash, subject); none where git knows no such commits."""
+    """Pairs of (hash, subject); none if git knows no such commits."""
     run = subprocess.run(["git", "log", "--no-merges", "--format=%h %s", *arguments], cwd=root,
                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False)
     return [line.partition(" ")[::2] for line in run.stdout.splitlines()] if not run.returncode else []

@@ -1,5 +1,5 @@
-"""Feeds the package log of this machine to a service of its own and shows what comes of it; then
-takes its configuration files through the store."""
+"""Starts a service, reports the package log of this machine to it and shows the result; then takes
+the machine's configuration files through the store."""
 import collections
 import json
 import pathlib
@@ -10,9 +10,9 @@ import time
 from kit.namespaces import enter_private_network
 
 try:
-    enter_private_network()  # ahead of the first thread of gRPC
+    enter_private_network()  # before the first thread of gRPC
 except OSError:
-    pass  # without root the demo shares the machine's network, on a port that nobody uses
+    pass  # without root the demo shares the machine's network, on a free port
 
 import demo_configuration  # noqa: E402
 import package_log  # noqa: E402
@@ -114,7 +114,7 @@ def run_reports(folder, count):
         client = service.client()
         feed(client, reports[:1])
         watcher = start_process("demo_watch.py", folder / "watcher", service, len(reports))
-        snapshot = watcher.stdout.readline()  # from now on the watcher hears of every change
+        snapshot = watcher.stdout.readline()  # from now on the watcher gets every change
         feed(client, reports[1:])
         print(f"Fed {len(reports)} reports from {origin}, "
               f"{clock(reports[0].seconds)} to {clock(reports[-1].seconds)}.")
@@ -134,7 +134,7 @@ def run_reports(folder, count):
 
 
 def main():
-    # The archive keeps a thousand reports; the demo shows what it keeps.
+    # The archive keeps a thousand reports; the demo shows the kept ones.
     count = min(int(sys.argv[1]) if len(sys.argv) > 1 else 240, 1000)
     with tempfile.TemporaryDirectory(prefix="halvo-demo-") as folder:
         out = pathlib.Path(folder)

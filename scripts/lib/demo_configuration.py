@@ -1,4 +1,4 @@
-"""The demo's second half: a configuration from its owner to a package and back."""
+"""The demo's second half: takes a configuration from its owner to a package and back."""
 import json
 
 from demo_owner import CAPABILITY
@@ -30,7 +30,7 @@ class Operator:
         self.processes = []
 
     def start(self):
-        """Starts the service, anew if it runs: its configuration folder stays."""
+        """Starts or restarts the service; its configuration folder stays."""
         if self.service is not None:
             self.service.stop()
             self.service.close()
@@ -40,7 +40,7 @@ class Operator:
         self.watcher = self.client.observe("/state/notifications/latest/**")
 
     def owner(self, *args):
-        """The foreign service as a process of its own."""
+        """Starts the foreign service as a separate process."""
         process = start_process("demo_owner.py", self.folder / "owner", self.service, KEYS, *args)
         self.processes.append(process)
         return process
@@ -52,7 +52,7 @@ class Operator:
         return line["state_id"]
 
     def tell_state(self, expected, text):
-        """Prints what the operator sees of the unsaved changes."""
+        """Prints the state of the unsaved changes as the operator sees it."""
         pairs = list(self.watcher.next().node_change_map.values())
         stored = self.protos.state.StoredNotification()
         check(pairs[0].nodePairList[0].currentMessage.Unpack(stored), "a report of another type")
@@ -129,7 +129,7 @@ def show_package(operator, watcher):
 
 
 def run(folder):
-    """All of it, on a service of its own below the folder."""
+    """Runs this part of the demo with its own service below the folder."""
     generated = folder / "generated-configuration"
     generated.mkdir()
     operator = Operator(Protos(generated), folder / "store")

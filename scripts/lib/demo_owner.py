@@ -1,9 +1,9 @@
-"""The demo's foreign service: owns a slice of the configuration and tells what becomes of it.
+"""The demo's foreign service: owns a slice of the configuration and prints what happens to it.
 
 usage: demo_owner.py <address> <folder for generated code> <number of keys> push [<last state id>]
        demo_owner.py <address> <folder for generated code> <number of keys> watch <last state id>
 
-Prints one line of JSON for the push, or for each thing that it hears of its slice.
+Prints one line of JSON for the push, or for each change of its slice.
 """
 import json
 import sys

@@ -1,4 +1,4 @@
-"""What the parts of the demo share: headings, checks, other processes."""
+"""The common functions of the demo: headings, checks, other processes."""
 import os
 import pathlib
 import subprocess
@@ -6,7 +6,7 @@ import sys
 
 
 def check(condition, what):
-    """Ends the demo with a clear word where what it shows would be wrong."""
+    """Ends the demo with a clear message if its output would be wrong."""
     if not condition:
         raise SystemExit(f"demo: FAILED: {what}")
 
@@ -16,7 +16,7 @@ def headline(text):
 
 
 def start_process(script, folder, service, *args):
-    """Starts a script of this folder as a process of its own, with a client of the service."""
+    """Starts a script of this folder as a separate process that is a client of the service."""
     folder.mkdir(exist_ok=True)
     return subprocess.Popen(
         [sys.executable, str(pathlib.Path(__file__).with_name(script)), service.address,

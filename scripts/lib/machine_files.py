@@ -5,12 +5,12 @@ import stat
 
 ETC = pathlib.Path("/etc")
 MOST_BYTES = 1500
-# What a component of a key may look like; a value is stored in a file of the reserved name.
+# The form of a component of a key; the file of a value has the reserved name.
 _COMPONENT = re.compile(r"(?!data~?$)[\w-][\w.+-]*$", re.ASCII)
 
 
 def _is_for_everybody(path):
-    """Whether it is, or leads to, a file that every user of the machine may read."""
+    """Whether the path is, or links to, a file that every user of the machine may read."""
     file = path.resolve(strict=True)
     mode = file.stat().st_mode
     return (stat.S_ISREG(mode) and mode & stat.S_IROTH
@@ -19,7 +19,7 @@ def _is_for_everybody(path):
 
 
 def read(count):
-    """Up to `count` small text files below /etc that are no secret: key to text, in key order."""
+    """Up to `count` small text files below /etc that are not secret: key to text, in key order."""
     files = {}
     for path in sorted(ETC.rglob("*")):
         if len(files) == count:

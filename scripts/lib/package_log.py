@@ -1,4 +1,4 @@
-"""What happened to the packages of this machine, as reports for the state monitor."""
+"""The history of this machine's packages, as reports for the state monitor."""
 import datetime
 import pathlib
 import re
@@ -10,7 +10,7 @@ DPKG_LOG = pathlib.Path("/var/log/dpkg.log")
 APT_LOG = pathlib.Path("/var/log/apt/history.log")
 DPKG_INFO = pathlib.Path("/var/lib/dpkg/info")
 
-# What dpkg says it does or has reached, and how bad that is for the package it names.
+# The actions and states of dpkg, and the severity of each for the package.
 _SEVERITY = {
     "installed": "OK", "conffile": "OK", "archives": "OK", "packages": "OK",
     "install": "BOOTING", "upgrade": "BOOTING", "configure": "BOOTING", "trigproc": "BOOTING",
@@ -69,7 +69,7 @@ def _from_apt():
 
 
 def _from_package_status():
-    """One report per package that dpkg knows, at the time when its files were laid out."""
+    """One report per package that dpkg knows, with the time at which its files were installed."""
     listing = subprocess.run(
         ["dpkg-query", "-W", "-f", "${binary:Package} ${db:Status-Status} ${Version}\\n"],
         check=True, stdout=subprocess.PIPE, text=True).stdout
@@ -84,7 +84,7 @@ def _from_package_status():
 
 
 def read(count):
-    """The newest reports, oldest first, and the name of where they come from."""
+    """The newest reports, oldest first, and the name of their source."""
     for path, reader in ((DPKG_LOG, _from_dpkg), (APT_LOG, _from_apt)):
         if path.exists():
             reports = list(reader())

@@ -12,15 +12,15 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-# What tests are held to: names, dead declarations, moves. The rest costs as much again per file, and
-# GoogleTest's macros and fixtures trip much of it.
+# The checks for tests: names, dead declarations, moves. The other checks double the time per file,
+# and GoogleTest's macros and fixtures trigger many of them.
 TEST_CHECKS = ("-*,bugprone-use-after-move,misc-unused-using-decls,modernize-loop-convert,"
                "modernize-use-equals-default,modernize-use-nullptr,modernize-use-override,"
                "performance-for-range-copy,readability-function-size,readability-identifier-naming")
 
 
 def own_sources(build, prefixes):
-    """The sources of the compilation database that lie in the tree and not in a build folder."""
+    """The sources of the compilation database that are in the tree and not in a build folder."""
     entries = json.loads((build / "compile_commands.json").read_text())
     files = {pathlib.Path(entry["file"]).resolve() for entry in entries}
     for file in sorted(files, key=lambda name: name.stat().st_size if name.exists() else 0,
@@ -33,9 +33,10 @@ def own_sources(build, prefixes):
 
 
 def tidy(build, path):
-    """One run: path, what clang-tidy printed, whether it was content, and the seconds it took."""
+    """One run: the path, the output of clang-tidy, whether it succeeded, and the seconds it took.
+    """
     start = time.monotonic()
-    # The database holds GCC's command lines; clang does not know all of its warnings.
+    # The database contains GCC's command lines; clang does not know all of its warnings.
     checks = [f"--checks={TEST_CHECKS}"] if "tests" in path.parts else []
     run = subprocess.run(
         ["clang-tidy", "-p", str(build), "--quiet", *checks,

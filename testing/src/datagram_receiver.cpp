@@ -28,7 +28,7 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-/// A socket that is bound to the address, of which this many bytes count.
+/// A socket bound to the first `size` bytes of the address.
 LinuxCppUtil::OwnedFileDescriptor boundSocket(const sockaddr_un& address, socklen_t size) {
     auto descriptor = LinuxCppUtil::ownFileDescriptor(
         socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -47,7 +47,7 @@ DatagramReceiver::DatagramReceiver(const std::filesystem::path& path)
     : m_address(path.string()), m_socket(boundSocket(addressOf(m_address), sizeof(sockaddr_un))) {}
 
 DatagramReceiver::DatagramReceiver()
-    // Bound by its family alone the kernel picks an abstract name.
+    // If only the family is given, the kernel chooses an abstract name.
     : m_socket(boundSocket(addressOf(""), sizeof(sa_family_t))) {
     sockaddr_un address{};
     socklen_t size = sizeof(address);

@@ -38,7 +38,7 @@ constexpr int timeLimit = 20000;  // milliseconds
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A descriptor of a call that has succeeded.
+/// The descriptor returned by a call; throws if the call has failed.
 OwnedFileDescriptor descriptor(int number, const char* what) {
     if (number < 0) {
         fail(what);
@@ -67,7 +67,7 @@ msghdr messageFor(iovec& data, ControlBuffer& control) {
     return message;
 }
 
-/// In the child. From here on its calls wait for the parent.
+/// Runs in the child. From here on its calls wait for the parent.
 bool handOverCalls(int socket, std::vector<sock_filter>& filter) {
     const sock_fprog program = {static_cast<std::uint16_t>(filter.size()), filter.data()};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
@@ -140,7 +140,7 @@ std::string readPath(pid_t child, std::uint64_t address) {
     const auto memory = memoryOf(child);
     std::string path;
     while (true) {
-        // Not beyond the end of a page: the next one need not be there.
+        // Not beyond the end of a page: the next page need not exist.
         char part[256];
         const std::size_t size = std::min<std::uint64_t>(sizeof(part), 4096 - address % 4096);
         const ssize_t got = pread(*memory, part, size, static_cast<off_t>(address));
@@ -156,8 +156,8 @@ std::string readPath(pid_t child, std::uint64_t address) {
     }
 }
 
-/// The path of what is open there; empty for a pipe or a socket, which the sanitizers write to as
-/// well. AT_FDCWD stands for the working directory.
+/// The path of the open file; empty for a pipe or a socket, which the sanitizers also write to.
+/// AT_FDCWD stands for the working directory.
 std::string openFile(pid_t child, std::uint64_t number) {
     const auto file = static_cast<int>(number);
     std::error_code error;
@@ -168,8 +168,8 @@ std::string openFile(pid_t child, std::uint64_t number) {
     return target.is_absolute() ? target.string() : std::string();
 }
 
-/// Makes the first half of a write in place of the child; how much has been written, or the negated
-/// errno.
+/// Makes the first half of a write for the child; returns the number of bytes written, or the
+/// negated errno.
 std::int64_t writeHalf(pid_t child, const seccomp_data& data) {
     std::string bytes(data.args[2] / 2, '\0');
     const auto memory = memoryOf(child);
@@ -189,7 +189,7 @@ public:
     Watch(pid_t child, const std::optional<Fault>& fault, AtCall atCall)
         : m_child(child), m_fault(fault), m_atCall(std::move(atCall)) {}
 
-    /// Answers each call, until nobody is left who could make one.
+    /// Answers each call until no process is left that could make one.
     void serve(const OwnedFileDescriptor& listener, WatchedRun& run) {
         while (true) {
             pollfd events = {*listener, POLLIN, 0};
@@ -209,7 +209,7 @@ private:
     void answerNext(int listener, WatchedRun& run) {
         seccomp_notif request{};
         if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) {
-            return;  // its thread has ended in the meantime
+            return;  // its thread has ended meanwhile
         }
         const auto& call = *std::find_if(
             knownCalls().begin(), knownCalls().end(),
@@ -268,7 +268,7 @@ private:
     const AtCall m_atCall;
 };
 
-/// Ends with the child, one way or the other.
+/// Ensures that the child has ended when the object is destroyed.
 class Child {
 public:
     explicit Child(pid_t id) : m_id(id) {}
@@ -283,7 +283,7 @@ public:
     Child(Child&&) = delete;
     Child& operator=(Child&&) = delete;
 
-    /// The status of its end, as waitpid gives it.
+    /// Waits for the end of the child; returns the status from waitpid.
     int wait() {
         int status = 0;
         while (waitpid(m_id, &status, 0) < 0 && errno == EINTR) {

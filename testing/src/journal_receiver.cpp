@@ -16,7 +16,7 @@ std::filesystem::path socketInItsFolder() {
     return std::filesystem::path(journalFolder) / "socket";
 }
 
-/// Takes the characters up to the line feed and the line feed itself off the text.
+/// Removes the first line, with its line feed, from the text and returns it without the line feed.
 std::string_view takeLine(std::string_view& text) {
     const auto end = text.find('\n');
     if (end == std::string_view::npos) {
@@ -27,8 +27,8 @@ std::string_view takeLine(std::string_view& text) {
     return line;
 }
 
-/// Takes a value off the text that comes as its size in 64 bits, lowest byte first, the bytes and a
-/// line feed: the form for values with line feeds inside.
+/// Removes a value from the start of the text: its size in 64 bits, lowest byte first, the bytes
+/// and a line feed. This is the form of values that contain line feeds.
 std::string_view takeSizedValue(std::string_view& text) {
     std::uint64_t size = 0;
     if (text.size() < sizeof(size)) {

@@ -25,7 +25,7 @@ sock_filter loadArgument(unsigned index) {
                      offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
 }
 
-/// Leaves out opens that change nothing, or calls on the standard descriptors.
+/// Excludes opens that change nothing, or calls on the standard descriptors.
 std::vector<sock_filter> bodyFor(const KnownCall& call, FileCalls listed) {
     const auto tell = statement(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF);
     const auto allow = statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
@@ -44,7 +44,7 @@ const std::uint32_t writeFlags = O_WRONLY | O_RDWR | O_CREAT | O_TRUNC;
 
 const std::vector<KnownCall>& knownCalls() {
     static const std::vector<KnownCall> calls = {
-#ifdef SYS_mkdir  // not on newer machines, which have the forms with "at" only
+#ifdef SYS_mkdir  // not on newer architectures, which only have the forms with "at"
         {"mkdir", SYS_mkdir, CallKind::Path, 0},
         {"rmdir", SYS_rmdir, CallKind::Path, 0},
         {"unlink", SYS_unlink, CallKind::Path, 0},

@@ -9,7 +9,7 @@
 
 namespace Hox::Testing {
 
-/// What decides whether a call counts, and where its path is.
+/// Decides whether a call counts, and where its path is.
 enum class CallKind {
     Path,       ///< a path argument; counts always
     PathAt,     ///< the same after the descriptor of the folder that the path is relative to
@@ -22,23 +22,23 @@ enum class CallKind {
     Whole       ///< no argument; counts always
 };
 
-/// A system call that has to do with files.
+/// A system call that concerns files.
 struct KnownCall {
     const char* name = nullptr;
     long number = 0;
     CallKind kind = CallKind::Whole;
-    unsigned path = 0;   ///< which argument the path is
-    bool isMade = true;  ///< false: it succeeds without being made
+    unsigned path = 0;   ///< index of the path argument
+    bool isMade = true;  ///< if false, the call succeeds without being made
 
-    /// Whether its first argument is the descriptor that it is about.
+    /// Whether its first argument is the descriptor that it works on.
     bool isOnDescriptor() const { return kind == CallKind::Changing || kind == CallKind::Reading; }
     /// Whether the argument before the path is the folder that the path is relative to.
     bool isAt() const {
         return kind == CallKind::PathAt || kind == CallKind::OpenAt || kind == CallKind::LookingAt;
     }
-    /// Whether the argument after the path tells what an open is for.
+    /// Whether the argument after the path holds the flags of an open.
     bool isOpen() const { return kind == CallKind::Open || kind == CallKind::OpenAt; }
-    /// Whether it changes nothing, whatever its arguments are.
+    /// Whether it never changes anything, whatever its arguments are.
     bool onlyLooks() const {
         return kind == CallKind::Reading || kind == CallKind::Looking ||
                kind == CallKind::LookingAt;
@@ -51,7 +51,8 @@ extern const std::uint32_t writeFlags;
 /// All calls that can be listed.
 const std::vector<KnownCall>& knownCalls();
 
-/// The program for the kernel that tells the calls to be listed, and those that are not made.
+/// The filter program for the kernel that selects the calls to be listed and those that are not
+/// made.
 std::vector<sock_filter> filterFor(FileCalls listed);
 
 }  // namespace Hox::Testing

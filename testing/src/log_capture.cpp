@@ -13,7 +13,7 @@
 
 namespace Hox::Testing {
 
-/// One capture: what it asks for, what it has got, and what it must put back.
+/// One capture: its filter, its records, and the levels that it must restore.
 struct LogCapture::Capture {
     std::optional<std::string> loggerName;
     spdlog::level::level_enum level = spdlog::level::trace;
@@ -30,8 +30,8 @@ struct LogCapture::Capture {
     }
 };
 
-/// The sink of all loggers: it hands each record to the captures that live. One for the process, so
-/// that the sink lists of loggers never change while somebody logs.
+/// The sink of all loggers: it passes each record to the existing captures. There is one per
+/// process, so that the sink lists of loggers never change while a thread logs.
 class LogCapture::Hub : public spdlog::sinks::sink {
 public:
     static std::shared_ptr<Hub> instance() {
@@ -98,12 +98,12 @@ private:
         }
     }
 
-    mutable std::mutex m_mutex;  // taken before spdlog's own
-    // Oldest first. The records and former levels of the captures are under the mutex too.
+    mutable std::mutex m_mutex;  // taken before spdlog's own mutexes
+    // Oldest first. The mutex also guards the records and previous levels of the captures.
     std::vector<std::shared_ptr<Capture>> m_captures;  // GUARDED_BY(m_mutex)
 };
 
-/// Makes loggers whose only sink is the hub.
+/// Creates loggers whose only sink is the hub.
 class LogCapture::Logsystem : public Log::ILogsystem {
 public:
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
@@ -126,7 +126,7 @@ public:
     void shutdown() override { spdlog::shutdown(); }
 
 private:
-    std::mutex m_mutex;  // taken before the hub's
+    std::mutex m_mutex;  // taken before the hub's mutex
 };
 
 LogCapture::LogCapture(spdlog::level::level_enum level) : LogCapture(nullptr, level) {}

@@ -16,7 +16,7 @@ void require(bool condition, const char* what) {
     }
 }
 
-/// The socket functions take the address of any family by one type.
+/// The socket functions accept addresses of all families as one type.
 sockaddr* asSocketAddress(sockaddr_in6& address) {
     return reinterpret_cast<sockaddr*>(&address);
 }

@@ -14,10 +14,10 @@ namespace Hox::Testing {
 
 namespace {
 
-/// Tells child processes where their folders lie: "<id of the process that set it>:<folder>".
+/// Tells child processes where to create their folders: "<id of the process that set it>:<folder>".
 constexpr auto variable = "HALVO_TEST_CHILD_FOLDER";
 
-/// In a child process, forked or started anew, the folder that its parent has for it.
+/// In a child process, forked or newly started, the folder that its parent provides for it.
 std::optional<std::filesystem::path> folderOfChild() {
     const char* value = std::getenv(variable);
     if (value == nullptr) {
@@ -31,7 +31,8 @@ std::optional<std::filesystem::path> folderOfChild() {
     return text.substr(end + 1);
 }
 
-/// Has the folder from the first test on, while there is one thread only, to the last one.
+/// Keeps the folder from before the first test, while there is only one thread, until after the
+/// last one.
 class FolderForChildren : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -67,7 +68,7 @@ TempDir::TempDir(const std::filesystem::path& parent) {
 }
 
 TempDir::~TempDir() {
-    std::error_code ignored;  // what is somebody else's stays
+    std::error_code ignored;  // other users' files stay
     std::filesystem::remove_all(m_path, ignored);
 }
 

@@ -1,5 +1,5 @@
-// The main function of every test program. CTest kills a program that hangs without a word; this
-// one ends a little earlier and names the test.
+// The main function of every test program. CTest kills a hanging program without a message; this
+// function ends it a little earlier and names the test.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,8 +10,8 @@
 
 namespace {
 
-/// Ends the process. Asking for the test takes a lock of GoogleTest, which nobody holds while a
-/// test hangs.
+/// Ends the process. Reading the current test takes a lock of GoogleTest, which no thread holds
+/// while a test hangs.
 [[noreturn]] void onAlarm(int /*signal*/) {
     const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
     for (const char* const text : {"Out of time in ", test ? test->test_suite_name() : "no test",

@@ -17,7 +17,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// To a path, or to an abstract name behind "@".
+/// Sends to a path, or to an abstract name after "@".
 void send(const std::string& to, const std::string& message) {
     const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(sender, 0);

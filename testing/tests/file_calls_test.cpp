@@ -26,7 +26,7 @@ using ::testing::IsEmpty;
 
 class FileCallsTest : public ::testing::Test {
 protected:
-    /// Makes a folder, a file in it, reads the file and gives it another name.
+    /// Creates a folder and a file in it, reads the file and renames it.
     std::string work() const {
         if (mkdir(path("a").c_str(), 0700) != 0) {
             return "mkdir " + std::to_string(errno);

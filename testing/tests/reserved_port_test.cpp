@@ -8,7 +8,7 @@
 namespace Hox::Testing {
 namespace {
 
-/// Binds a socket to the port and says whether that went well.
+/// Binds a socket to the port; returns whether that succeeded.
 bool canBind(std::uint16_t port, bool shared) {
     const int descriptor = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = shared ? 1 : 0;

@@ -27,7 +27,7 @@ protected:
         }
     }
 
-    /// What the function makes of this test.
+    /// The result that the function gives to this test.
     ::testing::TestPartResult resultOfSkip() {
         {
             const ScopedFakeTestPartResultReporter reporter(

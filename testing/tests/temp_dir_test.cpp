@@ -59,7 +59,7 @@ TEST_F(TempDirDeathTest, AChildHasItsFoldersBelowOneOfTheProgram) {
                 ::testing::ExitedWithCode(0), "");
 }
 
-/// Runs the test above in a program of its own.
+/// Runs the test above in a separate program.
 TEST(TempDir, NothingIsLeftOfThoseOfChildrenThatEndAbruptly) {
     const TempDir folder;
     const auto program = std::filesystem::read_symlink("/proc/self/exe").string();

@@ -1,4 +1,4 @@
-// Two capabilities in the frame that runs them, with clients over real connections.
+// Two capabilities in a running frame, with clients over real connections.
 #include <google/protobuf/wrappers.pb.h>
 #include <grpcpp/client_context.h>
 #include <grpcpp/create_channel.h>
@@ -34,9 +34,9 @@ namespace State = StateMonitoring::Api;
 using Hox::ObserverTree::ObserveReq;
 using Hox::ObserverTree::ObsTreeObserveChangeSet;
 
-/// How often each client does what it does.
+/// The number of rounds of each client.
 constexpr int rounds = 50;
-/// What the whole load may take, also under a sanitizer on a busy machine.
+/// The time limit of the whole load, also under a sanitizer on a busy machine.
 constexpr auto limit = std::chrono::seconds(100);
 
 /// The service, which serves on the calling thread until it gets SIGTERM.
@@ -108,7 +108,7 @@ public:
         m_stateId = response.capconfstateid();
     }
 
-    /// Opens a stream on the slice, takes its first element and leaves.
+    /// Opens a stream on the slice, reads its first element and ends it.
     void lookIn() {
         Conf::ObserveCapConfReq request;
         *request.mutable_confid() = m_confId;
@@ -146,7 +146,7 @@ void readLatest(State::StateMonitoringService::Stub& stub) {
     EXPECT_TRUE(stub.getLatestStateNotifications(&context, {}, &response).ok());
 }
 
-/// Answers notifications with updates, so that each capability has work from the other one's.
+/// Answers notifications with updates, so that each capability causes work in the other one.
 void answerNotifications(const RunningService& service) {
     const auto stub = State::StateMonitoringService::NewStub(service.newChannel());
     SliceOwner owner(service.newChannel(), "answering");
@@ -164,7 +164,7 @@ void answerNotifications(const RunningService& service) {
     reader->Finish();
 }
 
-/// Takes a number of changes, leaves, and comes back.
+/// Reads a number of changes, leaves, and comes back.
 void observeInTurns(const RunningService& service) {
     const auto stub = State::StateMonitoringService::NewStub(service.newChannel());
     ObserveReq request;
@@ -183,7 +183,7 @@ void pushSlice(const RunningService& service, const std::string& name) {
     SliceOwner owner(service.newChannel(), name);
     for (int round = 0; round < rounds; ++round) {
         owner.update(round % 10 != 0);
-        // Behind at least two updates the former observer has left: a slice takes one only.
+        // After at least two updates the previous observer has left: a slice accepts only one.
         if (round % 3 == 0) {
             owner.lookIn();
         }
@@ -219,9 +219,18 @@ void load(const RunningService& service) {
     }
 }
 
-TEST(Capabilities, NeverWaitForEachOtherUnderLoadInBothDirections) {
-    RunningService service;
-    service.serveWhile([&service] { load(service); });
+// In a separate process, because a process can run only one service.
+TEST(CapabilitiesDeathTest, NeverWaitForEachOtherUnderLoadInBothDirections) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            {
+                RunningService service;
+                service.serveWhile([&service] { load(service); });
+            }
+            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -30,8 +30,8 @@
 namespace Hox {
 namespace {
 
-/// Throws the error with a message of each kind and returns the two texts that a handler of the
-/// base reads.
+/// Throws the error with each kind of message and returns the two texts that a handler of the base
+/// class reads.
 template <typename Err, typename Base>
 std::vector<std::string> textsCaughtAs() {
     std::vector<std::string> texts;

@@ -1,4 +1,4 @@
-"""A client that knows nothing but the protos: every method is bound from its descriptor."""
+"""A client that knows only the protos: every method is bound from its descriptor."""
 import queue
 import threading
 
@@ -6,12 +6,12 @@ import grpc
 
 from kit.protos import streaming_methods
 
-#: Seconds that any single call may take.
+#: The deadline of a single call, in seconds.
 CALL_TIMEOUT = 20
 
 
 def open_channel(address):
-    """A channel with a connection of its own and no limit on received messages."""
+    """A channel with its own connection and no limit on received messages."""
     return grpc.insecure_channel(address, options=[
         ("grpc.use_local_subchannel_pool", 1),
         ("grpc.enable_http_proxy", 0),
@@ -130,7 +130,7 @@ class Stream:
         self._elements.put(self._END)
 
     def next(self, seconds=20):
-        """The next element; fails when the stream ends or none comes in time."""
+        """The next element; fails if the stream ends or none arrives in time."""
         try:
             element = self._elements.get(timeout=seconds)
         except queue.Empty:
@@ -140,7 +140,7 @@ class Stream:
         return element
 
     def rest(self, seconds=20):
-        """Every further element up to the end of the stream, which must come in time."""
+        """All further elements until the end of the stream, which must come in time."""
         elements = []
         while True:
             element = self._elements.get(timeout=seconds)

@@ -7,7 +7,7 @@ STATE_ID = "/__csid"
 
 
 class Slice:
-    """The slice mb/0/<capability> in the hands of its owner."""
+    """The slice mb/0/<capability> as used by its owner."""
 
     def __init__(self, client, capability="tuner"):
         self.client = client
@@ -35,7 +35,7 @@ class Slice:
         return Stream(self.client.configuration.observeCapConf(request))
 
     def content(self):
-        """All values of the slice but its state id, as a new observer gets them."""
+        """All values of the slice except its state id, as a new observer gets them."""
         stream = self.observe("no such id")
         found = texts(stream.next())
         stream.cancel()

@@ -7,17 +7,17 @@ import subprocess
 
 from kit.wait import wait_until
 
-#: What changes files, and the opening of them. A question mark: not on every kind of machine.
+#: Calls that change or open files. A question mark means: not on every architecture.
 FILE_CALLS = ("?mkdir,mkdirat,?open,openat,?rename,?renameat,renameat2,?unlink,unlinkat,?rmdir,"
               "?link,linkat,?symlink,symlinkat,?chmod,fchmod,fchmodat,truncate,ftruncate")
 
-#: These as well, and what reads and writes files that are open.
+#: These calls and those that read and write open files.
 ALL_FILE_CALLS = FILE_CALLS + (",read,write,close,getdents64,newfstatat,syncfs,?stat,?lstat")
 
-#: What a disk may say.
+#: Errors of a disk.
 ERRORS = ["ENOSPC", "EIO", "EACCES", "EROFS", "EMFILE", "EDQUOT"]
 
-#: "1234 mkdir("/a/b", 0777) = 0", or without a result where the process was killed.
+#: "1234 mkdir("/a/b", 0777) = 0", or without a result if the process was killed.
 _LINE = re.compile(r"^\d+ +(\w+)\((.*)$")
 
 
@@ -30,7 +30,8 @@ class Call:
 
     @property
     def path(self):
-        """The first path among the arguments, or that of the open file that they begin with."""
+        """The first path among the arguments, or the path of the open file in the first argument.
+        """
         opened = re.match(r"\d+<([^>]*)>", self.arguments)
         if opened and not self.name.endswith("at"):
             return opened.group(1)
@@ -38,7 +39,7 @@ class Call:
 
     @property
     def changes(self):
-        """Whether it may change anything: sync and opening for reading do not."""
+        """Whether it may change anything; false for sync and for opening for reading."""
         if self.name.startswith("open"):
             return bool(re.search(r"O_(WRONLY|RDWR|CREAT|TRUNC)", self.arguments))
         return self.name not in ("sync", "read", "close", "getdents64", "newfstatat", "stat", "lstat")
@@ -50,10 +51,10 @@ class Call:
 class Strace:
     """Follows all threads of a service, from the first call after the constructor.
 
-    inject: what happens to which calls, as strace's option takes it. It counts each kind of call of
-    each thread by itself; all file calls of an operation come from one thread. sync and syncfs are
-    never made, because they would wait for whole disks. path: the only one whose calls count; opens by
-    the libraries come at any time. calls: what is followed.
+    inject: the value of strace's option: which fault at which calls. It counts each kind of call of
+    each thread separately; all file calls of an operation come from one thread. sync and syncfs are
+    never made, because they would wait for whole disks. path: only calls on this path count; opens
+    by the libraries can come at any time. calls: the calls to follow.
     """
 
     def __init__(self, service, inject=None, path=None, calls=FILE_CALLS):
@@ -99,11 +100,11 @@ class Strace:
             self._process.wait()
 
     def calls(self):
-        """The calls in their order, once strace has ended."""
+        """The calls in order, after strace has ended."""
         matches = map(_LINE.match, self._file.read_text(errors="replace").splitlines())
         return [Call(*match.groups()) for match in matches if match]
 
 
 def all_faults():
-    """Whether every entry is to be tried, with more keys, instead of some."""
+    """Whether every entry is tried, with more keys, instead of some."""
     return bool(os.environ.get("HALVO_ALL_FAULTS"))

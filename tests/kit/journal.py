@@ -1,4 +1,4 @@
-"""A real journal daemon of its own, in a mount namespace with its own /run."""
+"""A separate real journal daemon, in a mount namespace with its own /run."""
 import json
 import pathlib
 import subprocess
@@ -33,7 +33,7 @@ class Journal:
 
     @property
     def prefix(self):
-        """Words to put in front of a command that shall see this journal."""
+        """The words to put before a command that uses this journal."""
         return ["nsenter", "-t", str(self._daemon.pid), "-m", "--"]
 
     def records(self, identifier="halvo-system"):

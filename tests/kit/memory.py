@@ -1,4 +1,4 @@
-"""What a running program takes."""
+"""The memory of a running program."""
 import os
 import pathlib
 
@@ -6,11 +6,12 @@ from kit.paths import program
 
 
 def resident_bytes(service):
-    """The memory that the service has now."""
+    """The resident memory of the service, in bytes."""
     pages = pathlib.Path(f"/proc/{service.process.pid}/statm").read_text().split()[1]
     return int(pages) * os.sysconf("SC_PAGE_SIZE")
 
 
 def is_sanitized():
-    """Whether the program is built with a sanitizer, whose own memory and time are all that shows."""
+    """Whether the program is built with a sanitizer, whose own memory and time hide those of the
+    program."""
     return program().parent.parent.name in ("asan", "tsan")

@@ -1,4 +1,4 @@
-"""Private namespaces, so that services of parallel runs never meet."""
+"""Private namespaces, so that services of parallel runs never interfere."""
 import ctypes
 import itertools
 import os
@@ -11,15 +11,15 @@ from kit.paths import program
 CLONE_NEWNET = 0x40000000
 
 _libc = ctypes.CDLL(None, use_errno=True)
-# Below the range that the kernel hands out to outgoing connections.
+# Below the range that the kernel uses for outgoing connections.
 _ports = itertools.count(20000)
 
 
 def enter_private_network():
-    """Moves this process into a network of its own that has the loopback interface only.
+    """Moves this process into a private network that has only the loopback interface.
 
-    Call it before any thread starts. Two servers may listen on one port without any error (both
-    set SO_REUSEPORT), so that parallel runs in one network could answer each other's clients.
+    Call it before any thread starts. Two servers may listen on one port without any error (both set
+    SO_REUSEPORT), so parallel runs in one network could answer each other's clients.
     """
     if _libc.unshare(CLONE_NEWNET) != 0:
         error = ctypes.get_errno()
@@ -28,7 +28,7 @@ def enter_private_network():
 
 
 def free_port():
-    """A port that nobody listens on, each at most once per process."""
+    """A port without a listener; each is returned at most once per process."""
     for port in _ports:
         try:
             for family, address in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::1")):
@@ -41,11 +41,11 @@ def free_port():
 
 
 def own_log(folder):
-    """Words to put before a command: its /var/log is the folder."""
+    """The words to put before a command, so that its /var/log is the folder."""
     return ["unshare", "-m", "sh", "-c", 'mount --bind "$0" /var/log && exec "$@"', str(folder)]
 
 
-#: Gives the command an /etc and a /tmp of its own; the two folders that are named first stay.
+#: Gives the command a private /etc and /tmp; the two folders named first stay visible.
 _OWN_MACHINE = r"""
 set -e
 mount -t tmpfs tmpfs /mnt
@@ -69,9 +69,9 @@ exec "$@"
 
 
 def own_machine(folder, keep, variant=None, serial=None, override="none"):
-    """Words to put before a command that works below the folder `keep`: it sees a variant file and a
-    serial file with these texts (None: no file). override: what lies in place of the marker that
-    forces packages, a file, a directory, a link that leads there, a dangling one, or none.
+    """The words to put before a command that works below the folder `keep`: it sees a variant file
+    and a serial file with these texts (None: no file). override: the kind of the marker that forces
+    packages: a file, a directory, a link to one, a dangling link, or none.
     """
     etc = folder / "etc"
     etc.mkdir(parents=True)

@@ -1,9 +1,9 @@
-"""The owner of slices as a program of its own, to be killed.
+"""The owner of slices as a separate program, to be killed.
 
 usage: owner.py <port> <method> <request in hexadecimal>...
 
-Begins at a line on standard input, calls the method with each request, tells "there" when
-all are answered, and stays.
+Waits for a line on standard input, calls the method with each request, prints "there" when all are
+answered, and stays.
 """
 import pathlib
 import signal

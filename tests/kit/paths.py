@@ -1,10 +1,10 @@
-"""Where things lie in the tree."""
+"""Paths in the source tree."""
 import os
 import pathlib
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-#: The folders whose proto files make up the wire.
+#: The folders of the proto files of the wire format.
 PROTO_ROOTS = [
     ROOT / "components/hox_protos/proto",
     ROOT / "third_party",

@@ -1,4 +1,4 @@
-"""Message classes and method tables, made from the proto files at run time."""
+"""Message classes and method tables, generated from the proto files at run time."""
 import importlib
 import subprocess
 import sys
@@ -9,7 +9,7 @@ from kit.paths import PROTO_ROOTS
 
 
 class Protos:
-    """The modules that protoc made of all proto files.
+    """The modules that protoc generated from all proto files.
 
     state: state monitoring; configuration: the configuration store; tree: the observer tree's
     wire; introspection: log levels.

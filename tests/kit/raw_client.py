@@ -1,4 +1,4 @@
-"""A client that speaks HTTP/2 by hand, so that it can leave out what every library does: take answers,
+"""A client that speaks HTTP/2 by hand, so that it can omit what every library does: read answers,
 answer pings."""
 import socket
 import struct
@@ -15,7 +15,7 @@ def _frame(kind, flags, stream, payload=b""):
 
 
 def _text(text):
-    """A header's name or value, neither compressed nor in any table."""
+    """The name or value of a header, neither compressed nor in a table."""
     data = text.encode()
     if len(data) < 127:
         return bytes([len(data)]) + data
@@ -30,8 +30,8 @@ def _headers(path):
 
 
 class RawClient:
-    """One connection, on which 64 kB may come in unless more is allowed. Nothing is read unless
-    asked for."""
+    """One connection with a receive window of 64 kB unless more is allowed. Nothing is read unless
+    requested."""
 
     def __init__(self, port, window=0):
         self._socket = socket.socket()
@@ -42,7 +42,7 @@ class RawClient:
         self._stream = 1
 
     def call(self, path, request):
-        """Sends a call of "/service/method"; its answer comes when it likes."""
+        """Sends a call of "/service/method"; does not wait for the answer."""
         self.call_with_bytes(path, request.SerializeToString())
 
     def call_with_bytes(self, path, message):
@@ -52,12 +52,12 @@ class RawClient:
         self._stream += 2
 
     def wait_for_answer(self, seconds=20):
-        """Until the first bytes of something are there; they stay there."""
+        """Waits until the first bytes have arrived; does not read them."""
         self._socket.settimeout(seconds)
         assert self._socket.recv(1, socket.MSG_PEEK)
 
     def wait_for_frames(self, kind, count, seconds=20):
-        """Takes what comes until so many frames of the kind are among it."""
+        """Reads frames until `count` frames of this kind have arrived."""
         for frame in self.frames(seconds):
             count -= frame == kind
             if not count:
@@ -68,7 +68,8 @@ class RawClient:
         self._socket.sendall(_frame(_PING, 0, 0, b"\0" * 8))
 
     def frames(self, seconds=20, answers_pings=False):
-        """The kind of each frame that comes, to the end of the connection; a longer silence fails."""
+        """The kind of each frame until the end of the connection; fails if nothing arrives for this
+        time."""
         self._socket.settimeout(seconds)
         while True:
             header = self._read(9)
@@ -101,7 +102,7 @@ class RawClient:
         self.close()
 
 
-#: Kinds of frames: an element of a stream, the begin of an answer, and what asks for an answer.
+#: Kinds of frames: an element of a stream, the begin of an answer, and a ping.
 DATA = _DATA
 HEADERS = _HEADERS
 PING = _PING

@@ -10,11 +10,11 @@ from kit.client import Client
 from kit.namespaces import free_port, own_log
 from kit.paths import program
 
-#: What a stop may take, from SIGTERM to the end of the process.
+#: The maximum time of a stop, from SIGTERM to the end of the process.
 STOP_SECONDS = 3.0
 
 def command_line(folder, *args, log_to_file=False):
-    """The words that start the program; with log_to_file its log lies below folder/log/halvo."""
+    """The words that start the program; with log_to_file its log is below folder/log/halvo."""
     if not log_to_file:
         return [str(program()), *args, "--logstdout"]
     log = pathlib.Path(folder) / "log"
@@ -23,7 +23,7 @@ def command_line(folder, *args, log_to_file=False):
 
 
 class Service:
-    """One running program with ports, a configuration folder and a notify socket of its own."""
+    """One running program with its own ports, configuration folder and notify socket."""
 
     def __init__(self, protos, folder, *args, port=None, extport=False, log_to_file=False,
                  service_id="head-1", prefix=(), environment=()):
@@ -69,7 +69,7 @@ class Service:
         return self.log_file.read_text(errors="replace")
 
     def next_notice(self, seconds=20.0):
-        """The next text that the service sent to systemd; fails when none comes in time."""
+        """The next text that the service sent to systemd; fails if none arrives in time."""
         deadline = time.monotonic() + seconds
         while True:
             self._notify.settimeout(0.05)
@@ -94,7 +94,7 @@ class Service:
                 return texts
 
     def client(self, address=None):
-        """A new client on a connection of its own, closed with the service."""
+        """A new client with its own connection, closed with the service."""
         client = Client(self.protos, address or self.address)
         self._clients.append(client)
         return client
@@ -113,7 +113,8 @@ class Service:
         return self.exit_status
 
     def stop(self):
-        """Ends the service by SIGTERM and asserts exit status 0 in time. Twice does no harm."""
+        """Ends the service by SIGTERM and asserts exit status 0 in time. A second call has no
+        effect."""
         if self.exit_status is not None:
             return
         assert self.process.poll() is None, self._post_mortem("had ended before its stop")
@@ -124,7 +125,7 @@ class Service:
         assert self.exit_status == 0, self._post_mortem("did not end cleanly")
 
     def close(self):
-        """Releases everything, the process included, whatever state it is in."""
+        """Releases everything, including the process, whatever state it is in."""
         for client in self._clients:
             client.close()
         if self.process.poll() is None:
@@ -133,7 +134,7 @@ class Service:
         self._notify.close()
 
     def assert_alive(self):
-        """The service still runs and still answers."""
+        """Asserts that the service is running and answers."""
         assert self.process.poll() is None, self._post_mortem("is gone")
         with Client(self.protos, self.address) as client:
             client.current_state()

@@ -1,8 +1,8 @@
-"""A client program that brings a connection into one state, says so, and waits to be killed.
+"""A client program that brings a connection into one state, reports it, and waits to be killed.
 
 usage: vanishing.py <address> <state> [request as hexadecimal digits]
 
-It speaks plain gRPC with bytes for messages, so that it starts fast.
+It speaks plain gRPC with bytes for messages, so it starts fast.
 """
 import socket
 import sys
@@ -31,7 +31,7 @@ def _observe(address, request):
 def _calls(address, request):
     create = _channel(address).unary_unary(_SERVICE + "createStateNotification")
     print("connected", flush=True)
-    sys.stdin.readline()  # the service has been halted by now
+    sys.stdin.readline()  # the service is stopped by now
     return [create.future(request) for _ in range(20)]
 
 
@@ -54,7 +54,7 @@ def main():
     else:
         raise SystemExit(f"unknown state {state}")
     print("ready", flush=True)
-    # Until it is killed, or whoever started it is gone.
+    # Until it is killed or its parent has ended.
     sys.stdin.read()
     del held
 

@@ -1,4 +1,4 @@
-"""Lets the tests import what scripts/check runs."""
+"""Lets the tests import the scripts that scripts/check runs."""
 import pathlib
 import sys
 

@@ -1,4 +1,4 @@
-"""What check_layers.py says of targets and includes."""
+"""Tests the reports of check_layers.py on targets and includes."""
 from check_layers import Target, complaints_of_includes, complaints_of_links, levels_in
 
 DOCUMENT = """

@@ -1,4 +1,4 @@
-"""What check_sizes.py says of files and functions."""
+"""Tests the reports of check_sizes.py on files and functions."""
 from check_sizes import complaints
 
 

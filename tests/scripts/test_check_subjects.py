@@ -1,4 +1,4 @@
-"""What check_subjects.py says of the subjects of commits, and at which it looks."""
+"""Tests the reports of check_subjects.py on subjects of commits, and which commits it checks."""
 import subprocess
 
 import pytest

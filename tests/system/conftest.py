@@ -8,7 +8,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from kit.namespaces import enter_private_network  # noqa: E402
 
-# Ahead of the first thread of gRPC, which this import brings in.
+# Before the first thread of gRPC, which the next import starts.
 enter_private_network()
 
 from kit.paths import program  # noqa: E402
@@ -28,7 +28,7 @@ def protos(tmp_path_factory):
 
 @pytest.fixture
 def start(protos, tmp_path):
-    """Starts services that are ready; each must end cleanly when the test is over."""
+    """Starts services and waits until they are ready; each must end cleanly after the test."""
     services = []
 
     def launch(*args, ready=True, **kwargs):

@@ -1,4 +1,4 @@
-"""Whatever a client sends, it gets a clear answer, nothing changes and the service lives on."""
+"""Whatever a client sends, it gets a clear answer, nothing changes and the service continues."""
 import random
 import re
 
@@ -126,7 +126,7 @@ def test_an_origin_that_makes_no_key_is_refused_and_nothing_is_stored(client, se
     assert re.fullmatch(re.escape(message) + r"\([^()]*:\d+\)", details), details
     assert nothing_stored(client)
     assert client.current_state() == "OK"
-    # The next good report is the first change that anybody hears of.
+    # The next valid report is the first change that an observer gets.
     client.create("svc", "T", "good")
     assert sorted(stream.next().node_change_map) == [
         "/state/notifications/archive/0000000000", "/state/notifications/latest/svc/T/good"]
@@ -229,7 +229,7 @@ def every_method(client):
 
 
 def send_bytes(client, path, streaming, data, seconds=3):
-    """Sends the bytes as the request; the status code, or None if there was an answer."""
+    """Sends the bytes as the request; returns the status code, or None if there was an answer."""
     try:
         if streaming:
             call = client.channel.unary_stream(path)(data, timeout=seconds)

@@ -1,4 +1,4 @@
-"""What the program says about its command line, and with which status it ends."""
+"""The program's answers to its command line, and its exit status."""
 import re
 import signal
 import subprocess

@@ -1,4 +1,4 @@
-"""The configuration store: slices with state ids, kept in memory until somebody saves them."""
+"""The configuration store: slices with state ids, kept in memory until an operation saves them."""
 import itertools
 import re
 import signal

@@ -1,4 +1,4 @@
-"""Ports, connections, descriptors, and what the service tells of itself."""
+"""Ports, connections, descriptors, and the service's reports on itself."""
 import contextlib
 import pathlib
 import re
@@ -112,7 +112,7 @@ def test_connections_leave_descriptors_for_the_service(start):
 
 @contextlib.contextmanager
 def no_new_threads(pid, folder):
-    """The process gets no further thread."""
+    """The process cannot create another thread."""
     log = folder / "threads"
     tracer = subprocess.Popen(
         ["strace", "-f", "-qq", "-o", str(log), "-e", "trace=clone,clone3",
@@ -134,7 +134,7 @@ def test_an_end_for_which_no_thread_can_be_made(service, client, tmp_path):
 
 
 def test_a_long_refusal_costs_no_connection(client, service):
-    """The text of a malformed key holds the key."""
+    """The text of a malformed key contains the key."""
     client.create()
     stream = client.observe("/state/notifications/archive/*")
     stream.next()

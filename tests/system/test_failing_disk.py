@@ -1,4 +1,4 @@
-"""A disk that fails, is full, or loses its power: what the whole program answers and keeps."""
+"""A disk that fails, is full, or loses its power: the answers and the data of the whole program."""
 import json
 
 import grpc
@@ -36,7 +36,7 @@ class Store:
         self.reset()
 
     def reset(self):
-        """Puts back what an operation that was not refused has changed."""
+        """Restores what an operation that was not refused has changed."""
         self.tuner.state_id = ""
         clear(self.client)
         self.tuner.update({"/a/b": "saved", "/d": "2"}, patch=False)
@@ -57,12 +57,12 @@ class Store:
         return "OK", ""
 
     def files(self):
-        """Relative name to content of what is saved, but the identity."""
+        """Relative name to content of the saved files, without the identity."""
         return {str(path.relative_to(self.saved)): path.read_bytes()
                 for path in self.saved.rglob("data")}
 
     def state(self):
-        """Everything that an operation which is refused leaves as it was."""
+        """Everything that a refused operation must leave unchanged."""
         return self.files(), self.tuner.content(), self.client.current_state()
 
 
@@ -109,7 +109,7 @@ def test_a_disk_that_fails_is_told_in_the_answer(store, operation, call, path, e
         assert text.startswith(UNPACK if operation == "import" else PACK)
     else:
         assert text.startswith("filesystem error: ")
-    if operation != "export":  # whose texts have no reason
+    if operation != "export":  # its texts have no reason
         assert REASONS[error] in text
         assert str(store.folder / "configuration") in text
     assert store.state() == before
@@ -119,7 +119,7 @@ def test_a_disk_that_fails_is_told_in_the_answer(store, operation, call, path, e
 
 
 def test_an_old_copy_that_cannot_be_removed_is_worth_a_warning(store):
-    # Its folder has changed its name by then.
+    # Its folder has been renamed by then.
     with Strace(store.service, "openat:error=EIO:when=3", path=store.scratch):
         save(store.client)
     assert store.scratch.exists()
@@ -133,7 +133,7 @@ def test_an_old_copy_that_cannot_be_removed_is_worth_a_warning(store):
 
 
 def faults(calls, operation):
-    """A choice of calls with a path of their own, each with one error; or all of them with every
+    """A selection of calls with different paths, each with one error; or all of them with every
     error."""
     seen = {}
     for call in calls:

@@ -1,4 +1,4 @@
-"""Kills and failing disks in the midst of save, import, clear and export: the whole program."""
+"""Kills and failing disks during save, import, clear and export: the whole program."""
 import os
 import re
 import shutil
@@ -10,7 +10,7 @@ import pytest
 from kit.configuration import Slice, clear, discard, export_package, import_package, save
 from kit.faults import Strace, all_faults
 
-#: The search for leaks at the end of a sanitized program does not work under strace.
+#: The leak check at the end of a sanitized program does not work under strace.
 WITHOUT_LEAK_SEARCH = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
 
 KEYS = [0, 1, 10] if all_faults() else [0, 1]
@@ -22,7 +22,7 @@ def values(kind, keys):
 
 
 class Prepared:
-    """A configuration folder to begin with: a saved copy, and what a crash left beside it."""
+    """An initial configuration folder: a saved copy, and the remains of a crash beside it."""
 
     def __init__(self, start, keys):
         self._start = start
@@ -46,7 +46,7 @@ class Prepared:
         self._count = 0
 
     def service(self, **kwargs):
-        """A new service on a folder of its own with unsaved changes, and a client."""
+        """A new service on its own folder with unsaved changes, and a client."""
         folder = self._folder.parent / f"case{self._count}"
         self._count += 1
         shutil.copytree(self._folder, folder)
@@ -68,7 +68,7 @@ class Prepared:
         return actions[operation](client)
 
     def after(self, operation):
-        """What is saved behind the operation."""
+        """The saved configuration after the operation."""
         kind = {"save": "new", "import": "packaged"}.get(operation, "old")
         return {} if operation == "clear" else values(kind, self.keys)
 
@@ -79,7 +79,8 @@ def prepare(start):
 
 
 def chosen(places, exchange):
-    """All, or some: the ends, what surrounds the exchange, and one in the middle of each part."""
+    """All places, or some: the ends, those around the exchange, and one in the middle of each part.
+    """
     if all_faults():
         return places
     before = [place for place in places if place < exchange]
@@ -127,7 +128,7 @@ def test_a_kill_leaves_the_whole_old_or_the_whole_new_copy(prepare, operation, k
         save(client)
         assert not (service.config / "configuration.temp").exists()
         assert Slice(client).content() == expected
-        again.signal(signal.SIGKILL)  # which is faster than an end
+        again.signal(signal.SIGKILL)  # faster than a normal end
         again.wait_end()
 
 
@@ -173,7 +174,7 @@ def test_a_save_is_told_ahead_of_its_work_and_others_behind_it(prepare, operatio
     service, client = prepared.service()
     stream = client.observe("/state/notifications/archive/**")
     assert reports(client, [stream.next()]) == ["Sysconf cap update"]
-    # The delay gives what is on its way to the observer the time to arrive ahead of the end.
+    # The delay lets elements in flight reach the observer before the end.
     with Strace(service, "renameat2:error=EIO:delay_enter=2s:when=1"):
         with pytest.raises(grpc.RpcError):
             prepared.run(operation, client)

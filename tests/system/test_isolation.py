@@ -1,4 +1,4 @@
-"""While one capability is busy, everything else is served as if nothing were."""
+"""While one capability is busy, everything else is served normally."""
 import statistics
 import time
 
@@ -9,15 +9,16 @@ from google.protobuf import empty_pb2
 from kit.raw_client import RawClient
 
 FILTERED = "/Hox.Capability.StateMonitoring.Api.StateMonitoringService/getStateNotifications"
-#: What an answer may take in the middle and at the worst, in seconds. Without load on the machine it
-#: is a tenth of that; a capability that has to wait for another one takes seconds.
+#: The maximum median and worst time of an answer, in seconds. Without load on the machine it takes
+#: a tenth of that; a capability that must wait for another one takes seconds.
 MEDIAN_LIMIT, WORST_LIMIT = 0.1, 1.0
 SAMPLES = 25
 
 
 @pytest.fixture
 def busy_monitor(service, client):
-    """The state monitor has work for minutes: each of its calls takes about a tenth of a second."""
+    """Keeps the state monitor busy for minutes: each of its calls takes about a tenth of a second.
+    """
     for number in range(1000):
         client.create(type="a" * 700 + str(number))
     request = client.protos.state.GetStateNotificationsReq(typeRegEx="a*[bc]")

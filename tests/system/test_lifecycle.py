@@ -169,7 +169,7 @@ def test_calls_that_arrive_all_the_time_do_not_hold_the_end(start):
         try:
             create.future(request, timeout=10).add_done_callback(answered)
         except ValueError:
-            pass  # the channel has been closed
+            pass  # the channel is closed
 
     for _ in range(16):
         send()
@@ -211,7 +211,7 @@ def ticks_of(process):
 
 
 def waits_of(process):
-    """How often each thread has stopped to wait for something."""
+    """The number of voluntary context switches of each thread."""
     waits = {}
     for task in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
         with contextlib.suppress(OSError):  # a thread that has just ended
@@ -227,8 +227,8 @@ def test_an_idle_service_uses_no_processor_time(start):
     ticks, waits, begin = ticks_of(service.process), waits_of(service.process), time.monotonic()
 
     def passes():
-        """Rounds of each thread since then, most first; every queue thread makes two a second, and the
-        one that stands by for them four at each."""
+        """Rounds of each thread since then, most first; every queue thread makes two per second,
+        and the standby poller four at each of them."""
         return sorted((number - waits.get(name, 0)
                        for name, number in waits_of(service.process).items()), reverse=True)
     wait_until(lambda: passes()[1] >= 4, what="four rounds of both capabilities' threads")

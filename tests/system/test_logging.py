@@ -1,4 +1,4 @@
-"""Where log records go, and what they look like there."""
+"""The destinations of log records, and their form there."""
 import contextlib
 import re
 
@@ -57,13 +57,13 @@ def test_records_go_to_the_file_and_from_warnings_up_to_the_journal(start, journ
     assert record["MESSAGE"].rstrip("\n") == f"[{file_name}:{line_number}] {NO_HANDLER}"
     assert record["PRIORITY"] == "3"
     assert record["SYSLOG_IDENTIFIER"] == "halvo-system"
-    # Each location field once: as a list it would be there twice.
+    # Each location field once: a list would mean that it occurs twice.
     assert record["CODE_LINE"] == line_number
     assert isinstance(record["CODE_FILE"], str)
     assert record["CODE_FILE"].endswith(file_name)
     assert isinstance(record["CODE_FUNC"], str) and record["CODE_FUNC"]
 
-    # What is below a warning is in the file alone.
+    # Records below a warning are in the file only.
     levels = {match.group(1) for match in map(FILE_LINE.match, service.log.splitlines()) if match}
     assert {"trace", "info", "error"} <= levels
     assert len(records) == len(ERROR_LINE.findall(service.log))
@@ -108,7 +108,7 @@ def test_the_file_is_rotated_and_one_older_file_is_kept(start):
     generations = set()
     for number in range(1000):
         client.create(msg=f"{number} " + "x" * 20000)
-        with contextlib.suppress(FileNotFoundError):  # none yet, or just being replaced
+        with contextlib.suppress(FileNotFoundError):  # missing or being replaced
             with older.open("rb") as lines:
                 generations.add(lines.read(100))
         if len(generations) >= 3:

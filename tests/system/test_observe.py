@@ -69,7 +69,7 @@ def test_the_oldest_report_leaves_the_archive_in_the_same_change(client):
 def test_an_empty_tree_has_no_snapshot(client):
     stream = client.observe("/**")
     client.create(msg="first of all")
-    # Whether the stream was open ahead of the report or behind it, this is its first element.
+    # Whether the stream was opened before or after the report, this is its first element.
     found = pairs(stream.next())
     assert unpack(client, found[ARCHIVE + "0000000000"].currentMessage
                   ).stateNotification.msg == "first of all"
@@ -157,7 +157,7 @@ def test_a_slow_reader_loses_nothing_and_gets_each_change_by_itself(service):
     slow = client.state.observeStateNotifications(
         client.protos.tree.ObserveReq(key_pattern=ARCHIVE + "*"))
     pairs(next(slow))
-    # Far beyond what the connection's flow control takes while nobody reads.
+    # Much more than the connection's flow control accepts while nobody reads.
     for number in range(1, 301):
         client.create(msg="x" * 10000, extended_info=str(number))
     for number in range(1, 301):

@@ -1,4 +1,4 @@
-"""Packages and keys at the edges of what is taken, and beyond them."""
+"""Packages and keys at the limits of what is accepted, and beyond them."""
 import gzip
 import io
 import random
@@ -110,7 +110,7 @@ def test_a_package_with_turned_bits_is_refused_or_the_same(store):
             package[source.randrange(len(package))] ^= 1 << source.randrange(8)
         code, text = store.load(bytes(package))
         answers.append(code)
-        # In full: with its times and its state id the package is another one in each run.
+        # In full: its times and its state id make the package different in each run.
         case = f"{text}: {package.hex()}"
         assert not (store.service.folder / "config/configuration.temp").exists(), case
         if code == "OK":
@@ -198,7 +198,7 @@ def test_a_state_id_of_the_whole_that_cannot_be_read_prevents_nothing(store, sta
 
 
 def long_key(total):
-    """A key of the slice mb/0/tuner that is so long with the slice's root."""
+    """A key of the slice mb/0/tuner of `total` bytes, including the slice's root."""
     left = total - len("/sys/conf/mb/0/tuner")
     parts = []
     while left > 0:
@@ -208,7 +208,7 @@ def long_key(total):
     return "".join(parts)
 
 
-#: With its slice 128 components.
+#: 128 components including its slice.
 DEEP_KEY = "/a" * 123
 
 
@@ -252,7 +252,7 @@ def test_keys_that_are_longer_are_refused(service, client, key, text):
 
 
 def entry(name, kind=tarfile.REGTYPE, target="", content=b"1", **pax):
-    """One entry as tarfile knows it, with its content."""
+    """One tarfile entry with its content."""
     info = tarfile.TarInfo(name)
     info.type, info.linkname, info.pax_headers = kind, target, pax
     info.size = len(content) if kind == tarfile.REGTYPE else 0
@@ -269,7 +269,7 @@ def tar_of(*entries, form=tarfile.PAX_FORMAT):
 
 
 def sparse(size):
-    """A file of so many bytes, of which there is one."""
+    """A sparse file of this size with one byte of data."""
     return entry("holes", content=b"1\n0\n1\n".ljust(512, b"\0") + b"x".ljust(512, b"\0"),
                  **{"GNU.sparse.major": "1", "GNU.sparse.minor": "0", "GNU.sparse.name": "holes",
                     "GNU.sparse.realsize": str(size)})
@@ -345,7 +345,7 @@ def test_a_value_in_no_slice_is_refused(store, name):
 
 
 def test_decomposed_characters_stay_as_they_are(start):
-    """Two keys that look the same stay two, on the way out and on the way in."""
+    """Two keys that look the same stay two keys, on export and on import."""
     service = start()
     client = service.client()
     values = {"/\u00e4": "composed", "/a\u0308": "decomposed", "/\u212b": "angstrom"}

@@ -1,5 +1,5 @@
-"""The owner of a slice loses its connection and is back at once, with the end of its former stream yet to
-be seen."""
+"""The owner of a slice loses its connection and comes back immediately, before the service notices
+the end of its previous stream."""
 import os
 import pathlib
 import subprocess
@@ -13,12 +13,13 @@ from kit.raw_client import DATA, RawClient
 
 OWNER = pathlib.Path(kit.__file__).parent / "owner.py"
 OBSERVE = "/Hox.Capability.Configuration.Api.ConfigurationService/observeCapConf"
-#: Rounds of each test; the former program ended within 240 of the first.
-ROUNDS = int(os.environ.get("HALVO_RECONNECTS", "300"))
+#: Rounds of each test; 0 means the usual number. An earlier version, which treated such an owner as
+#: a second one, ended within 240 rounds.
+ROUNDS = int(os.environ.get("HALVO_RECONNECTS", "0"))
 
 
 def requests(client, count):
-    """What observes so many slices."""
+    """Requests that observe `count` slices."""
     Slice(client, "c0").update({"/a": "1"})
     return [client.protos.configuration.ObserveCapConfReq(confId=Slice(client, f"c{number}").conf_id)
             for number in range(count)]
@@ -28,7 +29,7 @@ def requests(client, count):
 def test_over_a_new_connection(service, client, slices):
     wanted = requests(client, slices)
     former = None
-    for _ in range(ROUNDS):
+    for _ in range(ROUNDS or 300):
         if former:
             former.close()
         former = RawClient(service.port)
@@ -48,7 +49,7 @@ def test_after_it_was_killed(service, client, slices):
         return subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     former, owner = None, prepared()
-    for _ in range(ROUNDS // 3):
+    for _ in range(ROUNDS or 100):
         following = prepared()
         if former:
             former.kill()

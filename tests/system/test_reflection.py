@@ -1,4 +1,4 @@
-"""A stranger with no proto file can ask the service what it offers."""
+"""A client without proto files can ask the service for its methods."""
 
 SERVICES = [b"Hox.Capability.StateMonitoring.Api.StateMonitoringService",
             b"Hox.Capability.Configuration.Api.ConfigurationService",
@@ -7,7 +7,7 @@ SERVICES = [b"Hox.Capability.StateMonitoring.Api.StateMonitoringService",
 
 
 def ask(client, field, text):
-    """One request of the standard reflection service: the given field holds the text."""
+    """One request of the standard reflection service: the given field contains the text."""
     call = client.channel.stream_stream(
         "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo")
     request = bytes([field << 3 | 2, len(text)]) + text

@@ -42,14 +42,14 @@ def value_file(text):
 
 
 def slice_files(values):
-    """The saved copy of the slice mb/0/tuner, made elsewhere."""
+    """The saved copy of the slice mb/0/tuner, made by other code."""
     state_id = value_file(value_file("made elsewhere").decode())
     return {f"sys/conf/mb/0/tuner{key}/data": content for key, content in
             [(STATE_ID, state_id), *((key, value_file(text)) for key, text in values.items())]}
 
 
 def tar(files, mode="w:gz", folders=None):
-    """A package of folders (name to mode), and files (name to content) behind them."""
+    """A package of folders (name to mode), followed by files (name to content)."""
     out = io.BytesIO()
     with tarfile.open(fileobj=out, mode=mode) as archive:
         for name, rights in (folders or {}).items():
@@ -64,7 +64,7 @@ def tar(files, mode="w:gz", folders=None):
 
 
 def code_of(call, *args):
-    """The name of the status that the call is refused with."""
+    """The name of the status with which the call is refused."""
     with pytest.raises(grpc.RpcError) as refused:
         call(*args)
     return refused.value.code().name
@@ -237,7 +237,7 @@ def test_pipes_and_links_in_the_saved_copy_give_way_to_the_identity(service, cli
 
 @pytest.mark.parametrize("mode", [0o555, 0o444, 0o000])
 def test_folders_that_nobody_may_change_are_no_hindrance(start, mode):
-    """Also to a service without the rights that root has everywhere."""
+    """Also for a service without root's access to everything."""
     service = start(prefix=["setpriv", "--bounding-set", "-dac_override,-dac_read_search"])
     client = service.client()
     tuner = Slice(client)
@@ -247,7 +247,7 @@ def test_folders_that_nobody_may_change_are_no_hindrance(start, mode):
     import_package(client, tar(slice_files({"/a": "1"}), folders=folder))
     assert tuner.content() == {"/a": "1"}
     scratch = service.folder / "config/configuration.temp"
-    (scratch / "a/b/c").mkdir(parents=True)  # what a crash may have left
+    (scratch / "a/b/c").mkdir(parents=True)  # possible remains of a crash
     (scratch / "a/b/file").write_text("x")
     (scratch / "a/b").chmod(mode)
     (scratch / "a").chmod(mode)
@@ -306,7 +306,7 @@ def test_a_configuration_that_fits_no_package_is_saved_all_the_same(service, cli
     assert refused.value.code() == grpc.StatusCode.INTERNAL
     assert refused.value.details().startswith("Unable to pack from filesystem - Error ")
     assert "the buffer is exceeding bufMaxSize" in refused.value.details()
-    assert len(saved_files(service)) == 63  # the state id and the two files of the identity as well
+    assert len(saved_files(service)) == 63  # with state id and identity files
 
 
 def test_clearing_takes_the_programme_guide_along(service, client, tuner):
@@ -329,8 +329,8 @@ def test_clearing_without_a_programme_guide_is_worth_a_warning(service, client):
 
 
 def test_saving_among_twenty_clients_keeps_one_order_of_events(start):
-    """Each writer writes the same number under two keys at once: whatever is saved or seen at any
-    time holds it twice."""
+    """Each writer writes the same number under two keys at once: every saved or observed state
+    contains it twice."""
     service = start()
     rounds = 15
     failures = []
@@ -388,7 +388,7 @@ class OwnedSlice:
 
     def write(self, count):
         """Writes a number that is higher than all before; a discard in between makes the own state
-        id stale, and the observer is told the one that is back in force."""
+        id stale, and the observer gets the one that is in force again."""
         while True:
             try:
                 return self._update(count)
@@ -413,8 +413,8 @@ class OwnedSlice:
 
 
 def test_twenty_observed_writers_agree_with_saves_and_discards(start):
-    """Discards take back what was not saved. Every answer, every saved copy and everything that an
-    observer hears fits one order of updates, saves and discards."""
+    """Discards revert unsaved changes. Every answer, every saved copy and every element of an
+    observer fits one order of updates, saves and discards."""
     service = start()
     client = service.client()
     slices = [OwnedSlice(service.client(), f"c{number:02}") for number in range(20)]
@@ -442,7 +442,7 @@ def test_twenty_observed_writers_agree_with_saves_and_discards(start):
         files = saved_files(service)
         for place, own in enumerate(slices):
             count, state_id = own.saved(files)
-            # The answer to the very update may still be under way.
+            # The answer to this update may still be in flight.
             assert own.written.get(state_id, count) == count
             assert count >= max(saved[place], floors[place] if discards == 0 else 0)
             saved[place] = count
@@ -465,7 +465,7 @@ def test_twenty_observed_writers_agree_with_saves_and_discards(start):
     for own in slices:
         own.stream.cancel()
         assert own.stream.rest() == [], "one answer for each discard and none for updates"
-    # A slice takes its next observer once the last one's end has been noticed.
+    # A slice accepts its next observer when the end of the last one has been noticed.
     ended = "Received FINISHED_STREAMING_CLEANUP call data resetting RAII handle"
     wait_until(lambda: service.stdout.count(ended) == len(slices), what="the end of all streams")
     for own in slices:

@@ -1,4 +1,4 @@
-"""What is saved: every value, for its owner and group alone, by one service at a time."""
+"""Every value is saved, readable for its owner and group only, by one service at a time."""
 import base64
 import json
 
@@ -117,7 +117,7 @@ def test_a_file_without_json_is_an_empty_value_and_worth_a_warning(start):
 
 @pytest.mark.parametrize("mask", ["000", "077", "777"])
 def test_what_is_saved_is_for_owner_and_group_alone(start, mask):
-    # The folder of the test is made with the mask of the tests.
+    # The folder of the test is created with the umask of the tests.
     service = start(prefix=["sh", "-c", f'umask {mask}; exec "$@"', "sh"])
     client = service.client()
     tuner = Slice(client)

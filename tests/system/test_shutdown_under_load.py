@@ -1,4 +1,4 @@
-"""Services that are shut down again and again while everything is in use."""
+"""Services that are shut down again and again under load."""
 import itertools
 import os
 import threading
@@ -12,11 +12,12 @@ from kit.wait import wait_until
 #: How many services are started and shut down.
 SHUTDOWNS = int(os.environ.get("HALVO_SHUTDOWNS", "5"))
 CLIENTS = 10
-STATE_STREAMS = 4  # of each client, beside one of a slice
+STATE_STREAMS = 4  # of each client, besides one of a slice
 
 
 class Load:
-    """Fifty observers, and writers of both capabilities that go on until the service is gone."""
+    """Fifty observers, and writers of both capabilities that continue until the service has ended.
+    """
 
     def __init__(self, service):
         self._protos = service.protos
@@ -41,7 +42,7 @@ class Load:
         assert not self.failures
 
     def expect_the_end(self):
-        """From here on a call may fail; to be said ahead of the signal."""
+        """From here on a call may fail; must be called before the signal."""
         self._is_stopping.set()
 
     def join(self):

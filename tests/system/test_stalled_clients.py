@@ -1,4 +1,4 @@
-"""A client that does not take what it asked for is nobody else's trouble."""
+"""A client that does not read its answers does not affect others."""
 import pathlib
 import signal
 import subprocess
@@ -17,14 +17,14 @@ STORE = "/Hox.Capability.Configuration.Api.ConfigurationService/"
 
 
 def fill(client, count=100):
-    """So many reports that an answer with all of them fills a connection."""
+    """Creates so many reports that an answer with all of them fills a connection."""
     for number in range(count):
         client.create(source=f"s{number}", msg="x" * 10000)
 
 
 @pytest.fixture
 def stalled(service, client):
-    """A client that has asked for everything, several times, and takes nothing."""
+    """A client that has requested everything, several times, and reads nothing."""
     fill(client)
     with RawClient(service.port) as raw:
         for _ in range(5):
@@ -46,7 +46,7 @@ def test_every_method_goes_on_for_the_others(service, client, stalled):
 
 
 def test_the_configuration_goes_on(service, client, stalled):
-    """It reports to the state monitor inside the process."""
+    """The configuration store reports to the state monitor inside the process."""
     report = client.protos.state.CreateStateNotificationReq(stateNotification=client.notification())
     for _ in range(3):
         stalled.call(MONITOR + "createStateNotification", report)
@@ -96,7 +96,7 @@ def test_a_client_that_observes_and_reports_and_takes_nothing(service, client):
 
 
 def test_a_client_that_is_frozen_and_comes_back(service, client):
-    """It misses nothing, and nobody waits for it."""
+    """It misses nothing, and no other client waits for it."""
     client.create()
     stream = client.observe("/state/notifications/archive/*")
     stream.next()

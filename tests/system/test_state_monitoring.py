@@ -1,4 +1,4 @@
-"""The store of notifications, read back in every way that it offers."""
+"""The store of notifications, read back by every method."""
 import grpc
 import pytest
 

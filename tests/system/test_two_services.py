@@ -1,4 +1,4 @@
-"""Two services that a third one joins by proxy trees of their state."""
+"""Two services that a third one connects by proxy trees of their state."""
 import contextlib
 import signal
 import subprocess
@@ -11,12 +11,12 @@ from kit.wait import wait_until
 
 
 def address(service):
-    """By number: the resolver behind gRPC loses some bytes at each look-up of a name."""
+    """A numeric address: the resolver of gRPC leaks some bytes at each look-up of a name."""
     return f"127.0.0.1:{service.port}"
 
 
 class Relay:
-    """The running relay and what it has said so far."""
+    """The running relay and its output so far."""
 
     def __init__(self, *services):
         self.lines = []

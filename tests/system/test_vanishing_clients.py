@@ -15,7 +15,7 @@ CLEANED_UP = "Received FINISHED_STREAMING_CLEANUP call data resetting RAII handl
 
 @pytest.fixture
 def visitor(service):
-    """Starts client programs and waits until each is in its state."""
+    """Starts client programs and waits until each has reached its state."""
     running = []
 
     def launch(state, message=None):
@@ -43,13 +43,13 @@ def observe_request(client, pattern):
 
 
 def trace(client):
-    """From now on the service tells of each stream that it cleans up."""
+    """From now on the service logs each stream that it cleans up."""
     client.introspection.setAllLogLevels(
         client.protos.introspection.SetAllLogLevelsReq(level=0))
 
 
 def assert_in_order(service, client, count=20):
-    """The store takes reports and a new observer gets each of them."""
+    """Asserts that the store accepts reports and that a new observer gets each of them."""
     service.assert_alive()
     client.create("after", "T", "s")
     begin = client.latest().latestStateNotificationIndex

@@ -11,10 +11,11 @@
 
 namespace Hox::Benchmarks {
 
-/// Builds messages of the service's size and shape, each afresh, from constant parts.
+/// Builds messages with the size and shape of the service's messages, each anew, from constant
+/// parts.
 class BareAnswers {
 public:
-    /// `snapshotKeys` is how many keys the snapshot of `snapshotPattern` and a slice hold.
+    /// `snapshotKeys` is the number of keys in the snapshot of `snapshotPattern` and in a slice.
     explicit BareAnswers(int snapshotKeys);
 
     /// A full archive.
@@ -26,8 +27,8 @@ public:
     /// The first element of a stream over a slice: all of its settings and its state id.
     ObserverTree::ObsTreeObserveChangeSet slice() const;
 
-    /// The element for the report with this index, its aged-out one included once the archive of
-    /// the service would be full.
+    /// The element for the report with this index, including the report that leaves the archive
+    /// once the archive of the service would be full.
     ObserverTree::ObsTreeObserveChangeSet change(const Api::StateNotification& notification,
                                                  int index) const;
 

@@ -43,7 +43,7 @@ BareServer::~BareServer() {
     void* tag = nullptr;
     bool ok = false;
     while (m_queue->Next(&tag, &ok)) {
-        // Nothing may be requested or written any more: every call is told that it failed.
+        // Nothing may be requested or written any more: every call gets a failure.
         static_cast<EventHandler*>(tag)->handle(false);
     }
 }

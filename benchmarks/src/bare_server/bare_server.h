@@ -16,11 +16,12 @@
 
 namespace Hox::Benchmarks {
 
-/// What gRPC itself costs: the measured methods of the state monitor and the configuration store on
-/// one completion queue and one thread, the messages parsed and answered, nothing stored.
+/// Measures the cost of gRPC itself: the measured methods of the state monitor and the
+/// configuration store, on one completion queue and one thread. Messages are parsed and answered,
+/// nothing is stored.
 class BareServer {
 public:
-    /// Listens on the address. Throws std::runtime_error when it cannot.
+    /// Listens on the address. Throws std::runtime_error on failure.
     BareServer(const std::string& address, int snapshotKeys);
     ~BareServer();
     BareServer(const BareServer&) = delete;

@@ -12,7 +12,7 @@ namespace Hox::Benchmarks {
 
 class NotificationStream;
 
-/// What all streams of notifications share; lives as long as the server.
+/// The shared state of all streams of notifications; lives as long as the server.
 struct NotificationStreams {
     Api::StateMonitoringService::AsyncService& service;
     grpc::ServerCompletionQueue& queue;
@@ -20,7 +20,7 @@ struct NotificationStreams {
     std::set<NotificationStream*> running;
 };
 
-/// A stream of notifications, with a flag that says whether it watches what is created.
+/// A stream of notifications, with a flag for whether it observes new notifications.
 class NotificationStream : public ObserveStream {
 public:
     /// Waits for a stream; the object deletes itself.

@@ -11,8 +11,8 @@
 
 namespace Hox::Benchmarks {
 
-/// One observe stream: a queue of elements, as only one write may be under way. The object deletes
-/// itself at the end of the stream.
+/// One observe stream: with a queue of elements, because only one write may be in flight. The
+/// object deletes itself at the end of the stream.
 class ObserveStream : public EventHandler {
 public:
     ~ObserveStream() override = default;
@@ -21,7 +21,7 @@ public:
     ObserveStream& operator=(const ObserveStream&) = delete;
     ObserveStream& operator=(ObserveStream&&) = delete;
 
-    /// Writes the element, or queues it while another one is on its way.
+    /// Writes the element, or queues it while a write is in flight.
     void write(ObserverTree::ObsTreeObserveChangeSet element);
 
     void handle(bool ok) override;
@@ -45,11 +45,11 @@ private:
         ObserveStream& m_stream;
     };
 
-    /// Waits for a further stream of the method.
+    /// Requests another stream of the method.
     virtual void requestNext() = 0;
     /// The request has arrived: writes the first element.
     virtual void start() = 0;
-    /// The peer has gone.
+    /// The peer has disconnected.
     virtual void onDone() {}
 
     grpc::ServerContext m_context;

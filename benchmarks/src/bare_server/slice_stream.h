@@ -9,14 +9,14 @@
 
 namespace Hox::Benchmarks {
 
-/// What all streams of slices share; lives as long as the server.
+/// The shared state of all streams of slices; lives as long as the server.
 struct SliceStreams {
     ConfApi::ConfigurationService::AsyncService& service;
     grpc::ServerCompletionQueue& queue;
     const BareAnswers& answers;
 };
 
-/// A stream of a slice: its content, and silence.
+/// A stream of a slice: sends its content and then nothing.
 class SliceStream : public ObserveStream {
 public:
     /// Waits for a stream; the object deletes itself.

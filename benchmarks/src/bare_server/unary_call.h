@@ -8,7 +8,8 @@
 
 namespace Hox::Benchmarks {
 
-/// One call of a unary method. The method's next call is requested when this answer has left.
+/// One call of a unary method. The next call of the method is requested when this answer has been
+/// sent.
 template <typename Service, typename Request, typename Response>
 class UnaryCall : public EventHandler {
 public:
@@ -17,7 +18,7 @@ public:
                                               grpc::CompletionQueue*, grpc::ServerCompletionQueue*,
                                               void*);
 
-    /// What all calls of the method share; lives as long as the server.
+    /// The shared state of all calls of the method; lives as long as the server.
     struct Method {
         Service& service;
         grpc::ServerCompletionQueue& queue;

@@ -7,16 +7,16 @@
 
 namespace Hox::Benchmarks {
 
-/// One line of a table: our work against that of a program that does only what is needed, in turns.
-/// Times are milliseconds of the thread's processor time, user and system.
+/// One line of a table: our work compared with that of a program that does only the necessary work,
+/// in turns. Times are milliseconds of the thread's processor time, user and system.
 class Comparison {
 public:
     using Work = std::function<void()>;
 
-    /// The aim is the highest ratio that will do.
+    /// The aim is the highest acceptable ratio.
     Comparison(std::string title, double aim) : m_title(std::move(title)), m_aim(aim) {}
 
-    /// Takes the times of both; theirs goes first in every other call.
+    /// Measures the times of both; theirs runs first in every second call.
     void measure(const Work& ours, const Work& theirs);
 
     /// Prints the medians.

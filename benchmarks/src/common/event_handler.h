@@ -2,7 +2,7 @@
 
 namespace Hox::Benchmarks {
 
-/// What a completion-queue tag points to.
+/// The object that a completion-queue tag points to.
 class EventHandler {
 public:
     EventHandler() = default;

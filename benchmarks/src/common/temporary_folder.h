@@ -5,10 +5,10 @@
 
 namespace Hox::Benchmarks {
 
-/// A folder of this run, removed with the object.
+/// A temporary folder, removed when the object is destroyed.
 class TemporaryFolder {
 public:
-    /// Throws std::runtime_error where it cannot be made.
+    /// Throws std::runtime_error if it cannot be created.
     explicit TemporaryFolder(const std::filesystem::path& parent);
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder&) = delete;

@@ -14,21 +14,21 @@
 
 namespace Hox::Benchmarks {
 
-/// What to do, from the command line.
+/// The options of the cases, from the command line.
 struct CaseOptions {
     std::string target;                   ///< address of the server
     int process = 0;                      ///< the server's process id
-    std::size_t outstanding = 1;          ///< calls at a time
-    std::size_t observers = 0;            ///< streams
-    int origins = 100;                    ///< origins that report in turn
+    std::size_t outstanding = 1;          ///< number of concurrent calls
+    std::size_t observers = 0;            ///< number of streams
+    int origins = 100;                    ///< number of origins that report in turn
     int settings = 10;                    ///< keys of an update of the configuration
-    bool isSaving = false;                ///< whether the configuration is saved over and over
-    int markers = 0;                      ///< origins of which each is watched by one observer
-    std::chrono::milliseconds time{500};  ///< how long the measured part lasts
+    bool isSaving = false;                ///< whether the configuration is saved again and again
+    int markers = 0;                      ///< number of origins that one observer each watches
+    std::chrono::milliseconds time{500};  ///< duration of the measured part
 };
 
-/// The measured cases. Each works on a channel of its own and checks once that the server answers
-/// as expected. Throws std::runtime_error when it does not.
+/// The measured cases. Each uses its own channel and checks once that the server answers as
+/// expected. Throws std::runtime_error if it does not.
 class Cases {
 public:
     explicit Cases(const CaseOptions& options);

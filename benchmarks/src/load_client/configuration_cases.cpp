@@ -38,7 +38,7 @@ Figures Cases::updateConfiguration() {
     } while (Clock::now() < end && samples.size() < maxUpdates);
     auto figures = stopwatch.per(samples.size(), "per_second");
     figures["median_us"] = quantile(samples, 0.5);
-    // The next case finds the store as this one has found it, but for a state id.
+    // The next case finds the store in the same state as this one, except for a state id.
     client.prepare(0);
     client.update();
     return figures;
@@ -50,8 +50,8 @@ Figures Cases::configurationSnapshot() {
     std::vector<double> processorSamples;
     const auto end = Clock::now() + m_options.time;
     do {
-        // A slice of its own each time: a server takes one observer per slice, and may learn of the
-        // end of the former one late.
+        // A new slice each time: a server accepts one observer per slice, and may notice the end of
+        // the previous one late.
         ConfigurationClient client(m_loop, channel);
         client.prepare(m_options.settings);
         client.update();

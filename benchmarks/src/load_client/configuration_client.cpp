@@ -27,7 +27,7 @@ void ConfigurationClient::prepare(int settings) {
 }
 
 void ConfigurationClient::update() {
-    // Serialised messages that stand one behind the other are read as one.
+    // Concatenated serialised messages are read as one.
     ConfApi::UpdateCapConfReq stateId;
     stateId.set_lastcapconfstateid(m_stateId);
     const std::array parts{m_settings, grpc::Slice(stateId.SerializeAsString())};

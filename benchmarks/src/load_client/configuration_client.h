@@ -10,18 +10,18 @@
 
 namespace Hox::Benchmarks {
 
-/// The owner of one slice: fills it over and over, each time on top of the state id that it got
-/// last. The settings are serialised ahead; only the state id is added to each request.
+/// The owner of one slice: fills it again and again, each time with the last state id that it got.
+/// The settings are serialised in advance; only the state id is added to each request.
 class ConfigurationClient {
 public:
-    /// A slice that nobody else on this machine uses.
+    /// Uses a slice that no other client on this machine uses.
     ConfigurationClient(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel);
 
-    /// What the next updates put into the slice.
+    /// Prepares the settings that the next updates put into the slice.
     void prepare(int settings);
 
-    /// Sends the prepared settings in place of what the slice holds; returns when that is answered.
-    /// Throws std::runtime_error when the server refuses it.
+    /// Replaces the content of the slice by the prepared settings; returns when the update is
+    /// answered. Throws std::runtime_error if the server refuses it.
     void update();
 
     const ConfApi::ConfId& slice() const { return m_slice; }

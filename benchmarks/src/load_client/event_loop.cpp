@@ -10,7 +10,7 @@ EventLoop::~EventLoop() {
     void* tag = nullptr;
     bool ok = false;
     while (m_queue.Next(&tag, &ok)) {
-        // What is still under way at an error has no owner any more.
+        // On error, operations in flight have no owner any more.
     }
 }
 

@@ -11,7 +11,7 @@ namespace Hox::Benchmarks {
 
 using Clock = std::chrono::steady_clock;
 
-/// The client's one completion queue, pumped by the main thread.
+/// The client's one completion queue, polled by the main thread.
 class EventLoop {
 public:
     EventLoop() = default;
@@ -23,8 +23,8 @@ public:
 
     grpc::CompletionQueue& queue() { return m_queue; }
 
-    /// Handles events until the condition holds, which is tested after each one. Throws
-    /// std::runtime_error, naming what it waited for, when that takes more than 60 seconds.
+    /// Handles events until the condition holds; tests it after each event. Throws
+    /// std::runtime_error, which names the condition, after 60 seconds.
     void runUntil(const char* what, const std::function<bool()>& condition);
 
 private:

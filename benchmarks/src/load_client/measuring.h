@@ -17,14 +17,14 @@ using Figures = std::map<std::string, double>;
 /// The time in microseconds.
 double microseconds(std::chrono::nanoseconds time);
 
-/// Time on the wall and on the server's processors since it was made.
+/// Measures wall-clock time and the server's processor time since its construction.
 class Stopwatch {
 public:
     /// Keeps a reference to the meter.
     explicit Stopwatch(const ServerMeter& meter)
         : m_meter(meter), m_processorStart(meter.processorTime()), m_start(Clock::now()) {}
 
-    /// The rate on the wall and the processor time of one, for what has happened that many times.
+    /// The rate per wall-clock time and the processor time per operation, for `count` operations.
     Figures per(std::size_t count, const std::string& rateName) const;
 
 private:
@@ -33,7 +33,7 @@ private:
     const Clock::time_point m_start;
 };
 
-/// The value below which this share of the samples lies; reorders them.
+/// The value below which this share of the samples is; reorders them.
 double quantile(std::vector<double>& samples, double share);
 
 }  // namespace Hox::Benchmarks

@@ -16,7 +16,7 @@ namespace Hox::Benchmarks {
 /// Observe streams of one client. Their elements are counted, not parsed.
 class ObserverGroup {
 public:
-    /// Called at the arrival of each element behind a stream's first one.
+    /// Called on arrival of each element after a stream's first one.
     using ArrivalHandler = std::function<void()>;
 
     ObserverGroup(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel,
@@ -27,13 +27,13 @@ public:
     ObserverGroup& operator=(const ObserverGroup&) = delete;
     ObserverGroup& operator=(ObserverGroup&&) = delete;
 
-    /// Opens one more stream per request and returns when each has got its snapshot.
+    /// Opens one more stream per request and returns when each has received its snapshot.
     void open(const std::vector<grpc::ByteBuffer>& requests);
 
     /// Cancels all streams and returns when all have ended.
     void close();
 
-    /// Elements behind the first ones, of all streams.
+    /// The number of elements after the first ones, of all streams.
     std::size_t arrivals() const { return m_arrivals; }
 
     /// The last element of the stream that was opened first.

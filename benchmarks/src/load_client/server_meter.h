@@ -8,10 +8,10 @@
 
 namespace Hox::Benchmarks {
 
-/// Reads what a server process uses, from outside it.
+/// Reads the resource usage of a server process from outside.
 class ServerMeter {
 public:
-    /// Throws std::runtime_error when there is no such process.
+    /// Throws std::runtime_error if there is no such process.
     explicit ServerMeter(pid_t process);
 
     /// Processor time of all its threads so far, user and system.

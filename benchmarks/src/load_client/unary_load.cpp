@@ -6,7 +6,7 @@
 
 namespace Hox::Benchmarks {
 
-/// One outstanding call, started anew with each answer.
+/// One outstanding call, restarted after each answer.
 class UnaryLoad::Slot : public EventHandler {
 public:
     explicit Slot(UnaryLoad& load) : m_load(load) {}
@@ -15,7 +15,7 @@ public:
         if (!m_load.m_goesOn()) {
             return;
         }
-        // The reader lives in memory of the context's call: it has to go first.
+        // The reader is allocated in memory of the context's call: it must be destroyed first.
         m_reader.reset();
         m_context.emplace();
         const auto& request = m_load.m_requests[m_load.m_started++ % m_load.m_requests.size()];

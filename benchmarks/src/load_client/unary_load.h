@@ -13,11 +13,11 @@
 
 namespace Hox::Benchmarks {
 
-/// Keeps a number of calls of one unary method outstanding. The requests are serialised ahead and
-/// the answers are not parsed, so that the client costs little beside the server.
+/// Keeps a number of calls of one unary method outstanding. The requests are serialised in advance
+/// and the answers are not parsed, so the client costs little compared with the server.
 class UnaryLoad {
 public:
-    /// Sends the requests in turn, over and over.
+    /// Sends the requests in turn, again and again.
     UnaryLoad(EventLoop& loop, const std::shared_ptr<grpc::Channel>& channel, std::string method,
               std::vector<grpc::ByteBuffer> requests);
     ~UnaryLoad();
@@ -26,21 +26,20 @@ public:
     UnaryLoad& operator=(const UnaryLoad&) = delete;
     UnaryLoad& operator=(UnaryLoad&&) = delete;
 
-    /// Calls with `outstanding` calls at a time as long as the condition holds, which is tested
-    /// ahead of each call; returns once all are answered. Throws std::runtime_error when an answer
-    /// is not OK.
+    /// Keeps `outstanding` calls in flight as long as the condition holds, which is tested before
+    /// each call; returns when all are answered. Throws std::runtime_error if an answer is not OK.
     void run(std::size_t outstanding, const std::function<bool()>& goesOn);
 
-    /// The same without waiting: the calls go on while others run the loop.
+    /// The same without waiting: the calls continue while the caller runs the loop.
     void start(std::size_t outstanding, const std::function<bool()>& goesOn);
 
-    /// Returns once all calls are answered and the condition of start does not hold any more.
+    /// Returns when the condition of start no longer holds and all calls are answered.
     void finish();
 
     /// Calls once; returns with the answer.
     const grpc::ByteBuffer& callOnce();
 
-    /// Calls once with this request in place of the former ones; returns with the answer.
+    /// Calls once with this request instead of the earlier ones; returns with the answer.
     const grpc::ByteBuffer& callOnce(grpc::ByteBuffer request);
 
     /// Calls answered so far.

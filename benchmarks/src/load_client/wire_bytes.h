@@ -7,16 +7,16 @@
 
 namespace Hox::Benchmarks {
 
-/// The full name of a method of the state monitor, as gRPC takes it.
+/// The full name of a method of the state monitor, as gRPC expects it.
 std::string methodName(const char* method);
 
 /// The full name of a method of the configuration store.
 std::string configurationMethodName(const char* method);
 
-/// The message as it goes over the wire.
+/// The message as sent over the wire.
 grpc::ByteBuffer toBytes(const google::protobuf::Message& message);
 
-/// Parses what came over the wire. Throws std::runtime_error when it is no such message.
+/// Parses bytes received over the wire. Throws std::runtime_error if they are not such a message.
 void fromBytes(const grpc::ByteBuffer& bytes, google::protobuf::Message& message);
 
 }  // namespace Hox::Benchmarks

@@ -88,7 +88,7 @@ private:
     Conf::Api::UpdateSysConfReq m_update;
 };
 
-/// The same files by the same calls, and nothing else.
+/// Writes the same files with the same calls, and nothing else.
 class Bare {
 public:
     explicit Bare(fs::path folder) : m_folder(std::move(folder)) {
@@ -141,7 +141,7 @@ void run(const fs::path& parent, int keys, int rounds, double aim) {
     store.save();
     const auto content = Tree::NodeDataFileHndlr().readNodeData(saved);
     std::string package = pack(saved);
-    // What a package may hold ends somewhere between a thousand keys and ten thousand.
+    // The limit of a package is between a thousand and ten thousand keys.
     const bool fits = keys <= 1000;
     for (int round = 0; round < rounds; ++round) {
         saving.measure([&] { store.save(); }, [&] { bare.save(content); });

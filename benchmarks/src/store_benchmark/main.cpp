@@ -39,7 +39,7 @@ Tree::ChangeSetType sampleChanges(int keys) {
     return changes;
 }
 
-/// A tree that keeps everything under /sys/conf, as the configuration capability does.
+/// A tree that persists everything under /sys/conf, as the configuration capability does.
 class PersistentTree {
 public:
     std::size_t load(const fs::path& folder) {

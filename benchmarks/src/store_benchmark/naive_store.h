@@ -10,8 +10,8 @@
 
 namespace Hox::Benchmarks {
 
-/// What somebody would write who had to keep values in files and thought no further: the same files
-/// by the same calls of the standard library and the same conversions, value by value.
+/// The obvious way to keep values in files: the same files, with the same calls of the standard
+/// library and the same conversions, value by value.
 class NaiveStore {
 public:
     using Values = std::map<std::string, google::protobuf::Any>;

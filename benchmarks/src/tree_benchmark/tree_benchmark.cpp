@@ -103,12 +103,12 @@ std::string watchMarker(int observer) {
     return latestKey(markerNotification(observer));
 }
 
-/// A subtree in which nothing happens.
+/// Watches a subtree without changes.
 std::string watchQuietService(int observer) {
     return fmt::format("/state/notifications/latest/service-{}/**", observer);
 }
 
-/// A type that nobody reports, from whichever service.
+/// Watches a type that no service reports.
 std::string watchQuietType(int observer) {
     return fmt::format("/state/notifications/latest/*/Type{}/**", observer);
 }
@@ -130,7 +130,7 @@ BENCHMARK_CAPTURE(deliver, listeningObservers, watchAll)->Arg(1)->Arg(10)->Arg(1
 BENCHMARK_CAPTURE(deliver, quietSubtrees, watchQuietService)->Arg(20)->Arg(2000);
 BENCHMARK_CAPTURE(deliver, quietTypes, watchQuietType)->Arg(20)->Arg(2000);
 
-/// Arrivals and departures between the changes, beside observers that stay.
+/// Observers arrive and leave between the changes, beside observers that stay.
 void deliverAmongArrivals(benchmark::State& state) {
     Fixture fixture(1);
     std::vector<std::any> observers;

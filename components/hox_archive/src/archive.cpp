@@ -22,7 +22,7 @@ bool pathExists(const std::filesystem::path& path) {
     return std::filesystem::exists(std::filesystem::status(path, error));
 }
 
-/// Throws FileSystemError if there is nothing at the path.
+/// Throws FileSystemError if the path does not exist.
 std::filesystem::path canonicalOrThrow(const std::filesystem::path& directory) {
     if (!pathExists(directory)) {
         throw CppUtil::FileSystemError("Error opening path", __FILE__, __LINE__);
@@ -37,7 +37,7 @@ void check(int result, ::archive* handle) {
     }
 }
 
-/// Names go into the headers as the bytes that they are.
+/// Names are written to the headers byte for byte.
 int setTar(::archive* writer) {
     const int result = archive_write_set_format_pax_restricted(writer);
     return result != ARCHIVE_OK
@@ -45,7 +45,7 @@ int setTar(::archive* writer) {
                : archive_write_set_format_option(writer, nullptr, "hdrcharset", "BINARY");
 }
 
-/// The writer's filter and format. A value that is none of the enumeration sets neither.
+/// The writer's filter and format. A value outside of the enumeration sets neither.
 int setFormat(::archive* writer, ArchiveFormat format) {
     int result = ARCHIVE_OK;
     if (format == ArchiveFormat::TarGz) {
@@ -92,8 +92,8 @@ bool containsEntry(const std::filesystem::path& archive, const std::string& name
     }
 }
 
-// The disk options are not handed on: libarchive takes any handle for a disk writer there and would
-// write beyond the end of an archive's.
+// The disk options are not passed on: libarchive treats every handle as a disk writer there and
+// would write beyond the end of an archive handle.
 
 void packToFile(ArchiveFormat format, const std::filesystem::path& archive,
                 const std::filesystem::path& directory, bool stripBase, bool /*diskOptions*/) {
@@ -116,7 +116,7 @@ Buffer packToBuffer(ArchiveFormat format, const std::filesystem::path& directory
     }
     std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[size]);
     std::size_t used = 0;
-    const auto writer = newWriter();  // behind the two that it writes to until it is freed
+    const auto writer = newWriter();  // after the two that it writes to until it is freed
     check(setFormat(writer.get(), format), writer.get());
     check(archive_write_open_memory(writer.get(), buffer.get(), size, &used), writer.get());
     check(writeDirectory(writer.get(), source, stripBase), writer.get());

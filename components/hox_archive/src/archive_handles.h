@@ -13,11 +13,11 @@ struct ReaderDeleter {
     void operator()(::archive* handle) const { archive_read_free(handle); }
 };
 
-/// Closes and frees a handle for writing. What was not written yet is written now: the memory that
-/// an archive goes to must outlive its writer.
+/// Closes and frees a handle for writing. Closing flushes pending data, so the memory that the
+/// archive is written to must outlive its writer.
 struct WriterDeleter {
     void operator()(::archive* handle) const {
-        archive_write_close(handle);  // after a fatal error freeing alone leaves the file open
+        archive_write_close(handle);  // after a fatal error, freeing alone leaves the file open
         archive_write_free(handle);
     }
 };
@@ -34,13 +34,13 @@ using Entry = std::unique_ptr<::archive_entry, EntryDeleter>;
 /// Reads archives of all formats through all filters. This and the next four throw std::bad_alloc.
 Reader newReader();
 
-/// Walks the file system, and asks the system for the names of users and groups.
+/// Walks the file system and looks up the names of users and groups.
 Reader newDiskReader();
 
-/// Writes an archive whose format is still to be set.
+/// Writes an archive; the caller sets the format.
 Writer newWriter();
 
-/// Writes to the file system, and asks the system for the numbers of users and groups.
+/// Writes to the file system and looks up the numbers of users and groups.
 Writer newDiskWriter();
 
 /// An empty entry.
@@ -49,7 +49,7 @@ Entry newEntry();
 /// A copy of the entry; throws std::bad_alloc.
 Entry cloneOf(::archive_entry* entry);
 
-/// What went wrong last with the handle; empty if nothing did.
+/// The last error text of the handle; empty if there was no error.
 std::string errorText(::archive* handle);
 
 }  // namespace Hox::Archive

@@ -17,10 +17,11 @@ namespace Hox::Archive {
 
 namespace {
 
-/// What the header of an entry takes, with those for a long name and the filling of its last block.
+/// The size of an entry's header, including the headers for a long name and the padding of its last
+/// block.
 constexpr std::uint64_t bytesPerHeader = 3072;
 
-/// Longer ones are no paths.
+/// A longer name is not a valid path.
 constexpr std::size_t maxNameSize = 4096;
 
 void require(bool condition, const std::string& reason) {
@@ -42,7 +43,7 @@ bool isUtf8(const std::string& text) {
     return end == text.data() + text.size() && std::none_of(characters.data(), last, isSurrogate);
 }
 
-/// The name for people to read, its start only if it is long.
+/// The name for messages, shortened to its start if it is long.
 std::string shown(const std::string& name) {
     constexpr std::size_t maxSize = 200;
     if (name.size() <= maxSize) {
@@ -50,13 +51,13 @@ std::string shown(const std::string& name) {
     }
     std::size_t size = maxSize;
     while ((static_cast<unsigned char>(name[size]) & 0xc0U) == 0x80U) {
-        --size;  // in the middle of a character
+        --size;  // inside a character
     }
     return name.substr(0, size) + "...";
 }
 
-/// While it lives libarchive finds no way to convert the names of this thread's archives, and
-/// leaves them as they are: otherwise it composes their characters anew.
+/// During its lifetime libarchive cannot convert the names of this thread's archives and leaves
+/// them unchanged. Otherwise it normalises their characters.
 class NamesAsTheyAre {
 public:
     NamesAsTheyAre() : m_locale(::newlocale(LC_CTYPE_MASK, "C", nullptr)) {

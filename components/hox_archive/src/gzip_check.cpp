@@ -31,7 +31,7 @@ struct StreamEnd {
     throw ArchiveError("gzip: " + reason, __FILE__, __LINE__);
 }
 
-/// The number of bytes of one member, counted off maxSize what comes out of it.
+/// Returns the number of bytes of one member; subtracts its decompressed size from maxSize.
 std::size_t checkMember(std::string_view bytes, std::uint64_t& maxSize) {
     const std::unique_ptr<z_stream, StreamEnd> stream(new z_stream());
     if (inflateInit2(stream.get(), gzipOnly) != Z_OK) {

@@ -5,9 +5,9 @@
 
 namespace Hox::Archive {
 
-/// Compares the checksums and lengths of gzip's, which libarchive does not look at; does nothing
-/// for bytes of another form. Throws ArchiveError if they are wrong or missing, if anything but
-/// zeros comes after them, and if more than maxSize bytes come out.
+/// Checks the checksums and lengths of gzip data, which libarchive does not check. Does nothing for
+/// data in another format. Throws ArchiveError if they are wrong or missing, if anything but zeros
+/// follows them, and if the data decompresses to more than maxSize bytes.
 void checkGzip(std::string_view bytes, std::uint64_t maxSize);
 
 }  // namespace Hox::Archive

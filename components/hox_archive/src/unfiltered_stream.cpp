@@ -10,9 +10,9 @@ namespace Hox::Archive {
 
 namespace {
 
-/// As newReader(), without what takes foreign archives beyond this process: lists of files of this
-/// machine (mtree), and filters that are other programs; and without xar, whose files this
-/// libarchive mixes up.
+/// The formats of newReader() without those that let a foreign archive reach beyond this process:
+/// lists of local files (mtree) and filters that are external programs. Also without xar, whose
+/// files this libarchive mixes up.
 constexpr std::array foreignFormats = {
     ARCHIVE_FORMAT_TAR, ARCHIVE_FORMAT_ZIP,    ARCHIVE_FORMAT_CPIO, ARCHIVE_FORMAT_7ZIP,
     ARCHIVE_FORMAT_AR,  ARCHIVE_FORMAT_CAB,    ARCHIVE_FORMAT_LHA,  ARCHIVE_FORMAT_ISO9660,
@@ -39,7 +39,7 @@ void check(int result, ::archive* handle) {
     }
 }
 
-/// Whether nothing went wrong but that a name could not be converted, which is as well.
+/// Whether the only error is a name that could not be converted, which is intended.
 bool onlyKeptAName(::archive* handle) {
     constexpr std::string_view end = " to current locale.";
     const std::string text = errorText(handle);
@@ -47,7 +47,7 @@ bool onlyKeptAName(::archive* handle) {
            text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-/// The bytes without their compression, as one entry; null where there is none.
+/// The decompressed bytes, as one entry; null if the bytes are not compressed.
 Reader openFilters(std::string_view bytes) {
     auto reader = emptyReader();
     for (const int filter : foreignFilters) {
@@ -70,7 +70,7 @@ UnfilteredStream::UnfilteredStream(std::string_view bytes, std::uint64_t maxSize
     for (const int format : foreignFormats) {
         archive_read_support_format_by_code(m_entries.get(), format);
     }
-    // In memory some formats are read from their end.
+    // From memory, some formats are read from their end.
     check(m_filters ? archive_read_open(m_entries.get(), this, nullptr, readMore, nullptr)
                     : archive_read_open_memory(m_entries.get(), bytes.data(), bytes.size()),
           m_entries.get());
@@ -100,7 +100,8 @@ la_ssize_t UnfilteredStream::decompress(::archive* archive) {
     ::archive_entry* entry = nullptr;
     const int result = archive_read_next_header(m_entries.get(), &entry);
     if (result == ARCHIVE_EOF) {
-        // What comes after the archive's end is not read, nor is the checksum after that.
+        // libarchive reads neither the data after the end of the archive nor the checksum after
+        // that.
         la_ssize_t size = m_filters ? decompress(m_entries.get()) : 0;
         while (size > 0) {
             size = decompress(m_entries.get());

@@ -9,24 +9,24 @@
 
 namespace Hox::Archive {
 
-/// The entries of an archive in memory, of which no more than so many bytes are decompressed,
-/// however often it is compressed and whatever its format skips. Each failure is an ArchiveError.
+/// The entries of an archive in memory. At most maxSize bytes are decompressed, however often the
+/// archive is compressed and whatever its format skips. Every error is an ArchiveError.
 class UnfilteredStream {
 public:
     /// Opens the archive; the bytes must outlive this object.
     UnfilteredStream(std::string_view bytes, std::uint64_t maxSize);
     ~UnfilteredStream() = default;
-    // Not copied nor moved: libarchive refers to this object.
+    // Neither copyable nor movable: libarchive refers to this object.
     UnfilteredStream(const UnfilteredStream&) = delete;
     UnfilteredStream(UnfilteredStream&&) = delete;
     UnfilteredStream& operator=(const UnfilteredStream&) = delete;
     UnfilteredStream& operator=(UnfilteredStream&&) = delete;
 
-    /// The next entry, valid up to the next call; null after the last one, once all has been
+    /// The next entry, valid until the next call; null after the last one, when all data has been
     /// decompressed.
     ::archive_entry* nextEntry();
 
-    /// Reads data of the entry; 0 at its end. Holes are zeros, but for one at the end.
+    /// Reads data of the entry; 0 at its end. Holes are read as zeros, except a hole at the end.
     std::size_t readData(char* block, std::size_t size);
 
 private:

@@ -44,8 +44,7 @@ protected:
         return textThrownBy<ArchiveError>([&] { unpackBytes(bytes, m_destination); });
     }
 
-    /// Whether the bytes could be unpacked into a new folder; no error but ArchiveError is let
-    /// pass.
+    /// Whether the bytes can be unpacked into a new folder; catches ArchiveError only.
     bool unpacks(const std::string& bytes) const {
         fs::remove_all(m_destination);
         fs::create_directory(m_destination);
@@ -195,7 +194,7 @@ TEST_F(ArchiveFaults, AFileThatCannotBeReadStopsTheWalk) {
     EXPECT_EQ(reads, 2U) << "the content and its end";
 }
 
-/// The walk goes by short relative names, the opening of the file by its whole path.
+/// The walk uses short relative names; a file is opened by its whole path.
 TEST_F(ArchiveFaults, AFileWhosePathIsTooLongStopsTheWalk) {
     const std::string component(250, 'n');
     const int start = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -215,8 +214,8 @@ TEST_F(ArchiveFaults, AFileWhosePathIsTooLongStopsTheWalk) {
                      "/.*/file\" with flags: 0\\(.*raii_filedescriptors\\.cpp:[0-9]+\\)"));
 }
 
-/// Lets the process have ever more descriptors: each way out on the way to success is an error of
-/// this component, and leaves none open.
+/// Raises the descriptor limit step by step: every attempt before success fails with an error of
+/// this component and leaves no descriptor open.
 TEST_F(ArchiveFaults, AWalkWithoutDescriptorsEndsInAnError) {
     writeFile(m_source / "sub/file", "");
     rlimit former{};
@@ -278,14 +277,14 @@ TEST_F(ArchiveFaults, DataThatCannotBeReadEndsTheUnpacking) {
     EXPECT_EQ(treeOf(m_destination).count("second"), 0U);
 }
 
-/// As the sizes of the files are set all the same, a full disk shows in their content only.
+/// The sizes of the files are set anyway, so a full disk shows in their content only.
 TEST_F(ArchiveFaults, DataThatCannotBeWrittenIsPassedOver) {
     const auto bytes =
         foreignArchive(archive_write_set_format_ustar,
                        {{"large", AE_IFREG, incompressible(200000)}, {"folder", AE_IFDIR, ""}});
     bool mounted = false;
     Tree tree;
-    // A thread of its own: it alone sees the small file system.
+    // A separate thread, because only this thread sees the small file system.
     std::thread([&] {
         mounted = Testing::mountPrivateFolders({m_destination}) &&
                   ::mount(nullptr, m_destination.c_str(), nullptr, MS_REMOUNT, "size=64k") == 0;
@@ -303,7 +302,7 @@ TEST_F(ArchiveFaults, DataThatCannotBeWrittenIsPassedOver) {
     EXPECT_FALSE(tree["large"] == "file " + incompressible(200000));
 }
 
-/// The last file is completed by the closing only.
+/// Only closing completes the last file.
 TEST_F(ArchiveFaults, AFileThatCannotBeCompletedIsAnErrorAlsoAsTheLastOne) {
     const auto bytes = foreignArchive(archive_write_set_format_ustar,
                                       {{"large", AE_IFREG, incompressible(200000)}});

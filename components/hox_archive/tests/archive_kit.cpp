@@ -77,7 +77,7 @@ std::string packed(ArchiveFormat format, const fs::path& folder, bool stripBase,
 }
 
 void unpackBytes(std::string bytes, const fs::path& folder) {
-    // A copy of exactly this size, so that a read behind its end is found.
+    // A copy of exactly this size, so that a read beyond its end is detected.
     const std::unique_ptr<std::uint8_t[]> memory(new std::uint8_t[bytes.size()]);
     std::copy(bytes.begin(), bytes.end(), memory.get());
     unpackBuffer({memory.get(), bytes.size()}, folder);

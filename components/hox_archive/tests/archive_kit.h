@@ -17,7 +17,7 @@
 
 namespace Hox::Archive {
 
-/// What lies below a folder: relative path, and kind with content.
+/// The content of a folder: relative path to kind and content.
 using Tree = std::map<std::string, std::string>;
 
 /// One entry as an archive holds it.
@@ -34,7 +34,7 @@ Tree treeOf(const std::filesystem::path& folder);
 void writeFile(const std::filesystem::path& file, const std::string& content);
 std::string readFile(const std::filesystem::path& file);
 
-/// Bytes that no filter makes smaller; the same for each call with the same arguments.
+/// Bytes that no filter can compress; calls with the same arguments return the same bytes.
 std::string incompressible(std::size_t length, unsigned seed = 1);
 
 /// A folder with files of several sizes, nested and empty folders.
@@ -47,7 +47,7 @@ std::string packed(ArchiveFormat format, const std::filesystem::path& folder, bo
 /// unpackBuffer of a string.
 void unpackBytes(std::string bytes, const std::filesystem::path& folder);
 
-/// The entries of an archive, in their order, read by libarchive alone.
+/// The entries of an archive, in order, read by libarchive alone.
 std::vector<StoredEntry> entriesOf(const std::string& bytes);
 std::vector<std::string> namesOf(const std::string& bytes);
 
@@ -58,8 +58,8 @@ std::string foreignArchive(const std::function<void(::archive*)>& setUp,
 /// The number of descriptors that the process has open.
 std::size_t openDescriptors();
 
-/// The text of the Err that the action throws; fails the test if it throws none, and lets any other
-/// one pass.
+/// The text of the Err that the action throws. Fails the test if it throws nothing; other
+/// exceptions propagate.
 template <typename Err>
 std::string textThrownBy(const std::function<void()>& action) {
     try {
@@ -71,7 +71,7 @@ std::string textThrownBy(const std::function<void()>& action) {
     return "";
 }
 
-/// Sets the locale's character type as long as it lives.
+/// Sets the locale's character type during its lifetime.
 class ScopedCharacterType {
 public:
     explicit ScopedCharacterType(const char* locale);
@@ -85,8 +85,8 @@ private:
     std::string m_former;
 };
 
-/// A source, a destination and room for archives; no descriptor may stay open, and the working
-/// directory must stay what it was.
+/// Provides folders for the source, the destination and archives. Checks that no descriptor stays
+/// open and that the working directory does not change.
 class ArchiveTest : public ::testing::Test {
 protected:
     ArchiveTest();

@@ -109,8 +109,8 @@ TEST_F(ArchiveLimits, ManySmallFilesOutgrowTheEstimateInEachFormat) {
     EXPECT_THAT(overflowText(ArchiveFormat::Zip), MatchesRegex(m_overflow));
 }
 
-/// From a fit to an overflow that only the close of the writer sees, file by file: what is returned
-/// is always whole.
+/// Adds files until the archive no longer fits and only closing the writer notices it: a returned
+/// archive is always complete.
 TEST_F(ArchiveLimits, WhatIsReturnedIsWholeUpToTheFirstOverflow) {
     for (const auto format : {ArchiveFormat::TarGz, ArchiveFormat::TarBz2, ArchiveFormat::Zip}) {
         bool overflown = false;

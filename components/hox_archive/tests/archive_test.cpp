@@ -170,7 +170,7 @@ TEST_P(Formats, KeepsNamesOutsideOfAscii) {
     }
 }
 
-/// The other formats have an encoding of their own.
+/// The other formats have their own encoding.
 TEST_F(ArchiveTest, KeepsNamesOfATarAsTheBytesThatTheyAre) {
     for (const char* locale : {"C", "C.UTF-8"}) {
         const ScopedCharacterType type(locale);

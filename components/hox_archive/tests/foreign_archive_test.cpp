@@ -125,8 +125,8 @@ TEST(ForeignArchive, HoldsNothingButFilesAndFolders) {
     }
 }
 
-/// The header of an entry of ustar that is made another kind of it: kind, target, and the checksum
-/// over all.
+/// Turns the header of a ustar entry into that of a hard link: kind, target, and the checksum over
+/// the header.
 std::string asHardLink(std::string bytes, const std::string& target) {
     bytes[156] = '1';
     bytes.replace(157, target.size(), target);
@@ -186,7 +186,7 @@ TEST(ForeignArchive, HoldsNamesAsTheBytesThatTheyAre) {
         archive_write_set_format_pax_restricted(writer);
         archive_write_set_options(writer, "hdrcharset=BINARY");
     };
-    // As other programs write them, with the name in UTF-8 in a header of its own.
+    // As other programs write them: with the name in UTF-8 in a separate header.
     std::string utf8 = foreignArchive(binary, entries);
     const std::string mark = "21 hdrcharset=BINARY\n";
     for (auto place = utf8.find(mark); place != std::string::npos; place = utf8.find(mark)) {
@@ -267,7 +267,7 @@ TEST(ForeignArchive, HasALimitedNumberOfBytesInAll) {
     }
 }
 
-/// A zip tells the size of a file that was written as a stream only after the file.
+/// A zip stores the size of a file that was written as a stream only after the file.
 TEST(ForeignArchive, CountsBytesThatAreNotDeclared) {
     std::string memory(1U << 20U, '\0');
     std::size_t used = 0;
@@ -284,7 +284,7 @@ TEST(ForeignArchive, CountsBytesThatAreNotDeclared) {
         archive_write_data(writer.get(), zeros.data(), zeros.size());
     }
     memory.resize(used);
-    // Behind a compression it is read as a stream.
+    // Inside a compression it is read as a stream.
     for (const auto& bytes : {memory, gzip(memory)}) {
         EXPECT_THAT(refusal(bytes), HasSubstr("More bytes than an archive may have"));
     }
@@ -327,7 +327,7 @@ TEST(ForeignArchive, CountsHolesAsBytes) {
 TEST(ForeignArchive, IsNotDecompressedBeyondItsLimit) {
     const std::string zeros(limits.bytes + limits.entries * 3072 + 1, '\0');
     const auto small = tar({{"a", AE_IFREG, "1"}});
-    // All behind the end of an archive, and skipped between the entries of another one.
+    // The data is after the end of one archive, and skipped between the entries of another.
     const auto cpio = foreignArchive(archive_write_set_format_cpio_newc, {{"a", AE_IFREG, "1"}});
     for (const auto& bytes : {small + zeros, cpio.substr(0, 116) + zeros}) {
         EXPECT_THAT(refusal(gzip(bytes)), HasSubstr("gzip: more than the archive may hold"));
@@ -362,7 +362,7 @@ TEST(ForeignArchive, IsCompressedWithRightChecksums) {
     EXPECT_THAT(refusal(gzip(bytes.substr(0, 700)) + second), HasSubstr("after the end"));
 }
 
-/// What the other compressions check is checked to their end, behind that of the archive.
+/// The checks of the other compressions also cover the data after the end of the archive.
 TEST(ForeignArchive, IsReadToTheEndOfItsCompression) {
     for (const auto& addFilter : {archive_write_add_filter_bzip2, archive_write_add_filter_xz}) {
         const auto good = filtered(tar({{"a", AE_IFREG, "1"}}), addFilter);
@@ -371,7 +371,7 @@ TEST(ForeignArchive, IsReadToTheEndOfItsCompression) {
     }
 }
 
-/// Each bit that is turned is found, or it does not matter.
+/// Each flipped bit is detected or has no effect.
 TEST(ForeignArchive, IsNeverReadAsAnother) {
     const auto good = gzip(tar({{"a", AE_IFREG, "content"}, {"b", AE_IFREG, incompressible(99)}}));
     const auto expected = read(good);
@@ -400,7 +400,7 @@ TEST(ForeignArchive, OfRandomBytesIsRefused) {
     }
 }
 
-/// Such a list names files of this machine, which libarchive would open.
+/// Such a list names local files, which libarchive would open.
 TEST(ForeignArchive, IsNoListOfFiles) {
     EXPECT_THAT(refusal("#mtree\n./a type=file contents=/etc/passwd\n"),
                 StartsWith("Archiving error: Unrecognized archive format("));

@@ -19,7 +19,7 @@ using ::testing::ElementsAre;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
-/// A checker that goes on after a failure and keeps its reports.
+/// A checker that continues after a failure and keeps its reports.
 class AssertionTest : public ::testing::Test {
 protected:
     AssertionTest() {

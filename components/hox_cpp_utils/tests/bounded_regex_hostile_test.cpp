@@ -29,7 +29,8 @@ constexpr std::size_t stackSize = 2 * 1024 * 1024;
 #endif
 constexpr std::size_t mostMemory = 5 * 1024 * 1024;
 constexpr auto mostTimePerMatch = 20ms;
-constexpr auto mostTimeToCompile = 1s;  // the library's; a thirtieth where it is optimised
+constexpr auto mostTimeToCompile = 1s;  // time of the library; a thirtieth of it in an optimised
+                                        // build
 
 // Runs the body on a small stack, so that deep recursion shows as a crash.
 void runOnSmallStack(std::function<void()> body) {

@@ -15,8 +15,8 @@ using RegexKit::libraryErrorOf;
 
 /// Random expressions over few bytes, so that matches are frequent.
 ///
-/// A back-reference is made neither inside the repetition that its group is a part of nor to a
-/// group in a lookahead that has ended: there the two engines differ.
+/// No back-reference is made inside a repetition that contains its group, or to a group in a
+/// lookahead that has ended: there the two engines differ.
 class RandomExpressions {
 public:
     explicit RandomExpressions(unsigned seed) : m_random(seed) {}
@@ -135,7 +135,7 @@ TEST_P(BoundedRegexRandom, AnswersLikeTheLibrary) {
     }
 }
 
-// Seeds whose expressions the library can match: for others it takes for ever.
+// Seeds whose expressions the library can match: with other seeds it takes for ever.
 INSTANTIATE_TEST_SUITE_P(Seeds, BoundedRegexRandom, testing::Values(1, 3, 6, 8));
 
 TEST(BoundedRegexRandom, RefusesWhatTheLibraryRefuses) {

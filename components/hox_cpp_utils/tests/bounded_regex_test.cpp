@@ -290,8 +290,8 @@ TEST(BoundedRegex, FailsAtABackReferenceToAGroupThatHasNotMatchedLikeTheLibrary)
     EXPECT_FALSE(BoundedRegex("(?:(a)|b)\\1").search("b"));
 }
 
-// Where the library does not undo what it has done, or tries once more, there is no way to have
-// PCRE2 do the same; what is answered instead is written down here.
+// Where the library does not undo a step, or tries once more, PCRE2 cannot be made to do the same.
+// The tests below record the answers given instead.
 TEST(BoundedRegex, ForgetsTheGroupsOfALookaheadThatWasGivenUp) {
     EXPECT_FALSE(BoundedRegex("(?:(?=(a))b|a)\\1").search("aa"));
     EXPECT_TRUE(std::regex_search("aa", std::regex("(?:(?=(a))b|a)\\1")));

@@ -16,7 +16,7 @@ namespace {
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
-/// Counts how it is asked.
+/// Counts the calls.
 class CountingLogsystem : public ILogsystem {
 public:
     explicit CountingLogsystem(bool* destroyed = nullptr) : m_destroyed(destroyed) {}

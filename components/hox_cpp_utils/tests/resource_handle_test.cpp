@@ -18,7 +18,7 @@ using Handle = ResourceHandle<unsigned int>;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Notes the number of each handle that is released.
+/// Records the number of each handle that is released.
 class ResourceHandleTest : public testing::Test {
 protected:
     Handle makeHandle(unsigned int number) {

@@ -104,7 +104,8 @@ bool isReady(const std::future<void>& future) {
     return future.wait_for(0s) == std::future_status::ready;
 }
 
-/// Two waits behind two posts. Many rounds: one that is released in error takes a moment to show.
+/// Two waits after two posts. Many rounds: a wait that is released by mistake takes a moment to
+/// show.
 TEST(BinarySemaphore, SeveralPostsReleaseOneWaitOnly) {
     for (int round = 0; round < 300; ++round) {
         BinarySemaphore semaphore;

@@ -21,7 +21,7 @@ namespace {
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
-/// Puts a pipe in the place of standard output. Nobody reads it until drain() is called.
+/// Replaces standard output by a pipe. Nobody reads it until drain() is called.
 class StdoutPipe {
 public:
     StdoutPipe() {
@@ -47,7 +47,7 @@ public:
         fcntl(m_pipe[1], F_SETFL, 0);
     }
 
-    /// Reads beside `finish`, which must end all writers, and puts standard output back.
+    /// Reads while `finish` runs, which must end all writers, and restores standard output.
     template <typename Finish>
     std::string drain(const Finish& finish) {
         std::string all;
@@ -70,7 +70,7 @@ private:
     int m_formerStdout = -1;
 };
 
-/// The part of each line behind the pattern's "[time] [level] ".
+/// The part of each line after the pattern's "[time] [level] ".
 std::vector<std::string> textsOf(const std::string& output) {
     std::vector<std::string> texts;
     std::istringstream lines(output);

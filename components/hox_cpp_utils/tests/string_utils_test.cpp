@@ -213,7 +213,7 @@ TEST(StringUtils, IsUppercase) {
     }
 }
 
-/// Both functions stand for an expression; each text must be judged as the expression judges it.
+/// Both functions replace a regular expression and must give its answer for each text.
 class StringUtilsAgainstExpression : public testing::Test {
 protected:
     void expectEqual(const std::string& text) {
@@ -256,7 +256,7 @@ TEST_F(StringUtilsAgainstExpression, RandomTexts) {
     for (int i = 0; i < 5000; ++i) {
         std::string text = i % 2 == 0 ? "-0x" : "";
         const auto length = random() % 12;
-        // Mostly characters that keep the match alive, else nearly every text fails at once.
+        // Mostly characters that can match, otherwise nearly every text fails at the first one.
         while (text.size() < length) {
             text += alphabet[random() % (random() % 8 == 0 ? alphabet.size() : 9)];
         }

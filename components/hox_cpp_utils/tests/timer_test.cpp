@@ -33,7 +33,8 @@ Clock::time_point inAnHour() {
     return Clock::now() + 1h;
 }
 
-/// Holds the timer thread inside a callback until it is let go. May die ahead of that callback.
+/// Blocks the timer thread in a callback until it is released. May be destroyed before that
+/// callback.
 class Gate {
 public:
     explicit Gate(Timer& timer) {
@@ -53,7 +54,7 @@ private:
     std::shared_ptr<State> m_state = std::make_shared<State>();
 };
 
-/// Returns once everything that is due by now has run.
+/// Returns when everything that is due now has run.
 void runOff(Timer& timer) {
     std::promise<void> done;
     timer.add(Clock::now(), [&done](bool) { done.set_value(); });
@@ -341,7 +342,7 @@ TEST(Timer, EachItemRunsOrIsCancelledUnderLoad) {
     EXPECT_EQ(ran + cancelled, threadCount * rounds);
 }
 
-/// The death tests run in a process of their own each, started anew: the timer has a thread.
+/// Each death test runs in a newly started process, because the timer has a thread.
 class TimerDeathTest : public testing::Test {
 protected:
     void SetUp() override { testing::GTEST_FLAG(death_test_style) = "threadsafe"; }

@@ -31,7 +31,7 @@ void require(bool condition, const char* what, const std::string& path) {
     }
 }
 
-/// Calls again as long as a signal interrupts it.
+/// Repeats a call that a signal interrupts.
 template <typename Call>
 auto uninterrupted(const Call& call) {
     auto result = call();
@@ -53,12 +53,12 @@ Made makeFolder(const std::string& folder) {
         require(::chmod(folder.c_str(), folderMode) == 0, "cannot set rights of", folder);
         return Made::Yes;
     }
-    // What is there but no folder shows as soon as something is to be made in it.
+    // An entry that exists but is not a folder shows as soon as something is created in it.
     require(errno == EEXIST || errno == ENOENT, "cannot make folder", folder);
     return errno == EEXIST ? Made::WasThere : Made::NoParent;
 }
 
-/// Lets the owner remove what is in the folder.
+/// Gives the owner the rights to remove the content of the folder.
 void giveRights(const std::string& folder) {
     const auto give = [](const fs::path& path) {
         fs::permissions(path, fs::perms::owner_all, fs::perm_options::add);
@@ -99,7 +99,7 @@ void writeFile(const std::string& file, std::string_view text) {
         }
         text.remove_prefix(static_cast<std::size_t>(written));
     }
-    // Some file systems tell only now that there is no room.
+    // Some file systems report only now that there is no space.
     const std::unique_ptr<int> number(target.release());
     require(::close(*number) == 0, "cannot close", file);
 }

@@ -21,14 +21,12 @@ namespace Hox::LinuxCppUtil {
 namespace {
 
 using Hox::Testing::Fault;
-using Hox::Testing::FileCall;
 using Hox::Testing::FileCalls;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
-/// The umask as long as it lives.
+/// Sets the umask during its lifetime.
 class Umask {
 public:
     explicit Umask(mode_t mask) : m_former(::umask(mask)) {}
@@ -46,7 +44,7 @@ unsigned rightsOf(const fs::path& path) {
     return static_cast<unsigned>(fs::status(path).permissions());
 }
 
-/// What the action throws, "no error" otherwise.
+/// The error that the action throws, otherwise "no error".
 std::string errorOf(const std::function<void()>& action) {
     try {
         action();
@@ -118,10 +116,10 @@ TEST_F(Files, TellWhatCannotBeDoneAndWhy) {
               "filesystem error: cannot list: No such file or directory [" + missing + "]");
 }
 
-/// Of every call of the action, one after the other.
+/// Fails every call of the action, one after the other.
 class FailingFileCalls : public Files, public testing::WithParamInterface<int> {
 protected:
-    /// The errors that the action ends with, for a failure of each of its calls of that name.
+    /// The errors of the action when each of its calls of that name fails.
     std::vector<std::string> errorsFor(const std::string& call,
                                        const std::function<void()>& action) const {
         std::vector<std::string> errors;
@@ -234,7 +232,7 @@ TEST_F(Files, GoWithTheirFolder) {
     EXPECT_EQ(readFile(m_file), "stays") << "what a link leads to";
 }
 
-/// Root has all rights everywhere, so that somebody else must try.
+/// Root has all rights everywhere, so another user must try.
 TEST_F(Files, GoWithTheirFolderAlsoWhereTheirOwnerHasNoRights) {
     constexpr uid_t nobody = 65534;
     fs::permissions(m_dir.path(), fs::perms::all);

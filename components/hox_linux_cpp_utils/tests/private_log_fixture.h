@@ -9,8 +9,8 @@
 
 namespace Hox::Log::Fixture {
 
-/// Gives each test an empty folder of log files and a journal that only listens, both seen by this
-/// process alone, and an empty registry of loggers.
+/// Gives each test an empty log folder and a fake journal that only receives, both visible to this
+/// process only, and an empty registry of loggers.
 class PrivateLogFixture : public ::testing::Test {
 protected:
     static void SetUpTestSuite();

@@ -110,7 +110,7 @@ TEST(FileDescriptors, RefusesTheNumberOfNoDescriptor) {
     }
 }
 
-/// Needs a process of its own, as the standard input is closed in it.
+/// Needs a separate process because it closes the standard input.
 TEST(FileDescriptorsDeathTest, DescriptorZeroCountsAsFailureAndStaysOpen) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(

@@ -124,7 +124,8 @@ TEST_F(SplitLoggerTest, GivesAllThreadsTheSameLogger) {
     EXPECT_EQ(linesOf("program.log").size(), seen.size() * rounds);
 }
 
-// A logger takes a moment to be found missing, made and registered: long names make it a long one.
+// It takes a moment to find a logger missing, create it and register it; long names make this
+// moment longer.
 TEST_F(SplitLoggerTest, MakesOneLoggerForTwoThreadsThatAskAtOnce) {
     SplitLogger logsystem("program.log", info);
     for (int round = 0; round < 8; ++round) {

@@ -24,10 +24,10 @@ ChangeSetMapVal takeChange(ObsTreeDataNodePair& pair) {
         pair.has_prevmessage() ? valueOf(std::move(*pair.mutable_prevmessage())) : nullptr};
 }
 
-/// The keys of a wire map with what `changesOf` makes of their entries.
+/// The keys of a wire map, each with the result of `changesOf` for its entry.
 template <typename WireMap, typename ChangesOf>
 ChangeSetType convert(WireMap& wireMap, const ChangesOf& changesOf) {
-    // A wire map has no order; sorted ahead, each key is inserted at a known place.
+    // A wire map has no order; sorted first, each key is inserted at a known position.
     std::vector<decltype(&*wireMap.begin())> entries;
     entries.reserve(wireMap.size());
     for (auto& entry : wireMap) {

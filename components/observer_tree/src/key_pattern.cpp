@@ -13,14 +13,14 @@ namespace {
 
 using Place = PathComponents::const_iterator;
 
-/// The first component from there on that is no literal.
+/// The first component in the range that is not a literal.
 Place endOfLiterals(Place first, Place last) {
     return std::find_if_not(first, last, [](const PathComponent& component) {
         return std::holds_alternative<std::string>(component);
     });
 }
 
-/// The literals with a slash ahead of each.
+/// The literals, each with a leading slash.
 std::string textOf(Place first, Place last) {
     std::string text;
     for (; first != last; ++first) {
@@ -54,7 +54,7 @@ KeyPattern::KeyPattern(const PathManipulation& path, const std::string& text) {
 }
 
 bool KeyPattern::selects(const PathManipulation& path, const std::string& key) const {
-    // Most keys differ from most patterns here, so that no key has to be parsed for them.
+    // Most keys and patterns already differ here, so the key need not be parsed.
     if (key.compare(0, m_prefix.size(), m_prefix) != 0) {
         return false;
     }
@@ -68,7 +68,7 @@ bool KeyPattern::selects(const PathManipulation& path, const std::string& key) c
 ChangeSetType KeyPattern::snapshotOf(const PathManipulation& path, const DataTree& tree) const {
     const auto isSelected = [this, &path](const std::string& key) { return selects(path, key); };
     ChangeSetType snapshot;
-    // Not all keys with this prefix: a component may go on after it.
+    // Not all keys with this prefix: the last component may be longer.
     const auto prefix = tree.find(m_prefix);
     if (prefix != tree.end()) {
         addToSnapshot(snapshot, DataTree::Range(prefix, std::next(prefix)), isSelected);

@@ -8,7 +8,7 @@
 namespace Hox::ObserverTree {
 
 struct KeyPatternSelector::Pass {
-    /// As many changes as a short handler makes; more are worth their memory for one pass only.
+    /// The number of changes of a short handler; memory for more is kept for one pass only.
     static constexpr std::size_t maxKeptCapacity = 16;
 
     explicit Pass(KeyPatternSelector& owner) : selector(owner) {}
@@ -121,7 +121,8 @@ void KeyPatternSelector::removeSelection(Selections::iterator position) {
     m_selections.erase(position);
 }
 
-/// Calls `visit` for each selection whose pattern has the key's literals where it has some.
+/// Calls `visit` for each selection whose pattern may select the key: its literals have the same
+/// hash as those of the key at the same positions.
 template <typename Visitor>
 void KeyPatternSelector::visitCandidates(const std::string& key, Visitor visit) {
     for (const auto& [shape, selections] : m_byShape) {
@@ -143,7 +144,8 @@ void KeyPatternSelector::match(Selection& selection, ChangeSetType::const_iterat
             return;
         }
     } catch (...) {
-        // Raised where its first observer would be called: those ahead of it get their changes.
+        // Thrown where its first observer would be called: the observers before it get their
+        // changes.
         selection.failure = std::current_exception();
     }
     if (selection.selected.empty()) {

@@ -21,8 +21,8 @@ namespace Hox::ObserverTree {
 /// Selects changes for observers by their key patterns.
 ///
 /// A pattern is parsed once and shared by all observers that use it, and its selection is made once
-/// per delivery. The patterns that may select a changed key are found by their literals, so that
-/// the others cost nothing. An observer with a malformed pattern is passed over.
+/// per delivery. Patterns that may select a changed key are found by their literals, so the other
+/// patterns cost nothing. An observer with a malformed pattern is skipped.
 class KeyPatternSelector final : public IObserveHandler<TreeNode, ObserveReq> {
 public:
     void observerArrived(const Observer& observer) override;
@@ -31,19 +31,19 @@ public:
     void deliverTo(const Observer& observer, const ChangeSetType& changes) override;
     ChangeSetType snapshotFor(const Observer& observer, const DataTree& tree) override;
 
-    /// What the observer that came last is to be told of its pattern, nothing for a good one. Runs
-    /// on the thread that has brought the observer, with the handler lock still held since then.
+    /// The refusal for the pattern of the last observer that arrived, nothing for a valid pattern.
+    /// Runs on the thread that registered the observer; the handler lock has been held since then.
     std::optional<Status> takeRefusal();
 
 private:
-    /// The observers with one pattern, and what it selects from the changes of one pass.
+    /// The observers with one pattern, and its selection from the changes of one pass.
     struct Selection {
         explicit Selection(KeyPattern parsed) : pattern(std::move(parsed)) {}
 
         KeyPattern pattern;
         std::set<const ObserverCallback*> observers;
         std::vector<ChangeSetType::const_iterator> selected;
-        ChangeSetType part;          // what is selected, unless that is everything
+        ChangeSetType part;          // the selection, unless it is everything
         std::exception_ptr failure;  // of the matcher
     };
 
@@ -51,7 +51,7 @@ private:
     /// Selections whose patterns have one shape, by the hash of their literals.
     using SelectionsByHash = std::unordered_map<std::size_t, std::set<Selection*>>;
 
-    /// Forgets the pass at its end, however that comes.
+    /// Clears the state of the pass at its end, also on error.
     struct Pass;
 
     Selection* selectionOf(const Observer& observer);

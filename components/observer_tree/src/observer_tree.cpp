@@ -26,8 +26,8 @@ ObserverTree::ObserverTree(const SharedState& state)
 
 template <typename InMsg, typename Selector>
 void ObserverTree::registerSelector(const std::string& key) {
-    // The observe handler first, as it may be refused; both at once, as every observer has to meet
-    // both.
+    // The observe handler first, because it may be refused. Both under one lock, because every
+    // observer must find both.
     const std::lock_guard<std::recursive_mutex> lock(*handlerLock());
     const auto selector = std::make_shared<Selector>();
     addObserveNode<InMsg>(key, selector);
@@ -48,7 +48,7 @@ void ObserverTree::registerDefaultRegExObserveHandler(const std::string& key) {
 }
 
 std::string ObserverTree::dumpDataTree() {
-    // To the end: packing a value changes it.
+    // Held to the end: packing changes a value.
     const std::lock_guard<std::recursive_mutex> lock(*dataLock());
     std::string text;
     for (const auto& [key, value] : *dataTree()) {

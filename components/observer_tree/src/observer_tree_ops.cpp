@@ -96,8 +96,8 @@ void ObserverTreeOps::callAllObserveHandlers(DataTree& tree, std::function<void(
 
 void ObserverTreeOps::runDeferredCallbacks() {
     while (!m_deferredCallbacks.empty()) {
-        // It may hold the last handle of an observer, whose end may defer a further callback: the
-        // queue must not be in the middle of a change when that happens.
+        // The callback may hold the last handle of an observer, and its end may defer another
+        // callback: the queue must not be in the middle of a change then.
         const auto callback = std::move(m_deferredCallbacks.front());
         m_deferredCallbacks.pop_front();
         callback();
@@ -106,8 +106,7 @@ void ObserverTreeOps::runDeferredCallbacks() {
 
 void ObserverTreeOps::deliver(const ChangeSetType& changes) {
     traceChanges(changes);
-    // By index: an observer may register a further node.
-    // NOLINTNEXTLINE(modernize-loop-convert)
+    // By index: an observer may register another node. NOLINTNEXTLINE(modernize-loop-convert)
     for (std::size_t i = 0; i < m_observeNodes->size(); ++i) {
         const auto node = m_observeNodes->at(i);
         node->callObserveHandler(changes, std::any{});

@@ -25,8 +25,8 @@ bool isFunctionTreeOnly(std::string_view component) {
     return component.front() == '.' && component.back() == '.';
 }
 
-/// The wildcard that one component stands for, nothing for a literal; doubleStarSeen is shared by
-/// the components of a path.
+/// Returns the wildcard of one component, nothing for a literal; doubleStarSeen is shared by the
+/// components of a path.
 std::optional<WildCard> parseComponent(PathType type, std::string_view component,
                                        const std::string& path, bool& doubleStarSeen) {
     if (component.empty()) {
@@ -87,7 +87,7 @@ bool isDoubleStar(const PathComponent& component) {
     return wildCard != nullptr && *wildCard == WildCard::DoubleStar;
 }
 
-/// Decides where everything ahead of the pattern's DoubleStar matches.
+/// Decides the match if everything before the pattern's DoubleStar matches.
 bool restMatches(std::size_t pathSize, const PathComponents& matcherComponents) {
     if (matcherComponents.size() - 1 > pathSize) {
         return false;
@@ -165,7 +165,7 @@ bool PathManipulation::keyMatches(const std::string& key,
     auto matcher = matcherComponents.begin();
     std::size_t componentCount = 0;
     bool isMatch = true;
-    // To the end in any case: a malformed key is malformed wherever it differs.
+    // Always to the end: a malformed key is malformed wherever it differs.
     forEachComponent(PathType::Key, key, [&](std::string_view text, const auto& /*wildCard*/) {
         ++componentCount;
         if (matcher == stop) {

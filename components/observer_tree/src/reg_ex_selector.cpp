@@ -11,7 +11,7 @@ namespace {
 
 using Hox::CppUtil::BoundedRegex;
 
-/// A key that no expression may be tried on is matched by none.
+/// A key that is too long for an expression matches none.
 bool matchesKey(BoundedRegex& expression, const std::string& key) {
     return key.size() <= BoundedRegex::maxSubjectSize && expression.matches(key);
 }

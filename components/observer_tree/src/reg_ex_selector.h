@@ -10,10 +10,10 @@
 
 namespace Hox::ObserverTree {
 
-/// Selects changes for observers by regular expressions that a key matches as a whole.
+/// Selects changes for observers by regular expressions that must match the whole key.
 ///
-/// An expression is compiled once per observer. An observer with a malformed expression is passed
-/// over; one whose expression turns out to take too much time or memory is told so, once.
+/// An expression is compiled once per observer. An observer with a malformed expression is skipped;
+/// an observer whose expression takes too much time or memory gets one call that says so.
 class RegExSelector final : public IObserveHandler<TreeNode, RegExObserveReq> {
 public:
     void observerArrived(const Observer& observer) override;
@@ -22,13 +22,13 @@ public:
     void deliverTo(const Observer& observer, const ChangeSetType& changes) override;
     ChangeSetType snapshotFor(const Observer& observer, const DataTree& tree) override;
 
-    /// What the observer that came last is to be told of its expression, nothing for a good one.
-    /// Runs on the thread that has brought the observer, with the handler lock still held since
-    /// then.
+    /// The refusal for the expression of the last observer that arrived, nothing for a valid
+    /// expression. Runs on the thread that registered the observer; the handler lock has been held
+    /// since then.
     std::optional<Status> takeRefusal();
 
 private:
-    /// Without those that were refused.
+    /// Without the refused expressions.
     std::map<const ObserverCallback*, Hox::CppUtil::BoundedRegex> m_expressions;
     std::optional<Status> m_refusal;  // GUARDED_BY(handler lock of the tree)
 };

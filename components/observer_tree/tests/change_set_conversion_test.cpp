@@ -22,7 +22,7 @@ ObsTreeObserveChangeSet wireOf(const ChangeSetType& changes) {
     return wire;
 }
 
-/// As another process gets it: straight from the parser.
+/// The message as another process gets it, directly from the parser.
 ObsTreeObserveChangeSet sent(const ObsTreeObserveChangeSet& wire) {
     ObsTreeObserveChangeSet received;
     EXPECT_TRUE(received.ParseFromString(wire.SerializeAsString()));

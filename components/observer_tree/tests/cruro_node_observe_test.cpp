@@ -18,7 +18,7 @@ using TestKit::Observations;
 using TestKit::StringValue;
 using TestKit::thrownBy;
 
-/// A node whose observe handler hands every change set to every observer.
+/// A node whose observe handler passes every change set to every observer.
 class ObservedNode : public testing::Test {
 protected:
     using Handle = ObserveRaiiHandleType<StringValue>;

@@ -23,7 +23,7 @@ UnaryHandlerReturnType<Int64Value> answer(int64_t content, const Status& status 
     return {std::make_unique<Int64Value>(number(content)), status};
 }
 
-/// A node whose READ handler of StringValue -> Int64Value does what a test says.
+/// A node whose READ handler of StringValue -> Int64Value is set by each test.
 class UnaryNode : public testing::Test {
 protected:
     void onRead(UnaryHandler<StringValue, Int64Value> handler) {
@@ -133,8 +133,8 @@ UnaryHandlerReturnType<Int64Value> takenSizeOf(StringValue&& request, DataTree& 
     return answer(static_cast<int64_t>(taken.value().size()));
 }
 
-/// What is left of a request that is given over to the handler, which answers its size, also for
-/// one that its caller keeps.
+/// The rest of a request that is handed over to the handler. Also checks that the handler answers
+/// the size, for a request that its caller keeps as well.
 template <typename Handler>
 std::string leftBy(Handler handler) {
     TreeNode node;

@@ -169,7 +169,8 @@ TEST_F(DefaultObserveHandler, LosesTheChangeSetForObserversBehindAPatternThatRai
         return m_tree.observe<ObserveReq>("/next", pattern("/**"), observed.callback(), 0);
     }();
 
-    // The map is ordered by address: observers before the raising one get the set, the others not.
+    // The map is ordered by address: observers before the throwing one get the set, the others do
+    // not.
     const auto before = std::count_if(handles.begin(), handles.end(), [&](const auto& handle) {
         return std::less<>()(handle->observeCallback.get(), raising->observeCallback.get());
     });
@@ -283,7 +284,7 @@ TEST_F(DefaultObserveHandler, LetsGoOfDeliveredValues) {
 }
 
 TEST_F(DefaultObserveHandler, KeepsLittleMoreOfALongPatternThanItsText) {
-    // What a sanitizer counts is another matter: there both counts are the same.
+    // A sanitizer counts differently: with it both counts are equal.
     const auto allocated = [] {
         const auto info = mallinfo2();
         return info.uordblks + info.hblkhd;

@@ -16,7 +16,7 @@ using TestKit::linesOf;
 using TestKit::newKeys;
 using TestKit::pattern;
 
-/// A selector with observers, each of which notes its number and what it is told.
+/// A selector with observers, each of which records its number and its calls.
 class KeyPatternSelection : public testing::Test {
 protected:
     using Observer = KeyPatternSelector::Observer;
@@ -137,7 +137,7 @@ TEST_F(KeyPatternSelection, TellsExactlyThoseWhoAreThere) {
     std::map<int, Observer> observers;
     int tellings = 0;
     for (int step = 0; step < 3000; ++step) {
-        // Patterns that cannot be matched have no part in this: they end a delivery for others.
+        // Unmatchable patterns are left out: they end the delivery for other observers.
         auto keyPattern = randomPath(random, {"a", "b", "ab", "*"});
         keyPattern += keyPattern != "/" && random() % 2 == 0 ? "/**" : "";
         if (observers.size() < 12) {

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Keeps log records off the terminal, and death tests free of the standard log's thread.
+/// Keeps log records off the terminal, and keeps death tests free of the default logger's thread.
 class LogEnvironment : public ::testing::Environment {
 public:
     void SetUp() override { m_capture.emplace(spdlog::level::off); }

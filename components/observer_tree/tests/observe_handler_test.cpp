@@ -14,7 +14,7 @@ using TestKit::message;
 using TestKit::newKeys;
 using TestKit::StringValue;
 
-/// Notes what its node does with it.
+/// Records its calls by the node.
 class NotingHandler final : public IObserveHandler<TreeNode, StringValue> {
 public:
     void observerArrived(const Observer& observer) override {

@@ -22,7 +22,7 @@ using TestKit::value;
 
 using Handle = ObserveRaiiHandleType<ObserveReq>;
 
-/// A tree with two observe nodes, /z registered ahead of /y, and a list of what happens.
+/// A tree with two observe nodes, /z registered before /y, and a list of the events.
 class Delivery : public testing::Test {
 protected:
     void SetUp() override {
@@ -254,7 +254,7 @@ TEST_F(Delivery, BringsTheSnapshotToAnObserverFromInsideACallbackLater) {
         }
     });
     update(m_tree, "/a", "1");
-    // The pending set of the pass reaches the new observer as well, as its node comes later.
+    // The pending set of the pass also reaches the new observer, because its node comes later.
     EXPECT_THAT(takeEvents(), ElementsAre("outer: [/a: null -> 1]", "observe returned",
                                           "inner: [/a: null -> 1]", "inner: [/a: null -> 1]",
                                           "outer: [/b: null -> 2]", "inner: [/b: null -> 2]"));

@@ -18,14 +18,14 @@ using TestKit::pattern;
 using TestKit::StringValue;
 using TestKit::update;
 
-/// A tree that shows its locks.
+/// A tree that exposes its locks.
 class OpenTree : public ObserverTree {
 public:
     using ObserverTreeHandlerReg::handlerLock;
     using ObserverTreeOps::dataLock;
 };
 
-/// Whether another thread would have to wait for the lock now.
+/// Whether another thread would block on the lock now.
 bool isHeld(std::recursive_mutex& lock) {
     return std::async(std::launch::async,
                       [&lock] {
@@ -36,7 +36,7 @@ bool isHeld(std::recursive_mutex& lock) {
         .get();
 }
 
-/// Notes with each log record whether a lock is held.
+/// Records for each log record whether a lock is held.
 class LockNotes final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
 public:
     explicit LockNotes(std::recursive_mutex& lock) : m_lock(lock) {}
@@ -64,7 +64,7 @@ TEST(TreeLocks, OfHandlersIsHeldByEachRegistration) {
     sinks.push_back(notes);
     const auto hook = [](const ObserveReq&, const ObserverCallback&) {};
 
-    // Each makes a node, which is traced.
+    // Each creates a node, which is traced.
     onUpdateWrite(tree, "/unary", "/unary");
     EXPECT_THAT(notes->take(), ElementsAre(true));
     tree.registerObserveHandler<ObserveReq>("/observe", [](const auto&, const auto&) {});

@@ -22,17 +22,17 @@ using TestKit::update;
 using TestKit::value;
 using namespace std::chrono_literals;
 
-/// Far more than anything here takes.
+/// Much longer than any step of these tests.
 constexpr auto limit = 30s;
 
-/// Whether all these threads of the process sleep, and go on doing so.
+/// Whether all these threads of the process sleep and continue to sleep.
 bool areAsleep(const std::vector<std::atomic<pid_t>>& threads) {
     for (int check = 0; check < 3; ++check) {
         for (const auto& thread : threads) {
             std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
             std::string stat;
             std::getline(file, stat);
-            // "number (name) state ..."; the name may hold anything.
+            // "number (name) state ..."; the name may contain any character.
             const auto name = stat.rfind(") ");
             if (name == std::string::npos || stat.at(name + 2) != 'S') {
                 return false;
@@ -43,7 +43,7 @@ bool areAsleep(const std::vector<std::atomic<pid_t>>& threads) {
     return true;
 }
 
-/// Runs the function on so many threads at the same time, with the thread's number.
+/// Runs the function on `threadCount` threads at the same time, with the thread's number.
 void inParallel(int threadCount, const std::function<void(int)>& run) {
     std::promise<void> gate;
     const auto opened = gate.get_future().share();
@@ -60,7 +60,7 @@ void inParallel(int threadCount, const std::function<void(int)>& run) {
     }
 }
 
-/// An observer whose call lasts until the test says so.
+/// An observer whose call lasts until the test ends it.
 class SlowObserver {
 public:
     ObserverCallback callback() {
@@ -179,7 +179,7 @@ TEST_F(TreeThreads, ASlowObserverHoldsUpEveryOtherUserOfTheTree) {
 TEST_F(TreeThreads, OperationsAreStrictlySerial) {
     constexpr int threadCount = 4;
     constexpr int rounds = 250;
-    int64_t counter = 0;  // guarded by nothing but the tree
+    int64_t counter = 0;  // guarded only by the tree
     bool isInside = false;
     int overlaps = 0;
     onUpdate(m_tree, "/n", [&](const std::string&, DataTree& data) {
@@ -259,7 +259,7 @@ TEST_F(TreeThreads, MayBeUsedInAllWaysAtOnce) {
             users[static_cast<std::size_t>(i)](round);
         }
     });
-    // The keeper alone has seen each change: /a twice, both of nested, and the made ones.
+    // The keeper alone has seen each change: /a twice, both of nested, and the created keys.
     EXPECT_GE(delivered, 5 * rounds);
 }
 

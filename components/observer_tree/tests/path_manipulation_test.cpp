@@ -143,7 +143,7 @@ TEST(PathParser, KeepsBytesAsTheyAre) {
     EXPECT_EQ(parse(key, withZero), (PathComponents{std::string("a\0b", 3), "c"}));
 }
 
-/// The parser once more, as a list of rules over the split text.
+/// A second implementation of the parser, as a list of rules over the split text.
 std::string naiveParse(PathType type, const std::string& path, std::string& result) {
     const std::string place = "path = " + path + ". ";
     if (path.empty())

@@ -143,7 +143,7 @@ TEST(PathMatching, LimitsAnAddressToItselfAndWhatLiesBelow) {
     EXPECT_EQ(inside("/sys/other/x"), Outcome::No);
 }
 
-/// The matcher once more, over the texts of the components.
+/// A second implementation of the matcher, on the texts of the components.
 Outcome naiveMatch(const std::vector<std::string>& key, const std::vector<std::string>& pattern) {
     const auto fits = [&](std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) {
@@ -166,7 +166,7 @@ Outcome naiveMatch(const std::vector<std::string>& key, const std::vector<std::s
 
 class PathGenerator {
 public:
-    /// Up to five components, each out of the list, `unique` at most once.
+    /// Up to five components, each from the list, `unique` at most once.
     std::vector<std::string> components(const std::vector<std::string>& choice,
                                         const std::string& unique) {
         std::vector<std::string> result;

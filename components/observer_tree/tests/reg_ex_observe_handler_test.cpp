@@ -50,7 +50,7 @@ protected:
         return observations.take();
     }
 
-    /// What an observer is told of its expression.
+    /// The calls that an observer with this expression gets.
     std::vector<std::string> toldOf(const std::string& expression) {
         Observations observations;
         const auto handle = observe(expression, observations.callback());

@@ -113,7 +113,7 @@ std::string randomPath(std::mt19937& random, const std::vector<std::string>& cho
     return path.empty() ? "/" : path;
 }
 
-/// The text of what the call throws, without its place.
+/// The text of the exception that the call throws, without its location.
 std::string failureOf(const std::function<void()>& call) {
     const auto text = thrownBy<Hox::Error>(call);
     return text.substr(0, text.rfind('('));

@@ -15,7 +15,6 @@ namespace Hox::ObserverTree {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using TestKit::linesOf;
 using TestKit::newKeys;
 using TestKit::Observations;
@@ -51,8 +50,8 @@ TEST(AddToSnapshot, EndsWithTheElementThatFails) {
     EXPECT_THAT(linesOf(snapshot), ElementsAre("/b: null -> /b", "/c: null -> /c"));
 }
 
-/// A tree of many keys, /n/<number>/x, with observe nodes for patterns and for expressions, and one
-/// that has a hook only.
+/// A tree of many keys, /n/<number>/x, with observe nodes for patterns and for expressions, and a
+/// node with a hook only.
 class SnapshotOfManyKeys : public testing::Test {
 protected:
     void SetUp() override {
@@ -75,8 +74,8 @@ protected:
         return m_tree.observe<ObserveReq>(address, pattern(keyPattern), callback, 0);
     }
 
-    /// The processor time of this thread for 50 newcomers, each with a pattern of its own, the
-    /// least of several tries.
+    /// The processor time of this thread for 50 new observers, each with its own pattern; the
+    /// minimum of several runs.
     double timeOfNewcomers(const std::string& address, const std::string& end) {
         double least = 1e9;
         for (int round = 0; round < 5; ++round) {
@@ -124,7 +123,7 @@ TEST_F(SnapshotOfManyKeys, HoldsNothingElseUntilItIsDelivered) {
         }
         handles.push_back(observe("/hook", "/**", observations.callback()));
         held = heldByOthers() - before;
-        // A malformed pattern is answered at once.
+        // A malformed pattern is answered immediately.
         EXPECT_EQ(observations.take().size(), 1U);
     });
     update(m_tree, "/", "1000");

@@ -37,7 +37,7 @@ inline ObserveReq pattern(const std::string& keyPattern) {
     return result;
 }
 
-/// A value as it is held in the tree.
+/// A value in the form that the tree holds.
 inline DataTreeValPtr value(const std::string& text) {
     return std::make_shared<const DataTreeVal>(message(text));
 }
@@ -67,8 +67,8 @@ inline ChangeSetType newKeys(const std::vector<std::string>& keys) {
     return changes;
 }
 
-/// The text of an error without its location, provided that it ends in "(<...>file:<line>)" with
-/// that very file; otherwise the text as it is.
+/// The text of an error without its location, if it ends in "(<...>file:<line>)" with this file;
+/// otherwise the unchanged text.
 inline std::string withoutLocation(const std::string& what, const std::string& file) {
     const auto open = what.rfind('(');
     if (open == std::string::npos || what.back() != ')') {
@@ -86,7 +86,7 @@ inline std::string withoutLocation(const std::string& what, const std::string& f
     return isPlace ? what.substr(0, open) : what;
 }
 
-/// What the call throws as an ErrorType, "nothing thrown" when it returns.
+/// The text of the ErrorType that the call throws, "nothing thrown" if it returns.
 template <typename ErrorType>
 std::string thrownBy(const std::function<void()>& call) {
     try {
@@ -97,14 +97,14 @@ std::string thrownBy(const std::function<void()>& call) {
     return "nothing thrown";
 }
 
-/// The same without the location, which has to be in that file.
+/// The same without the location, which must be in this file.
 template <typename ErrorType>
 std::string thrownBy(const std::function<void()>& call, const std::string& file) {
     return withoutLocation(thrownBy<ErrorType>(call), file);
 }
 
-/// Records the calls of an observer: "/a: null -> x, /b: ...", with " !<code> <text>" behind it
-/// when the status is not OK.
+/// Records the calls of an observer: "/a: null -> x, /b: ...", followed by " !<code> <text>" if the
+/// status is not OK.
 class Observations {
 public:
     ObserverCallback callback() {
@@ -131,7 +131,7 @@ private:
     std::vector<std::string> m_calls;
 };
 
-/// Registers an UPDATE handler of StringValue that does this and answers OK.
+/// Registers an UPDATE handler of StringValue that runs the action and answers OK.
 inline void onUpdate(ObserverTree& tree, const std::string& address,
                      std::function<void(const std::string& text, DataTree& data)> act) {
     tree.registerUnaryOpHandler<UnaryOps::UPDATE, StringValue, StringValue>(

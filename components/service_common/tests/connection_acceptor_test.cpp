@@ -31,7 +31,7 @@ using Testing::waitUntil;
 constexpr auto loggerName = "connection_acceptor.h::Hox::Service::ConnectionAcceptor";
 constexpr auto shortage = "Too few descriptors are left: new connections wait";
 
-/// Answers everything.
+/// Answers every call.
 class AnyService : public IntrospectionService::Service {
     grpc::Status listLoggers(grpc::ServerContext* /*context*/,
                              const google::protobuf::Empty* /*request*/,
@@ -40,7 +40,7 @@ class AnyService : public IntrospectionService::Service {
     }
 };
 
-/// A server whose connections are accepted for it.
+/// A server that gets its connections from an acceptor.
 class ConnectionAcceptorTest : public ::testing::Test {
 protected:
     ConnectionAcceptorTest() {
@@ -79,7 +79,7 @@ protected:
     std::unique_ptr<grpc::Server> m_server;
 };
 
-/// Uses descriptors up until just that many are left to the process while it lives.
+/// Uses up descriptors, so that the process has only this number left during its lifetime.
 class FewDescriptors {
 public:
     explicit FewDescriptors(rlim_t left) {
@@ -111,7 +111,7 @@ TEST_F(ConnectionAcceptorTest, ConnectionsWaitUntilThereAreDescriptorsAgain) {
     ASSERT_TRUE(call(first).ok());
     const auto second = connect();
     {
-        // The client of this test needs some of them, too.
+        // The client of this test also needs some of them.
         const FewDescriptors few(ConnectionAcceptor::sparedDescriptors);
         second->GetState(true);
         ASSERT_TRUE(waitUntil([this] { return !m_log.texts().empty(); }));

@@ -22,7 +22,7 @@ using Hox::ObserverTree::DataTreeVal;
 using Hox::ObserverTree::Status;
 using Hox::ObserverTree::UnaryOps;
 
-/// A central store that records whom it is asked for, and whether the capability's lock was free.
+/// A central store that records the requested address, and whether the capability's lock was free.
 class RecordingStore : public Hox::ObserverTree::INodeDataHndlr {
 public:
     explicit RecordingStore(LumServiceCtx& ctx) : m_ctx(ctx) {}
@@ -61,7 +61,7 @@ TEST(CreatePersistenceHandler, AddressesTheCapabilityOfThisNodeAndUsesTheFramesL
     const auto store = std::make_shared<RecordingStore>(ctx);
     handler->setNodeDataHndlr(store);
     std::mutex mutex;
-    // The slot is filled behind the creation, as it is between two hooks.
+    // The slot is filled after the creation, as between two hooks.
     ctx.getCapabilityLock() = std::make_unique<std::unique_lock<std::mutex>>(mutex);
     handler->init(true, "");
     EXPECT_EQ(store->asked, "mb/0/snmp");

@@ -9,8 +9,8 @@
 
 namespace Hox::Service::Fixture {
 
-/// A capability that records each call, and whether it came as the frame promises: "locked" if its
-/// mutex was held through the context's slot, "unlocked" if it was free and the slot empty.
+/// A capability that records each call and its locking: "locked" if its mutex was held through the
+/// context's slot, "unlocked" if it was free and the slot empty.
 class FakeCapMngr : public ICapMngr {
 public:
     struct Hooks {

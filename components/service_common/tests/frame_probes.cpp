@@ -9,7 +9,7 @@
 namespace Hox::Service::Fixture {
 
 bool isFree(std::mutex& mutex) {
-    // Trying a mutex that the calling thread may hold is left to another thread.
+    // Another thread tries the mutex, because the calling thread may hold it.
     return std::async(std::launch::async,
                       [&mutex] { return std::unique_lock(mutex, std::try_to_lock).owns_lock(); })
         .get();

@@ -6,13 +6,13 @@
 
 namespace Hox::Service::Fixture {
 
-/// Whether nobody holds the mutex. The calling thread may.
+/// Whether no thread holds the mutex. The calling thread may hold it.
 bool isFree(std::mutex& mutex);
 
 /// The event descriptors that this process has open.
 std::set<int> openEventDescriptors();
 
-/// The present value of an event descriptor, which stays as it is.
+/// The current value of an event descriptor; does not change it.
 std::uint64_t eventCount(int descriptor);
 
 }  // namespace Hox::Service::Fixture

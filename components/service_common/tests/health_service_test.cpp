@@ -39,7 +39,7 @@ struct Watcher {
     std::unique_ptr<grpc::ClientReader<HealthCheckResponse>> reader;
 };
 
-/// A health service beside another service, as the frame has it.
+/// A health service beside another service, as in the frame.
 class HealthServiceTest : public ::testing::Test {
 protected:
     HealthServiceTest() {
@@ -125,7 +125,7 @@ TEST_F(HealthServiceTest, RefusesMoreWatchersThanItHasThreadsFor) {
     EXPECT_EQ(oneTooMany.reader->Finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     EXPECT_EQ(statusOf(""), HealthCheckResponse::NOT_SERVING);
 
-    watchers.pop_front();  // a client that is gone makes room
+    watchers.pop_front();  // a client that leaves makes room
     EXPECT_TRUE(Testing::waitUntil(
         [this] { return Watcher(*m_stub, "").next() == HealthCheckResponse::NOT_SERVING; }));
 }

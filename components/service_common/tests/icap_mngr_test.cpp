@@ -9,7 +9,7 @@
 namespace Hox::Service {
 namespace {
 
-/// What a capability with the least code consists of.
+/// A capability with the minimum of code.
 class PlainCapMngr : public ICapMngr {
 public:
     int id() const override { return 24; }

@@ -35,7 +35,7 @@ std::vector<int> families(const std::vector<LinuxCppUtil::OwnedFileDescriptor>& 
 TEST(ListeningSockets, ListenWhereverTheNameLeads) {
     const Testing::ReservedPort port;
     const auto sockets = listenAt("localhost", port.text());
-    // Whether the machine's name has both families is its own affair.
+    // The machine's name need not have both families.
     EXPECT_THAT(families(sockets), ::testing::Contains(AF_INET));
     for (const auto& socket : sockets) {
         EXPECT_EQ(option(*socket, SOL_SOCKET, SO_ACCEPTCONN), 1);

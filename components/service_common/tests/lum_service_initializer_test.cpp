@@ -32,14 +32,14 @@ using ::testing::StartsWith;
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
-/// What initialize() of a frame with this command line gave.
+/// The result of initialize() of a frame with this command line.
 struct Outcome {
     int result = -1;
     std::string standardOutput;
     std::vector<std::string> events;
 };
 
-/// The arguments follow "--logstdout", which keeps the frame away from the log file.
+/// The arguments follow "--logstdout", so that the frame does not open the log file.
 std::vector<std::string> commandLine(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "--logstdout");
     return arguments;
@@ -73,7 +73,7 @@ std::string unfolded(const std::string& text) {
     return result;
 }
 
-/// Nothing but the help was given, and no capability has been touched.
+/// Checks that only the help was printed and no capability was called.
 void expectHelpOnly(const Outcome& outcome) {
     EXPECT_EQ(outcome.result, 1);
     EXPECT_THAT(outcome.standardOutput, AllOf(HasSubstr("Usage:"), HasSubstr("service options:"),
@@ -266,7 +266,7 @@ protected:
     FrameDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-#if !defined(__SANITIZE_ADDRESS__)  // which needs descriptors for checks of its own
+#if !defined(__SANITIZE_ADDRESS__)  // AddressSanitizer needs descriptors itself
 TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeMade) {
     EXPECT_DEATH(
         {

@@ -29,8 +29,8 @@
 #include "hox/testing/wait_until.h"
 #include "introspection.grpc.pb.h"
 
-// A frame that serves takes the signals of its process, once and for all. Each of these tests
-// therefore runs one in a child process, which prints what has happened.
+// A serving frame takes over the signals of its process permanently. So each of these tests runs a
+// frame in a child process, which prints the events.
 
 namespace Hox::Service {
 namespace {
@@ -48,7 +48,7 @@ void check(bool condition, const std::string& what) {
     }
 }
 
-/// A gRPC service, without which no server starts, whose calls last as the test wants.
+/// A gRPC service whose calls last as long as the test wants. Without a service no server starts.
 class CallsInFlight : public Capability::Introspection::IntrospectionService::Service {
 public:
     /// Lasts until the client or the server cancels it.
@@ -80,7 +80,7 @@ private:
     std::atomic<bool> m_released{false};
 };
 
-/// One frame between its construction and its end, in a process of its own.
+/// One frame from its construction to its end, in a separate process.
 class ChildFrame {
 public:
     explicit ChildFrame(const std::vector<std::string>& arguments = {})
@@ -111,7 +111,7 @@ public:
 
     CallsInFlight& calls() { return m_calls; }
 
-    /// Serves until `whenReady`, which runs on a thread of its own, has ended it.
+    /// Serves until `whenReady`, which runs on a separate thread, ends it.
     void serve(const std::function<void()>& whenReady) {
         std::thread watcher([&] {
             check(m_notifySocket.waitFor("READY=1"), "not ready");
@@ -137,7 +137,7 @@ public:
         }
     }
 
-    /// Takes the frame apart, prints the events and ends the process.
+    /// Destroys the frame, prints the events and ends the process.
     [[noreturn]] void leave() {
         m_service.reset();
         print();
@@ -178,7 +178,7 @@ private:
     int m_shutdownDescriptor = -1;
 };
 
-/// Owned by the server into which it has been built, and so goes with it.
+/// Owned by the server into which it is built, and so destroyed with it.
 class ServerWatch : public grpc::experimental::ServerInterceptorFactoryInterface {
 public:
     explicit ServerWatch(EventLog& events) : m_events(events) {}
@@ -310,7 +310,7 @@ TEST_F(ServingFrameDeathTest, HasDefaultsAndTakesAnyTextForAPort) {
     EXPECT_EXIT(runWithDefaults(), ExitedWithCode(0), "");
 }
 
-/// The local addresses, in the kernel's notation, on which somebody listens on the port.
+/// The local addresses, in the kernel's notation, at which a socket listens on the port.
 std::string listenersOn(std::uint16_t port) {
     std::ostringstream suffix;
     suffix << ':' << std::hex << std::uppercase;
@@ -361,7 +361,7 @@ TEST_F(ServingFrameDeathTest, ListensOnLoopbackAndOnRequestOnAllInterfaces) {
     EXPECT_EXIT(runOnBothPorts(), ExitedWithCode(0), "");
 }
 
-/// Two signals that wait for the end of the hooks, one of them twice.
+/// Sends two signals that wait for the end of the hooks, one of them twice.
 [[noreturn]] void runSignalledDuringStart() {
     ChildFrame frame({"--port", "PORT"});
     FakeCapMngr::Hooks hooks;
@@ -374,7 +374,7 @@ TEST_F(ServingFrameDeathTest, ListensOnLoopbackAndOnRequestOnAllInterfaces) {
     frame.initialize();
     frame.service().serverStart();
     frame.events().add("served");
-    // The repeated one counts twice where another thread passes it on late.
+    // The repeated signal counts twice if another thread passes it on late.
     check(Testing::waitUntil([&] { return frame.shutdownCount() >= 2; }), "two writes");
     frame.leave();
 }
@@ -561,7 +561,7 @@ TEST_F(ServingFrameDeathTest, CancelsCallsInFlightAfterASecond) {
     EXPECT_EXIT(runWithACallThatNeverEnds(), ExitedWithCode(0), "");
 }
 
-/// A hook may let go of its lock while it blocks.
+/// A hook may release its lock while it blocks.
 [[noreturn]] void runWithYieldingHook() {
     ChildFrame frame({"--port", "PORT"});
     FakeCapMngr::Hooks hooks;

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <grpcpp/server_builder.h>
 #include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
 
 #include <chrono>
 
@@ -73,13 +74,15 @@ TEST_F(ProxyTreeHelper, TakesAnyOtherTextForATargetOfGrpc) {
 }
 
 TEST_F(ProxyTreeHelper, GivesEachProxyAChannelAndAThreadOfItsOwn) {
+    // Another test may have created the logger with the sinks of its own log system.
+    spdlog::drop("AsyncGrpcClientHandler");
     const LogCapture log("AsyncGrpcClientHandler", spdlog::level::debug);
     startServer();
     const auto first = create("inprocess");
     const auto second = create("inprocess");
     EXPECT_NE(first->channel(), second->channel());
     ASSERT_TRUE(waitUntil([&log] { return log.texts().size() == 2; }));
-    // Process and thread stand ahead of the text.
+    // Process and thread precede the text.
     for (const auto& text : log.texts()) {
         EXPECT_THAT(text, EndsWith(" AsyncGrpcClientHandler Thread Started"));
     }

@@ -14,7 +14,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// The signals that the calling thread holds back, SIGHUP standing for all others.
+/// The signals that the calling thread blocks; SIGHUP represents all others.
 std::vector<int> blocked() {
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
@@ -27,7 +27,7 @@ std::vector<int> blocked() {
     return members;
 }
 
-/// On a thread of its own, whose mask goes with it.
+/// Runs the action on a separate thread, whose mask ends with it.
 template <typename Action>
 void onAnotherThread(Action action) {
     std::thread(action).join();

@@ -6,7 +6,7 @@
 
 namespace Hox::SystemAPI {
 
-/// The product models that exist, in the order of the file that the build took them from. Each part
+/// The known product models, in the order of the file that the build read them from. Each part
 /// number occurs once. Callable from any thread.
 const std::vector<ModelInfo>& modelTable();
 

@@ -15,7 +15,7 @@ namespace Hox::SystemAPI {
 
 namespace {
 
-/// Throws for a file that does not have what it should.
+/// Throws if the condition is false: the file does not have the expected content.
 void require(bool condition) {
     if (!condition) {
         throw SerialNumberError("Failed to read the required properties of the serial file",

@@ -1,4 +1,4 @@
-# Runs the making of the model table on good and bad files.
+# Generates the model table from valid and invalid files.
 #   cmake -DMODULE=<module> -DTEMPLATE=<template> -DDEFAULT_CSV=<file> -DROOM=<folder> -P <this file>
 cmake_minimum_required(VERSION 3.25)
 if(CSV)

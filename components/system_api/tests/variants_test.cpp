@@ -46,7 +46,7 @@ std::string serializeError(HeadendSWVariant variant, const fs::path& file) {
     return "no error";
 }
 
-/// Delivers its bytes and then fails as a broken disk does.
+/// Delivers its bytes and then fails like a broken disk.
 class BreakingSource : public std::streambuf {
 public:
     explicit BreakingSource(std::string bytes) : m_bytes(std::move(bytes)) {

@@ -1,6 +1,6 @@
-// Passes the notifications of two services on to each other, as a third service would: by proxy
+// Forwards the notifications of two services to each other, as a third service would: by proxy
 // trees. Usage: halvo-relay <address> <address>; ends with its standard input. Each line of the
-// output tells that a service is observed or lost.
+// output reports that a service is observed or lost.
 #include <grpcpp/create_channel.h>
 #include <spdlog/spdlog.h>
 
@@ -42,7 +42,7 @@ void say(const std::string& line) {
     std::cout << line << std::endl;
 }
 
-/// From one service to the other, on a thread of its own.
+/// Forwards from one service to the other, on its own thread.
 class Direction {
 public:
     Direction(const std::string& from, const std::string& to,
@@ -124,7 +124,7 @@ private:
     std::shared_ptr<std::mutex> m_mutex;
     std::shared_ptr<GrpcProxyObserverTree> m_from;
     std::shared_ptr<GrpcProxyObserverTree> m_to;
-    std::mutex m_endMutex;  // taken behind the mutex of the trees
+    std::mutex m_endMutex;  // taken after the mutex of the trees
     std::condition_variable m_ended;
     std::atomic<bool> m_isStopping{false};
     std::atomic<bool> m_isLost{false};

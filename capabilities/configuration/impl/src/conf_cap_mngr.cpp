@@ -16,8 +16,8 @@ int ConfCapMngr::id() const {
 }
 
 void ConfCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
-    // The state monitor's thread reads from the network: its calls are many times as frequent, and
-    // a second thread that reads costs each event a switch between the two.
+    // The state monitor's thread reads from the network: its calls are many times more frequent,
+    // and a second reading thread would add a thread switch to each event.
     m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
         &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::DoesNotPoll);
     m_observerTree =

@@ -9,6 +9,7 @@
 
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/string/string_utils.h"
+#include "hox/observer_tree/key_components.h"
 
 namespace Hox::Capability::Configuration {
 
@@ -16,22 +17,25 @@ using Hox::ObserverTree::ChangeSetMapVal;
 using Hox::ObserverTree::ChangeSetType;
 using Hox::ObserverTree::DataTreeVal;
 using Hox::ObserverTree::DataTreeValPtr;
+using Hox::ObserverTree::KeyComponents;
 
 namespace {
 
 constexpr int slashesOfSlice = 3;
 constexpr std::size_t maxComponentSize = 255;
 
-/// The expression of what is saved does not match line ends, and a path ends at a zero.
-constexpr std::string_view unstorableBytes("\n\r\0", 3);
+/// The expression for saved keys does not match line ends, and a path ends at a zero byte.
+bool isUnstorable(char byte) {
+    return byte == '\n' || byte == '\r' || byte == '\0';
+}
 
-/// What a byte of the message of a status takes on the wire.
+/// The size of a byte of a status message on the wire.
 std::size_t sizeInStatus(char byte) {
     return byte >= ' ' && byte <= '~' && byte != '%' ? 1 : 3;
 }
 
-/// The key for people to read: in one line, and its start only if it is long, since a client would
-/// be told of a status that is too large instead of the reason.
+/// The key for messages: in one line, and shortened to its start if it is long. With a status that
+/// is too large, the client would not get the reason.
 std::string shown(const std::string& key) {
     constexpr std::size_t maxSize = 4000;
     std::string text;
@@ -42,11 +46,12 @@ std::string shown(const std::string& key) {
             return text + "...";
         }
         size += sizeInStatus(byte);
-        const std::size_t place = unstorableBytes.find(byte);
-        if (place == std::string_view::npos) {
+        if (!isUnstorable(byte)) {
             text += byte;
+        } else if (byte == '\0') {
+            text += "\\0";
         } else {
-            text.append({'\\', "nr0"[place]});
+            text += byte == '\n' ? "\\n" : "\\r";
         }
     }
     return text;
@@ -65,15 +70,13 @@ bool isReservedName(std::string_view component) {
     return component == "data" || component == "data~";
 }
 
-/// Where the slash behind the root of the key's slice is; the end for a key in no slice.
+/// The position of the slash after the root of the key's slice; the end for a key in no slice.
 std::string::const_iterator sliceRootEnd(const std::string& key) {
-    auto iter = key.begin() + static_cast<std::ptrdiff_t>(std::min(uniqueIdStart, key.size()));
-    for (int slashes = 0; iter != key.end(); ++iter) {
-        if (*iter == '/' && ++slashes == slashesOfSlice) {
-            break;
-        }
+    std::size_t end = uniqueIdStart - 1;
+    for (int slashes = 0; slashes < slashesOfSlice && end < key.size(); ++slashes) {
+        end = key.find(KeyComponents::separator, end + 1);
     }
-    return iter;
+    return key.begin() + static_cast<std::ptrdiff_t>(std::min(end, key.size()));
 }
 
 }  // namespace
@@ -133,20 +136,18 @@ std::string whyNotWritable(const std::string& key) {
 }
 
 std::string whyNotStorable(const std::string& key) {
-    if (key.find_first_of(unstorableBytes) != std::string::npos) {
+    if (std::any_of(key.begin(), key.end(), isUnstorable)) {
         return "Key has a line end or a zero byte: " + shown(key);
     }
     if (key.size() > maxKeySize) {
         return "Key is longer than " + std::to_string(maxKeySize) + " bytes: " + shown(key);
     }
-    std::size_t start = 1;
-    for (std::size_t components = 1; start < key.size(); ++components) {
-        if (components > maxKeyComponents) {
+    std::size_t components = 0;
+    for (const auto component : KeyComponents(key)) {
+        if (++components > maxKeyComponents) {
             return "Key has more than " + std::to_string(maxKeyComponents) +
                    " components: " + shown(key);
         }
-        const std::size_t end = std::min(key.find('/', start), key.size());
-        const auto component = std::string_view(key).substr(start, end - start);
         if (component.size() > maxComponentSize) {
             return "Key has a component of more than " + std::to_string(maxComponentSize) +
                    " bytes: " + shown(key);
@@ -154,7 +155,6 @@ std::string whyNotStorable(const std::string& key) {
         if (isReservedName(component)) {
             return "Key has the reserved component " + std::string(component) + ": " + shown(key);
         }
-        start = end + 1;
     }
     return {};
 }

@@ -5,22 +5,21 @@
 #include <string_view>
 
 #include "configuration.pb.h"
-#include "hox/cpputil/string/string_utils.h"
-#include "hox/observer_tree/data_tree.h"
+#include "hox/observer_tree/tree_types.h"
 
 namespace Hox::Capability::Configuration {
 
-/// Where all configuration lies.
+/// The root of all configuration.
 constexpr const char* confRoot = "/sys/conf";
 
-/// Where the unique id of its slice begins in each key.
+/// The position in each key at which the unique id of its slice begins.
 constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
 
-/// A longer key is refused without a look at its form: the text of a malformed key holds it whole,
-/// and would not fit the status of an answer.
+/// A longer key is refused before its form is checked: the error text of a malformed key contains
+/// the whole key and would not fit into the status of an answer.
 constexpr std::size_t maxKeySize = 3000;
 
-/// A key of more components is refused: its folders lie too deep.
+/// A key with more components is refused: its folders would be nested too deep.
 constexpr std::size_t maxKeyComponents = 128;
 
 /// The key that holds the state id of a slice, inside the slice.
@@ -29,38 +28,28 @@ constexpr const char* stateIdKey = "/__csid";
 /// The root of a slice: every key of the slice starts with this text.
 std::string capConfKey(const Api::ConfId& confId);
 
-/// The root of a slice without what all roots have in common.
+/// The root of a slice without the common start of all roots.
 std::string uniqueConfId(const Api::ConfId& confId);
 
 /// Length of the slice root that the key starts with. Asserts that the key is long enough to have
 /// one.
 std::size_t sliceRootLength(const std::string& key);
 
-/// The native form of a slice that has been read, by keys inside the slice; takes the values out of
+/// The native form of a slice that has been read, by keys inside the slice; moves the values out of
 /// the message. All keys belong to one slice.
 Hox::ObserverTree::ChangeSetType splitCapConfKeys(
     Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet);
 
-/// Calls `action` with each element of the tree whose key starts with the prefix, in key order.
-template <typename Action>
-void forEachWithPrefix(const Hox::ObserverTree::DataTree& tree, const std::string& prefix,
-                       const Action& action) {
-    for (auto it = tree.lower_bound(prefix);
-         it != tree.end() && Hox::CppUtil::str_starts_with(prefix, it->first); ++it) {
-        action(*it);
-    }
-}
-
-/// Whether a saved key goes into the tree when it is loaded.
+/// Whether a saved key is loaded into the tree.
 bool isLoaded(const std::string& key);
 
-/// Whether the key is that of the state id of a slice.
+/// Whether the key is the key of a slice's state id.
 bool isStateIdKey(const std::string& key);
 
-/// Why the file store cannot hold the key, or an empty text.
+/// The reason why the file store cannot hold the key, or an empty text.
 std::string whyNotStorable(const std::string& key);
 
-/// Why no service could write the well-formed key, or an empty text.
+/// The reason why no service could write the well-formed key, or an empty text.
 std::string whyNotWritable(const std::string& key);
 
 }  // namespace Hox::Capability::Configuration

@@ -31,7 +31,8 @@ constexpr const char* dataAddress = "/sys/conf/.data.";
 constexpr const char* readAddress = "/.rcc.";
 constexpr const char* observeAddress = "/sys/.conf.";
 
-/// Whether the request rests on the slice's state. A slice without a state id takes any.
+/// Whether the request is based on the slice's state. A slice without a state id accepts any
+/// request.
 bool holdsLastStateId(const Api::UpdateCapConfReq& request, const std::string& root,
                       const DataTree& tree) {
     const auto stateId = tree.find(root + stateIdKey);
@@ -171,10 +172,9 @@ ConfObstreeHandler::Return<Api::ReadCapConfResp> ConfObstreeHandler::readCapConf
         response->mutable_capconfchangeset();
     } else if (!holdsStateId(*stateId->second, request.confstateid())) {
         auto& changes = *response->mutable_capconfchangeset()->mutable_node_change_map();
-        forEachWithPrefix(tree, root, [&changes](const auto& element) {
-            *changes[element.first].add_nodepairlist()->mutable_currentmessage() =
-                *element.second->toAny();
-        });
+        for (const auto& [key, value] : tree.withPrefix(root)) {
+            *changes[key].add_nodepairlist()->mutable_currentmessage() = *value->toAny();
+        }
     }
     return {std::move(response), Status()};
 }

@@ -53,7 +53,7 @@ ConfObstreeHandler::Return<Api::UpdateSysConfResp> ConfObstreeHandler::updateSys
     return {std::make_unique<Api::UpdateSysConfResp>(), std::move(status)};
 }
 
-/// What the file system has refused, while nothing had changed yet.
+/// Logs and returns an error of the file system that occurred before anything changed.
 Status ConfObstreeHandler::refused(const char* operation, const std::exception& error) const {
     m_logger->log(Hox::Log::here(), spdlog::level::err, "{} failed - {}", operation, error.what());
     return {ProtoStatus::FAILED_PRECONDITION, error.what()};
@@ -107,7 +107,7 @@ Status ConfObstreeHandler::discardChanges() {
     return {};
 }
 
-/// From here on until the next update of a slice its observer hears of changes.
+/// From here until the next update of any slice, the observers of slices get changes.
 void ConfObstreeHandler::replaceWorkingCopy(const ChangeSetType& content) {
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Discarding unsaved changes");
     notify(StateMonitoring::Api::OK, "Sysconf discard changes");
@@ -128,8 +128,8 @@ Status ConfObstreeHandler::clearSysConfData() {
     const fs::path epg = m_savedCopy->folder().parent_path() / "epg";
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Clear EPG data - path: {}", epg.string());
     std::error_code errorCode;
-    // The count decides, not the code: a guide that is not there is worth a warning, and what could
-    // not be removed goes with the next one.
+    // The count decides, not the code: a missing guide is worth a warning, and entries that could
+    // not be removed are removed next time.
     if (fs::remove_all(epg, errorCode) == 0) {
         m_logger->log(Hox::Log::here(), spdlog::level::warn, "Failed to clear EPG data - {}",
                       errorCode.message());

@@ -4,8 +4,9 @@
 
 namespace Hox::Capability::Configuration {
 
-/// Lets two directories change names in one step, which a crash leaves done or undone. Both exist,
-/// on one file system. Ends the process where that fails: which copy is in force would be unknown.
+/// Exchanges the names of two directories atomically; after a crash the exchange is either done or
+/// not done. Both must exist on one file system. Ends the process on failure: it would be unknown
+/// which copy is in force.
 void exchangeDirectories(const std::filesystem::path& from, const std::filesystem::path& to);
 
 }  // namespace Hox::Capability::Configuration

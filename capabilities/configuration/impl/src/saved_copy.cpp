@@ -19,6 +19,7 @@
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/cpputil/string/string_utils.h"
 #include "hox/linutils/files.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "state_id.h"
@@ -37,14 +38,14 @@ namespace {
 
 constexpr std::size_t maxPackageSize = 524288;
 
-/// A value lies in a file below the folders of its key.
+/// A value is in a file below the folders of its key.
 constexpr Hox::Archive::ForeignLimits packageLimits{40000, 8U << 20U, maxKeyComponents + 1};
 constexpr const char* valueFile = "/data";
 
-/// Makes the next package go in force whatever machine it was made for.
+/// If this file exists, a package is accepted whatever machine it was made for.
 constexpr const char* overrideMarker = "/tmp/headend_override_compat_check";
 
-/// On the folder above: the one of the saved copy is another one after each exchange.
+/// Locks the parent folder: the folder of the saved copy is another one after each exchange.
 OwnedFileDescriptor lock(const fs::path& folder) {
     Hox::LinuxCppUtil::makeFolders(folder);
     auto descriptor = Hox::LinuxCppUtil::ownFileDescriptor(
@@ -61,7 +62,7 @@ OwnedFileDescriptor lock(const fs::path& folder) {
     return descriptor;
 }
 
-/// Only what is there for a value may lie deeper than a key.
+/// Only the file of a value may be deeper than its key.
 void checkDepth(const std::string& name) {
     const auto slashes = std::count(name.begin(), name.end(), '/');
     if (static_cast<std::size_t>(slashes) >= maxKeyComponents &&
@@ -81,7 +82,7 @@ void writeEntries(const std::vector<Hox::Archive::ForeignEntry>& entries, const 
     }
 }
 
-/// Throws what stands in the way of a package that is in force already.
+/// Throws InvalidArgumentError for a key that no service could write.
 void checkWritable(const ChangeSetType& content) {
     for (const auto& saved : content) {
         const std::string refusal = isLoaded(saved.first) ? whyNotWritable(saved.first) : "";
@@ -91,7 +92,7 @@ void checkWritable(const ChangeSetType& content) {
     }
 }
 
-/// Throws PathError where the tree would, once it is too late.
+/// Throws PathError where the tree would throw it later, when it is too late.
 void checkLoadable(const ChangeSetType& content) {
     const Hox::ObserverTree::PathManipulation path;
     for (const auto& saved : content) {
@@ -128,7 +129,7 @@ Status SavedCopy::unpack(const std::string& package, const ScratchFolder& scratc
     return {};
 }
 
-/// Finds everything that would fail only once the package is in force, when it is too late.
+/// Finds all errors that would occur only after the package is in force, when it is too late.
 Status SavedCopy::examine(const ScratchFolder& scratch, ChangeSetType& content) const {
     if (!isForThisMachine(scratch.path())) {
         return {ProtoStatus::INVALID_ARGUMENT,

@@ -17,49 +17,50 @@
 namespace Hox::Capability::Configuration {
 
 /// The saved copy of the configuration: a folder whose values are never edited, but replaced by
-/// those of another folder in one step.
+/// another folder in one step.
 ///
-/// The caller serialises. Unless something else is said, a function throws
-/// std::filesystem::filesystem_error, with the path and the system's reason, for what the file
-/// system refuses; the saved copy is as it was then.
+/// The caller serialises. Unless documented otherwise, a function throws
+/// std::filesystem::filesystem_error, with the path and the system's reason, on an error of the
+/// file system; the saved copy is unchanged then.
 class SavedCopy {
 public:
-    /// Takes the lock that keeps other services away from the folder, for as long as the object
-    /// lives. Makes the folder that the saved copy is to be in, not itself. Throws
-    /// InitializationError, which names the folder, where another service has the lock.
+    /// Takes the lock that keeps other services out of the folder, for the lifetime of the object.
+    /// Creates the parent folder of the saved copy, but not the saved copy itself. Throws
+    /// InitializationError, which names the folder, if another service holds the lock.
     explicit SavedCopy(std::filesystem::path folder);
 
-    /// Where the saved copy is.
+    /// The path of the saved copy.
     const std::filesystem::path& folder() const { return m_folder; }
 
-    /// An empty folder beside the saved copy, for the next one.
+    /// An empty folder beside the saved copy, for the next saved copy.
     std::unique_ptr<ScratchFolder> makeScratch() const;
 
-    /// Unpacks a package, which nobody vouches for. Answers INTERNAL, and logs the same text, for
-    /// anything that is wrong with it or cannot be written.
+    /// Unpacks an untrusted package. Returns INTERNAL, and logs the same text, if the package is
+    /// invalid or cannot be written.
     Hox::ObserverTree::Status unpack(const std::string& package,
                                      const ScratchFolder& scratch) const;
 
-    /// Decides whether what has been unpacked may be put in force, and reads it. Answers
-    /// INVALID_ARGUMENT for the package of another machine. Throws also for what could not be
-    /// loaded or not be saved again: PathError, InvalidArgumentError, or std::logic_error for a
-    /// part number that is none.
+    /// Decides whether the unpacked content may be put in force, and reads it. Returns
+    /// INVALID_ARGUMENT for the package of another machine. Also throws for content that cannot be
+    /// loaded or cannot be saved again: PathError, InvalidArgumentError, or std::logic_error for a
+    /// part number that is not a number.
     Hox::ObserverTree::Status examine(const ScratchFolder& scratch,
                                       Hox::ObserverTree::ChangeSetType& content) const;
 
-    /// Makes the folder the saved copy, once it is on the disk, and removes the old one. Nothing is
-    /// thrown once they have changed places; ends the process where they cannot.
+    /// Flushes the folder to disk, makes it the saved copy and removes the old one. Throws nothing
+    /// after the exchange; ends the process if the exchange fails.
     void putInForce(std::unique_ptr<ScratchFolder> scratch) const;
 
-    /// All values of the saved copy, fit to be loaded: see mend(). Also throws what mend() throws.
+    /// All values of the saved copy, ready to be loaded: see mend(). Also throws what mend()
+    /// throws.
     Hox::ObserverTree::ChangeSetType read() const;
 
-    /// Makes saved values fit to be loaded: gives slices whose state id cannot be read a fresh one,
-    /// with a warning, as nobody could update them otherwise; and warns of keys that no service
-    /// could write today. Throws PathError for a key that the tree does not take.
+    /// Prepares saved values for loading. A slice whose state id cannot be read gets a new one,
+    /// with a warning, because nobody could update it otherwise. Logs a warning for keys that no
+    /// service could write today. Throws PathError for a key that the tree does not accept.
     void mend(Hox::ObserverTree::ChangeSetType& content) const;
 
-    /// The saved copy as a package, with the identity of this machine, which is put beside its
+    /// The saved copy as a package, with the identity of this machine, which is written beside its
     /// values. Throws what packing throws.
     std::string pack() const;
 

@@ -38,7 +38,7 @@ ScratchFolder::ScratchFolder(fs::path path, std::shared_ptr<spdlog::logger> logg
     Hox::LinuxCppUtil::removeFolder(m_path);
     try {
         Hox::LinuxCppUtil::makeFolders(m_path);
-        // Open from now on, so that it knows of every write that fails.
+        // Opened now, so that a flush reports every failed write since then.
         m_descriptor = Hox::LinuxCppUtil::ownFileDescriptor(
             ::open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         require(m_descriptor != nullptr, "cannot open", m_path);

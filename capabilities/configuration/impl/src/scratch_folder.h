@@ -9,27 +9,27 @@
 
 namespace Hox::Capability::Configuration {
 
-/// A new folder for a copy in the making. Whatever lies at its path goes with the object: what was
-/// made there, or the old copy that has changed places with it.
+/// A new folder for a copy that is being built. The object removes the folder at its path when it
+/// is destroyed: the one built there, or the old copy after an exchange.
 class ScratchFolder {
 public:
-    /// Makes the folder, empty, in place of what an interrupted operation has left there. Throws
+    /// Creates the folder, empty; replaces the remains of an interrupted operation. Throws
     /// std::filesystem::filesystem_error.
     ScratchFolder(std::filesystem::path path, std::shared_ptr<spdlog::logger> logger);
 
-    /// What cannot be removed is a warning.
+    /// Logs a warning for a folder that cannot be removed.
     ~ScratchFolder();
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder(ScratchFolder&&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ScratchFolder& operator=(ScratchFolder&&) = delete;
 
-    /// Where the folder is.
+    /// The path of the folder.
     const std::filesystem::path& path() const { return m_path; }
 
-    /// Returns once everything in the folder is on the disk. Throws
-    /// std::filesystem::filesystem_error, also for a write since the folder was made that has
-    /// failed in the meantime.
+    /// Returns when everything in the folder is on the disk. Throws
+    /// std::filesystem::filesystem_error, also for a write that has failed since the folder was
+    /// created.
     void flush() const;
 
 private:

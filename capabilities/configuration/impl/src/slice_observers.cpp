@@ -15,8 +15,7 @@ using Hox::ObserverTree::Status;
 
 namespace {
 
-/// Each look takes the capability's mutex, so that its thread comes to the events between two
-/// looks.
+/// Each check takes the capability's mutex; between two checks its thread can handle events.
 constexpr std::chrono::milliseconds lookInterval{100};
 constexpr int looksOfPatience = SliceObservers::patience / lookInterval;
 

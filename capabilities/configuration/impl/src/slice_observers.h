@@ -18,26 +18,26 @@ namespace Hox::Capability::Configuration {
 /// The observers of slices: one for each slice.
 ///
 /// An owner that has lost its connection comes back over a new one, and its request may overtake
-/// the end of its former stream. Such a newcomer waits until that end has been seen. A second
+/// the end of its former stream. Such a newcomer waits until that stream has ended. A second
 /// observer beside one that stays is a programming error and fails an assertion.
 ///
-/// All functions but the constructor and the destructor run under the capability's mutex, and so
-/// does everything that they call.
+/// All functions except the constructor and the destructor run under the capability's mutex, and so
+/// do the callbacks that they call.
 class SliceObservers {
 public:
     using Callback = Hox::ObserverTree::ObserverCallback;
 
-    /// Tells an observer what its slice holds.
+    /// Sends the content of its slice to an observer.
     using Greeting = std::function<void(const Api::ObserveCapConfReq&, const Callback&)>;
 
-    /// How long a newcomer waits, at least: time in which the capability is busy does not count.
+    /// The minimum time that a newcomer waits: time in which the capability is busy does not count.
     static constexpr std::chrono::milliseconds patience{2000};
 
     /// The mutex is the capability's.
     SliceObservers(std::shared_ptr<std::mutex> capabilityMutex, Greeting greeting);
 
-    /// An observer arrives: it is greeted at once, or when the former one of its slice has left.
-    /// The callback is known by its address until it leaves.
+    /// An observer arrives: it is greeted immediately, or when the former observer of its slice has
+    /// left. The callback is identified by its address until the observer leaves.
     void arrive(const Api::ObserveCapConfReq& request, const Callback& callback);
 
     /// An observer leaves. Asserts that its slice has one.
@@ -56,7 +56,7 @@ private:
     struct Newcomer {
         Observer observer;
         Api::ObserveCapConfReq request;
-        int looksLeft;  // until it has waited long enough
+        int looksLeft;  // remaining checks until it has waited long enough
     };
 
     void admit(const std::string& uniqueConfId, const Observer& observer,
@@ -71,7 +71,7 @@ private:
     std::map<std::string, Observer> m_observeCbMap;           // GUARDED_BY(*m_capabilityMutex)
     std::map<std::string, std::deque<Newcomer>> m_newcomers;  // GUARDED_BY(*m_capabilityMutex)
     bool m_isLooking = false;                                 // GUARDED_BY(*m_capabilityMutex)
-    /// Made for the first newcomer. The first to be destroyed: its thread uses all the rest.
+    /// Created for the first newcomer. Destroyed first: its thread uses all other members.
     std::optional<Hox::CppUtil::Timer> m_timer;  // GUARDED_BY(*m_capabilityMutex)
 };
 

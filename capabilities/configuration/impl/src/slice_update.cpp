@@ -22,7 +22,7 @@ using Hox::ObserverTree::Status;
 
 namespace {
 
-/// The only pair of an entry that counts. A sender that leaves the list empty breaks the protocol
+/// The only pair of an entry that is used. A sender that leaves the list empty breaks the protocol
 /// of the configuration store, which ends the process in every kind of build.
 Hox::ObserverTree::ObsTreeDataNodePair& firstPair(ObsTreeDataNodePairList& list) {
     if (list.nodepairlist().empty()) {
@@ -68,7 +68,8 @@ Status SliceUpdate::checkKey(const std::string& key, bool isRootValid) const {
     return refusal.empty() ? Status() : Status(ProtoStatus::INVALID_ARGUMENT, refusal);
 }
 
-/// The text that the tree would throw for the key by itself or inside the slice, or an empty one.
+/// The error text that the tree would throw for the key, alone or inside the slice, or an empty
+/// text.
 std::string SliceUpdate::whyMalformed(const std::string& key, bool isRootValid) const {
     if (isRootValid && key.size() > 1 && m_path.isKey(key)) {
         return {};
@@ -92,7 +93,7 @@ void SliceUpdate::apply(DataTree& tree, const WriteHandler& onWrite) const {
 void SliceUpdate::removeOthers(DataTree& tree) const {
     std::vector<std::string> others;
     auto entry = m_entries.begin();
-    forEachWithPrefix(tree, m_root, [this, &others, &entry](const auto& element) {
+    for (const auto& element : tree.withPrefix(m_root)) {
         const auto key = std::string_view(element.first).substr(m_root.size());
         while (entry != m_entries.end() && *entry->key < key) {
             ++entry;
@@ -100,7 +101,7 @@ void SliceUpdate::removeOthers(DataTree& tree) const {
         if (entry == m_entries.end() || *entry->key != key) {
             others.push_back(element.first);
         }
-    });
+    }
     for (const auto& key : others) {
         tree.erase(key);
     }

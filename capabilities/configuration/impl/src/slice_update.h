@@ -11,23 +11,23 @@
 
 namespace Hox::Capability::Configuration {
 
-/// What a request does to its slice, entry by entry in the order of the keys, so that the tree is
-/// walked once from front to back.
+/// The effect of a request on its slice, entry by entry in key order, so that the tree is walked
+/// once from front to back.
 class SliceUpdate {
 public:
-    /// Called ahead of each value that is written, with its key in the tree.
+    /// Called before each value is written, with its key in the tree.
     using WriteHandler =
         std::function<void(const std::string& key, const google::protobuf::Any& value)>;
 
     /// Keeps references to the request. An entry without any pair ends the process.
     SliceUpdate(Api::UpdateCapConfReq& request, std::string root);
 
-    /// Finds what the tree or the file store would refuse in the keys.
+    /// Finds keys that the tree or the file store would refuse.
     Hox::ObserverTree::Status check() const;
 
-    /// Carries the update out, once: the values are moved out of the request. Unless it is a patch,
-    /// everything else whose key starts with the slice's root goes, with or without a slash behind
-    /// the root.
+    /// Applies the update; can be called once, because the values are moved out of the request.
+    /// Unless it is a patch, all other keys that start with the slice's root are removed, with or
+    /// without a slash after the root.
     void apply(Hox::ObserverTree::DataTree& tree, const WriteHandler& onWrite) const;
 
 private:

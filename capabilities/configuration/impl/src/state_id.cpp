@@ -19,14 +19,14 @@ using google::protobuf::StringValue;
 
 namespace {
 
-// What stands around a state id in the JSON of its packed StringValue.
+// The text around a state id in the JSON of its packed StringValue.
 constexpr std::string_view jsonStart =
     R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":")";
 constexpr std::string_view jsonEnd = R"("})";
 
 std::string toJson(const std::string& stateId) {
     std::string json;
-    // A number, like every state id of this service, stands in JSON as it is.
+    // A number needs no escaping in JSON; every state id of this service is a number.
     if (Hox::CppUtil::str_isonly_digits(stateId)) {
         return json.append(jsonStart).append(stateId).append(jsonEnd);
     }
@@ -60,7 +60,7 @@ std::optional<std::string> valueToStateId(const Hox::ObserverTree::DataTreeVal& 
     try {
         return fromJson(value.get<StringValue>().value());
     } catch (const Hox::Error&) {
-        // Not the form that this service writes.
+        // This service does not write this form.
         return std::nullopt;
     }
 }

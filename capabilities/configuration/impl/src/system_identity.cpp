@@ -30,8 +30,8 @@ std::optional<std::istringstream> openIfThere(const fs::path& path) {
                             : std::nullopt;
 }
 
-/// A folder that was changed by hand may hold what leads out of it or blocks: a file that is
-/// written there must be its own.
+/// Removes anything at the path except a folder and a regular file with a single link. A folder
+/// that was changed by hand may contain a link that leads out of it or a pipe that blocks.
 void makeWayForAFile(const fs::path& path) {
     const auto status = fs::symlink_status(path);
     const bool isOwnFile = fs::is_regular_file(status) && fs::hard_link_count(path) == 1;
@@ -90,7 +90,7 @@ SystemIdentity readPackageIdentity(const fs::path& dir) {
 }
 
 void writePackageIdentity(const SystemIdentity& identity, const fs::path& dir) {
-    makeWayForAFile(dir / variantTemporary);  // which is renamed to the variant file in the end
+    makeWayForAFile(dir / variantTemporary);  // renamed to the variant file at the end
     Hox::SystemAPI::serialize(identity.variant, dir / variantFile);
     fs::permissions(dir / variantFile, fileRights);
     writePartNumber(identity.partNumber, dir / partNumberFile);

@@ -25,8 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A queue such as another capability brings along: the one of configuration reads no new
-/// connections.
+/// A queue like that of another capability: the queue of configuration does not read from the
+/// network.
 class PolledQueue {
 public:
     explicit PolledQueue(grpc::ServerBuilder& builder) : m_queue(builder.AddCompletionQueue()) {}
@@ -46,7 +46,7 @@ private:
     const std::unique_ptr<grpc::ServerCompletionQueue> m_queue;
 };
 
-/// The capability in a frame without other capabilities, taken through its hooks by hand.
+/// The capability in a frame without other capabilities; the test calls its hooks.
 class Configuration : public ::testing::Test {
 protected:
     Configuration()
@@ -66,7 +66,7 @@ protected:
         if (m_ctx.getGrpcServer()) {
             m_ctx.getGrpcServer()->Shutdown();
         }
-        m_otherQueue.reset();  // what is left in it refers to the server
+        m_otherQueue.reset();  // events left in it refer to the server
     }
 
     /// Everything up to the hook that starts serving.

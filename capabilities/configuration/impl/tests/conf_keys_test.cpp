@@ -119,7 +119,7 @@ TEST(ConfKeys, WithLineEndsOrZerosAreToldInOneLine) {
     EXPECT_EQ(whyNotStorable("/a\t\\n/ \xc3\xa4"), "");
 }
 
-/// A character that is not ASCII takes three times its size on the wire.
+/// A byte that is not ASCII takes three times its size on the wire.
 TEST(ConfKeys, AreToldByTheirStartWhereTheyAreTooLongForAStatus) {
     const std::string start = "Key is longer than 3000 bytes: ";
     EXPECT_EQ(whyNotStorable("/" + std::string(3999, 'x')), start + "/" + std::string(3999, 'x'));

@@ -29,7 +29,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-/// What is logged unless somebody turns the levels down.
+/// The records that are logged at the default levels.
 std::vector<std::string> toldOperator(const LogCapture& log) {
     std::vector<std::string> texts;
     for (const auto& record : log.records()) {
@@ -40,7 +40,7 @@ std::vector<std::string> toldOperator(const LogCapture& log) {
     return texts;
 }
 
-/// Runs the action where /etc and /tmp are empty; false if the machine does not allow it.
+/// Runs the action with empty /etc and /tmp; false if the machine does not allow it.
 bool onOwnMachine(const std::function<void()>& action) {
     bool isOwn = false;
     std::thread([&] {
@@ -54,7 +54,7 @@ bool onOwnMachine(const std::function<void()>& action) {
 
 class SavedConfiguration : public ConfigurationStore {
 protected:
-    /// As in the program: packages hold names in UTF-8.
+    /// As in the program: names in packages are in UTF-8.
     static void SetUpTestSuite() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
 
     std::string packageOfAnotherMachine() const {
@@ -312,8 +312,8 @@ TEST_F(SavedConfiguration, TakesThePackageOfAnotherMachineIfTheMarkerIsThere) {
     }
 }
 
-/// What would end the process once it is in force is refused before, with the text that it would
-/// end with.
+/// A package that would end the process once it is in force is refused before, with the text that
+/// the process would end with.
 TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
     struct Case {
         const char* file;
@@ -396,7 +396,7 @@ TEST_F(SavedConfiguration, MakesAPackageUpToTheLimitAndNoneBeyondIt) {
     std::string package;
     ASSERT_TRUE(exportPackage(package).isOk());
     const auto identity = fs::file_size(m_saved / "swvariant") + fs::file_size(m_saved / "partno");
-    const std::size_t folders = 6;  // from sys to big
+    const std::size_t folders = 6;  // from "sys" to "big"
     const std::size_t most = 524288 - 1536 - folders * 32 - identity;
     write(big, std::string(most, 'x'));
     ASSERT_TRUE(exportPackage(package).isOk());
@@ -458,7 +458,7 @@ TEST_F(SavedConfigurationDeathTest, EndsTheProcessWhereTheCopiesCannotBeExchange
         "Assertion failed: \\[false\\].*atomic rename exchange failed with errno 2");
 }
 
-/// Nothing but a change by hand brings such a key there.
+/// Only a change by hand can create such a key.
 TEST_F(SavedConfigurationDeathTest, EndsTheProcessForASavedKeyInNoSlice) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     write(m_saved / "sys/conf/mb/0/tuner/data", asJson("no slash behind the slice's root"));

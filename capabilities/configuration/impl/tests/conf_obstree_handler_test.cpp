@@ -170,7 +170,7 @@ TEST_F(ConfigurationStore, TellsAnObserverNothingEverythingOrThatItIsUpToDate) {
     EXPECT_THAT(current, ElementsAre("6"));
 }
 
-/// The root of a slice is a mere start of a text, on reading as well.
+/// The root of a slice is only a text prefix, also when reading.
 TEST_F(ConfigurationStore, TellsAnObserverAlsoOfSlicesThatStartWithTheSameText) {
     update(Update("net").set("/a", "1"));
     update(Update("network").set("/y", "2"));

@@ -46,7 +46,7 @@ Hox::ObserverTree::ObsTreeDataNodePair& Update::pair(const std::string& key) {
 }
 
 ConfigurationStore::ConfigurationStore() {
-    // Loggers that are made before the first capture write at a time of their own.
+    // Loggers created before the first capture write at another time.
     const Hox::Testing::LogCapture first;
     start();
 }

@@ -33,12 +33,12 @@ private:
     Hox::ObserverTree::ObsTreeDataNodePair& pair(const std::string& key);
 };
 
-/// A store in a tree of its own, saved below a folder of its own.
+/// A store with its own tree and its own folder.
 class ConfigurationStore : public ::testing::Test {
 protected:
     ConfigurationStore();
 
-    /// As at the start of the service: with what is saved.
+    /// As at the start of the service: with the saved configuration.
     void start();
 
     Hox::ObserverTree::Status tryUpdate(const Update& update);
@@ -54,7 +54,7 @@ protected:
     Hox::ObserverTree::Status importPackage(const std::string& data);
     Hox::ObserverTree::Status exportPackage(std::string& data);
 
-    /// Observes a slice; "<code> <key>=<text>..." for each call, "<key>=gone" for a removal.
+    /// Observes a slice; "<code> <key>=<text>..." for each call, "<key>=gone" for a removed key.
     std::any observe(const std::string& capability, const std::string& stateId,
                      std::vector<std::string>& told);
 

@@ -25,7 +25,6 @@ using Hox::Testing::FileCalls;
 using Hox::Testing::WatchedRun;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr int keys = 2;
@@ -34,8 +33,8 @@ constexpr std::array errors = {ENOSPC, EIO, EACCES, EROFS, EMFILE, EDQUOT};
 constexpr const char* unpackFailed = "Unable to unpack to filesystem - Error ";
 constexpr const char* packFailed = "Unable to pack from filesystem - Error ";
 
-/// Each call of an operation that has to do with the store's files fails, one after the other: each
-/// with one of the errors, or with every one of them.
+/// Each call of an operation on the store's files fails, one after the other: each with one of the
+/// errors, or with all of them.
 class FailingCall : public ::testing::TestWithParam<Operation> {
 protected:
     FailingCall() : m_calls(m_store.run(m_operation, FileCalls::All).calls) {}
@@ -46,7 +45,7 @@ protected:
         for (std::size_t kind = 0; kind < errors.size(); ++kind) {
             if (allFaults() || number % errors.size() == kind) {
                 faults.push_back({number, errors[kind]});
-                // A disk that cannot be written to stays so: some calls are tried again.
+                // A disk that cannot be written to stays so, because some calls are retried.
                 if (call.changes && call.name != "renameat2") {
                     faults.push_back({number, errors[kind], true});
                 }
@@ -78,7 +77,7 @@ protected:
         }
     }
 
-    /// Nothing lies between a whole success and a refusal that has changed nothing.
+    /// There is nothing between a complete success and a refusal that has changed nothing.
     void expectAnswer(const WatchedRun& run, const Fault& fault) {
         const auto answer = answerOf(run);
         const bool isDone = answer.code == ProtoStatus::OK;
@@ -139,7 +138,7 @@ protected:
         return static_cast<std::size_t>(std::find_if(m_calls.begin(), m_calls.end(), predicate) -
                                         m_calls.begin());
     }
-    /// The call that opens the scratch folder, once it is there.
+    /// The call that opens the scratch folder after its creation.
     std::size_t scratchMade() const {
         const std::size_t made = find([this](const FileCall& call) {
             return call.name == "mkdir" && call.path == m_store.scratch();
@@ -149,7 +148,7 @@ protected:
                    call.name == "openat" && call.path == m_store.scratch();
         });
     }
-    /// The first look at what has been unpacked.
+    /// The first access to the unpacked content.
     std::size_t unpacked() const {
         return find([this](const FileCall& call) {
             return !call.changes && call.name != "close" &&
@@ -196,7 +195,7 @@ INSTANTIATE_TEST_SUITE_P(All, FailingCall,
                                            Operation::Discard, Operation::Export, Operation::Start),
                          [](const auto& param) { return nameOf(param.param); });
 
-/// The order that a loss of power asks for.
+/// The order of calls that is safe against a loss of power.
 class FlushedOperation : public ::testing::TestWithParam<Operation> {};
 
 TEST_P(FlushedOperation, IsOnTheDiskAheadOfTheExchangeAndBehindIt) {

@@ -32,7 +32,7 @@ std::map<std::string, std::string> filesOf(const fs::path& dir) {
     return files;
 }
 
-/// A saved copy as it lies on the machines out there, which every later version has to load.
+/// A saved copy as it exists on machines in the field; every later version must load it.
 class GoldenSavedCopy : public ConfigurationStore {
 protected:
     const fs::path m_golden = HALVO_GOLDEN_SAVED_COPY;
@@ -60,7 +60,7 @@ TEST_F(GoldenSavedCopy, IsLoadedAndSavedAgainByteForByte) {
     EXPECT_EQ(filesOf(m_saved), expected);
 }
 
-/// Values that JSON cannot hold, as they are saved since there is a form for them.
+/// Values that JSON cannot represent, in the form in which they are saved since that form exists.
 TEST_F(GoldenSavedCopy, WithValuesInBytesIsLoadedAndSavedAgainByteForByte) {
     const fs::path golden = HALVO_GOLDEN_SAVED_BYTES;
     fs::copy(golden, m_saved, fs::copy_options::recursive);

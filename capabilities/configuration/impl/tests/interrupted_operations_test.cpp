@@ -18,7 +18,7 @@ using Hox::Testing::Fault;
 using Hox::Testing::FileCall;
 using Hox::Testing::FileCalls;
 
-/// The number of the first call of that name; behind the last one where there is none.
+/// The number of the first call of that name; one past the last call if there is none.
 std::size_t find(const std::string& name, const std::vector<FileCall>& calls) {
     const auto found = std::find_if(calls.begin(), calls.end(),
                                     [&name](const FileCall& call) { return call.name == name; });
@@ -35,7 +35,7 @@ protected:
     const int m_keys = std::get<1>(GetParam());
     StoreUnderFault m_store{m_keys};
 
-    /// The folder right behind a kill at that call.
+    /// Checks the folder directly after a kill at that call.
     void expectAWholeCopy(const std::vector<FileCall>& calls, std::size_t number) const {
         ASSERT_EQ(m_store.whatIsSaved(), number > find("renameat2", calls)
                                              ? m_store.newCopy(m_operation)
@@ -45,7 +45,7 @@ protected:
         }
     }
 
-    /// Whatever was left there is no hindrance.
+    /// Checks that leftovers do not prevent a new start.
     void expectAFreshStart(std::size_t number) {
         constexpr Operation operations[] = {Operation::Save, Operation::Import, Operation::Clear};
         const Operation next = operations[number % 3];

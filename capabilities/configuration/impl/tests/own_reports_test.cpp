@@ -27,7 +27,7 @@ using Hox::ObserverTree::ProtoStatus;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Keeps what is reported, behind a real server.
+/// Keeps the reports; served by a real server.
 class StateMonitor : public Monitor::StateMonitoringService::Service {
 public:
     StateMonitor() {
@@ -55,7 +55,7 @@ public:
         return grpc::Status::OK;
     }
 
-    /// All reports since the last call: each is answered before the next one is made.
+    /// All reports since the last call: each is answered before the next one is sent.
     std::vector<Monitor::StateNotification> take() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return std::exchange(m_reports, {});
@@ -76,7 +76,7 @@ private:
     std::vector<Monitor::StateNotification> m_reports;  // GUARDED_BY(m_mutex)
 };
 
-/// No file gets any longer while this lives, as on a full disk.
+/// No file can grow during its lifetime, as on a full disk.
 class FullDisk {
 public:
     FullDisk() : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
@@ -101,7 +101,7 @@ private:
 class OwnReports : public ConfigurationStore {
 protected:
     OwnReports() { m_handler->setStateTree(m_monitor.proxy()); }
-    ~OwnReports() override { m_handler.reset(); }  // whose proxy goes ahead of the server
+    ~OwnReports() override { m_handler.reset(); }  // its proxy is destroyed before the server
 
     StateMonitor m_monitor;
 };

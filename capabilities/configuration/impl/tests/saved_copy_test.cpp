@@ -32,7 +32,6 @@ using Hox::Testing::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
 std::set<std::string> entriesOf(const fs::path& dir) {
@@ -55,7 +54,7 @@ std::string textOf(const ChangeSetType& content, const std::string& key) {
     return content.at(key).at(0).current->get<google::protobuf::StringValue>().value();
 }
 
-/// A folder that is a saved copy's parent, without tree and frame.
+/// The parent folder of a saved copy, without tree and frame.
 class SavedCopyFolder : public ::testing::Test {
 protected:
     SavedCopyFolder() { fs::create_directories(m_saved); }
@@ -202,7 +201,7 @@ TEST_F(SavedCopyFolder, UnpacksNothingOfAPackageThatIsNotToBeTrusted) {
     expectRefusal(pack(dir), "Entry with a name that is no UTF-8");
 }
 
-/// A value lies one level deeper than its key.
+/// A value is one level deeper than its key.
 TEST_F(SavedCopyFolder, TakesEntriesAsDeepAsAKeyMayBe) {
     const SavedCopy copy(m_saved);
     std::string folders;

@@ -6,18 +6,18 @@
 
 namespace Hox::Capability::Configuration {
 
-/// What the file of a text holds.
+/// The content of the file of a text.
 std::string asJson(const std::string& text);
 
-/// Writes a file in a folder that is made if missing.
+/// Writes a file; creates its folder if missing.
 void write(const std::filesystem::path& file, const std::string& text);
 
 std::string read(const std::filesystem::path& file);
 
-/// The relative names of everything but folders, sorted.
+/// The relative names of all entries except folders, sorted.
 std::vector<std::string> filesOf(const std::filesystem::path& dir);
 
-/// A package of all that is in the folder, whatever its size.
+/// A package of the content of the folder, of any size.
 std::string pack(const std::filesystem::path& dir);
 
 }  // namespace Hox::Capability::Configuration

@@ -23,10 +23,10 @@ Api::ObserveCapConfReq requestOf(const std::string& capability) {
     return request;
 }
 
-/// Observers of slices, driven as the capability's thread drives them.
+/// Observers of slices, called as by the capability's thread.
 class SliceObserversTest : public ::testing::Test {
 protected:
-    /// An observer by its name. Its callback keeps its address as long as this object.
+    /// The callback of an observer by name. Its address is valid as long as this object.
     SliceObservers::Callback& callbackOf(const std::string& name) {
         m_callbacks.push_back(std::make_unique<SliceObservers::Callback>(
             [this, name](const auto&, const Status&) { m_events.push_back("told " + name); }));

@@ -141,7 +141,8 @@ TEST_F(SliceUpdates, TellWhatNoFileCanHold) {
     EXPECT_THAT(status.errorMessage(), HasSubstr("/sys/conf/mb/0/net/a/data"));
 }
 
-/// The text of a malformed key has all of it, and a status has room for some 8,000 bytes.
+/// The error text of a malformed key contains the whole key, and a status has space for about 8,000
+/// bytes.
 TEST_F(SliceUpdates, TellThatAMalformedKeyIsTooLong) {
     set("/a//" + std::string(9000, 'x'), "x");
     const auto status = SliceUpdate(m_request, root).check();

@@ -28,7 +28,7 @@ using Hox::Testing::WatchedRun;
 
 namespace {
 
-/// Writes warnings and errors to standard error, where runs are heard; it has no thread.
+/// Writes warnings and errors to standard error, which the runs capture; it has no thread.
 class StderrLogsystem : public Hox::Log::ILogsystem {
 public:
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
@@ -75,7 +75,7 @@ std::string dumpOf(const fs::path& saved) {
 
 }  // namespace
 
-/// A tree with a handler, as the service has them.
+/// A tree with a handler, as in the service.
 class StoreUnderFault::Store {
 public:
     explicit Store(const fs::path& saved)
@@ -134,7 +134,7 @@ private:
 
 namespace {
 
-/// Each part with its length in front.
+/// Each part, preceded by its length.
 std::string pack(const OperationAnswer& answer) {
     std::string text;
     for (const auto& part :
@@ -144,7 +144,7 @@ std::string pack(const OperationAnswer& answer) {
     return text;
 }
 
-/// Names and values differ from one kind of copy to the next, and have names in common.
+/// Names and values differ between the kinds of copies, but some names are common.
 Update copyOf(const std::string& kind, int keys) {
     Update update("tuner");
     update.full();

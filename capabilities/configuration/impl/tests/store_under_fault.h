@@ -11,27 +11,27 @@
 
 namespace Hox::Capability::Configuration {
 
-/// What can be asked of the saved copy; Start is the start of a service that loads it.
+/// The operations on the saved copy; Start is the start of a service that loads it.
 enum class Operation { Save, Import, ImportOfAnotherMachine, Clear, Discard, Export, Start };
 
 const char* nameOf(Operation operation);
 
-/// What a child answered to an operation.
+/// The answer of a child to an operation.
 struct OperationAnswer {
     int code = 0;
     std::string message;
     /// The package of an export.
     std::string package;
-    /// The working copy behind the operation, in the form of whatIsSaved.
+    /// The working copy after the operation, in the form of whatIsSaved.
     std::string workingCopy;
 };
 
-/// A store that does its operations in watched children, each of which begins with the same folder:
-/// a saved copy, unsaved changes of every key, a programme guide, and a scratch directory that was
-/// left there.
+/// A store that runs its operations in watched child processes. Each starts with the same folder: a
+/// saved copy, unsaved changes of every key, a programme guide, and a left-over scratch directory.
 class StoreUnderFault {
 public:
-    /// The saved copy, the working copy and the package each hold so many keys beside the state id.
+    /// The saved copy, the working copy and the package each contain `keys` keys besides the state
+    /// id.
     explicit StoreUnderFault(int keys);
     ~StoreUnderFault();
     StoreUnderFault(const StoreUnderFault&) = delete;
@@ -39,18 +39,18 @@ public:
     StoreUnderFault(StoreUnderFault&&) = delete;
     StoreUnderFault& operator=(StoreUnderFault&&) = delete;
 
-    /// The operation in a child, on the folder as it is at the beginning.
+    /// Runs the operation in a child, on the initial folder.
     Hox::Testing::WatchedRun run(Operation operation, Hox::Testing::FileCalls listed,
                                  const std::optional<Hox::Testing::Fault>& fault = std::nullopt,
                                  const Hox::Testing::AtCall& atCall = {});
 
-    /// The operation in a new service on the folder as it lies there.
+    /// Runs the operation in a new service on the current folder.
     Hox::Testing::WatchedRun runNext(Operation operation);
 
-    /// All keys and values that lie in the saved copy.
+    /// All keys and values of the saved copy.
     std::string whatIsSaved() const;
 
-    /// What lies in a package, in the same form; throws Hox::Error for what is none.
+    /// The content of a package, in the same form; throws Hox::Error for an invalid package.
     static std::string contentOf(const std::string& package);
 
     /// The saved copy before every operation, and after one that succeeds.
@@ -65,7 +65,7 @@ public:
     const std::filesystem::path& scratch() const { return m_scratch; }
     const std::filesystem::path& guide() const { return m_guide; }
 
-    /// Whether the call is about a file of the store, and none of a library's.
+    /// Whether the call concerns a file of the store, not a file of a library.
     bool isOwn(const Hox::Testing::FileCall& call) const;
 
 private:
@@ -76,13 +76,14 @@ private:
         Hox::Testing::FileCalls listed, const std::optional<Hox::Testing::Fault>& fault);
     void restore() const;
 
-    /// In memory: the folder is built anew for each of thousands of children.
+    /// In memory: the folder is rebuilt for each of thousands of children.
     Hox::Testing::TempDir m_dir{"/dev/shm"};
     const std::filesystem::path m_saved = m_dir / "live/conf";
     const std::filesystem::path m_scratch = m_dir / "live/conf.temp";
     const std::filesystem::path m_guide = m_dir / "live/epg";
     const std::filesystem::path m_original = m_dir / "original";
-    /// Where a new service finds the folder: the store of this object has it to itself where it is.
+    /// The path of the folder for a new service: at its original path the store of this object has
+    /// it locked.
     const std::filesystem::path m_elsewhere = m_dir / "elsewhere";
     std::unique_ptr<Store> m_store;
     std::string m_package;
@@ -92,10 +93,10 @@ private:
     std::string m_packaged;
 };
 
-/// The answer of a run that came to its end.
+/// The answer of a completed run.
 OperationAnswer answerOf(const Hox::Testing::WatchedRun& run);
 
-/// Whether every fault is to be tried at every call (HALVO_ALL_FAULTS), instead of one at each.
+/// Whether every fault is tried at every call (HALVO_ALL_FAULTS), instead of one fault per call.
 bool allFaults();
 
 /// For failing expectations: "call 12 of save (rename /a/b/data~)".

@@ -87,7 +87,7 @@ TEST_F(PackageIdentity, IsWrittenInPlaceOfPipes) {
     EXPECT_FALSE(fs::exists(m_dir / "swvariant.new"));
 }
 
-/// Wherever the links of a package lead to, nothing is written there.
+/// Nothing is written to the targets of links in a package.
 TEST_F(PackageIdentity, IsWrittenInPlaceOfLinks) {
     const auto place = [this](const char* name, bool isHard) {
         fs::remove(m_dir / name);

@@ -8,7 +8,7 @@ namespace Hox::Capability::Introspection {
 
 namespace {
 
-/// The numbers of the wire are spdlog's own.
+/// The numbers on the wire are those of spdlog.
 void setLevel(spdlog::logger& logger, LogLevel level) {
     logger.set_level(static_cast<spdlog::level::level_enum>(level));
 }

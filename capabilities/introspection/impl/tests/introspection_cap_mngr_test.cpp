@@ -30,14 +30,14 @@ using ::testing::Key;
 using ::testing::Not;
 using ::testing::Pair;
 
-/// The context of a call that does not wait for ever.
+/// The context of a call with a deadline.
 std::unique_ptr<grpc::ClientContext> limited() {
     auto context = std::make_unique<grpc::ClientContext>();
     context->set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(30));
     return context;
 }
 
-/// The capability in a server of its own, asked over a real channel, with two loggers to turn.
+/// The capability in its own server, called over a real channel, with two loggers.
 class IntrospectionCapability : public ::testing::Test {
 protected:
     IntrospectionCapability() : m_one(add("one")), m_other(add("other")) {}

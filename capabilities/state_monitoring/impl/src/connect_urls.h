@@ -5,8 +5,8 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// The addresses that a text of the form "ip:port1,port2,port3" names, in order. A text with fewer
-/// than two ports is one address as it stands.
+/// The addresses in a text of the form "ip:port1,port2,port3", in order. A text with fewer than two
+/// ports is a single address, unchanged.
 std::vector<std::string> parseConnectUrls(const std::string& text);
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -8,21 +8,21 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// Below it lies the latest notification of every origin.
+/// The prefix of the latest notification of every origin.
 inline const std::string latestPrefix = "/state/notifications/latest/";
 
-/// Below it lie the last notifications of all, by index.
+/// The prefix of the last notifications of all origins, by index.
 inline const std::string archivePrefix = "/state/notifications/archive/";
 
-/// The key of the latest notification of this origin. Malformed where service, type or source make
-/// no key.
+/// The key of the latest notification of this origin. Malformed if service, type or source do not
+/// form a valid key.
 std::string latestKey(const Api::StateNotification& notification);
 
-/// The key of the archived notification; the index, not negative, has ten digits there.
+/// The key of the archived notification; the index, which is not negative, has ten digits in it.
 std::string archiveKey(int32_t index);
 
-/// Whether the position is not past the end and its key begins with the prefix. Under the data lock
-/// of the tree.
+/// Whether the position is not past the end and its key begins with the prefix. Runs under the data
+/// lock of the tree.
 bool liesUnder(Hox::ObserverTree::DataTree::const_iterator position, const std::string& prefix,
                const Hox::ObserverTree::DataTree& tree);
 

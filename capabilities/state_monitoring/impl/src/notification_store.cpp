@@ -44,7 +44,7 @@ void NotificationStore::store(std::unique_ptr<Api::StateNotification> notificati
         countSeverity(former->second.severity, -1);
         former->second.severity = severity;
     } else {
-        // Throws for a malformed key, with nothing changed yet.
+        // Throws for a malformed key; nothing has changed yet.
         const auto position = tree.insert_or_assign(std::move(key), DataTreeValPtr(value)).first;
         m_latest.emplace(position->first, LatestEntry{position, severity});
     }
@@ -87,7 +87,7 @@ void NotificationStore::addByIndex(int32_t index, TypeFilter& filter, Notificati
             selected.push_back(&stored);
         }
     }
-    // After the walk: the entries are scattered in memory, and a walk without copying waits less.
+    // After the walk: the entries are scattered in memory, and a walk without copying stalls less.
     found.Reserve(found.size() + static_cast<int>(selected.size()));
     for (const auto* stored : selected) {
         *found.Add() = *stored;

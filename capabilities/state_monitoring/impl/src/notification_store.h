@@ -15,11 +15,11 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// The notifications that a data tree holds: the latest of every origin and the last ones of all.
+/// The notifications in a data tree: the latest of every origin and the last ones of all origins.
 ///
-/// Knows where in the tree its keys are, and how many of the latest notifications are bad, so that
-/// no question needs a look-up. One tree for the life of an object, which alone writes and removes
-/// these keys. All functions run under the data lock of that tree.
+/// Keeps the positions of its keys in the tree and the numbers of bad latest notifications, so that
+/// no query needs a look-up. An object uses one tree for its lifetime, and it alone writes and
+/// removes these keys. All functions run under the data lock of that tree.
 class NotificationStore {
 public:
     using DataTree = Hox::ObserverTree::DataTree;
@@ -29,11 +29,11 @@ public:
     explicit NotificationStore(int32_t archiveSize);
 
     /// Writes the notification as the latest of its origin and as the newest of the archive, whose
-    /// oldest one leaves where it is full. Throws PathError, with nothing changed, where service,
-    /// type and source make no key.
+    /// oldest one is removed if it is full. Throws PathError, with nothing changed, if service,
+    /// type and source do not form a valid key.
     void store(std::unique_ptr<Api::StateNotification> notification, DataTree& tree);
 
-    /// The index of the next notification: as many have been stored.
+    /// The index of the next notification; equals the number of stored notifications.
     int32_t nextIndex() const { return m_nextIndex; }
 
     /// Whether any of the latest notifications is an ERROR.
@@ -42,12 +42,12 @@ public:
     /// Whether any of the latest notifications is a WARN.
     bool hasWarnings() const { return m_latestWarnings > 0; }
 
-    /// Adds archived notifications that the filter accepts, newest first: from a negative index the
-    /// last -index ones, else those of this index and above. Throws as the filter does.
+    /// Adds archived notifications that the filter accepts, newest first: with a negative index the
+    /// last -index ones, otherwise those with this index and above. Throws what the filter throws.
     void addByIndex(int32_t index, TypeFilter& filter, Notifications& found) const;
 
-    /// Adds the archived notifications that the filter accepts and that are not earlier, in order
-    /// of arrival. Throws as the filter does.
+    /// Adds the archived notifications that the filter accepts and that are not earlier than
+    /// `from`, in order of arrival. Throws what the filter throws.
     void addByTime(const google::protobuf::Timestamp& from, TypeFilter& filter,
                    Notifications& found) const;
 
@@ -55,13 +55,13 @@ public:
     static void addLatest(const DataTree& tree, Notifications& found);
 
 private:
-    /// A latest key of the tree and the severity of what it holds.
+    /// A latest key of the tree and the severity of its notification.
     struct LatestEntry {
         DataTree::iterator position;
         Api::StateSeverity severity = Api::StateSeverity::OK;
     };
 
-    /// An archive key of the tree and the notification that it holds.
+    /// An archive key of the tree and its notification.
     struct ArchiveEntry {
         DataTree::iterator position;
         const Api::StoredNotification* notification = nullptr;
@@ -72,7 +72,7 @@ private:
 
     int32_t m_nextIndex = 0;
     int32_t m_archiveSize;
-    /// The latest keys, which are never removed, by their text in the tree.
+    /// The latest keys, which are never removed, indexed by their text in the tree.
     std::unordered_map<std::string_view, LatestEntry> m_latest;
     /// The archive keys, oldest first.
     std::deque<ArchiveEntry> m_archive;

@@ -26,7 +26,7 @@ constexpr auto ERROR = Api::StateSeverity::ERROR;
 const std::string archive = "/state/notifications/archive/000000000";
 const std::string latest = "/state/notifications/latest/";
 
-/// A store with its tree, and no observer tree around them.
+/// A store with its data tree, without an observer tree.
 class NotificationStoreTest : public testing::Test {
 protected:
     NotificationStoreTest() { m_tree.setKeyPattern("/"); }

@@ -52,7 +52,7 @@ StateMon::StateMon(int32_t archiveSize, bool isSystemMonitor)
 
 namespace {
 
-/// The result with an empty message in the place of one that is missing, which fails the test.
+/// The result; a missing message is replaced by an empty one and fails the test.
 template <typename Resp>
 UnaryHandlerReturnType<Resp> withMessage(UnaryHandlerReturnType<Resp> result) {
     EXPECT_NE(result.message, nullptr);

@@ -24,7 +24,7 @@ Api::StateNotification notification(const std::string& serviceId, const std::str
 
 google::protobuf::Timestamp timeStamp(int64_t seconds, int32_t nanos = 0);
 
-/// A change as an observer got it.
+/// A change as received by an observer.
 struct ObservedChange {
     std::string key;
     bool hasCurrent = false;
@@ -36,7 +36,7 @@ struct ObservedChange {
 bool operator==(const ObservedChange& left, const ObservedChange& right);
 std::ostream& operator<<(std::ostream& out, const ObservedChange& change);
 
-/// A state monitor on a tree of its own, reached through the tree's operations.
+/// A state monitor on its own tree, called through the tree's operations.
 class StateMon {
 public:
     explicit StateMon(int32_t archiveSize = 1000, bool isSystemMonitor = false);
@@ -49,7 +49,7 @@ public:
         const Api::GetLatestStateNotificationsReq& req = {});
     Api::StateSeverity currentState();
 
-    /// The indices of the answer, in its order.
+    /// The indices of the answer, in order.
     std::vector<int32_t> indices(const Api::GetStateNotificationsReq& req);
     std::vector<int32_t> indicesFrom(int32_t index, const std::string& typeRegEx = "");
     std::vector<int32_t> indicesSince(const google::protobuf::Timestamp& time,

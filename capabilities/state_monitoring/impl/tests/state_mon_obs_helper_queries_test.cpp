@@ -225,7 +225,8 @@ TEST(GetStateNotifications, RefusesAFilterThatTakesTooLongOnOneType) {
                 HasSubstr("Regular expression needs too much time or memory: "));
 }
 
-// Takes a third of a millisecond with a type of 800 bytes: the square of its size.
+// Takes a third of a millisecond with a type of 800 bytes; the time grows with the square of the
+// size.
 constexpr const char* slowFilter = "[wx]*[yz]";
 
 TEST(GetStateNotifications, GivesUpAFilterThatTakesTooLong) {

@@ -28,7 +28,7 @@ using Hox::Service::LumServiceCtx;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// The state monitor as the frame runs it, and a client of it.
+// The state monitor as run by the frame, and a client.
 class Service {
 public:
     explicit Service(const std::vector<std::string>& arguments = {})
@@ -62,8 +62,8 @@ public:
         return resp.currentstate();
     }
 
-    // The value of the key in the first element of a stream, empty without one before the next
-    // report.
+    // The value of the key in the first element of a stream; empty if no element arrives before the
+    // next report.
     std::vector<std::string> connectUrls() {
         Stream stream(*this, "/**");
         EXPECT_TRUE(create(notification("a", "b", "c")).ok());
@@ -82,7 +82,7 @@ public:
         return urls;
     }
 
-    // An observe stream, ended with the object.
+    // An observe stream that ends with the object.
     class Stream {
     public:
         Stream(Service& service, const std::string& pattern) {
@@ -176,7 +176,7 @@ INSTANTIATE_TEST_SUITE_P(
         ConfCase{"Both",
                  {"--sys_mon", "--statemon_services", "10.0.0.1:5000,5001"},
                  {"10.0.0.1:5000", "10.0.0.1:5001"}},
-        // What counts is that the option stands there.
+        // Only the presence of the option matters.
         ConfCase{"BothWithAValue",
                  {"--sys_mon=false", "--statemon_services", "10.0.0.1:5000,5001"},
                  {"10.0.0.1:5000", "10.0.0.1:5001"}},

@@ -31,9 +31,9 @@ bool isGreater(std::string_view left, std::string_view right) {
     return left.size() != right.size() ? left.size() > right.size() : left > right;
 }
 
-/// The expression with small numbers, and just as well-formed. The library computes with numbers of
-/// any length, and multiplies out what is repeated a counted number of times, which takes hundreds
-/// of megabytes for an expression that is made for it.
+/// The expression with its numbers replaced by small ones; it stays well-formed or malformed. The
+/// library accepts numbers of any length and expands counted repetitions, which takes hundreds of
+/// megabytes for a malicious expression.
 std::string withSmallNumbers(std::string_view expression) {
     std::string result;
     for (std::size_t i = 0; i < expression.size();) {
@@ -59,7 +59,7 @@ std::string withSmallNumbers(std::string_view expression) {
     return result;
 }
 
-/// Throws what the library says of a malformed expression.
+/// Throws the library's error for a malformed expression.
 void checkExpression(const std::string& expression) {
     checkSize(expression, BoundedRegex::maxExpressionSize, "Regular expression");
     const std::regex judge(withSmallNumbers(expression));

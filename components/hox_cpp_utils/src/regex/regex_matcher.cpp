@@ -11,13 +11,14 @@ namespace {
 
 constexpr std::chrono::milliseconds timeLimit(4);
 constexpr std::uint32_t heapLimit = 4096;  // kB
-/// Backtracking points at one place of the subject; as a count it gives the same answer every time.
+/// Backtracking points at one start position of the subject. A count gives the same answer every
+/// time.
 constexpr std::uint32_t matchLimit = 100'000;
-/// Of which at a time: some for each byte of the longest subject.
+/// Nested backtracking points: several for each byte of the longest subject.
 constexpr std::uint32_t depthLimit = 20'000;
-/// Groups in each other: more than the longest expression has.
+/// Nested groups: more than the longest expression has.
 constexpr std::uint32_t nestLimit = 1000;
-/// An item of the pattern takes some microseconds at most, asking for the time a fifth of one.
+/// An item of the pattern takes some microseconds at most; reading the clock takes a fifth of one.
 constexpr std::uint32_t calloutsPerLook = 64;
 
 [[noreturn]] void refuse(const char* what, int error) {

@@ -18,8 +18,9 @@ namespace Hox::CppUtil {
 /// A pattern of RegexTranslator, compiled for the interpreter of PCRE2, with bounds on the time and
 /// the memory that a match takes.
 ///
-/// The library's own limit counts backtracking, and anew at each place of the subject, so it bounds
-/// no time. The matcher is called back before each item of the pattern and looks at the clock.
+/// The limit of PCRE2 counts backtracking, and starts again at each position of the subject, so it
+/// does not bound the time. The matcher gets a callout before each item of the pattern and checks
+/// the clock.
 class RegexMatcher {
 public:
     /// Throws InvalidArgumentError for a pattern that is too large.
@@ -30,10 +31,10 @@ public:
     RegexMatcher& operator=(const RegexMatcher&) = delete;
     RegexMatcher& operator=(RegexMatcher&&) = delete;
 
-    /// Whether a part of the subject matches that begins at the place or after it.
+    /// Whether a part of the subject that begins at or after `from` matches.
     bool search(std::string_view subject, std::size_t from);
 
-    /// Whether a part of the subject matches that begins at its start.
+    /// Whether a part that begins at the start of the subject matches.
     bool matchesStart(std::string_view subject);
 
     /// Whether the whole subject matches.
@@ -56,7 +57,7 @@ private:
     std::unique_ptr<pcre2_match_context, Deleter> m_context;
     std::uint32_t m_callouts = 0;
     std::chrono::nanoseconds m_deadline{};
-    /// By depth; a lookahead has four bytes at least.
+    /// Indexed by depth; a lookahead takes at least four bytes.
     std::array<std::size_t, BoundedRegex::maxExpressionSize / 4 + 1> m_lookaheadBegins{};
 };
 

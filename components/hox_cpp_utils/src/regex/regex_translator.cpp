@@ -20,12 +20,12 @@ std::string allBytes() {
     return bytes;
 }
 
-/// The bytes that the library accepts for a bracket.
+/// The bytes that the library accepts for a bracket expression.
 std::bitset<byteCount> bytesOf(std::string_view bracket) {
     static const auto bytes = allBytes();
     const std::regex regex(bracket.begin(), bracket.end());
     std::bitset<byteCount> accepted;
-    // One pass over all bytes, as a match of each by itself takes three times as long.
+    // One pass over all bytes: a separate match of each byte takes three times as long.
     for (std::sregex_iterator match(bytes.begin(), bytes.end(), regex), end; match != end;
          ++match) {
         accepted.set(static_cast<std::size_t>(match->position()));
@@ -133,13 +133,14 @@ void RegexTranslator::translateQuantifier(char sign) {
         quantifier += take();
     }
     if (repeatsNever(quantifier)) {
-        // PCRE2 10.42 takes "(?:b|^){0}a" for a pattern that is anchored. What never matches keeps
-        // the numbers of the groups in it.
+        // PCRE2 10.42 treats "(?:b|^){0}a" as an anchored pattern. An alternative that never
+        // matches keeps the numbering of the groups in it.
         m_pattern.insert(m_atomStart, "(?:(?!)");
         m_pattern += ")";
         quantifier = "?";
     } else if (m_isQuantified) {
-        // "a**" repeats a repetition there, and is no expression or a possessive one here.
+        // "a**" repeats a repetition in the library; in PCRE2 it is an error or a possessive
+        // quantifier.
         m_pattern.insert(m_atomStart, "(?:");
         m_pattern += ')';
     }
@@ -211,7 +212,7 @@ const std::string& RegexTranslator::classOf(std::string_view bracket) {
     auto& result = m_classes[bracket];
     if (result.empty()) {
         const auto bytes = bytesOf(bracket);
-        result = bytes.none() ? "[^" : "[";  // no byte at all: none that is not a byte
+        result = bytes.none() ? "[^" : "[";  // no byte matches: the complement of all bytes
         for (std::size_t first = 0; first < byteCount; ++first) {
             auto last = first;
             while (last + 1 < byteCount && bytes.test(first) && bytes.test(last + 1)) {
@@ -230,7 +231,7 @@ const std::string& RegexTranslator::classOf(std::string_view bracket) {
 char RegexTranslator::takeHex(std::size_t digits) {
     const std::string number(m_expression.substr(m_position, digits));
     m_position += digits;
-    // The library keeps the last byte of what is longer.
+    // The library keeps the lowest byte of a longer number.
     return static_cast<char>(static_cast<unsigned char>(std::stoul(number, nullptr, 16)));
 }
 

@@ -8,31 +8,31 @@
 
 namespace Hox::CppUtil {
 
-/// Writes an expression of the ECMAScript grammar, as the standard library reads it, in the syntax
-/// of PCRE2. The expression is one that the library accepts.
+/// Translates an expression of the ECMAScript grammar, as the standard library reads it, into the
+/// syntax of PCRE2. The library must accept the expression.
 ///
-/// Bytes are written as numbers, and what a bracket accepts is asked from the library itself, so
-/// that nothing has a meaning which only PCRE2 knows.
+/// Bytes are written as numbers, and the library itself decides which bytes a bracket expression
+/// accepts, so no construct gets a meaning that only PCRE2 has.
 ///
 /// One oddity needs help from the matcher. In the attempt that begins at the start of the subject,
-/// the library takes the place of a lookahead for a start, too: "a(?=^b)" is found in "ab", though
-/// not in "xab". A pattern for that attempt has callouts, of a letter and the depth of the
-/// lookahead: at one with "b" a lookahead begins; one with "s" fails away from the begin of its
-/// lookahead, one with "n" fails there.
+/// the library also treats the position of a lookahead as a start: "a(?=^b)" is found in "ab", but
+/// not in "xab". A pattern for that attempt has callouts that consist of a letter and the depth of
+/// the lookahead: "b" marks the begin of a lookahead; "s" fails unless the position is the begin of
+/// its lookahead, "n" fails if it is.
 class RegexTranslator {
 public:
     /// Keeps a reference to the expression.
     explicit RegexTranslator(std::string_view expression) : m_expression(expression) {}
 
-    /// The pattern for an attempt at the start of the subject, or for all others.
+    /// The pattern for the attempt at the start of the subject, or for all other attempts.
     std::string translate(bool isAtStart);
 
-    /// Whether the pattern that was written last is another one than for the other attempts.
+    /// Whether the last pattern differs from the pattern for the other attempts.
     bool dependsOnAttempt() const { return m_dependsOnAttempt; }
 
 private:
     struct Group {
-        std::size_t start = 0;  // in the pattern
+        std::size_t start = 0;  // offset in the pattern
         bool isLookahead = false;
     };
 
@@ -61,7 +61,7 @@ private:
     std::string m_pattern;
     std::vector<Group> m_openGroups;
     std::size_t m_lookaheadDepth = 0;
-    std::size_t m_atomStart = 0;  // of the term that a quantifier would repeat
+    std::size_t m_atomStart = 0;  // start of the term that a quantifier would repeat
     bool m_isQuantified = false;
 };
 

@@ -155,8 +155,8 @@ std::string str_strip_newlines(const std::string& s) {
     return copyWithout(s, [](char c) { return c == '\n'; });
 }
 
-// The two expressions are decided by hand: the standard library's matcher recurses with the length
-// of its subject, and a long text would overflow the stack.
+// Both expressions are matched by hand: the standard library's matcher recurses with the length of
+// its subject, and a long text would overflow the stack.
 
 bool str_is_number(const std::string& s) {
     auto digits = s.begin();

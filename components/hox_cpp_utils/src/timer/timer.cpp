@@ -10,7 +10,7 @@
 namespace Hox::CppUtil {
 
 Timer::Timer() {
-    // Not an initializer: the thread uses the members behind m_thread.
+    // Not an initializer: the thread uses members that are declared after m_thread.
     m_thread = std::thread([this] { run(); });
 }
 
@@ -48,7 +48,8 @@ std::uint64_t Timer::add(TimePoint when, Callback callback) {
 }
 
 bool Timer::cancel(std::uint64_t tag) {
-    // Dies after the lock: what the callback captured may use the timer when it goes.
+    // Destroyed after the lock is released: the captures of the callback may use the timer when
+    // they are destroyed.
     Callback cancelled;
     if (tag == 0) {
         return false;
@@ -94,7 +95,8 @@ void Timer::runDueItems() {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_Items.empty() && std::chrono::steady_clock::now() >= m_Items.front().when) {
         {
-            // Dies before the lock is back: what the callback captured may use the timer.
+            // Destroyed before the lock is taken again: the captures of the callback may use the
+            // timer.
             const auto item = popItem();
             lock.unlock();
             if (item.callback) {

@@ -29,7 +29,7 @@ int journalPriority(spdlog::level::level_enum level) {
     }
 }
 
-// A record without a source location reads as the C library prints a missing text.
+// A record without a source location gets the text that the C library prints for a null pointer.
 const char* orNull(const char* text) {
     return text != nullptr ? text : "(null)";
 }

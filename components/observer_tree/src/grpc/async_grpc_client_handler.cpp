@@ -43,20 +43,20 @@ enum class AsyncGrpcClientHandler::ClientRequestState {
 
 struct AsyncGrpcClientHandler::CallData {
     ClientRequestState requestState = ClientRequestState::STREAM_STARTING;
-    /// A further copy lives in the handle: the use count tells whether the caller holds it.
+    /// The handle has another copy: the use count shows whether the caller still holds the handle.
     std::shared_ptr<grpc::ClientContext> context;
     grpc::internal::RpcMethod rpcMethod;
     grpc::Status status;
     std::unique_ptr<Message> message;
     CallBackMethodType callback;
     std::shared_ptr<grpc::Channel> channel;
-    /// In the arena of the call: goes before the context.
+    /// Allocated in the arena of the call: destroyed before the context.
     std::variant<std::monostate, std::unique_ptr<Reader>, std::unique_ptr<UnaryReader>> reader;
     bool inProcess = false;
-    /// Guards the callback against the end of the handle, whose deleter shares it. Recursive: the
-    /// callback may end its own handle.
+    /// Protects the callback from the end of the handle, whose deleter shares the mutex. Recursive:
+    /// the callback may end its own handle.
     std::shared_ptr<std::recursive_mutex> callMutex;
-    /// Until when the channel of the ended call is looked at again.
+    /// The channel of the ended call is checked again until this time.
     std::chrono::steady_clock::time_point lossDeadline{};
 
     bool isHandleHeld() const {
@@ -72,7 +72,7 @@ struct AsyncGrpcClientHandler::CallData {
     }
 
     bool mayBeLeftAlone() const {
-        // The channel of an in-process call has no state to ask for.
+        // The channel of an in-process call has no state to query.
         return status.ok() && isHandleHeld() &&
                (inProcess || channel->GetState(false) != GRPC_CHANNEL_IDLE);
     }
@@ -105,7 +105,7 @@ void AsyncGrpcClientHandler::stop() {
     if (m_thread) {
         m_thread->join();
     }
-    // gRPC wants a queue to be empty before it goes; every call has been cancelled.
+    // gRPC requires an empty queue on destruction; every call has been cancelled.
     void* tag = nullptr;
     bool ok = false;
     while (m_completionQueue->Next(&tag, &ok)) {
@@ -118,7 +118,7 @@ void AsyncGrpcClientHandler::freeCalls() {
     m_leftAlone.clear();
     decltype(m_calls) calls;
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    calls.swap(m_calls);  // freed without the lock: what callbacks hold may end calls
+    calls.swap(m_calls);  // freed without the lock: captures of callbacks may end calls
 }
 
 void AsyncGrpcClientHandler::startThread() {

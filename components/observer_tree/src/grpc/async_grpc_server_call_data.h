@@ -16,31 +16,31 @@
 
 namespace Hox::ObserverTree {
 
-/// Tells what the next event of a call means.
+/// The meaning of the next event of a call.
 enum class CallDataState {
     WAITING_FOR_REQUEST = 0,         ///< The arrival of a requested call.
     STREAMING_TO_CLIENT = 1,         ///< The end of a write on a running stream.
-    FINISHED_STREAMING_CLEANUP = 2,  ///< gRPC's notice that a streaming call is done.
+    FINISHED_STREAMING_CLEANUP = 2,  ///< gRPC's notification that a streaming call is done.
     FINISHED = 3,                    ///< The end of a unary call's answer.
 };
 
-/// What only a streaming call has.
+/// The additional state of a streaming call.
 struct AsyncGrpcServerHandler::ObserveStream {
     explicit ObserveStream(grpc::ServerContext* context) : writer(context) {}
 
     grpc::ServerAsyncWriter<google::protobuf::Message> writer;
-    /// Writes in flight plus writes queued. Wide enough for any queue that memory holds.
+    /// Writes in flight plus writes queued. Wide enough for any queue that fits into memory.
     std::atomic<uint32_t> pendingWrites{0};
     std::deque<std::function<void()>> delayedWrites;  // GUARDED_BY(handler's m_writeMutex)
     /// Nothing is written any more. GUARDED_BY(handler's m_writeMutex)
     bool isFinishing = false;
-    /// gRPC has told that the call is done.
+    /// gRPC has reported that the call is done.
     bool isDone = false;
     /// Keeps the observation running. Emptied under the capability's mutex.
     std::any observeHandle;
 };
 
-/// One call, or the object that receives the notice of a streaming call's end.
+/// One call, or the object that receives the notification of a streaming call's end.
 struct AsyncGrpcServerHandler::CallData {
     /// A call that is about to be requested.
     explicit CallData(std::shared_ptr<const AsyncMethodDesc> method)
@@ -59,15 +59,15 @@ struct AsyncGrpcServerHandler::CallData {
           peerTag(streamingCallTag) {}
 
     std::unique_ptr<google::protobuf::Message> request;
-    const ObsTreeOptions& options;  // the method's, which asyncMethodDesc keeps alive
+    const ObsTreeOptions& options;  // kept alive by asyncMethodDesc
     CallDataState state;
-    std::unique_ptr<grpc::ServerContext> context;  // ahead of what refers to it
+    std::unique_ptr<grpc::ServerContext> context;  // declared before the members that refer to it
     std::unique_ptr<grpc::ServerAsyncResponseWriter<google::protobuf::Message>> responder;
     std::unique_ptr<ObserveStream> stream;
     std::shared_ptr<const AsyncMethodDesc> asyncMethodDesc;
     /// From a streaming call to its cleanup object and back.
     std::weak_ptr<CallData> peer;
-    CallDataTag* peerTag = nullptr;  // on a cleanup object; valid as long as the peer lives
+    CallDataTag* peerTag = nullptr;  // of a cleanup object; valid as long as the peer
     ObserverTree* tree = nullptr;
 };
 

@@ -1,4 +1,4 @@
-// What the handler does at each event of its queue.
+// Handles the events of the queue.
 #include <utility>
 
 #include "grpc/async_grpc_server_call_data.h"
@@ -49,7 +49,7 @@ void AsyncGrpcServerHandler::processNotOkEvent(CallDataTag* tag) {
     const CallData& callData = **tag;
     switch (callData.state) {
         case CallDataState::WAITING_FOR_REQUEST:
-            // From here on the server would hand back each request at once.
+            // From here on the server would return each request immediately.
             m_isServerShuttingDown = true;
             break;
         case CallDataState::FINISHED_STREAMING_CLEANUP:
@@ -120,7 +120,8 @@ void AsyncGrpcServerHandler::processUnaryRequest(CallDataTag* tag) {
                   "{} Received {} Call Data, full method name {}", fmt::ptr(tag), toString(OpId),
                   (*tag)->asyncMethodDesc->fullName);
     tryCallUnaryOpCast<OpId>(*tag);
-    // Not when the answer has left: a client that does not take it must not hold up the others.
+    // Now, not after the answer has been sent: a client that does not read its answer must not
+    // block the others.
     createCallData((*tag)->asyncMethodDesc);
     m_logger->log(Hox::Log::here(), spdlog::level::trace, "{} End {} Call Data", fmt::ptr(tag),
                   toString(OpId));
@@ -254,8 +255,8 @@ void AsyncGrpcServerHandler::processEndOfStream(CallDataTag* tag) {
     freeTag(tag);
 }
 
-/// What the call holds goes at once, or with the write that is on its way. Of its tag the shell
-/// stays: it is the address by which the observation has known the call.
+/// The content of the call is released immediately, or after the write in flight. The shell of its
+/// tag stays: the observation knows the call by its address.
 void AsyncGrpcServerHandler::endStream(const CallData& cleanup) {
     const auto streamingCall = cleanup.peer.lock();
     if (!streamingCall) {

@@ -63,7 +63,8 @@ void AsyncGrpcServerHandler::startProcessingCompletionQueue(std::promise<void> r
     requestFirstCalls();
     requested.set_value();
     if (processEvents() == NextStatus::TIMEOUT) {
-        // The queue was shut down behind that look at it: what came in between still lies there.
+        // The queue was shut down after the last look at it: events that came in between are still
+        // in it.
         processEvents();
     }
     m_logger->log(Hox::Log::here(), spdlog::level::debug, "AsyncGrpcServerHandler Thread Exited ");

@@ -4,7 +4,7 @@ namespace Hox::ObserverTree {
 
 namespace {
 
-/// Whether the byte goes on with a UTF-8 character.
+/// Whether the byte continues a UTF-8 character.
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }

@@ -15,9 +15,10 @@ grpc_completion_queue* makeCoreQueue() {
 
 #ifdef HALVO_NON_POLLING_QUEUES
 
-/// The queue inside a queue. The library's C++ interface makes server queues that poll only, while
-/// the library below it takes any kind; a member that is named in an explicit instantiation may be
-/// private. A library in which it has another name or type does not compile here.
+/// The queue inside a queue. The C++ interface of the library only creates polling server queues,
+/// while the C core accepts any kind. A member that is named in an explicit instantiation may be
+/// private. If the member has another name or type in some version of the library, this does not
+/// compile.
 template <grpc_completion_queue* grpc::CompletionQueue::*member>
 struct CoreQueueOf {
     friend grpc_completion_queue*& coreQueue(grpc::CompletionQueue& queue) { return queue.*member; }

@@ -9,7 +9,7 @@ namespace {
 constexpr std::uint64_t oneWaiting = 1;
 constexpr std::uint64_t oneEnded = std::uint64_t{1} << 32U;
 
-// Looks at which nothing has changed until the thread sleeps.
+// Number of checks without a change before the thread sleeps.
 constexpr int quietLooks = 2;
 
 }  // namespace
@@ -73,7 +73,7 @@ void StandbyPoller::run() {
     }
 }
 
-/// False when the thread is to end.
+/// Returns false if the thread must end.
 bool StandbyPoller::pause() {
     std::unique_lock<std::mutex> lock(m_mutex);
     return !m_condition.wait_for(lock, lookInterval, [this] { return m_isToEnd; });
@@ -83,7 +83,7 @@ void StandbyPoller::sleep() {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_isAsleep = true;
     if (nobodyWaits(m_waits)) {
-        m_isAsleep = false;  // whose wait has just ended may not have seen that there is a sleeper
+        m_isAsleep = false;  // a thread whose wait has just ended may not have seen the sleeper
     }
     m_condition.wait(lock, [this] { return m_isToEnd || !m_isAsleep; });
 }

@@ -25,7 +25,7 @@ UnaryCaller::~UnaryCaller() {
         m_queue->Shutdown();
         void* tag = nullptr;
         bool ok = false;
-        m_queue->Next(&tag, &ok);  // gRPC wants to be asked until the queue has ended
+        m_queue->Next(&tag, &ok);  // gRPC requires Next() until the queue has ended
     }
 }
 
@@ -46,7 +46,7 @@ grpc::Status UnaryCaller::callInProcess(const OwnedRpcMethod& method, const Mess
     std::unique_ptr<grpc::ClientAsyncResponseReader<Message>> reader;
     grpc::Status status;
     {
-        // Held for the start alone: who closes the gate does not wait for the answer.
+        // Held for the start only: closing the gate does not wait for the answer.
         const auto passage = m_gate->pass();
         if (!passage.owns_lock()) {
             return {grpc::StatusCode::UNAVAILABLE, "The server has been shut down"};

@@ -7,8 +7,8 @@
 
 namespace Hox::ObserverTree {
 
-/// Says why the key pattern of an ObserveReq can never be matched: a literal component stands
-/// behind its "**". Nothing for other patterns, malformed ones included, and other requests.
+/// Returns the reason why the key pattern of an ObserveReq can never match: a literal component
+/// after its "**". Nothing for other patterns, including malformed ones, and for other requests.
 std::optional<std::string> findUnmatchablePattern(const google::protobuf::Message& request);
 
 }  // namespace Hox::ObserverTree

@@ -24,7 +24,7 @@ constexpr const char* stateIdKey = "/__csid";
 /// Keys of the tree that an update may still remove, with their values.
 using Candidates = std::map<std::string, DataTreeValPtr>;
 
-/// A key that no expression may be tried on lies in no persistent part.
+/// A key that is too long for an expression is not in the persistent part.
 bool matchesKey(Hox::CppUtil::BoundedRegex& expression, const std::string& key) {
     return key.size() <= Hox::CppUtil::BoundedRegex::maxSubjectSize && expression.matches(key);
 }
@@ -43,8 +43,8 @@ Candidates candidatesFor(const std::string& regex, const DataTree& tree) {
     return candidates;
 }
 
-/// What the changes have removed already is gone from the tree, and what they have written from the
-/// candidates.
+/// Keys that the changes have removed are no longer in the tree; keys that they have written are no
+/// longer among the candidates.
 void removeLeftOvers(const Candidates& candidates, DataTree& tree) {
     for (const auto& [key, value] : candidates) {
         if (!value->notPersisted()) {
@@ -71,7 +71,7 @@ void applyEntry(const std::string& key, const ObsTreeDataNodePair& pair, bool do
     }
 }
 
-/// Lets go of a lock as long as it lives, if there is one and it is held.
+/// Releases a lock during its lifetime, if there is a lock and it is held.
 class Released {
 public:
     explicit Released(std::unique_lock<std::mutex>* lock)
@@ -94,7 +94,8 @@ private:
     std::unique_lock<std::mutex>* m_lock;
 };
 
-/// Empty, which matches no state of the store, where a file or a client has left something else.
+/// Empty, which matches no state of the store, if a file or a client has left a value of another
+/// type.
 std::string readStateId(const DataTree& tree) {
     const auto stateId = tree.find(stateIdKey);
     if (stateId == tree.end()) {
@@ -191,7 +192,7 @@ void PersistenceHndlr::startCentralObserving() {
     const auto firstAnswer = std::make_shared<Hox::CppUtil::BinarySemaphore>();
     m_centralObserveHandle.reset();
     m_centralDataSeen = false;
-    // A copy, as any change of the tree may replace the member once the lock is free.
+    // A copy, because any change of the tree may replace the member once the lock is released.
     const std::string lastStateId = m_confStateId;
     const Released released(m_lock.get());
     m_centralObserveHandle = m_nodeDataHndlr->observeNodeData(

@@ -34,7 +34,7 @@ namespace {
 constexpr const char* typeMember = "@type";
 constexpr const char* bytesMember = "@bytes";
 
-/// Decides which types of messages JSON holds exactly, whatever their fields are set to.
+/// Decides which message types JSON represents exactly, for all values of their fields.
 class ExactTypes {
 public:
     bool contain(const Descriptor& type) {
@@ -43,12 +43,12 @@ public:
     }
 
 private:
-    /// JSON gives up beyond some 60 levels.
+    /// The JSON parser fails beyond about 60 levels.
     static constexpr int maxDepth = 30;
 
-    /// How deep messages of the type are nested, 0 for a type that may lose something.
+    /// The nesting depth of messages of the type, 0 for a type that may lose data.
     int depthOf(const Descriptor& type) {
-        // A type that is met again below itself may be nested without an end.
+        // A type that occurs below itself may be nested without limit.
         const auto [known, isNew] = m_depths.try_emplace(&type, 0);
         if (isNew && isPlain(type)) {
             int depth = 1;
@@ -61,7 +61,7 @@ private:
         return known->second;
     }
 
-    /// Types with a JSON form of their own differ from others in what they lose.
+    /// Types with a special JSON form lose other data than plain types.
     static bool isPlain(const Descriptor& type) {
         const FileDescriptor& file = *type.file();
         const bool isOfLibrary = file.package() == "google.protobuf";
@@ -116,7 +116,8 @@ std::string serialized(const Message& message) {
     return bytes;
 }
 
-/// Whether JSON holds the value exactly: a cheap answer, which may be false where it does.
+/// Whether JSON represents the value exactly. A cheap check, which may return false although it
+/// does.
 bool isExact(const Any& value) {
     static ExactTypes exactTypes;
     const auto message = unpack(value);
@@ -138,8 +139,8 @@ bool isReadBack(const std::string& text, const Any& value) {
     return read != nullptr && original != nullptr && serialized(*read) == serialized(*original);
 }
 
-/// The same text as jsonOf() in less than half of its time, for what most values are; empty for any
-/// other value.
+/// The same text as jsonOf() in less than half of the time, for the most common kind of values;
+/// empty for any other value.
 std::string jsonOfText(const Any& value) {
     static const std::string type = "type.googleapis.com/" + StringValue::descriptor()->full_name();
     StringValue text;
@@ -152,7 +153,7 @@ std::string jsonOfText(const Any& value) {
     return {};
 }
 
-/// Empty where JSON does not hold the value exactly.
+/// Empty if JSON does not represent the value exactly.
 std::string jsonOf(const Any& value) {
     std::string json;
     const bool isWritten = MessageToJsonString(value, &json).ok();
@@ -199,7 +200,7 @@ std::string textOfValue(const Any& value) {
     if (value.type_url().empty() && value.value().empty()) {
         return "{}";
     }
-    // What cannot be converted is reported to standard error otherwise.
+    // Without this, protobuf reports failed conversions on standard error.
     const google::protobuf::LogSilencer silencer;
     std::string text = jsonOfText(value);
     if (text.empty()) {

@@ -7,8 +7,8 @@
 namespace Hox::ObserverTree {
 
 /// The text of the file that holds the value: its JSON form, or {"@type": ..., "@bytes": <base64>}
-/// where JSON cannot hold it exactly, as with a type that this program does not know. Throws
-/// InvalidArgumentError for a type URL that is no UTF-8.
+/// if JSON cannot represent it exactly, for example for a type that this program does not know.
+/// Throws InvalidArgumentError for a type URL that is not UTF-8.
 std::string textOfValue(const google::protobuf::Any& value);
 
 /// Reads either form. False, with an empty value, for any other text.

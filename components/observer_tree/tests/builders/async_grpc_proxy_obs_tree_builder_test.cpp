@@ -21,7 +21,7 @@ TEST(ProxyTreeBuilder, OffersNothingToObserveWithoutAnObserveMethod) {
                  FuncNodeHandlerError);
 }
 
-/// Tells apart the two methods that are bound to one address and operation.
+/// Distinguishes the two methods that are bound to one address and operation.
 class ReadsOfTwoKinds : public TestService::Service {
     grpc::Status readItem(grpc::ServerContext* /*context*/, const Item* /*request*/,
                           Answer* response) override {
@@ -50,7 +50,7 @@ TEST(ProxyTreeBuilder, LetsTheLastOfTwoEqualMethodsWin) {
 TEST(ProxyTreeBuilder, RefusesAMethodWithoutAValidOperation) {
     const auto mutex = std::make_shared<std::mutex>();
     const auto channel = grpc::CreateChannel("127.0.0.1:1", grpc::InsecureChannelCredentials());
-    const std::lock_guard<std::mutex> lock(*mutex);  // as the frame holds it in its hooks
+    const std::lock_guard<std::mutex> lock(*mutex);  // the frame also holds it in its hooks
     try {
         AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<WrongTypeService>(channel, mutex,
                                                                             nullptr);

@@ -31,7 +31,7 @@ using ::testing::IsSupersetOf;
 using ::testing::MatchesRegex;
 
 /// Streams as the pattern of the request says: "stay" sends one element and lasts until it is
-/// cancelled, "end" and "fail" return behind one element, "flood" sends until it is cancelled.
+/// cancelled, "end" and "fail" return after one element, "flood" sends until it is cancelled.
 class ScriptedService : public TestService::Service {
 public:
     grpc::Status observeItems(grpc::ServerContext* context, const ObserveReq* request,
@@ -64,7 +64,7 @@ private:
     std::atomic<int> m_running{0};
 };
 
-/// What a callback was told: the key of a message, or code and text of a failure.
+/// Records the calls of a callback: the key of a message, or code and text of a failure.
 class Told {
 public:
     AsyncGrpcClientHandler::CallBackMethodType callback() {
@@ -138,7 +138,7 @@ protected:
             request, observeItems(), channel ? channel : m_channel, m_inProcess, callback);
     }
 
-    /// Waits until the handler is through with the event that it has logged last.
+    /// Waits until the handler has finished the event that it logged last.
     void passEvent() const { const std::lock_guard<std::mutex> lock(*m_mutex); }
 
     void shutdownServer() { m_server->Shutdown(std::chrono::system_clock::now()); }
@@ -166,7 +166,7 @@ bool sawTheEndsOfCalls(const LogCapture& log, std::ptrdiff_t count) {
     });
 }
 
-/// Over a connection and in the process.
+/// Over a connection and in-process.
 class ClientHandler : public ClientHandlerFixture, public ::testing::TestWithParam<bool> {
 protected:
     ClientHandler() : ClientHandlerFixture(GetParam()) {}
@@ -184,8 +184,8 @@ TEST_P(ClientHandler, EndsACallWithoutAWordWhenItsHandleIsDropped) {
     EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
 }
 
-/// Connects once: the next try would be made by a thread of gRPC, whose own synchronisation
-/// ThreadSanitizer does not see.
+/// Connects once: a thread of gRPC would make the next attempt, and ThreadSanitizer does not see
+/// the synchronisation of gRPC.
 std::shared_ptr<grpc::Channel> channelToNobody() {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 60000);
@@ -206,7 +206,7 @@ TEST_P(ClientHandler, LeavesCallsAloneWhoseChannelIsNotLost) {
     ASSERT_TRUE(sawTheEndsOfCalls(m_log, 3));
     passEvent();
     const std::size_t elements = m_inProcess ? 3 : 2;
-    // Ended calls are looked at again for a second.
+    // The channels of ended calls are checked again for a second.
     EXPECT_FALSE(waitUntil([&] { return m_told.lines().size() > elements; },
                            std::chrono::milliseconds(1200)));
     EXPECT_THAT(m_told.lines(), IsSupersetOf({"/end", "/fail"}));
@@ -236,7 +236,7 @@ TEST_P(ClientHandler, FreesEveryCallWhoseHandleIsDroppedAboutWhenItEnds) {
             told.set_value();
         });
         told.get_future().wait();
-        // The end comes right behind the element: a little later in each round.
+        // The end comes directly after the element: a little later in each round.
         const auto dropTime =
             std::chrono::steady_clock::now() + std::chrono::microseconds(round % 100);
         while (std::chrono::steady_clock::now() < dropTime) {
@@ -289,7 +289,7 @@ TEST_F(RemoteClientHandler, KeepsLaterCallsWhenHandlesOfLostOnesAreDropped) {
             if (message) {
                 ++elements;
             } else {
-                // May get the place of the record that was freed before.
+                // May get the address of the record that was freed before.
                 kept.push_back(start("later", later.callback(), channel));
             }
         }));

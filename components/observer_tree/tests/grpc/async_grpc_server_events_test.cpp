@@ -1,9 +1,9 @@
-// The state machine of calls, driven event by event.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "grpc/hand_driven_server.h"
 #include "grpc/observe_client.h"
+#include "grpc/running_stream.h"
 #include "grpc/unary_call.h"
 #include "hox/testing/log_capture.h"
 
@@ -41,25 +41,7 @@ QueueEvent asNotOk(QueueEvent event) {
     return event;
 }
 
-/// A stream whose snapshot, an item of count 1 at /items/a, has been written and read.
-struct RunningStream {
-    explicit RunningStream(HandDrivenServer& server)
-        : client(observeOneItem(server)), tag(server.processNext()) {
-        EXPECT_TRUE(client->read());
-        EXPECT_EQ(server.processNext(), tag);
-    }
-
-    static std::unique_ptr<ObserveClient> observeOneItem(HandDrivenServer& server) {
-        createItem(*server.tree, "a", 1);
-        return std::make_unique<ObserveClient>(*server.stub);
-    }
-
-    std::unique_ptr<ObserveClient> client;
-    void* tag;
-};
-
-/// What the handler logs while an item changes twice: the second write waits for the first one, so
-/// that it shows also where no client reads.
+/// The log of the handler while an item changes twice: the second write waits for the first one.
 std::vector<std::string> writesOfTwoChanges(HandDrivenServer& server) {
     const LogCapture log(handlerLogger);
     createItem(*server.tree, "b", 1);
@@ -168,89 +150,13 @@ TEST(AsyncGrpcServerEvents, AnswersThatNobodyTakesHoldUpNobody) {
         auto call = startCall(*server.stub, &TestService::Stub::readItem, "x");
         server.processNext();
         EXPECT_TRUE(call.get().status.ok());
-        untaken.push_back(server.next());  // has left, but nobody looks at it
+        untaken.push_back(server.next());  // has been sent, but is not processed
     }
     EXPECT_EQ(server.service->requests("readItem"), 4);
     for (const auto& event : untaken) {
         EXPECT_TRUE(server.process(event));
     }
     EXPECT_EQ(server.service->requests("readItem"), 4);
-}
-
-TEST(AsyncGrpcServerEvents, TextsForClientsAreCut) {
-    HandDrivenServer server;
-    server.tree->registerUnaryOpHandler<UnaryOps::READ, Item, Answer>(
-        "/missing", [](const Item& item, DataTree& /*data*/) {
-            return UnaryHandlerReturnType<Answer>{std::make_unique<Answer>(),
-                                                  Status(ProtoStatus::NOT_FOUND, item.name())};
-        });
-    const auto result = server.processUntilReady(
-        startCall(*server.stub, &TestService::Stub::readMissing, std::string(9000, 'x')));
-    EXPECT_EQ(result.status.error_code(), grpc::StatusCode::NOT_FOUND);
-    EXPECT_EQ(result.status.error_message(), std::string(2000, 'x'));
-}
-
-TEST(AsyncGrpcServerEvents, TextsInElementsAreCut) {
-    HandDrivenServer server;
-    ObserveClient client(*server.stub, "/" + std::string(9000, 'x') + "*");
-    server.processNext();
-    ASSERT_TRUE(client.read());
-    EXPECT_EQ(client.element.observestatus().statuscode(), ProtoStatus::INVALID_ARGUMENT);
-    EXPECT_THAT(client.element.observestatus().errormessage(), SizeIs(2000));
-    server.processNext();
-}
-
-TEST(AsyncGrpcServerEvents, TooLargeAnswerIsRefusedWithOneErrorLine) {
-    HandDrivenServer server(100);
-    const LogCapture log(handlerLogger, spdlog::level::info);
-    const auto result = server.processUntilReady(
-        startCall(*server.stub, &TestService::Stub::readItem, std::string(200, 'x')));
-    EXPECT_EQ(result.status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
-    EXPECT_EQ(result.status.error_message(), "The answer is too large to be sent: 208 bytes");
-    EXPECT_THAT(log.textsAt(spdlog::level::err),
-                ElementsAre("Hox.ObserverTree.Test.TestService.readItem: "
-                            "The answer is too large to be sent: 208 bytes"));
-    EXPECT_TRUE(server.processUntilReady(startCall(*server.stub, &TestService::Stub::readItem, "x"))
-                    .status.ok());
-}
-
-TEST(AsyncGrpcServerEvents, TooLargeElementEndsItsStreamAfterWhatWasQueued) {
-    HandDrivenServer server(250);
-    RunningStream stream(server);
-    const LogCapture log(handlerLogger, spdlog::level::info);
-    createItem(*server.tree, "b", 1);
-    createItem(*server.tree, "b", 2);
-    createItem(*server.tree, std::string(300, 'x'), 3);
-    createItem(*server.tree, "b", 4);
-    createItem(*server.tree, std::string(300, 'x'), 5);
-    EXPECT_THAT(log.textsAt(spdlog::level::err), SizeIs(1));
-    for (const int count : {1, 2}) {
-        ASSERT_TRUE(stream.client->read());
-        EXPECT_EQ(currentCount(stream.client->element, "/items/b"), count);
-        server.processNext();
-    }
-    EXPECT_FALSE(stream.client->read());
-    const auto status = stream.client->reader->Finish();
-    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
-    EXPECT_THAT(status.error_message(), StartsWith("The change set is too large to be sent: "));
-    EXPECT_EQ(server.handlers.observers, 1);
-    server.processNext();
-    server.processNext();
-    EXPECT_EQ(server.handlers.observers, 0);
-    EXPECT_FALSE(server.hasEvent());
-}
-
-TEST(AsyncGrpcServerEvents, TooLargeSnapshotEndsItsStream) {
-    HandDrivenServer server(250);
-    createItem(*server.tree, std::string(300, 'x'));
-    ObserveClient client(*server.stub);
-    server.processNext();
-    EXPECT_FALSE(client.read());
-    EXPECT_EQ(client.reader->Finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
-    ObserveClient other(*server.stub, "/items/none");
-    while (server.handlers.observers != 1 || server.service->requests("observeItems") != 3) {
-        server.processNext();
-    }
 }
 
 TEST(AsyncGrpcServerEvents, AnswerThatNeverLeftLeavesTheMethodCallable) {
@@ -447,7 +353,7 @@ TEST(AsyncGrpcServerEvents, ClientThatVanishesWithAWriteInFlightLeavesNothingBeh
         const LogCapture log(handlerLogger);
         ObserveClient client(*server.stub);
         auto* const tag = server.processNext();
-        createItem(*server.tree, "b");  // queued behind the snapshot
+        createItem(*server.tree, "b");  // queued after the snapshot
         EXPECT_FALSE(server.hasEvent());
         client.context.TryCancel();
         auto first = server.next();
@@ -475,7 +381,7 @@ TEST(AsyncGrpcServerEvents, FailedWriteEndsTheCallAndRequestsNothing) {
     EXPECT_EQ(server.handlers.observers, 0);
     EXPECT_EQ(server.service->requests("observeItems"), 2);
     stream.client->context.TryCancel();
-    server.processNext();  // the notice of a stream that is gone already
+    server.processNext();  // the notification of a stream that has already ended
     EXPECT_FALSE(server.hasEvent());
 }
 

@@ -40,7 +40,7 @@ std::unique_ptr<AsyncGrpcServerHandler> handlerWithoutServer(grpc::ServerBuilder
                                                     std::make_shared<std::mutex>());
 }
 
-/// That many observers of everything.
+/// Starts `count` observers of all keys.
 std::vector<std::unique_ptr<ObserveClient>> observe(TestService::Stub& stub, std::size_t count) {
     std::vector<std::unique_ptr<ObserveClient>> observers(count);
     for (auto& observer : observers) {
@@ -49,7 +49,7 @@ std::vector<std::unique_ptr<ObserveClient>> observe(TestService::Stub& stub, std
     return observers;
 }
 
-/// Sends the bytes as a request of createItem, whatever they are.
+/// Sends arbitrary bytes as a request of createItem.
 grpc::Status sendBytes(const std::shared_ptr<grpc::Channel>& channel, const std::string& bytes) {
     grpc::GenericStub stub(channel);
     grpc::ClientContext context;
@@ -68,7 +68,7 @@ grpc::Status sendBytes(const std::shared_ptr<grpc::Channel>& channel, const std:
     return status;
 }
 
-/// Whether anybody holds the mutex, the calling thread included.
+/// Whether a thread holds the mutex; this may be the calling thread.
 bool isLocked(std::mutex& mutex) {
     return std::async(std::launch::async,
                       [&mutex] {
@@ -162,12 +162,12 @@ TEST(AsyncGrpcServerHandler, FreesWhatComesBetweenItsLastLookAtTheQueueAndTheEnd
     const ObserveClient client(*served.stub);
     ASSERT_TRUE(waitUntil([&] { return served.handlers.observers == 1; }));
 
-    // The thread finds nothing in the queue and then has to wait for the mutex.
+    // The thread finds nothing in the queue and then must wait for the mutex.
     std::unique_lock<std::mutex> lock(*served.mutex);
     ASSERT_TRUE(waitUntil([&] { return isAwaited(*served.mutex); }));
     createItem(*served.tree, "a");
     const auto destroyed = std::async(std::launch::async, [&served] { served.destroyHandler(); });
-    // Changes are queued behind the first one until the handler goes.
+    // Changes are queued after the first one until the handler is destroyed.
     ASSERT_TRUE(waitUntil([&] {
         const auto before = log.texts().size();
         createItem(*served.tree, "a");
@@ -176,7 +176,7 @@ TEST(AsyncGrpcServerHandler, FreesWhatComesBetweenItsLastLookAtTheQueueAndTheEnd
     lock.unlock();
     destroyed.wait();
     EXPECT_EQ(served.handlers.observers, 0);
-    // The queue tells of its shutdown only when it is empty.
+    // The queue reports its shutdown only when it is empty.
     EXPECT_TRUE(log.containsInOrder({"Shutdown", "AsyncGrpcServerHandler Thread Exited "}));
 }
 
@@ -189,10 +189,10 @@ TEST(AsyncGrpcServerHandler, HoldsTheCapabilityMutexWhileTheLastObservationsEnd)
         });
     served.handler->startCompletionQueueThread();
     const ObserveClient busy(*served.stub);
-    const ObserveClient idle(*served.stub, "/none");  // has no event of its own at the end
+    const ObserveClient idle(*served.stub, "/none");  // gets no event at the end
     ASSERT_TRUE(waitUntil([&] { return served.handlers.allObservers == 2; }));
 
-    // The end of the stream is told to a handler that has been told to end.
+    // The end of the stream is reported to a handler that is shutting down.
     std::unique_lock<std::mutex> lock(*served.mutex);
     ASSERT_TRUE(waitUntil([&] { return isAwaited(*served.mutex); }));
     const auto destroyed = std::async(std::launch::async, [&served] { served.destroyHandler(); });
@@ -335,7 +335,7 @@ TEST(AsyncGrpcServerHandler, TwoHundredObserversGetTheSameChange) {
     }
 }
 
-/// A method of the same kind as createItem, but of another operation number. Its pool lives on.
+/// A method like createItem, but with another operation number. Its pool is not destroyed.
 const google::protobuf::MethodDescriptor& methodOfType(int type) {
     static google::protobuf::DescriptorPool pool(
         google::protobuf::DescriptorPool::generated_pool());

@@ -6,7 +6,8 @@
 
 namespace {
 
-/// Has the log system of the captures from the first test on: it records before a log call returns.
+/// Installs the log system of the captures before the first test: it records before a log call
+/// returns.
 class CapturedLogging : public ::testing::Environment {
 public:
     void SetUp() override { const Hox::Testing::LogCapture installed; }

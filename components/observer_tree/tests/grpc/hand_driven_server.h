@@ -22,11 +22,11 @@ struct QueueEvent {
     bool ok;
 };
 
-/// A served tree without a thread: the test takes each event from the queue and hands it on,
-/// changed or not. Clients are in the same process.
+/// A served tree without a thread: the test takes each event from the queue and passes it on,
+/// changed or unchanged. Clients are in the same process.
 class HandDrivenServer {
 public:
-    /// Without a limit, messages may be as large as the handler lets them be.
+    /// Without a limit, the handler's default limit applies.
     explicit HandDrivenServer(std::optional<std::size_t> maxMessageSize = std::nullopt);
     ~HandDrivenServer();
     HandDrivenServer(const HandDrivenServer&) = delete;
@@ -34,19 +34,19 @@ public:
     HandDrivenServer& operator=(const HandDrivenServer&) = delete;
     HandDrivenServer& operator=(HandDrivenServer&&) = delete;
 
-    /// Waits for the next event, but not for ever.
+    /// Waits for the next event, with a deadline.
     QueueEvent next();
 
     /// Whether an event is waiting right now; it is kept for next().
     bool hasEvent();
 
-    /// Hands an event to the handler.
+    /// Passes an event to the handler.
     bool process(const QueueEvent& event) const;
 
-    /// Takes the next event and hands it on as it is; returns its tag.
+    /// Takes the next event and passes it on unchanged; returns its tag.
     void* processNext();
 
-    /// Takes and hands on events until the future is ready.
+    /// Takes and passes on events until the future is ready.
     template <typename T>
     T processUntilReady(std::future<T> future) {
         while (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
@@ -55,8 +55,8 @@ public:
         return future.get();
     }
 
-    /// Ends the server and then the handler, which finds all events of the end in its queue. Twice
-    /// does no harm.
+    /// Shuts down the server and then destroys the handler, which finds all final events in its
+    /// queue. A second call has no effect.
     void destroyHandler();
 
     std::shared_ptr<std::mutex> mutex = std::make_shared<std::mutex>();  ///< The capability's.

@@ -33,7 +33,7 @@ TEST(InProcessGate, LetsNobodyPassOnceItIsClosed) {
     const auto passage = gate.pass();
     EXPECT_FALSE(passage.owns_lock());
     EXPECT_FALSE(gate.pass().owns_lock());
-    gate.close();  // would wait for ever for one who has passed
+    gate.close();  // would wait for ever for a held pass
 }
 
 }  // namespace

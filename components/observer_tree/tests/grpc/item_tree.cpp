@@ -49,7 +49,7 @@ void registerItemHandlers(ObserverTree& tree, ItemHandlers& handlers) {
         "/items", [&handlers](const ObserveReq& /*request*/, const ObserverCallback& /*callback*/) {
             --handlers.observers;
         });
-    // Replaces the hook of the default handler, and answers malformed patterns as that does.
+    // Replaces the hook of the default handler and answers malformed patterns in the same way.
     tree.registerNewObserverHandler<ObserveReq>(
         "/items", [&handlers](const ObserveReq& request, const ObserverCallback& callback) {
             ++handlers.observers;

@@ -19,7 +19,7 @@ namespace {
 
 using Hox::Testing::waitUntil;
 
-/// Lets this process have no further descriptor while it lives.
+/// Prevents this process from opening descriptors during its lifetime.
 class NoDescriptors {
 public:
     NoDescriptors() {

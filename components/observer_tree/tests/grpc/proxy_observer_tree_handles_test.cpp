@@ -1,4 +1,4 @@
-// Handles of observations, dropped at odd moments.
+// Handles of observations, dropped at unusual moments.
 #include "hox/observer_tree/proxy_observer_tree.h"
 
 #include <gmock/gmock.h>
@@ -17,7 +17,7 @@ using Hox::Testing::LogCapture;
 using Hox::Testing::waitUntil;
 using ::testing::ElementsAre;
 
-/// Over a connection and in the process.
+/// Over a connection and in-process.
 class ProxyTreeHandles : public ProxyTree, public ::testing::WithParamInterface<bool> {
 protected:
     ProxyTreeHandles() : ProxyTree(GetParam()) {}
@@ -63,7 +63,7 @@ TEST_P(ProxyTreeHandles, WaitForACallbackThatRunsWhileTheyAreDroppedElsewhere) {
     });
     m_served->create("a", 1);
     entered.get_future().wait();
-    // Without the capability's mutex on purpose: the call's own mutex has to suffice.
+    // Without the capability's mutex on purpose: the call's own mutex must suffice.
     std::promise<void> started;
     auto dropped = std::async(std::launch::async, [&] {
         started.set_value();
@@ -78,7 +78,7 @@ TEST_P(ProxyTreeHandles, WaitForACallbackThatRunsWhileTheyAreDroppedElsewhere) {
 
 TEST_P(ProxyTreeHandles, MayBeDroppedElsewhereWhileTheirCallbackObservesAnew) {
     std::promise<void> entered;
-    // The hook for leaving observers is the proxy's own; it says when it runs.
+    // The hook for leaving observers is the proxy's own; it logs when it runs.
     const LogCapture log(
         "async_grpc_proxy_obs_tree_builder.h::Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder",
         spdlog::level::debug);

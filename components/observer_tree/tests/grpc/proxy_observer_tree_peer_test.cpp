@@ -1,4 +1,4 @@
-// Peers that go, come back, share the process or send nonsense.
+// Peers that disappear, come back, share the process or send invalid data.
 #include "hox/observer_tree/proxy_observer_tree.h"
 
 #include <gmock/gmock.h>
@@ -104,7 +104,7 @@ TEST_F(ProxyTree, WorksInTheSameProcess) {
                 return text.find("isOk = 0") != std::string::npos;
             });
         }));
-        inside.drop(handle);  // behind the event: both hold the capability's mutex
+        inside.drop(handle);  // after the event: both hold the capability's mutex
         EXPECT_EQ(m_told.lines().size(), 1U) << "a stream that ends in the process is not reported";
     }
     EXPECT_EQ(m_told.lines().size(), 1U);
@@ -124,7 +124,7 @@ TEST_F(ProxyTree, StartsNothingOnAServerOfItsProcessThatHasBeenShutDown) {
     EXPECT_TRUE(m_told.lines().empty());
 }
 
-/// Sends one element as soon as it is observed.
+/// Sends one element as soon as an observer arrives.
 class OneElementService : public TestService::Service {
 public:
     explicit OneElementService(ObsTreeObserveChangeSet element) : m_element(std::move(element)) {}
@@ -139,7 +139,7 @@ private:
     ObsTreeObserveChangeSet m_element;
 };
 
-/// Streams something that is no change set.
+/// Streams messages that are not change sets.
 class OtherStream : public OtherStreamService::Service {
     grpc::Status observeItems(grpc::ServerContext* /*context*/, const ObserveReq* /*request*/,
                               grpc::ServerWriter<Item>* writer) override {

@@ -78,7 +78,7 @@ TEST_F(ProxyTree, OpensAStreamForEachObserver) {
     expectObservers(0);
 }
 
-/// A capability that serves a tree and writes into it what it observes elsewhere.
+/// A capability that serves a tree and writes the values it observes elsewhere into it.
 TEST_F(ProxyTree, ChangesFromItsThreadNeverStallAServedStream) {
     constexpr int changes = 300;
     ServedTree<TestService> relay;

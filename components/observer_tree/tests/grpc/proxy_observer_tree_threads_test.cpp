@@ -1,4 +1,4 @@
-// Observations of one proxy that come and go on several threads at once.
+// Observations of one proxy that start and end on several threads at the same time.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -24,7 +24,7 @@ std::shared_ptr<GrpcProxyObserverTree> proxyOf(ServedTree<TestService>& served,
         std::make_shared<InProcessGate>());
 }
 
-/// Requests that stand for observers whose streams could not be started.
+/// Requests of observers whose streams could not be started.
 using Requests = std::vector<ObserveReq>;
 
 TEST(ProxyTreeThreads, ObservationsComeWhileOthersGo) {

@@ -18,7 +18,7 @@
 
 namespace Hox::ObserverTree::Test {
 
-/// What an observer was told, from whatever thread.
+/// Records what an observer was told; callable from any thread.
 class Told {
 public:
     void add(const std::string& line) {
@@ -65,7 +65,7 @@ public:
         return handle;
     }
 
-    /// For a callback that uses its own handle: it finds it in place.
+    /// For a callback that uses its own handle: the handle is already assigned.
     void observe(std::any& handle, const std::string& pattern, ObserverCallback callback) {
         ObserveReq request;
         request.set_key_pattern(pattern);
@@ -88,7 +88,7 @@ public:
     std::shared_ptr<GrpcProxyObserverTree> proxy;
 };
 
-/// A served tree behind a port of its own, and a proxy of it.
+/// A served tree on its own port, and a proxy of it.
 class ProxyTree : public ::testing::Test {
 protected:
     explicit ProxyTree(bool inProcess = false) {
@@ -106,7 +106,7 @@ protected:
     }
 
     Hox::Testing::LogCapture m_log{"AsyncGrpcClientHandler"};
-    /// Nobody else gets it while the served tree is away.
+    /// Reserved: no other program gets the port while the tree is not served.
     const Hox::Testing::ReservedPort m_port;
     std::optional<ServedTree<TestService>> m_served{std::in_place, "127.0.0.1:" + m_port.text()};
     Told m_told;

@@ -16,12 +16,12 @@
 namespace Hox::ObserverTree::Test {
 
 /// A tree with the handlers of items, served as in a running program: over TCP, by the handler's
-/// own thread. Taken apart in the order of the frame: the server is shut down, then tree and
-/// handler go, then the server object.
+/// own thread. Destroyed in the order of the frame: the server is shut down, then tree and handler
+/// are destroyed, then the server object.
 template <typename ServiceType>
 class ServedTree {
 public:
-    /// Serves on a port of its own, or on that of a former one.
+    /// Serves on a free port, or on the port of an earlier server.
     explicit ServedTree(const std::string& listeningAddress = "127.0.0.1:0") {
         grpc::ServerBuilder serverBuilder;
         AsyncGRPCServerObsTreeBuilder builder(&serverBuilder, mutex);
@@ -41,7 +41,7 @@ public:
     ServedTree& operator=(const ServedTree&) = delete;
     ServedTree& operator=(ServedTree&&) = delete;
 
-    /// Over a connection of its own.
+    /// Uses a separate connection.
     std::unique_ptr<typename ServiceType::Stub> newStub() {
         return ServiceType::NewStub(newChannel());
     }
@@ -52,7 +52,7 @@ public:
         return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
     }
 
-    /// Changes the tree as another thread of the capability does.
+    /// Changes the tree as another thread of the capability would.
     void create(const std::string& name, int count = 0) {
         const std::lock_guard<std::mutex> lock(*mutex);
         createItem(*tree, name, count);
@@ -66,7 +66,7 @@ public:
     ItemHandlers handlers;
     std::unique_ptr<grpc::Server> server;
     std::unique_ptr<GrpcServerObserverTree> tree;
-    std::shared_ptr<AsyncGrpcServerHandler> handler;  // goes ahead of the tree
+    std::shared_ptr<AsyncGrpcServerHandler> handler;  // destroyed before the tree
     std::string address;
 };
 

@@ -24,7 +24,7 @@ namespace {
 using Hox::Testing::waitUntil;
 using Wait = StandbyPoller::Wait;
 
-/// How many threads of this process read from the network right now.
+/// The number of threads of this process that are reading from the network now.
 long readingThreads() {
     const std::filesystem::directory_iterator threads("/proc/self/task");
     return std::count_if(begin(threads), end(threads), [](const auto& thread) {
@@ -32,7 +32,7 @@ long readingThreads() {
     });
 }
 
-/// How often the threads of this process have gone to sleep by themselves.
+/// The number of voluntary context switches of each other thread of this process.
 std::vector<std::string> switches() {
     std::vector<std::string> counts;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -83,7 +83,7 @@ protected:
     TestService::Service m_service;
     std::optional<StandbyPoller> m_poller;
     std::unique_ptr<grpc::Server> m_server;
-    long m_others = 0;  // threads of the library with files of their own
+    long m_others = 0;  // threads of the library that read their own descriptors
 };
 
 TEST_F(StandbyPollerTest, DoesNothingBeforeItsStart) {

@@ -15,7 +15,7 @@ struct UnaryResult {
 
 using UnaryMethod = grpc::Status (TestService::Stub::*)(grpc::ClientContext*, const Item&, Answer*);
 
-/// Starts a call of the method with an item of that name.
+/// Starts a call of the method with the name of an item.
 std::future<UnaryResult> startCall(TestService::Stub& stub, UnaryMethod method,
                                    const std::string& name);
 

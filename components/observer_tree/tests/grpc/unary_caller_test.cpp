@@ -16,7 +16,7 @@ namespace {
 
 using Hox::Testing::waitUntil;
 
-/// Answers "x" at once and everything else when it is let go or cancelled.
+/// Answers "x" immediately and all other requests when it is released or cancelled.
 class SlowService : public TestService::Service {
 public:
     grpc::Status readItem(grpc::ServerContext* context, const Item* request,

@@ -62,7 +62,7 @@ std::set<std::string> entriesOf(const fs::path& folder) {
     return entries;
 }
 
-/// Few files may be open at a time while this lives.
+/// Limits the number of open files during its lifetime.
 class FewDescriptors {
 public:
     FewDescriptors() {

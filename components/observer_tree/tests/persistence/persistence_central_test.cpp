@@ -27,7 +27,7 @@ using TestKit::value;
 
 class CentralPersistence : public TestKit::Persistence {
 protected:
-    /// Starts persisting; the store answers at once with `first`.
+    /// Starts persisting; the store answers immediately with `first`.
     void start(const ChangeSetType& first, const Status& status, const std::string& dir = "") {
         auto& persistence = handler();
         persistence.setNodeDataHndlr(m_store);
@@ -91,7 +91,7 @@ TEST_F(CentralPersistence, SendsEverythingFirstAndPatchesAfterwards) {
     set("/keep/b", "2");
     EXPECT_THAT(m_store->calls,
                 ElementsAre("|mb/0/cap|full", "  /keep/a: null -> /keep/a", "  /keep/b: null -> 2",
-                            // The new state id is a change of its own.
+                            // The new state id is a separate change.
                             "id1|mb/0/cap|patch", "  /__csid: null -> id1"));
     EXPECT_THAT(content(), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=2"));
 }
@@ -224,7 +224,7 @@ TEST_F(CentralPersistence, AsksWithTheStateIdOfItsStartWhateverArrivesMeanwhile)
     m_lock = std::make_unique<std::unique_lock<std::mutex>>(capabilityMutex);
     auto& persistence = handler();
     persistence.setNodeDataHndlr(m_store);
-    // The store itself looks whether its argument stays as it is.
+    // The store itself checks that its argument does not change.
     m_store->onObserve = [&] {
         std::thread([&] {
             const std::lock_guard<std::mutex> lock(capabilityMutex);

@@ -23,8 +23,8 @@ constexpr const char* persistUpdateAddress = "/.persist_upd_hndlr.";
 /// The request of an observer that selects by the expression.
 RegExObserveReq expression(const std::string& regEx);
 
-/// A central store that records what it is sent and answers as it is told, by default with ids of
-/// its own. Like the real one it has no use for the state id itself.
+/// A central store that records what it gets and answers as configured, by default with its own
+/// ids. Like the real one it does not use the state id itself.
 class FakeCentralStore : public INodeDataHndlr {
 public:
     StoreNodeDataReturn storeNodeData(const std::string& lastStateId, const std::string& nodeType,
@@ -39,7 +39,7 @@ public:
     std::vector<std::string> calls;
     std::deque<StoreNodeDataReturn> answers;
     std::function<void()> onObserve;         ///< runs inside observeNodeData
-    std::function<void()> onEndOfObserving;  ///< runs when the last handle goes
+    std::function<void()> onEndOfObserving;  ///< runs when the last handle is dropped
     std::function<void(ChangeSetType, const Status&)> callback;
     int endedObservings = 0;
 
@@ -49,7 +49,7 @@ private:
     int m_stored = 0;
 };
 
-/// A tree that keeps "/keep/..." by a persistence handler, which each test makes.
+/// A tree whose keys "/keep/..." are persisted by a handler that each test creates.
 class Persistence : public ::testing::Test {
 protected:
     Persistence();
@@ -67,7 +67,7 @@ protected:
     /// The same for the files in the folder.
     static std::vector<std::string> files(const std::filesystem::path& dir);
 
-    /// Observes by the expression, without the snapshot.
+    /// Observes by the expression; ignores the snapshot.
     ObserveRaiiHandleType<RegExObserveReq> observe(const std::string& regEx,
                                                    Observations& observations);
 

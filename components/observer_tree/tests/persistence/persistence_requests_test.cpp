@@ -26,7 +26,7 @@ using ::testing::StartsWith;
 using TestKit::Observations;
 using TestKit::value;
 
-/// What the handler of a persistent tree does with requests from elsewhere.
+/// Tests how the handler of a persistent tree treats requests from other code.
 class PersistenceRequests : public TestKit::Persistence {
 protected:
     PersistenceRequests() { handler(); }

@@ -32,8 +32,6 @@ using google::protobuf::Message;
 using google::protobuf::Reflection;
 using google::protobuf::StringValue;
 using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 const std::string url = "type.googleapis.com/";
 
@@ -56,7 +54,7 @@ Any text(const std::string& content) {
     return packed(message);
 }
 
-/// What protobuf makes of the value by itself.
+/// The JSON that protobuf alone produces for the value.
 std::string plainJson(const Any& value) {
     std::string json;
     EXPECT_TRUE(google::protobuf::util::MessageToJsonString(value, &json).ok());
@@ -81,7 +79,7 @@ void expectBytes(const Any& value) {
     expectReadBack(value);
 }
 
-/// Valid UTF-8 of each length that there is.
+/// Valid UTF-8 characters of every length.
 std::string allCharacters() {
     std::string result;
     const auto append = [&result](unsigned byte) { result += static_cast<char>(byte); };
@@ -145,7 +143,7 @@ TEST(ValueText, HoldsTheBytesOfATypeThatIsNotKnown) {
     }
 }
 
-/// Each of these has a JSON form that says less.
+/// The JSON form of each of these loses data.
 TEST(ValueText, HoldsTheBytesOfWhatJsonWouldChange) {
     const std::string type = url + "google.protobuf.StringValue";
     const std::string unknownField("\x0a\x01x\x10\x05", 5);
@@ -165,7 +163,7 @@ TEST(ValueText, HoldsTheBytesOfWhatJsonWouldChange) {
     DoubleValue zero;
     zero.set_value(-0.0);
     expectBytes(packed(zero));
-    // Below another message as well.
+    // Also nested in another message.
     ObsTreeDataNodePair pair;
     *pair.mutable_currentmessage() = raw(type, unknownField);
     expectBytes(packed(pair));
@@ -183,7 +181,7 @@ TEST(ValueText, IsTheJsonOfAnUnusualEncodingThatMeansTheSame) {
     const auto explicitDefault =
         raw(url + "google.protobuf.Int64Value", std::string("\x08\x00", 2));
     EXPECT_EQ(textOfValue(explicitDefault), plainJson(explicitDefault));
-    // The last one counts in a message, and the first one in its JSON.
+    // A message uses the last one, its JSON the first one.
     expectBytes(raw(url + "google.protobuf.StringValue", "\x0a\x01x\x0a\x01y"));
 }
 
@@ -229,7 +227,7 @@ TEST(ValueText, CannotHoldATypeThatIsNoUtf8) {
     EXPECT_THROW(textOfValue(raw("\xff", "x")), Hox::CppUtil::InvalidArgumentError);
 }
 
-/// Fills messages at random, unknown numbers of enumerations included.
+/// Fills messages at random, including unknown numbers of enumerations.
 class RandomMessages {
 public:
     void fill(Message& message, int depth) {
@@ -268,8 +266,8 @@ private:
 
     void setScalar(Message& message, const FieldDescriptor& field) {
         using R = Reflection;
-        const std::uint64_t number = numbers[pick(numbers.size())];
-        const double real = doubles[pick(doubles.size())];
+        const std::uint64_t number = m_numbers[pick(m_numbers.size())];
+        const double real = m_doubles[pick(m_doubles.size())];
         switch (field.cpp_type()) {
             case FieldDescriptor::CPPTYPE_INT32:
                 return put<std::int32_t>(message, field, &R::AddInt32, &R::SetInt32,
@@ -294,21 +292,21 @@ private:
                                 static_cast<int>(number));
             case FieldDescriptor::CPPTYPE_STRING:
                 return put<std::string>(message, field, &R::AddString, &R::SetString,
-                                        strings[pick(strings.size())]);
+                                        m_strings[pick(m_strings.size())]);
             case FieldDescriptor::CPPTYPE_MESSAGE:
                 return;
         }
     }
 
-    const std::vector<std::uint64_t> numbers = {
+    const std::vector<std::uint64_t> m_numbers = {
         0, 1, 2, 77, 0x7fffffffU, 0x80000000U, 0xffffffffU, 1ULL << 53U, ~0ULL, 1ULL << 63U};
-    const std::vector<double> doubles = {0, -0.0, 1, 0.1, -1e22, 5e-324, std::nan("")};
-    const std::vector<std::string> strings = {"", "a", "\xc3\xa4\n\"\\", std::string("\0", 1),
-                                              "google.protobuf.StringValue"};
+    const std::vector<double> m_doubles = {0, -0.0, 1, 0.1, -1e22, 5e-324, std::nan("")};
+    const std::vector<std::string> m_strings = {"", "a", "\xc3\xa4\n\"\\", std::string("\0", 1),
+                                                "google.protobuf.StringValue"};
     std::mt19937 m_random{42};
 };
 
-/// The short way, without a look at the JSON again, is right for the types that it is taken for.
+/// The fast path, which does not read the JSON back, is correct for the types that use it.
 TEST(ValueText, IsReadBackForMessagesOfManyTypes) {
     RandomMessages random;
     std::vector<const Message*> types = {&StringValue::default_instance(),
@@ -330,7 +328,7 @@ TEST(ValueText, IsReadBackForMessagesOfManyTypes) {
         for (const auto* type : types) {
             const std::unique_ptr<Message> message(type->New());
             random.fill(*message, 4);
-            // As reflection adds, a map may have a key twice.
+            // Reflection appends, so a map may have a key twice.
             ASSERT_TRUE(message->ParseFromString(message->SerializeAsString()));
             const Any value = packed(*message);
             const std::string saved = textOfValue(value);
@@ -338,7 +336,7 @@ TEST(ValueText, IsReadBackForMessagesOfManyTypes) {
             ASSERT_TRUE(valueFromText(saved, copy)) << saved;
             const std::unique_ptr<Message> read(type->New());
             ASSERT_TRUE(copy.UnpackTo(read.get())) << saved;
-            // Maps have no order, and the text form shows each number as it is.
+            // Maps have no order, and the text form shows each number exactly.
             ASSERT_EQ(read->DebugString(), message->DebugString()) << saved;
         }
     }

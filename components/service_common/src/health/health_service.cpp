@@ -9,7 +9,7 @@ using grpc::health::v1::HealthCheckResponse;
 
 namespace {
 
-/// How often a watch looks whether its client is still there.
+/// The interval at which a watch checks whether its client is still connected.
 constexpr std::chrono::milliseconds lookInterval{500};
 
 }  // namespace
@@ -64,7 +64,7 @@ grpc::Status HealthService::Watch(grpc::ServerContext* context, const HealthChec
     return outcome;
 }
 
-/// Comes and leaves with the lock held.
+/// The lock is held on entry and on return.
 grpc::Status HealthService::watch(const std::string& service, grpc::ServerContext& context,
                                   grpc::ServerWriter<HealthCheckResponse>& writer,
                                   std::unique_lock<std::mutex>& lock) {

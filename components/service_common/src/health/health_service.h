@@ -13,23 +13,23 @@
 
 namespace Hox::Service {
 
-/// The standard health service: tells whether the process serves, as a whole (the empty name) and
-/// for each of its gRPC services, which all begin and end together.
+/// The standard health service: reports whether the process serves, as a whole (the empty name) and
+/// for each of its gRPC services, which all start and end together.
 ///
-/// The library has one of its own, whose threads read from the network at all times: beside them
-/// each event of a capability wakes two threads, which doubles the cost of a call.
+/// The health service of the library has threads that always read from the network: with them each
+/// event of a capability wakes two threads, which doubles the cost of a call.
 class HealthService final : public grpc::health::v1::Health::Service {
 public:
-    /// As many clients may watch at a time: each of them takes a thread.
+    /// The maximum number of clients that watch at the same time: each of them uses a thread.
     static constexpr std::size_t maxWatchers = 64;
 
-    /// The services that are known by name, from now on. Any thread.
+    /// Sets the names of the known services. Callable from any thread.
     void setServiceNames(const std::set<std::string>& names);
 
-    /// Whether everything is served; not so until the first call. Any thread.
+    /// Sets whether everything is served; false until the first call. Callable from any thread.
     void setServing(bool isServing);
 
-    /// Tells watchers for the last time and lets their calls end. Any thread.
+    /// Sends watchers the last status and ends their calls. Callable from any thread.
     void endWatches();
 
     /// Answers NOT_FOUND for an unknown service.
@@ -37,8 +37,8 @@ public:
                        const grpc::health::v1::HealthCheckRequest* request,
                        grpc::health::v1::HealthCheckResponse* response) override;
 
-    /// Streams the status at once and whenever it changes; SERVICE_UNKNOWN for an unknown service.
-    /// RESOURCE_EXHAUSTED where too many watch.
+    /// Streams the status immediately and on every change; SERVICE_UNKNOWN for an unknown service.
+    /// RESOURCE_EXHAUSTED if too many clients watch.
     grpc::Status Watch(grpc::ServerContext* context,
                        const grpc::health::v1::HealthCheckRequest* request,
                        grpc::ServerWriter<grpc::health::v1::HealthCheckResponse>* writer) override;

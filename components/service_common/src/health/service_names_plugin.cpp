@@ -11,7 +11,7 @@ namespace Hox::Service {
 
 namespace {
 
-/// The way in for a plugin of one builder.
+/// The option that adds a plugin to one builder.
 class PluginOption final : public grpc::ServerBuilderOption {
 public:
     explicit PluginOption(ServiceNamesPlugin::Receiver receiver)

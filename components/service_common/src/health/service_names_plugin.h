@@ -13,7 +13,7 @@ class ServerBuilder;
 
 namespace Hox::Service {
 
-/// Learns the names of all services of a server when that is built.
+/// Collects the names of all services of a server when the server is built.
 class ServiceNamesPlugin final : public grpc::ServerBuilderPlugin {
 public:
     /// Gets the names, on the thread that builds the server.

@@ -22,11 +22,11 @@ using LinuxCppUtil::OwnedFileDescriptor;
 
 namespace {
 
-/// How long connections wait until it is looked again whether there are descriptors for them.
+/// The interval at which the thread checks whether there are descriptors for waiting connections
+/// again.
 constexpr int shortageInterval = 50;  // milliseconds
 
-/// The lowest number that a descriptor must not have if all that are below the process's limit can
-/// be made.
+/// The process's limit of descriptors: the lowest number that a new descriptor cannot have.
 rlim_t descriptorLimit() {
     rlimit limit{};
     return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
@@ -77,9 +77,9 @@ void ConnectionAcceptor::run() {
     }
 }
 
-/// False when the thread is to end.
+/// Returns false if the thread must end.
 bool ConnectionAcceptor::waitForConnection(std::vector<pollfd>& polled) const {
-    // While nothing can be accepted, what waits must not wake the thread over and over.
+    // While nothing can be accepted, waiting connections must not wake the thread again and again.
     if (m_isShort && ::poll(polled.data(), 1, shortageInterval) > 0) {
         return false;
     }
@@ -90,7 +90,7 @@ bool ConnectionAcceptor::waitForConnection(std::vector<pollfd>& polled) const {
     return polled.front().revents == 0;
 }
 
-/// Takes all that wait at the port, as far as there are descriptors.
+/// Accepts all connections that wait at the port, as far as there are descriptors.
 void ConnectionAcceptor::accept(int listener) {
     for (;;) {
         if (!mayAccept(listener)) {
@@ -112,7 +112,7 @@ void ConnectionAcceptor::accept(int listener) {
     }
 }
 
-/// New descriptors have the lowest free numbers, so that the next one tells how many are left.
+/// A new descriptor has the lowest free number, so it shows how many are left.
 bool ConnectionAcceptor::mayAccept(int listener) {
     const auto next = LinuxCppUtil::ownFileDescriptor(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
     return next && static_cast<rlim_t>(*next) + sparedDescriptors < descriptorLimit();

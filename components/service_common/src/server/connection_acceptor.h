@@ -15,35 +15,36 @@
 
 namespace Hox::Service {
 
-/// Accepts the connections of a server's clients and hands them to the server.
+/// Accepts the connections of a server's clients and passes them to the server.
 ///
-/// The server's own listener gives its port up for good when no descriptor is left for a
-/// connection. Here connections wait in the kernel then. So do they while only the last descriptors
-/// are left: those are for the service's own files.
+/// The server's own listener gives up its port permanently if no descriptor is left for a
+/// connection. Here connections wait in the kernel instead. They also wait while only the last
+/// descriptors are left: these are reserved for the service's own files.
 class ConnectionAcceptor {
 public:
-    /// How many descriptors connections leave to the rest of the process.
+    /// The number of descriptors that connections leave to the rest of the process.
     static constexpr int sparedDescriptors = 16;
 
-    /// Prepares the builder's server to be given connections. Nothing is accepted before start().
+    /// Prepares the builder's server for accepted connections. Nothing is accepted before start().
     explicit ConnectionAcceptor(grpc::ServerBuilder& builder);
 
-    /// Stops, unless that has been done.
+    /// Calls stop() if that has not been done.
     ~ConnectionAcceptor();
     ConnectionAcceptor(const ConnectionAcceptor&) = delete;
     ConnectionAcceptor(ConnectionAcceptor&&) = delete;
     ConnectionAcceptor& operator=(const ConnectionAcceptor&) = delete;
     ConnectionAcceptor& operator=(ConnectionAcceptor&&) = delete;
 
-    /// Listens at the addresses of the host. Before start(). Throws InitializationError where that
-    /// cannot be.
+    /// Listens at the addresses of the host. Called before start(). Throws InitializationError on
+    /// failure.
     void listen(const std::string& host, const std::string& port);
 
-    /// Starts the thread, once; the server runs. Throws FileDescriptorError and std::system_error
-    /// where there is no descriptor or no thread for it.
+    /// Starts the thread; called once, while the server runs. Throws FileDescriptorError if there
+    /// is no descriptor and std::system_error if there is no thread for it.
     void start();
 
-    /// Ends the thread and closes the ports; ahead of the server's shutdown. One thread at a time.
+    /// Ends the thread and closes the ports; called before the server's shutdown, by one thread at
+    /// a time.
     void stop();
 
 private:
@@ -59,8 +60,8 @@ private:
     std::shared_ptr<spdlog::logger> m_logger;
     std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> m_server;
     std::vector<LinuxCppUtil::OwnedFileDescriptor> m_listeners;
-    LinuxCppUtil::OwnedFileDescriptor m_stop;  // an event that tells the thread to end
-    bool m_isShort = false;                    // the thread's own
+    LinuxCppUtil::OwnedFileDescriptor m_stop;  // event that ends the thread
+    bool m_isShort = false;                    // used by the thread only
     std::thread m_thread;
 };
 

@@ -19,7 +19,8 @@ using LinuxCppUtil::OwnedFileDescriptor;
 
 namespace {
 
-/// How long a peer may leave data unacknowledged before its connection is dropped, in milliseconds.
+/// The time in milliseconds that a peer may leave data unacknowledged before its connection is
+/// dropped.
 constexpr int userTimeout = 20000;
 
 constexpr int maxPort = 65535;
@@ -35,7 +36,7 @@ std::string reasonOf(int error) {
     return std::generic_category().message(error);
 }
 
-/// The library cuts a number that is no port to sixteen bits.
+/// The library truncates a number that is not a port to sixteen bits.
 bool isNoPort(const std::string& port) {
     return CppUtil::str_isonly_digits(port) && (port.size() > 5 || std::stoi(port) > maxPort);
 }
@@ -60,14 +61,14 @@ void setOption(int socket, int level, int option, int value) {
     ::setsockopt(socket, level, option, &value, sizeof(value));
 }
 
-/// Null, with errno, where the address cannot be had.
+/// Null, with errno set, if the address is not available.
 OwnedFileDescriptor listenAt(const addrinfo& address) {
     auto socket = LinuxCppUtil::ownFileDescriptor(
         ::socket(address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket) {
         return nullptr;
     }
-    // What is accepted has the options of the socket that listens.
+    // Accepted sockets inherit the options of the listening socket.
     setOption(*socket, SOL_SOCKET, SO_REUSEADDR, 1);
     setOption(*socket, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(*socket, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeout);

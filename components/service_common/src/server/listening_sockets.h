@@ -7,11 +7,11 @@
 
 namespace Hox::Service {
 
-/// Sockets that listen at each address that the host's name stands for, none of them shared with
-/// another program; "::" stands for all addresses of the machine.
+/// Sockets that listen at each address of the host name, none of them shared with another program;
+/// "::" means all addresses of the machine.
 ///
-/// Throws InitializationError that names host and port where one of them is taken, and where none
-/// can be had.
+/// Throws InitializationError, which names host and port, if one of the addresses is taken, and if
+/// none is available.
 std::vector<LinuxCppUtil::OwnedFileDescriptor> listenAt(const std::string& host,
                                                         const std::string& port);
 

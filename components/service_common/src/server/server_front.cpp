@@ -12,13 +12,13 @@ namespace {
 // In milliseconds.
 constexpr int pingInterval = 30000;
 constexpr int pingTimeout = 20000;
-/// Clients may ping every ten seconds; what is in their way makes some pings come closer together.
+/// Clients may ping every ten seconds; delays on the network can bring two pings closer together.
 constexpr int shortestClientPingInterval = 9000;
 
 }  // namespace
 
 void ServerFront::prepare(grpc::ServerBuilder& builder) {
-    // A peer that is gone without a word is found out, also where nothing is sent to it.
+    // Detects a peer that has disappeared silently, even if nothing is sent to it.
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, pingInterval);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, pingTimeout);
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);

@@ -12,28 +12,28 @@ class ServerBuilder;
 
 namespace Hox::Service {
 
-/// What the network sees of the process's server beside its services: ports, connections, the
-/// standard health service. Outlives the server.
+/// The network side of the process's server besides its services: ports, connections, the standard
+/// health service. Outlives the server.
 class ServerFront {
 public:
-    /// Sets how the server treats quiet connections, and adds the health service to it. Before the
+    /// Sets how the server treats quiet connections, and adds the health service. Called before the
     /// server is built.
     void prepare(grpc::ServerBuilder& builder);
 
-    /// Listens on the port, on loopback only, and on the external one, unless that is empty, on all
-    /// interfaces; clients wait. After prepare(). Throws InitializationError that names the address
-    /// that cannot be had.
+    /// Listens on the port, on loopback only, and on the external port, unless it is empty, on all
+    /// interfaces; clients wait. Called after prepare(). Throws InitializationError, which names
+    /// the address that is not available.
     void listen(const std::string& port, const std::string& externalPort);
 
-    /// Starts to accept connections; the server runs. Throws where there is no descriptor or thread
-    /// for it.
+    /// Starts to accept connections; called while the server runs. Throws if there is no descriptor
+    /// or thread for it.
     void open();
 
-    /// Tells that everything is served.
+    /// Reports that everything is served.
     void setServing();
 
-    /// Tells that nothing is served any more and closes the ports; ahead of the server's shutdown.
-    /// Any thread, one at a time.
+    /// Reports that nothing is served any more and closes the ports. Called before the server's
+    /// shutdown, from any thread, one at a time.
     void close();
 
 private:

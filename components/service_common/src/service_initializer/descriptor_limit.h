@@ -2,8 +2,8 @@
 
 namespace Hox::Service {
 
-/// Lets the process have as many descriptors as its surroundings allow, where the usual limit is
-/// made for programs that know no more than 1,024 of them. Keeps the limit where that fails.
+/// Raises the process's soft limit of descriptors to its hard limit. The usual soft limit is for
+/// programs that support at most 1,024 descriptors. Keeps the limit on failure.
 void raiseDescriptorLimit();
 
 }  // namespace Hox::Service

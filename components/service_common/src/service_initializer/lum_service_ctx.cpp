@@ -27,8 +27,8 @@ LumServiceCtx::~LumServiceCtx() {
         m_proxyObsTreeHelper.inProcessGate()->close();
         m_grpcServer->Shutdown();
     }
-    // Ahead of the server object: a queue thread that still finds a finished call in its queue
-    // would request the next one from a server that is gone.
+    // Before the server object: a queue thread that still finds a finished call in its queue would
+    // request the next one from a destroyed server.
     m_capabilities.clear();
     m_standbyPoller.reset();
 }
@@ -47,7 +47,7 @@ cxxopts::Options& LumServiceCtx::getOptions() {
 }
 
 void LumServiceCtx::parseOptions(int argc, const char* const* argv) {
-    // The parser takes the program name for granted and runs past the end of an empty vector.
+    // The parser assumes a program name and reads past the end of an empty vector.
     static constexpr std::array<const char*, 1> noArguments = {""};
     const bool empty = argc < 1 || argv == nullptr;
     m_parseResult = std::make_unique<cxxopts::ParseResult>(

@@ -34,8 +34,8 @@ namespace Hox::Service {
 namespace {
 
 #if defined(__SANITIZE_THREAD__)
-// ThreadSanitizer's own function holds signals back while a thread waits in a way unknown to it,
-// as the main thread does for the server.
+// ThreadSanitizer's own function delays signals while a thread waits in a way unknown to it, as the
+// main thread waits for the server.
 constexpr auto setAction = &__sigaction;
 #else
 constexpr auto setAction = &sigaction;
@@ -43,8 +43,8 @@ constexpr auto setAction = &sigaction;
 
 constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
 
-/// Holds a mutex in the context's slot while it lives. Who finds it there may let go of it for a
-/// while.
+/// Holds a mutex in the context's slot during its lifetime. Code that finds it there may release it
+/// for a while.
 class SlotLock {
 public:
     SlotLock(std::mutex& mutex, LumServiceCtx& ctx) : m_slot(ctx.getCapabilityLock()) {
@@ -63,7 +63,8 @@ void callLocked(ICapMngr& capability, void (ICapMngr::*hook)(LumServiceCtx&), Lu
     (capability.*hook)(ctx);
 }
 
-/// Who may not open the log still gets the parser's text and the help: on standard output.
+/// A user who may not open the log file still gets the parser's text and the help, on standard
+/// output.
 std::unique_ptr<LogsystemInitializer> installLogsystem(int argc, char** argv,
                                                        std::exception_ptr& failure) {
     try {
@@ -96,7 +97,7 @@ LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
 
 LumServiceInitializer::~LumServiceInitializer() {
     if (instance == this) {
-        // The handler keeps its pointer to this object, also when it is gone.
+        // The signal handler keeps its pointer to this object, even after its destruction.
         SignalBlock::forever();
     }
     endShutdownThread();
@@ -182,9 +183,9 @@ void LumServiceInitializer::endShutdownThread() {
     }
 }
 
-/// Runs on any thread that lets the signals through. Only the main thread may go on: it handles
-/// signals at points where it holds no lock, while another thread may be in the middle of a log
-/// call.
+/// Runs on any thread that does not block the signals. Only the main thread may continue: it
+/// handles signals at points where it holds no lock, while another thread may be in the middle of a
+/// log call.
 void LumServiceInitializer::handleSignal(int signalNumber) {
     const int formerErrno = errno;
     if (LumServiceInitializer* service = instance) {
@@ -255,14 +256,14 @@ void LumServiceInitializer::buildAndStart() {
     m_ctx.setGrpcServer(m_ctx.getServerBuilder().BuildAndStart());
 }
 
-/// From here until the server is waited for, a signal would find the main thread inside log calls
-/// and hooks: it is handled once they are over.
+/// From here until the main thread waits for the server, a signal would interrupt log calls and
+/// hooks: it is handled after them.
 void LumServiceInitializer::startCapabilities(const std::string& internalAddress) {
     const SignalBlock block;
     m_logger->log(Log::here(), spdlog::level::debug, "Started gRPC server on address {}",
                   internalAddress);
     if (!m_ctx.getGrpcServer()) {
-        // The registered services keep a pointer to the server that failed: going on would crash.
+        // The registered services keep a pointer to the failed server: continuing would crash.
         throw CppUtil::InitializationError(
             "Unable to start gRPC server on address " + internalAddress, __FILE__, __LINE__);
     }

@@ -40,7 +40,7 @@ void addServiceOptions(LumServiceCtx& ctx) {
 }
 
 void printHelp(LumServiceCtx& ctx) {
-    // The library keeps the groups in no order: the service's own options come first.
+    // The library keeps the groups unordered: the service's own options come first.
     auto groups = ctx.getOptions().groups();
     std::stable_partition(groups.begin(), groups.end(),
                           [](const std::string& group) { return group == serviceGroup; });

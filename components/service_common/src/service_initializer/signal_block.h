@@ -4,8 +4,8 @@
 
 namespace Hox::Service {
 
-/// Blocks SIGINT and SIGTERM on the calling thread while it lives. Signals that come meanwhile are
-/// handled when it goes. Constructed and destroyed on one thread.
+/// Blocks SIGINT and SIGTERM on the calling thread during its lifetime. Signals that arrive
+/// meanwhile are handled when it is destroyed. Constructed and destroyed on one thread.
 class SignalBlock {
 public:
     SignalBlock();
@@ -17,7 +17,7 @@ public:
     /// The two signals.
     static sigset_t signals();
 
-    /// Blocks both on the calling thread for the rest of its life.
+    /// Blocks both on the calling thread for the rest of the thread's life.
     static void forever();
 
 private:

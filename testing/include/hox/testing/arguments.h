@@ -5,10 +5,10 @@
 
 namespace Hox::Testing {
 
-/// A command line as main gets it, which lives as long as the object.
+/// A command line in the form that main gets, valid as long as the object.
 class Arguments {
 public:
-    /// The texts behind the program's name, which is "program".
+    /// The texts after the program's name, which is "program".
     explicit Arguments(const std::vector<std::string>& arguments);
     ~Arguments() = default;
     Arguments(const Arguments&) = delete;
@@ -16,10 +16,10 @@ public:
     Arguments(Arguments&&) = delete;
     Arguments& operator=(Arguments&&) = delete;
 
-    /// The number of texts, the program's name included.
+    /// The number of texts, including the program's name.
     int argc() const { return static_cast<int>(m_texts.size()); }
 
-    /// The texts, with a null pointer behind the last one.
+    /// The texts, with a null pointer after the last one.
     char** argv() { return m_pointers.data(); }
 
 private:

@@ -6,13 +6,13 @@
 
 namespace Hox::Testing {
 
-/// Keeps what failed assertions report. While it lives they do not end the process; afterwards they
-/// do, and report to standard error.
+/// Keeps the reports of failed assertions. During its lifetime they do not end the process;
+/// afterwards they do, and report to standard error.
 ///
-/// Begin and end it while no other thread asserts; at most one lives at a time.
+/// Create and destroy it while no other thread asserts; at most one exists at a time.
 class AssertionReports {
 public:
-    /// Takes the reports from here on.
+    /// Receives the reports from here on.
     AssertionReports();
     ~AssertionReports();
     AssertionReports(const AssertionReports&) = delete;
@@ -20,10 +20,10 @@ public:
     AssertionReports(AssertionReports&&) = delete;
     AssertionReports& operator=(AssertionReports&&) = delete;
 
-    /// All reports so far, in order: two for each assertion. Any thread.
+    /// All reports so far, in order: two for each assertion. Callable from any thread.
     std::vector<std::string> all() const;
 
-    /// The source text of each condition that has failed, in order. Any thread.
+    /// The source text of each condition that has failed, in order. Callable from any thread.
     std::vector<std::string> conditions() const;
 
 private:

@@ -8,7 +8,7 @@
 
 namespace Hox::Testing {
 
-/// The receiving end of a local datagram socket: stands in for a daemon that only listens.
+/// The receiving end of a local datagram socket: replaces a daemon that only receives.
 ///
 /// Used by one thread; senders may be any thread or process.
 class DatagramReceiver {
@@ -16,8 +16,8 @@ public:
     /// Binds a new socket at the path, whose folder must exist; throws std::system_error.
     explicit DatagramReceiver(const std::filesystem::path& path);
 
-    /// Binds a new socket under a name that the kernel picks and that nothing is left of at the
-    /// end, however the process ends. Throws std::system_error.
+    /// Binds a new socket under a name that the kernel chooses. The name disappears with the
+    /// socket, however the process ends. Throws std::system_error.
     DatagramReceiver();
     ~DatagramReceiver();
     DatagramReceiver(const DatagramReceiver&) = delete;
@@ -25,7 +25,7 @@ public:
     DatagramReceiver(DatagramReceiver&&) = delete;
     DatagramReceiver& operator=(DatagramReceiver&&) = delete;
 
-    /// Where it receives: the path, or "@" and the name.
+    /// The address: the path, or "@" and the name.
     std::string address() const { return m_address; }
 
     /// All messages that have arrived so far, in order; never blocks. Throws std::system_error.

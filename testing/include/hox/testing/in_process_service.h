@@ -11,29 +11,29 @@
 
 namespace Hox::Testing {
 
-/// One capability in a server without a listener, started and ended as the frame does it; but it
-/// can open no proxies, and its hooks cannot wait for a central store.
+/// One capability in a server without a listener, started and ended as by the frame. It cannot open
+/// proxies, and its hooks cannot wait for a central store.
 class InProcessService {
 public:
-    /// Parses the arguments with the capability's options and calls all hooks of its start. The
-    /// service has the id "head-1". Throws as the hooks do.
+    /// Parses the arguments with the capability's options and calls all start hooks. The service
+    /// has the id "head-1". Throws what the hooks throw.
     explicit InProcessService(std::unique_ptr<Hox::Service::ICapMngr> capability,
                               const std::vector<std::string>& arguments = {});
 
-    /// Ends calls in flight at once.
+    /// Cancels calls in flight immediately.
     ~InProcessService();
     InProcessService(const InProcessService&) = delete;
     InProcessService& operator=(const InProcessService&) = delete;
     InProcessService(InProcessService&&) = delete;
     InProcessService& operator=(InProcessService&&) = delete;
 
-    /// What the hooks were given.
+    /// The context that the hooks got.
     Hox::Service::LumServiceCtx& ctx() { return m_ctx; }
 
-    /// The capability that was handed in.
+    /// The capability passed to the constructor.
     Hox::Service::ICapMngr& capability() { return *m_ctx.getCapabilities().front().second; }
 
-    /// A new way into the server. Leave it before this object goes.
+    /// A new channel to the server. It must be destroyed before this object.
     std::shared_ptr<grpc::Channel> channel() const;
 
 private:

@@ -8,10 +8,10 @@
 
 namespace Hox::Testing {
 
-/// Stands in for the journal: receives what the process sends to it, in the journal's own protocol.
+/// Replaces the journal: receives the records that the process sends to it, in the journal's own
+/// protocol.
 ///
-/// Needs a private /run (mountPrivateFolders), so that it never takes the machine's journal's
-/// place.
+/// Needs a private /run (mountPrivateFolders), so that it never replaces the machine's journal.
 class JournalReceiver {
 public:
     /// The fields of one record, in the order of sending: name and value.

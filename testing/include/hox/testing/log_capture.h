@@ -10,18 +10,18 @@
 
 namespace Hox::Testing {
 
-/// Records what is logged while it lives.
+/// Records all log records during its lifetime.
 ///
-/// The first capture installs a log system of its own, which stays: loggers made by it write to the
-/// captures that live at the time and nowhere else. Each capture takes loggers that exist already
-/// and those made later. Captures may be nested; they end in the reverse order.
+/// The first capture installs its own log system, which stays: loggers created by it write only to
+/// the captures that exist at the time. Each capture includes existing loggers and those created
+/// later. Captures may be nested; they end in the reverse order.
 ///
-/// Begin and end captures while no other thread logs; log calls and the questions below may come
-/// from any thread.
+/// Create and destroy captures while no other thread logs; log calls and the functions below may be
+/// called from any thread.
 class LogCapture {
 public:
-    /// Captures all loggers and sets each to the level; their former level (for a new logger: the
-    /// one that its creator asked for) comes back at the end.
+    /// Captures all loggers and sets each to the level; their previous level (for a new logger: the
+    /// level requested by its creator) is restored at the end.
     explicit LogCapture(spdlog::level::level_enum level = spdlog::level::trace);
 
     /// The same for the one logger of that name. Other loggers keep their levels.
@@ -39,19 +39,19 @@ public:
     /// The texts of all records, in order.
     std::vector<std::string> texts() const;
 
-    /// The texts of the records at this very level, in order.
+    /// The texts of the records at exactly this level, in order.
     std::vector<std::string> textsAt(spdlog::level::level_enum level) const;
 
     /// The texts of the records of one logger, in order.
     std::vector<std::string> textsOf(const std::string& loggerName) const;
 
-    /// Whether a record has this very text.
+    /// Whether a record has exactly this text.
     bool contains(const std::string& text) const;
 
-    /// Whether these very texts occur in this order, with or without others in between.
+    /// Whether exactly these texts occur in this order, with or without others in between.
     bool containsInOrder(const std::vector<std::string>& texts) const;
 
-    /// Forgets the records so far.
+    /// Deletes the records so far.
     void clear();
 
 private:

@@ -7,7 +7,7 @@
 
 namespace Hox::Testing {
 
-/// What a log call has said: by whom, how urgent, and the text without any pattern.
+/// A log call: the logger, the level, and the text without any pattern.
 struct LogRecord {
     std::string logger;
     spdlog::level::level_enum level = spdlog::level::off;

@@ -10,13 +10,14 @@
 
 namespace Hox::Testing {
 
-/// Receives what the process, or a child of it, tells its service manager.
+/// Receives the messages of the process, or of a child, to its service manager.
 ///
-/// While it lives NOTIFY_SOCKET names its socket; afterwards the variable is as before. Begin and
-/// end it while no other thread reads the environment; the rest may be called from any thread.
+/// During its lifetime NOTIFY_SOCKET names its socket; afterwards the variable has its previous
+/// value. Create and destroy it while no other thread reads the environment; the functions may be
+/// called from any thread.
 class NotifySocket {
 public:
-    /// Binds a socket under a name of its own; throws std::system_error.
+    /// Binds a socket under a unique name; throws std::system_error.
     NotifySocket();
     ~NotifySocket();
     NotifySocket(const NotifySocket&) = delete;
@@ -24,13 +25,13 @@ public:
     NotifySocket(NotifySocket&&) = delete;
     NotifySocket& operator=(NotifySocket&&) = delete;
 
-    /// The value for NOTIFY_SOCKET, for the environment of a child that gets one of its own.
+    /// The value for NOTIFY_SOCKET, for the environment of a child that gets its own environment.
     std::string address() const;
 
     /// All messages that have arrived so far, in order; never blocks.
     std::vector<std::string> messages();
 
-    /// Waits until this very message has arrived; false if the time is over before.
+    /// Waits until exactly this message has arrived; false if the time is over before.
     bool waitFor(const std::string& message,
                  std::chrono::milliseconds deadline = std::chrono::seconds(30));
 

@@ -5,12 +5,12 @@
 
 namespace Hox::Testing {
 
-/// Puts an empty folder of this process's own over each of the folders, which must exist: what the
-/// process writes there never reaches the machine, and goes away with the process.
+/// Mounts an empty folder, private to this process, over each of the folders, which must exist.
+/// Files that the process writes there never reach the machine and disappear with the process.
 ///
-/// Counts for the calling thread and for threads and children that it starts afterwards. Returns
-/// false where the machine does not let the process have mounts of its own;
-/// tests that need them call skipOutsideCi() then.
+/// Applies to the calling thread and to threads and children that it starts afterwards. Returns
+/// false if the machine does not allow private mounts; tests that need them call skipOutsideCi()
+/// then.
 bool mountPrivateFolders(const std::vector<std::filesystem::path>& folders);
 
 }  // namespace Hox::Testing

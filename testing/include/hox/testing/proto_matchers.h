@@ -11,22 +11,22 @@
 
 namespace Hox::Testing {
 
-/// Matches a message of the same type with the same fields; says in which fields another differs.
-/// Stands behind EqualsProto.
+/// Matches a message of the same type with the same fields; describes the fields that differ.
+/// Implements EqualsProto.
 class EqualsProtoMatcher {
 public:
-    /// Tells GoogleTest what this class is.
+    /// Marks this class as a matcher for GoogleTest.
     using is_gtest_matcher = void;
 
     /// Keeps a copy of the message.
     explicit EqualsProtoMatcher(const google::protobuf::Message& expected);
 
-    /// Whether the message is equal; tells the listener the differences if not.
+    /// Whether the message is equal; writes the differences to the listener if not.
     bool MatchAndExplain(const google::protobuf::Message& actual,
                          ::testing::MatchResultListener* listener) const;
     /// Prints "equals", the type and the fields, on one line.
     void DescribeTo(std::ostream* out) const;
-    /// Prints the same behind "differs from".
+    /// Prints the same after "differs from".
     void DescribeNegationTo(std::ostream* out) const;
 
 private:
@@ -38,7 +38,7 @@ inline EqualsProtoMatcher EqualsProto(const google::protobuf::Message& expected)
     return EqualsProtoMatcher(expected);
 }
 
-/// Builds a message from protobuf's text format; throws std::invalid_argument for a bad text.
+/// Builds a message from protobuf's text format; throws std::invalid_argument for an invalid text.
 template <typename Msg>
 Msg protoFromText(const std::string& text) {
     Msg message;

@@ -7,8 +7,8 @@
 
 namespace Hox::Testing {
 
-/// A TCP port that nobody is given while the object lives, and on which a server can listen that
-/// sets the usual option of servers, the reuse of addresses.
+/// A TCP port that no other program gets during the lifetime of the object. A server that sets
+/// SO_REUSEADDR, as servers usually do, can listen on it.
 class ReservedPort {
 public:
     /// Takes a free port; throws std::system_error.

@@ -4,10 +4,10 @@
 
 namespace Hox::Testing {
 
-/// Skips the running test for the reason; the caller leaves the test then.
+/// Skips the running test for the reason; the caller then returns from the test.
 ///
-/// Where the environment variable CI is set the test fails instead: nobody looks there for what has
-/// been left out.
+/// If the environment variable CI is set, the test fails instead: nobody checks there for skipped
+/// tests.
 void skipOutsideCi(const std::string& reason);
 
 }  // namespace Hox::Testing

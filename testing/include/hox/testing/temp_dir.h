@@ -5,16 +5,16 @@
 
 namespace Hox::Testing {
 
-/// A new, empty folder that goes away with the object, with all that is in it.
+/// A new, empty folder that is removed with its content when the object is destroyed.
 ///
-/// Those of child processes lie below one folder of the test program, whatever parent they are
-/// given, and go away with it at the latest: the child of a death test makes all that its fixture
-/// makes, and aborts.
+/// The folders of child processes are below one folder of the test program, whatever parent they
+/// are given, and are removed with it at the latest: the child of a death test creates everything
+/// that its fixture creates, and aborts.
 class TempDir {
 public:
-    /// Makes the folder below the system's folder for temporary files; throws std::system_error.
+    /// Creates the folder below the system's folder for temporary files; throws std::system_error.
     TempDir();
-    /// The same below a folder that exists.
+    /// The same below an existing folder.
     explicit TempDir(const std::filesystem::path& parent);
     ~TempDir();
     TempDir(const TempDir&) = delete;

@@ -5,8 +5,8 @@
 
 namespace Hox::Testing {
 
-/// Polls the condition until it holds. Returns whether it came to hold before the time was over;
-/// the condition is asked at least once, always on the calling thread.
+/// Polls the condition until it holds. Returns whether it held before the time was over; the
+/// condition is evaluated at least once, always on the calling thread.
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds deadline = std::chrono::seconds(30));
 

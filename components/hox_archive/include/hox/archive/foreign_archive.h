@@ -8,29 +8,29 @@
 
 namespace Hox::Archive {
 
-/// What an archive may hold at most.
+/// The upper limits for an archive.
 struct ForeignLimits {
     std::size_t entries;     ///< files and folders
-    std::uint64_t bytes;     ///< of all files together, as declared or as there, whichever is more
-    std::size_t components;  ///< of any name
+    std::uint64_t bytes;     ///< of all files together, declared or actual, whichever is more
+    std::size_t components;  ///< of each name
 };
 
 /// A file or a folder of an archive.
 struct ForeignEntry {
     std::string name;  ///< relative, without "." and empty components; UTF-8
     bool isFolder;
-    std::string content;  ///< of a file
+    std::string content;  ///< of a file; empty for a folder
 };
 
-/// Reads an archive that nobody vouches for, to its last byte, and stops at the first thing in it
-/// that is wrong. Touches no file, starts no program, and needs no more memory and time than the
-/// limits let pass, whatever the archive declares.
+/// Reads an untrusted archive to its last byte and stops at the first error. Touches no file,
+/// starts no program, and needs no more memory and time than the limits allow, whatever the archive
+/// declares.
 ///
-/// Throws ArchiveError for anything but files and folders, for an absolute name, one with "..", one
-/// that is no UTF-8, for anything above the limits, for a wrong checksum or length of the
-/// compression, for no byte at all, and for what libarchive cannot read. Names are the bytes that
-/// they are; formats whose names are in an encoding of their own (zip) may hold ASCII only.
-/// Free of shared state: any thread may call.
+/// Throws ArchiveError for an entry that is neither a file nor a folder, for a name that is
+/// absolute, contains "..", or is not UTF-8, for an archive above the limits, for a wrong checksum
+/// or length of the compression, for an empty archive, and for anything that libarchive cannot
+/// read. Names are read byte for byte; formats with their own name encoding (zip) may use ASCII
+/// only. No shared state: any thread may call it.
 std::vector<ForeignEntry> readForeignArchive(std::string_view bytes, const ForeignLimits& limits);
 
 }  // namespace Hox::Archive

@@ -29,19 +29,20 @@ namespace Hox::ObserverTree {
 
 /// The handlers of one function tree address, at most one per operation, and its observers.
 ///
-/// Every operation exists typed, for the capability's own messages, and cast, for callers that know
-/// messages by descriptor only. Handlers are set and unary handlers run under the handler lock of
-/// the tree. Nodes are held by std::shared_ptr; a handle that outlives its node does nothing.
+/// Every operation has a typed form, for the capability's own messages, and a cast form, for
+/// callers that know messages by descriptor only. Handlers are set, and unary handlers run, under
+/// the handler lock of the tree. Nodes are held by std::shared_ptr; a handle that outlives its node
+/// has no effect.
 template <typename BaseMsgType, typename TreeType, typename NodesChangedType, typename StatusType>
 class CRURONode : public std::enable_shared_from_this<
                       CRURONode<BaseMsgType, TreeType, NodesChangedType, StatusType>> {
 public:
     /// A change set.
     using Changes = NodesChangedType;
-    /// What handlers read and write.
+    /// The tree that handlers read and write.
     using Tree = TreeType;
 
-    /// What a unary handler returns. The message counts only with an OK status.
+    /// The return type of a unary handler. The message is valid only with an OK status.
     template <typename ReturnMsgType>
     struct UnaryHandlerReturnType {
         MessagePtr<ReturnMsgType> message;
@@ -52,9 +53,9 @@ public:
     template <typename InMsg, typename ReturnMsg>
     using UnaryHandler = std::function<UnaryHandlerReturnType<ReturnMsg>(const InMsg&, TreeType&)>;
 
-    /// What an observer supplies. Runs on the thread that changes the tree, under its locks; must
-    /// not throw, wait for another thread that needs the tree, or observe at or drop the last copy
-    /// of a handle of its own node.
+    /// The callback of an observer. Runs on the thread that changes the tree, under its locks. It
+    /// must not throw, must not wait for another thread that needs the tree, must not observe at
+    /// its own node, and must not drop the last copy of a handle of that node.
     using ObserverCallback = std::function<void(const NodesChangedType&, const StatusType&)>;
 
     /// One observer: its callback and its own copy of its request.
@@ -68,11 +69,11 @@ public:
     template <typename InMsgType>
     using ObserverCallbackMap = std::map<void*, ObsCallbackStoredType<InMsgType>>;
 
-    /// An observer stays registered exactly as long as a copy of this pointer lives.
+    /// An observer is registered exactly as long as a copy of this pointer exists.
     template <typename InMsgType>
     using ObserveRaiiHandleType = std::shared_ptr<ObsCallbackStoredType<InMsgType>>;
 
-    /// Selects from the changes for each observer and calls it. Runs under the observer mutex.
+    /// Selects the changes for each observer and calls it. Runs under the observer mutex.
     template <typename InMsgType>
     using ObserveHandler =
         std::function<void(const NodesChangedType&, const ObserverCallbackMap<InMsgType>&)>;
@@ -89,13 +90,14 @@ public:
     CRURONode& operator=(const CRURONode&) = delete;
     CRURONode& operator=(CRURONode&&) = delete;
 
-    /// Sets the handler of an operation. Throws DoubleRegistrationError when there is one; the
-    /// first one stays. What a UnaryHandler can hold only reads its request. A handler whose first
-    /// parameter is an InMsg&& takes its request over, or a copy of one that the caller keeps.
+    /// Sets the handler of an operation. Throws DoubleRegistrationError if there is one already;
+    /// the first one stays. A handler that a UnaryHandler can hold only reads its request. A
+    /// handler whose first parameter is an InMsg&& takes over its request, or a copy if the caller
+    /// keeps the request.
     template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
     void setUnaryHandler(Handler handler);
 
-    /// Sets the observe handler. Throws DoubleRegistrationError when there is one.
+    /// Sets the observe handler. Throws DoubleRegistrationError if there is one already.
     template <typename InMsg>
     void setObserveHandler(std::shared_ptr<IObserveHandler<CRURONode, InMsg>> handler);
 
@@ -106,12 +108,12 @@ public:
             std::make_shared<FunctionObserveHandler<CRURONode, InMsg>>(std::move(handler)));
     }
 
-    /// Sets what runs when an observer arrives, replacing an earlier hook. A hook for BaseMsgType
-    /// serves every request type.
+    /// Sets the hook that runs when an observer arrives; replaces an earlier hook. A hook for
+    /// BaseMsgType serves every request type.
     template <typename InMsg>
     void setNewObserverHandler(ObserverHook<InMsg> handler);
 
-    /// Sets what runs when an observer leaves; otherwise as setNewObserverHandler.
+    /// Sets the hook that runs when an observer leaves; otherwise like setNewObserverHandler.
     template <typename InMsg>
     void setObserverGoneHandler(ObserverHook<InMsg> handler);
 
@@ -120,8 +122,8 @@ public:
         return slot(m_unaryHandlers, operation).has_value();
     }
 
-    /// Runs the handler. An exception, also std::bad_any_cast for message types other than the
-    /// registered ones, is logged, fails an assertion and is thrown on.
+    /// Runs the handler. An exception is logged, fails an assertion and is rethrown; this includes
+    /// std::bad_any_cast for message types other than the registered ones.
     template <UnaryOps OpId, typename InMsgType, typename ReturnMsgType>
     UnaryHandlerReturnType<ReturnMsgType> callUnaryHandler(const InMsgType& inMsg, TreeType& tree);
 
@@ -132,45 +134,45 @@ public:
         return callCastHandler(OpId, {inMsg, nullptr}, tree);
     }
 
-    /// The same for a request that nobody reads afterwards. The log shows its type only if it fails
-    /// with a handler that has taken it over.
+    /// The same for a request that is not read afterwards. If a handler that has taken over the
+    /// request fails, the log shows only the type of the request.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> callUnaryHandlerCast(BaseMsgType&& inMsg, TreeType& tree) {
         return callCastHandler(OpId, {inMsg, &inMsg}, tree);
     }
 
-    /// Registers an observer for the life of the handle. An exception is logged, fails an assertion
-    /// and is thrown on. The handle may be dropped on any thread; it waits there for a delivery
-    /// that is under way.
+    /// Registers an observer for the lifetime of the handle. An exception is logged, fails an
+    /// assertion and is rethrown. The handle may be dropped on any thread; dropping it waits for a
+    /// delivery in progress.
     template <typename InMsgType>
     ObserveRaiiHandleType<InMsgType> observe(const InMsgType& inMsg, ObserverCallback callback);
 
-    /// The same by descriptor; the result holds the handle. Asserts that somebody has registered an
-    /// observe handler or hook.
+    /// The same by descriptor; the result holds the handle. Asserts that an observe handler or a
+    /// hook is registered.
     std::any observeCast(const BaseMsgType& inMsg, ObserverCallback callback) {
         HOX_ASSERT(static_cast<bool>(m_observeCastHandler));
         return m_observeCastHandler(inMsg, std::move(callback));
     }
 
     /// Delivers the changes to all observers, or to the one whose handle `singleObserver` holds. An
-    /// exception is logged and fails an assertion; it is not thrown on.
+    /// exception is logged and fails an assertion; it is not rethrown.
     void callObserveHandler(const NodesChangedType& changes, const std::any& singleObserver);
 
-    /// What the observer whose handle `singleObserver` holds is to be told first, to be given to
-    /// callObserveHandler: nothing without an observe handler. Runs under both locks of the tree.
+    /// The first change set for the observer whose handle `singleObserver` holds, to be passed to
+    /// callObserveHandler. Empty without an observe handler. Runs under both locks of the tree.
     NodesChangedType snapshotFor(const std::any& singleObserver, const TreeType& tree);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
-        // The compiler's text has the arguments of the template.
+        // The compiler's text would contain the template arguments.
         return Hox::Log::loggerName("Hox::ObserverTree::CRURONode", __FILE__);
     };
 
 private:
-    /// A request by descriptor on its way to a handler.
+    /// A request by descriptor that is passed to a handler.
     struct CastRequest {
         const BaseMsgType& message;
-        BaseMsgType* givenOver;  ///< The same message, null if the caller keeps it.
-        bool isTaken = false;    ///< Whether a handler has got the one that was given over.
+        BaseMsgType* givenOver;  ///< The same message; null if the caller keeps it.
+        bool isTaken = false;    ///< Whether a handler has taken over that message.
     };
 
     using CastHandler = std::function<UnaryHandlerReturnType<BaseMsgType>(CastRequest&, TreeType&)>;
@@ -180,7 +182,7 @@ private:
         return slots.at(static_cast<std::size_t>(operation));
     }
 
-    /// The observe handler. Throws std::bad_any_cast for another request type than its own.
+    /// The observe handler. Throws std::bad_any_cast if the handler has another request type.
     template <typename InMsg>
     IObserveHandler<CRURONode, InMsg>& observeHandler() {  // REQUIRES(m_observerMutex)
         using Handler = std::shared_ptr<IObserveHandler<CRURONode, InMsg>>;
@@ -228,7 +230,7 @@ private:
     // Constant.
     const std::shared_ptr<spdlog::logger> m_logger;
 
-    // Each set once, under the handler lock of the tree, which guards it.
+    // Each is set once; guarded by the handler lock of the tree.
     std::array<std::any, unaryOpsCount> m_unaryHandlers;
     std::array<CastHandler, unaryOpsCount> m_unaryCastHandlers;
     std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;
@@ -240,7 +242,8 @@ private:
     std::any m_observeHandler;       // GUARDED_BY(m_observerMutex)
     std::any m_observerCallbackMap;  // GUARDED_BY(m_observerMutex)
 
-    /// Held alone and only while hooks are set or copied: a handle may be dropped without any lock.
+    /// Never held together with another lock, and only while hooks are set or copied: a handle may
+    /// be dropped without any lock.
     std::mutex m_hookMutex;
     ObserverHook<BaseMsgType> m_newObserverHandler;   // GUARDED_BY(m_hookMutex)
     ObserverHook<BaseMsgType> m_observerGoneHandler;  // GUARDED_BY(m_hookMutex)
@@ -464,7 +467,7 @@ void CRURONode<B, T, N, S>::release(const ObsCallbackStoredType<InMsgType>& obse
         if (known != observers<InMsgType>().end()) {
             observeHandler<InMsgType>().observerLeft(known->second);
         }
-        // The blank in the report's text comes from the line break.
+        // The line break makes the blank in the text of the report.
         HOX_ASSERT(std::any_cast<ObserverCallbackMap<InMsgType>&>(m_observerCallbackMap)
                        .erase((*storedTypeObserverCallback).observeCallback.get()));
     }

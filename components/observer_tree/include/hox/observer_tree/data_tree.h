@@ -17,7 +17,7 @@ using DataTreeValPtr = std::shared_ptr<const DataTreeVal>;
 /// The map that all trees use.
 using DataTreeValMap = DataTreeMap<std::string, DataTreeValPtr>;
 
-/// The store of an observer tree, as handlers see it.
+/// The store of an observer tree, as visible to handlers.
 using DataTree = RestrictedDataTree<DataTreeValMap>;
 
 /// One change of one key.

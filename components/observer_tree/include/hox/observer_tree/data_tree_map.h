@@ -10,20 +10,20 @@ namespace Hox::ObserverTree {
 
 /// An ordered map that records every write in a pending change set.
 ///
-/// Locks nothing: all access takes place under the data lock of the tree that owns it. ValueType is
-/// a pointer-like type whose default value means "no value".
+/// Takes no lock: all access is under the data lock of the owning tree. ValueType is a pointer-like
+/// type whose default value means "no value".
 template <typename KeyType, typename ValueType>
 class DataTreeMap {
 public:
     /// One change of one key.
     struct ChangeSetMapVal {
-        ValueType current;   ///< Null when the key is gone.
-        ValueType previous;  ///< Null when there was no earlier value to report.
+        ValueType current;   ///< Null if the key was removed.
+        ValueType previous;  ///< Null if there was no earlier value to report.
     };
 
     using Values = std::map<KeyType, ValueType>;
     using ChangeSet = std::map<KeyType, std::vector<ChangeSetMapVal>>;
-    /// Read-only, as every write has to be recorded.
+    /// Read-only, because every write must be recorded.
     using iterator = typename Values::const_iterator;
     using const_iterator = typename Values::const_iterator;
 
@@ -31,7 +31,7 @@ public:
     /// after its last is erased.
     class Range {
     public:
-        /// The elements from `first` up to `last`, without `last`.
+        /// The elements in [first, last).
         Range(iterator first, iterator last) : m_first(first), m_last(last) {}
 
         /// The first element.
@@ -46,7 +46,7 @@ public:
         iterator m_last;
     };
 
-    /// `defaults` holds what an erased key falls back to.
+    /// `defaults` holds the values that erased keys fall back to.
     explicit DataTreeMap(Values defaults = {}) : m_defaults(std::move(defaults)) {
         m_spareChanges.reserve(maxSpareChanges);
     }
@@ -56,26 +56,27 @@ public:
     DataTreeMap& operator=(const DataTreeMap&) = delete;
     DataTreeMap& operator=(DataTreeMap&&) = delete;
 
-    /// Stores the value and records the change, also when old and new value are equal. The first
-    /// overwrite within one batch fixes what is reported as previous. True stands for a new key.
+    /// Stores the value and records the change, even if old and new value are equal. The first
+    /// overwrite in a batch determines the value that is reported as previous. Returns true for a
+    /// new key.
     std::pair<iterator, bool> insert_or_assign(const KeyType& key, const ValueType& value) {
         return write(m_values.lower_bound(key), KeyType(key), ValueType(value));
     }
 
-    /// The same, taking over key and value.
+    /// The same, but takes over key and value.
     std::pair<iterator, bool> insert_or_assign(KeyType&& key, ValueType&& value) {
         const auto position = m_values.lower_bound(key);
         return write(position, std::move(key), std::move(value));
     }
 
-    /// The same for a caller that knows where the key stands or would stand: at `hint`, an element
-    /// of this map or its end. A wrong hint costs time only.
+    /// The same for a caller that knows the position of the key, or where it would be inserted:
+    /// `hint` is an element of this map or its end. A wrong hint costs time only.
     std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
         return write(hint, std::move(key), std::move(value));
     }
 
-    /// Removes the key and records the change; a key with a default reappears with it. Nothing
-    /// happens for an absent key without a default.
+    /// Removes the key and records the change; a key with a default reappears with it. An absent
+    /// key without a default is ignored.
     void erase(const KeyType& key) {
         const auto found = m_values.find(key);
         if (found != m_values.end()) {
@@ -85,9 +86,9 @@ public:
         }
     }
 
-    /// The same for the key at a place of this map other than its end.
+    /// The same for the key at a position of this map other than its end.
     void erase(iterator position) {
-        // Looked up first: the key goes with its element.
+        // Looked up first: the key is destroyed with its element.
         const auto fallback = m_defaults.find(position->first);
         ++m_modifiedIndex;
         auto& change = pendingChange(position->first);
@@ -101,11 +102,12 @@ public:
     // Reading has no side effects; iterators stay valid until their element is erased.
     /// The element of the key, or the end.
     iterator find(const KeyType& key) const { return m_values.find(key); }
-    /// The first element whose key is not below the key, or the end.
+    /// The first element whose key is not less than the key, or the end.
     iterator lower_bound(const KeyType& key) const { return m_values.lower_bound(key); }
-    /// The elements whose key starts with the text, which need not end at a component.
+    /// The elements whose key starts with the prefix, which need not end at a component boundary.
     Range withPrefix(const KeyType& prefix) const {
-        // The lowest text above all that start with the prefix; there is none after bytes of 0xff.
+        // The lowest text above all texts with the prefix; there is none if the prefix consists of
+        // 0xff.
         KeyType above = prefix;
         while (!above.empty() && static_cast<unsigned char>(above.back()) == 0xffU) {
             above.pop_back();
@@ -125,10 +127,10 @@ public:
     /// Whether there is no key.
     bool empty() const { return m_values.empty(); }
 
-    /// Takes the pending change set out and leaves an empty one. For the tree's delivery loop only.
+    /// Takes out the pending change set and leaves an empty one. For the tree's delivery loop only.
     ChangeSet takeChangeSet() { return std::exchange(m_changeSet, ChangeSet()); }
 
-    /// Lets go of the values of a change set that is done with; some of its memory serves the next
+    /// Releases the values of a delivered change set; some of its memory is reused for the next
     /// one. For the tree's delivery loop only.
     void recycle(ChangeSet&& used) noexcept {
         while (!used.empty() && m_spareChanges.size() < maxSpareChanges) {
@@ -146,7 +148,7 @@ public:
     uint64_t createdIndex() const { return m_createdIndex; }
 
 private:
-    /// As many keys as a short handler writes.
+    /// The number of keys that a short handler writes.
     static constexpr std::size_t maxSpareChanges = 8;
 
     ChangeSetMapVal& pendingChange(const KeyType& key) {

@@ -16,11 +16,11 @@
 
 namespace Hox::ObserverTree {
 
-/// The immutable value at a key: a typed message, or a packed one that came by wire or from a file.
+/// The immutable value at a key: a typed message, or a packed one from the wire or from a file.
 ///
-/// Each form is produced from the other at the first request and kept, so the value is read under
-/// its tree's data lock, or on the thread whose change-set copy keeps it alive. Held by
-/// std::shared_ptr<const DataTreeVal> throughout.
+/// Each form is made from the other on first use and kept, so the value is read under its tree's
+/// data lock, or on the thread whose copy of the change set keeps it alive. Always held by
+/// std::shared_ptr<const DataTreeVal>.
 class DataTreeVal {
     template <typename T>
     using IfTypedMessage =
@@ -28,33 +28,32 @@ class DataTreeVal {
                          !std::is_same_v<google::protobuf::Any, std::decay_t<T>>>;
 
 public:
-    /// Keeps a copy of the message, or the message itself where it may be moved from.
+    /// Keeps a copy of the message, or the message itself if it can be moved from.
     template <typename T, typename = IfTypedMessage<T>>
     explicit DataTreeVal(T&& message)
         : m_typedValue(std::forward<T>(message)),
           m_toAny([this] { return pack<std::decay_t<T>>(); }) {}
 
-    /// Keeps the packed message as it stands, undecoded.
+    /// Keeps the packed message unchanged and undecoded.
     explicit DataTreeVal(google::protobuf::Any packed);
 
     virtual ~DataTreeVal() = default;
 
-    // Not copied nor moved: m_toAny refers to this object.
+    // Neither copyable nor movable: m_toAny refers to this object.
     DataTreeVal(const DataTreeVal&) = delete;
     DataTreeVal(DataTreeVal&&) = delete;
     DataTreeVal& operator=(const DataTreeVal&) = delete;
     DataTreeVal& operator=(DataTreeVal&&) = delete;
 
     /// The message as a T, valid as long as this value. A packed message is decoded once. Throws
-    /// BadCast when the value is of another type, DataTreeValError when its bytes cannot be
-    /// decoded.
+    /// BadCast if the value has another type, DataTreeValError if its bytes cannot be decoded.
     template <typename T>
     const T& get() const;
 
     /// The packed message, valid as long as this value. A typed message is packed once.
     const google::protobuf::Any* toAny() const;
 
-    /// Whether persistence is to skip this value.
+    /// Whether persistence skips this value.
     bool notPersisted() const { return m_notPersisted; }
 
 private:

@@ -6,7 +6,7 @@
 
 namespace Hox::ObserverTree {
 
-/// A value that is needed is not there or cannot be decoded.
+/// A required value is missing or cannot be decoded.
 class DataTreeValError : public Hox::Error {
 public:
     /// Prepends "DataTreeValError Error: " to the message; throws std::bad_alloc only.

@@ -6,7 +6,7 @@
 
 namespace Hox::ObserverTree {
 
-/// A node has a handler for the operation already.
+/// A node already has a handler for the operation.
 class DoubleRegistrationError : public Hox::Error {
 public:
     /// Prepends "Only one registration is allowed: " to the message; throws std::bad_alloc only.

@@ -7,7 +7,7 @@
 
 namespace Hox::ObserverTree {
 
-/// Leaves everything to a function, which is handed all observers or the one that is meant.
+/// Leaves everything to a function, which gets all observers or the single one.
 template <typename NodeType, typename InMsgType>
 class FunctionObserveHandler final : public IObserveHandler<NodeType, InMsgType> {
     using Base = IObserveHandler<NodeType, InMsgType>;
@@ -19,7 +19,7 @@ public:
     using typename Base::Tree;
     using Function = typename NodeType::template ObserveHandler<InMsgType>;
 
-    /// Calls that function, for better or worse.
+    /// Every delivery calls the function.
     explicit FunctionObserveHandler(Function function) : m_function(std::move(function)) {}
 
     void observerArrived(const Observer& /*observer*/) override {}

@@ -8,14 +8,14 @@ namespace Hox::ObserverTree {
 
 /// The components of a key, in order, for range-for: the texts between its slashes.
 ///
-/// The root key has none. Nothing is checked: the first character is taken for a slash, and an
-/// empty component is passed on. Components are views into the text, which is to outlive them.
+/// The root key has none. Nothing is checked: the first character is assumed to be a slash, and
+/// empty components are returned. Components are views into the text, which must outlive them.
 class KeyComponents {
 public:
-    /// What separates components.
+    /// The separator of components.
     static constexpr char separator = '/';
 
-    /// The place of one component.
+    /// The position of one component.
     class Iterator {
     public:
         /// The component that starts at `start`, or the end for a start after the text.
@@ -26,14 +26,14 @@ public:
         /// The component.
         std::string_view operator*() const { return m_text.substr(m_start, m_end - m_start); }
 
-        /// Goes on to the next component.
+        /// Moves to the next component.
         Iterator& operator++() {
             m_start = m_end + 1;
             findEnd();
             return *this;
         }
 
-        /// Whether two places of one text differ.
+        /// Whether two positions in one text differ.
         bool operator!=(const Iterator& other) const { return m_start != other.m_start; }
 
     private:

@@ -8,15 +8,17 @@
 
 namespace Hox::ObserverTree {
 
-/// Frees a message, and with a message that lies in an arena that arena, which belongs to it alone.
+/// Frees a message. For a message in an arena it frees the arena, which belongs to that message
+/// only.
 struct MessageDeleter {
     MessageDeleter() = default;
 
-    /// Takes messages over from their usual owner; implicit, so that std::make_unique gives one.
+    /// Takes over messages from their usual owner; implicit, so that std::make_unique can
+    /// initialise a MessagePtr.
     template <typename T>
     MessageDeleter(const std::default_delete<T>& /*usual*/) {}
 
-    /// Frees the message, with its arena if it lies in one.
+    /// Frees the message, with its arena if it has one.
     void operator()(google::protobuf::Message* message) const {
         auto* const arena = message->GetArena();
         if (arena == nullptr) {
@@ -27,8 +29,8 @@ struct MessageDeleter {
     }
 };
 
-/// Owns a message and its memory. Made from the usual owner of a message and turned into one, so
-/// that who has no need of arenas uses std::unique_ptr<T> alone.
+/// Owns a message and its memory. Converts from and to the usual owner of a message, so code
+/// without arenas can use std::unique_ptr<T> only.
 template <typename T>
 class MessagePtr : public std::unique_ptr<T, MessageDeleter> {
     using Base = std::unique_ptr<T, MessageDeleter>;
@@ -37,7 +39,7 @@ public:
     using Base::Base;
     using Base::operator=;
 
-    /// Gives the message away; one that lies in an arena is copied and freed.
+    /// Releases the message; a message in an arena is copied and freed.
     template <typename U, typename = std::enable_if_t<std::is_convertible_v<T*, U*>>>
     operator std::unique_ptr<U>() && {
         if (*this == nullptr || (*this)->GetArena() == nullptr) {
@@ -50,12 +52,12 @@ public:
     }
 };
 
-/// An empty message that shares few large blocks of memory with all its parts: for messages of many
-/// parts, which are made and freed several times faster that way.
+/// Creates an empty message whose parts all share a few large memory blocks. For messages of many
+/// parts, which are created and freed several times faster this way.
 template <typename T>
 MessagePtr<T> makeArenaMessage() {
 #if defined(__SANITIZE_THREAD__)
-    // The headers of protobuf lay messages out differently for ThreadSanitizer than in the library.
+    // Under ThreadSanitizer the headers of protobuf lay out messages differently than the library.
     return std::make_unique<T>();
 #else
     google::protobuf::ArenaOptions options;
@@ -63,7 +65,7 @@ MessagePtr<T> makeArenaMessage() {
     options.max_block_size = 65536;
     auto arena = std::make_unique<google::protobuf::Arena>(options);
     MessagePtr<T> message(google::protobuf::Arena::CreateMessage<T>(arena.get()));
-    static_cast<void>(arena.release());  // the message's from here on
+    static_cast<void>(arena.release());  // the message owns it from here on
     return message;
 #endif
 }

@@ -23,14 +23,13 @@ public:
     ObserverTree& operator=(const ObserverTree&) = delete;
     ObserverTree& operator=(ObserverTree&&) = delete;
 
-    /// Lets observers with an ObserveReq watch keys of the data tree by pattern. A malformed
-    /// pattern is answered with one call, INVALID_ARGUMENT and an empty change set; that observer
-    /// stays silent. Throws as the registrations do.
+    /// Lets observers with an ObserveReq watch keys of the data tree by pattern. An observer with a
+    /// malformed pattern gets one call, with INVALID_ARGUMENT and an empty change set, and no
+    /// further calls. Throws like the registrations.
     void registerDefaultObserveHandler(const std::string& key);
 
-    /// Lets observers with a RegExObserveReq watch the keys that their expression matches as a
-    /// whole. A malformed expression is answered like a malformed pattern. Throws as the
-    /// registrations do.
+    /// Lets observers with a RegExObserveReq watch the keys that match their expression as a whole.
+    /// A malformed expression is answered like a malformed pattern. Throws like the registrations.
     void registerDefaultRegExObserveHandler(const std::string& key);
 
     /// One line per key with its value, in key order. Takes the data lock. For diagnosis.

@@ -12,11 +12,11 @@
 
 namespace Hox::ObserverTree {
 
-/// The registering face of a tree.
+/// The registration interface of a tree.
 ///
 /// Callable at any time from any thread, also while the tree serves requests: a new node is visible
-/// at once. Each call takes the handler lock alone, throws PathError for a malformed address, and
-/// changes nothing when it throws. Nodes are never removed.
+/// immediately. Each call takes the handler lock only, throws PathError for a malformed address,
+/// and changes nothing on error. Nodes are never removed.
 class ObserverTreeHandlerReg {
 public:
     /// Shares the state of the tree.
@@ -29,10 +29,10 @@ public:
     ObserverTreeHandlerReg& operator=(const ObserverTreeHandlerReg&) = delete;
     ObserverTreeHandlerReg& operator=(ObserverTreeHandlerReg&&) = delete;
 
-    /// Registers the handler of one unary operation: a UnaryHandler<InMsg, ReturnMsg> or the like
-    /// that takes an InMsg&&, from which it may move parts. Such a handler gets a copy of a request
-    /// that the caller keeps. Throws DoubleRegistrationError when the address has a handler for the
-    /// operation; the first one stays.
+    /// Registers the handler of one unary operation: a UnaryHandler<InMsg, ReturnMsg>, or a similar
+    /// handler that takes an InMsg&& and may move parts out of it. The latter gets a copy if the
+    /// caller keeps the request. Throws DoubleRegistrationError if the address already has a
+    /// handler for the operation; the first one stays.
     template <UnaryOps OpId, typename InMsg, typename ReturnMsg, typename Handler>
     void registerUnaryOpHandler(const std::string& key, Handler handler) {
         checkAddress(key);
@@ -42,14 +42,14 @@ public:
     }
 
     /// Registers the handler that selects changes for the observers of the address. Throws
-    /// DoubleRegistrationError when the address has one.
+    /// DoubleRegistrationError if the address already has one.
     template <typename InMsg>
     void registerObserveHandler(const std::string& key, TreeNode::ObserveHandler<InMsg> handler) {
         addObserveNode<InMsg>(key, std::move(handler));
     }
 
-    /// Registers what runs when an observer arrives, replacing an earlier hook.
-    /// google::protobuf::Message as InMsg serves every request type.
+    /// Registers the hook that runs when an observer arrives; replaces an earlier hook. With
+    /// google::protobuf::Message as InMsg it serves every request type.
     template <typename InMsg>
     void registerNewObserverHandler(const std::string& key, TreeNode::ObserverHook<InMsg> handler) {
         checkAddress(key);
@@ -58,8 +58,8 @@ public:
             ->template setNewObserverHandler<InMsg>(std::move(handler));
     }
 
-    /// Registers what runs when an observer leaves, on the thread that drops the handle. Otherwise
-    /// as registerNewObserverHandler.
+    /// Registers the hook that runs when an observer leaves, on the thread that drops the handle.
+    /// Otherwise like registerNewObserverHandler.
     template <typename InMsg>
     void registerObserverGoneHandler(const std::string& key,
                                      TreeNode::ObserverHook<InMsg> handler) {
@@ -70,7 +70,7 @@ public:
     }
 
 protected:
-    /// As registerObserveHandler; takes an IObserveHandler as well.
+    /// Like registerObserveHandler; also accepts an IObserveHandler.
     template <typename InMsg, typename Handler>
     void addObserveNode(const std::string& key, Handler handler) {
         checkAddress(key);
@@ -80,7 +80,7 @@ protected:
         m_observeNodes->push_back(node);
     }
 
-    /// The handler lock, for registrations that belong together.
+    /// The handler lock, for registrations that must be atomic.
     const std::shared_ptr<std::recursive_mutex>& handlerLock() const { return m_handlerLock; }
 
 private:
@@ -94,7 +94,8 @@ private:
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    // Constant. What these refer to is shared with the operations of the tree; the locks guard it.
+    // Constant. The objects that these refer to are shared with the operations of the tree; the
+    // locks guard them.
     const std::shared_ptr<spdlog::logger> m_logger;
     const std::shared_ptr<std::recursive_mutex> m_handlerLock;
     const std::shared_ptr<FunctionTree> m_functionTree;  // GUARDED_BY(*m_handlerLock)

@@ -17,10 +17,10 @@ namespace Hox::ObserverTree {
 
 /// The operations on a tree, and the delivery of what they change.
 ///
-/// Callable from any thread; all operations of one tree are strictly serial, handler and delivery
-/// included. Observers run on the calling thread before an operation returns. Handlers and
-/// observers may call back into the tree on their own thread. What a handler wrote before it threw
-/// stays and is delivered with the next operation.
+/// Callable from any thread; all operations of one tree are strictly serial, including handler and
+/// delivery. Observers run on the calling thread before an operation returns. Handlers and
+/// observers may call back into the tree on their own thread. Writes that a handler made before it
+/// threw stay and are delivered with the next operation.
 class ObserverTreeOps {
 public:
     /// Shares the state of the tree. Lock order: handler lock, data lock, then a node's own mutex.
@@ -36,7 +36,7 @@ public:
     ObserverTreeOps& operator=(ObserverTreeOps&&) = delete;
 
     /// Runs the handler registered for exactly this address, then delivers what it wrote. Throws
-    /// FuncNodeHandlerError when there is none, and what the handler throws.
+    /// FuncNodeHandlerError if there is none, and what the handler throws.
     template <UnaryOps OpId, typename InMsg, typename ReturnType>
     UnaryHandlerReturnType<ReturnType> callApiOp(const std::string& key, const InMsg& inMsg) {
         const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
@@ -53,7 +53,7 @@ public:
         return result;
     }
 
-    /// The same for callers that know messages by descriptor only. Throws std::bad_cast when the
+    /// The same for callers that know messages by descriptor only. Throws std::bad_cast if the
     /// message is not of the handler's type.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> unaryOpCast(const std::string& key,
@@ -61,8 +61,8 @@ public:
         return runCast<OpId>(key, inMsg);
     }
 
-    /// The same for a caller that gives its message over: what the handler took is missing from it
-    /// afterwards.
+    /// The same for a caller that hands over its message: parts that the handler moved out are
+    /// missing afterwards.
     template <UnaryOps OpId>
     UnaryHandlerReturnType<BaseMsgType> unaryOpCast(const std::string& key, BaseMsgType&& inMsg) {
         return runCast<OpId>(key, std::move(inMsg));
@@ -70,8 +70,8 @@ public:
 
     /// Registers an observer at exactly this address and delivers the first snapshot to it, before
     /// this call returns unless it runs inside a delivery. startIndex is not used. Throws
-    /// FuncNodeHandlerError when there is no such node; a node without an observe handler accepts
-    /// an observer that never gets a call.
+    /// FuncNodeHandlerError if there is no such node; a node without an observe handler accepts an
+    /// observer that never gets a call.
     template <typename InMsg>
     ObserveRaiiHandleType<InMsg> observe(const std::string& key, const InMsg& inMsg,
                                          ObserverCallback callback,
@@ -95,19 +95,19 @@ public:
         return findUnaryNode(OpId, key);
     }
 
-    /// Takes the handler lock, so that several operations of this thread stand together.
+    /// Takes the handler lock, so that several operations of this thread are atomic.
     std::unique_lock<std::recursive_mutex> lockHandlers() {
         return std::unique_lock<std::recursive_mutex>(*m_handlerLock);
     }
 
-    /// Delivers all pending changes, and those that observers make meanwhile, to all observers, and
-    /// runs the deferred callbacks, `callback` among them unless it is empty. Inside a delivery it
-    /// only leaves the callback to the outer run. Runs with both locks of the tree held; the
+    /// Delivers all pending changes, and changes that observers make meanwhile, to all observers.
+    /// Runs the deferred callbacks, including `callback` unless it is empty. Inside a delivery it
+    /// only queues the callback for the outer run. Runs with both locks of the tree held; the
     /// callback must not throw.
     void callAllObserveHandlers(DataTree& tree, std::function<void()> callback);
 
 protected:
-    /// The data tree and its lock, for the class that puts the tree together.
+    /// The data tree and its lock, for the class that assembles the tree.
     const std::shared_ptr<DataTree>& dataTree() const { return m_dataTree; }
     const std::shared_ptr<std::recursive_mutex>& dataLock() const { return m_dataLock; }
 
@@ -144,8 +144,8 @@ private:
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
-    // Constant. What these refer to is shared with the registering face of the tree; the locks
-    // guard it.
+    // Constant. The objects that these refer to are shared with the registration interface of the
+    // tree; the locks guard them.
     const std::shared_ptr<spdlog::logger> m_logger;
     const std::shared_ptr<std::recursive_mutex> m_handlerLock;
     const std::shared_ptr<std::recursive_mutex> m_dataLock;

@@ -13,10 +13,10 @@ enum class PathType {
     KeyPattern = 2,
 };
 
-/// A component that stands for others.
+/// A wildcard component.
 enum class WildCard {
-    Star = 0,        ///< Exactly one component, whatever it says.
-    DoubleStar = 1,  ///< Any number of components, none included.
+    Star = 0,        ///< Matches exactly one arbitrary component.
+    DoubleStar = 1,  ///< Matches any number of components, including none.
 };
 
 /// A literal without slashes, or a wildcard.

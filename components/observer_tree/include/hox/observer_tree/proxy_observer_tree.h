@@ -20,20 +20,20 @@
 namespace Hox::ObserverTree {
 
 /// A tree in another service, or in this process: observed like any tree, and called by blocking
-/// gRPC.
+/// gRPC calls.
 ///
 /// Stores no remote values and evaluates no pattern: one local observer is one gRPC stream, whose
-/// change sets go straight to the callback on the client handler's thread. A stream whose peer is
-/// lost ends with one CANCELLED call; to observe again, drop the handle and observe anew. An
-/// element that is OK and carries a text all the same fails an assertion. Dropped by its owner
-/// without the capability's mutex, which the client handler's thread may need.
+/// change sets are passed directly to the callback on the client handler's thread. A stream whose
+/// peer is lost ends with one call with the status CANCELLED; to observe again, drop the handle and
+/// call observe again. An OK element that carries a text fails an assertion. The owner destroys the
+/// proxy without holding the capability's mutex, which the client handler's thread may need.
 template <typename ClientHandler>
 class ProxyObserverTree : public ObserverTree {
     using Handle = typename ClientHandler::CallMethodRaiiHandleType;
 
 public:
-    /// Made by the builder, which binds the methods afterwards. The gate is that of the process's
-    /// own server, null for a tree in another service.
+    /// Created by the builder, which binds the methods afterwards. The gate is that of the
+    /// process's own server, or null for a tree in another service.
     ProxyObserverTree(std::shared_ptr<grpc::Channel> channel,
                       std::shared_ptr<ClientHandler> clientHandler,
                       std::shared_ptr<InProcessGate> gate)
@@ -42,8 +42,8 @@ public:
           m_gate(std::move(gate)),
           m_unaryCaller(m_channel, m_gate) {}
 
-    /// Cancels all running observations, then ends the client handler. The callbacks that run
-    /// meanwhile may still use the tree; nobody else drops a handle of it while it goes.
+    /// Cancels all running observations, then ends the client handler. Callbacks that run meanwhile
+    /// may still use the tree; no other code may drop a handle of it during the destruction.
     ~ProxyObserverTree() override {
         endObservations();
         m_clientHandler->stop();
@@ -53,8 +53,8 @@ public:
     ProxyObserverTree& operator=(const ProxyObserverTree&) = delete;
     ProxyObserverTree& operator=(ProxyObserverTree&&) = delete;
 
-    /// Asks the channel to connect and waits until it is ready, at once in the same process. False
-    /// when the deadline has passed.
+    /// Makes the channel connect and waits until it is ready; returns immediately for the same
+    /// process. False if the deadline has passed.
     bool waitForConnected(std::chrono::system_clock::time_point deadline) const {
         if (inProcess()) {
             return true;
@@ -72,8 +72,8 @@ public:
 
     /// Calls a remote operation and waits for its answer without a deadline. Runs on the caller's
     /// thread, which may hold its capability's mutex but not one that the serving side needs.
-    /// UNAVAILABLE when the process's own server has been shut down, and a failed status when it is
-    /// shut down meanwhile. Throws std::out_of_range when the service has no such operation.
+    /// UNAVAILABLE if the process's own server has been shut down, and a failed status if it is
+    /// shut down meanwhile. Throws std::out_of_range if the service has no such operation.
     Status callUnary(const std::string& key, UnaryOps operation,
                      const google::protobuf::Message& request,
                      google::protobuf::Message& response) {
@@ -87,22 +87,22 @@ public:
     /// Whether the tree is served by this process.
     bool inProcess() const { return m_gate != nullptr; }
 
-    /// To be held while a call is started. It owns nothing for a tree in another service, and when
-    /// the process's own server has been shut down, so that nothing may be started any more.
+    /// Must be held while a call is started. It owns nothing for a tree in another service, or if
+    /// the process's own server has been shut down and no call may be started.
     std::shared_lock<std::shared_mutex> passGate() const {
         return m_gate ? m_gate->pass() : std::shared_lock<std::shared_mutex>();
     }
 
-    /// The connection, for waiting on it in steps.
+    /// The connection, to wait for it in steps.
     const std::shared_ptr<grpc::Channel>& channel() const { return m_channel; }
 
-    /// Stores the method of an operation in place of a former one. For the builder.
+    /// Stores the method of an operation; replaces an earlier one. For the builder.
     void setUnaryMethod(const std::string& key, UnaryOps operation,
                         std::unique_ptr<OwnedRpcMethod> method) {
         m_unaryMethods[{key, operation}] = std::move(method);
     }
 
-    /// Keeps the stream of an observer, known by its request. For the builder's hooks.
+    /// Keeps the stream of an observer, identified by its request. For the builder's hooks.
     void addRemoteObservation(const google::protobuf::Message& inMsg, Handle handle) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_observerMap.insert_or_assign(&inMsg, std::move(handle));
@@ -124,7 +124,7 @@ private:
         std::vector<Handle> handles;
         const std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& observation : m_observerMap) {
-            // The entry stays: the observer may leave in a callback that runs just now.
+            // The entry stays: the observer may leave in a callback that is running now.
             handles.push_back(std::move(observation.second));
         }
     }
@@ -133,7 +133,7 @@ private:
     std::shared_ptr<ClientHandler> m_clientHandler;
     /// Running streams, keyed by the observer's own copy of its request. GUARDED_BY(m_mutex)
     std::map<const google::protobuf::Message*, Handle> m_observerMap;
-    /// Held for the map alone, not for the end of a call.
+    /// Held for access to the map only, not while a call ends.
     std::mutex m_mutex;
     std::shared_ptr<InProcessGate> m_gate;
     UnaryCaller m_unaryCaller;

@@ -10,7 +10,8 @@
 
 namespace Hox::ObserverTree {
 
-/// A data tree that a handler writes only inside the keys of its address; it reads them all.
+/// A data tree in which a handler writes only the keys at or below its address; it may read all
+/// keys.
 template <typename TreeType>
 class RestrictedDataTree : public TreeType {
 public:
@@ -20,7 +21,7 @@ public:
     using iterator = typename TreeType::iterator;
 
     /// Limits writes to the address and everything below it, until the next call. Throws PathError
-    /// when the address is malformed; the former limit stays in force then.
+    /// if the address is malformed; the former limit stays in force then.
     void setKeyPattern(const std::string& address) {
         if (!address.empty() && address == m_address) {
             return;
@@ -35,7 +36,7 @@ public:
         m_hasLiteralPrefix = isLiteral && address.size() > 1;
     }
 
-    /// Throws PathError for a malformed key, AccessViolationError for one outside the limit.
+    /// Throws PathError for a malformed key, AccessViolationError for a key outside the limit.
     void checkAccess(const KeyType& key) const {
         if (liesUnderLiteralPrefix(key) && m_path.isKey(key)) {
             return;
@@ -47,19 +48,19 @@ public:
         }
     }
 
-    /// As the base class, after checkAccess; a rejected write changes nothing.
+    /// Like the base class, after checkAccess; a rejected write changes nothing.
     std::pair<iterator, bool> insert_or_assign(const KeyType& key, const ValueType& value) {
         checkAccess(key);
         return TreeType::insert_or_assign(key, value);
     }
 
-    /// The same, taking over key and value.
+    /// The same, but takes over key and value.
     std::pair<iterator, bool> insert_or_assign(KeyType&& key, ValueType&& value) {
         checkAccess(key);
         return TreeType::insert_or_assign(std::move(key), std::move(value));
     }
 
-    /// The same with the place of the key.
+    /// The same with the position of the key.
     std::pair<iterator, bool> insert_or_assign(iterator hint, KeyType&& key, ValueType&& value) {
         if (hint != this->end() && hint->first == key) {
             checkAccessToStored(key);
@@ -69,35 +70,35 @@ public:
         return TreeType::insert_or_assign(hint, std::move(key), std::move(value));
     }
 
-    /// As the base class, after checkAccess, which an absent key has to pass too.
+    /// Like the base class, after checkAccess, which an absent key must pass as well.
     void erase(const KeyType& key) {
         checkAccess(key);
         TreeType::erase(key);
     }
 
-    /// The same for the key at a place of this tree other than its end.
+    /// The same for the key at a position of this tree other than its end.
     void erase(iterator position) {
         checkAccessToStored(position->first);
         TreeType::erase(position);
     }
 
 private:
-    /// As checkAccess, for a key that stands in the tree and is therefore well-formed.
+    /// Like checkAccess, for a key that is in the tree and therefore well-formed.
     void checkAccessToStored(const KeyType& key) const {
         if (!liesUnderLiteralPrefix(key)) {
             checkAccess(key);
         }
     }
 
-    /// True makes a well-formed key match; false says nothing.
+    /// If true, a well-formed key matches; false means nothing.
     bool liesUnderLiteralPrefix(const KeyType& key) const {
         return m_hasLiteralPrefix && key.size() > m_address.size() &&
                key[m_address.size()] == '/' && key.compare(0, m_address.size(), m_address) == 0;
     }
 
     PathManipulation m_path;
-    bool m_hasLiteralPrefix = false;  // m_address stands for itself alone
-    std::string m_address;            // what m_keyPattern was made from
+    bool m_hasLiteralPrefix = false;  // m_address has no wildcards
+    std::string m_address;            // source of m_keyPattern
     PathComponents m_keyPattern;
 };
 

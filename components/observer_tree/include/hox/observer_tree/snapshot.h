@@ -4,11 +4,11 @@
 
 namespace Hox::ObserverTree {
 
-/// Adds elements of a tree to a change set of lower keys, each as a new key with its value, as far
-/// as `selects` says so for their keys.
+/// Adds the elements of a tree whose keys `selects` accepts to a change set of lower keys, each as
+/// a new key with its value.
 ///
-/// Where `selects` throws, the walk ends with that element, which is added: who selects from the
-/// change set anew meets the exception then.
+/// If `selects` throws, the walk ends with that element, which is added: a later selection from the
+/// change set meets the exception then.
 template <typename Changes, typename Elements, typename Selects>
 void addToSnapshot(Changes& snapshot, const Elements& elements, const Selects& selects) {
     for (const auto& [key, value] : elements) {

@@ -6,7 +6,7 @@
 
 namespace Hox::ObserverTree {
 
-/// The outcome of an operation: a ProtoStatus of which an OK one never carries a text.
+/// The outcome of an operation: a ProtoStatus that never carries a text if it is OK.
 ///
 /// Holds the generated message, whose class is final, instead of deriving from it.
 class Status {
@@ -19,12 +19,12 @@ public:
 
     /// Whether the code is OK.
     bool isOk() const { return m_proto.statuscode() == ProtoStatus::OK; }
-    /// The code, by number that of gRPC.
+    /// The code; its number is that of gRPC.
     ProtoStatus::StatusCode statusCode() const { return m_proto.statuscode(); }
-    /// The text, empty with OK; valid as long as this object.
+    /// The text, empty if OK; valid as long as this object.
     const std::string& errorMessage() const { return m_proto.errormessage(); }
 
-    /// The form that travels on an observe stream.
+    /// The form used on an observe stream.
     const ProtoStatus& proto() const { return m_proto; }
 
 private:

@@ -25,7 +25,7 @@ using FunctionTree = std::map<const std::string, std::shared_ptr<TreeNode>>;
 /// The nodes with an observe handler, in the order of registration and delivery.
 using ObserveNodes = std::vector<std::shared_ptr<TreeNode>>;
 
-/// What a unary handler returns.
+/// The return type of a unary handler.
 template <typename ReturnMsgType>
 using UnaryHandlerReturnType = TreeNode::UnaryHandlerReturnType<ReturnMsgType>;
 
@@ -33,7 +33,7 @@ using UnaryHandlerReturnType = TreeNode::UnaryHandlerReturnType<ReturnMsgType>;
 template <typename InMsg, typename ReturnMsg>
 using UnaryHandler = TreeNode::UnaryHandler<InMsg, ReturnMsg>;
 
-/// What an observer supplies.
+/// The callback of an observer.
 using ObserverCallback = TreeNode::ObserverCallback;
 
 /// The observers of a node.

@@ -6,7 +6,7 @@ namespace Hox::ObserverTree {
 
 /// A path component is not of the kind that the matcher needs.
 ///
-/// A class of its own because the text of std::bad_variant_access differs between library versions.
+/// A separate class because the text of std::bad_variant_access differs between library versions.
 class UnexpectedIndex : public std::bad_variant_access {
 public:
     /// Always "Unexpected index".

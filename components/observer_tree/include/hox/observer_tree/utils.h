@@ -7,21 +7,21 @@
 
 namespace Hox::ObserverTree {
 
-/// Stores one change under the key, replacing whatever the key held before. How code outside a tree
-/// writes change sets; asserts that the index is 0.
+/// Stores one change under the key; replaces its previous changes. Code outside of a tree writes
+/// change sets with it. Asserts that the index is 0.
 void addToChangeSet(ChangeSetType& changeSet, const std::string& key, DataTreeValPtr current,
                     DataTreeValPtr previous, int index);
 
 namespace Detail {
 
-/// Throws DataTreeValError, naming the side, when the pointer is null.
+/// Throws DataTreeValError, which names the side, if the pointer is null.
 const DataTreeVal& dereference(const DataTreeValPtr& value, const char* side);
 
 }  // namespace Detail
 
 /// For an observer of exactly one key: calls back with the typed current and previous message of
-/// the first change, a default message standing for an absent one. Throws std::out_of_range when
-/// the key has no change, BadCast when a message is not a T.
+/// the first change, with a default message for an absent one. Throws std::out_of_range if the key
+/// has no change, BadCast if a message is not a T.
 template <typename T>
 void callTypedObserver(const ChangeSetType& changes,
                        const std::function<void(const T&, const T&)>& callback) {

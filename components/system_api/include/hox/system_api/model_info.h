@@ -4,9 +4,9 @@
 
 namespace Hox::SystemAPI {
 
-/// What there is to know about one product model.
+/// The properties of one product model.
 struct ModelInfo {
-    std::string name;  ///< as customers see it
+    std::string name;  ///< as shown to customers
     int partNumber = 0;
     int moduleSlots = 0;
     int rackUnits = 0;  ///< height of the case

@@ -11,7 +11,7 @@ namespace Hox::SystemAPI {
 /// record of type 0 in the serial file.
 ///
 /// Empty if there is no such record or row, or if the file cannot be read; never throws. A member
-/// of the file that should be a number and has other characters in it fails an assertion. Callable
+/// of the file that must be a number and contains other characters fails an assertion. Callable
 /// from any thread.
 std::optional<ModelInfo> findModel(const std::filesystem::path& serialFile = "/etc/serial");
 

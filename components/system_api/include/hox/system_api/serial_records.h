@@ -6,7 +6,7 @@
 
 namespace Hox::SystemAPI {
 
-/// What the serial file says about one module of the machine.
+/// The record of one module of the machine in the serial file.
 struct SerialRecord {
     int type = 0;  ///< 0 is the machine itself
     std::string serial;
@@ -17,9 +17,9 @@ struct SerialRecord {
 /// Reads the serial file: a JSON array of objects with the string members "type", "serial",
 /// "partnumber" and "revision", in the order of the file.
 ///
-/// Throws SerialNumberError if the file cannot be read, is anything else, or holds a number above
-/// the range of int. Characters other than digits in a number's text fail an assertion. Callable
-/// from any thread.
+/// Throws SerialNumberError if the file cannot be read, has another form, or contains a number
+/// above the range of int. Characters other than digits in the text of a number fail an assertion.
+/// Callable from any thread.
 std::vector<SerialRecord> readSerialRecords(const std::filesystem::path& path);
 
 }  // namespace Hox::SystemAPI

@@ -11,7 +11,7 @@
 
 namespace Hox::Capability::Configuration {
 
-/// The capability manager of configuration: wires tree, handler, proxy and gRPC. All logic lies in
+/// The capability manager of configuration: wires tree, handler, proxy and gRPC. All logic is in
 /// ConfObstreeHandler.
 class ConfCapMngr : public Hox::Service::ICapMngr {
 public:
@@ -27,7 +27,7 @@ public:
     void proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) override;
 
 private:
-    // The handler is the last to go: the threads of the members below run its operations.
+    // Destroyed last: the threads of the members below run its operations.
     std::unique_ptr<ConfObstreeHandler> m_confObstreeHandler;
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> m_stateTree;
     std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;

@@ -23,17 +23,17 @@ class SliceObservers;
 
 /// All logic of the configuration store: slices with state ids, in one tree under /sys/conf.
 ///
-/// Changes stay in memory, as the working copy, until somebody makes them the saved copy, a
-/// directory whose values are never edited: all of it is replaced in one step. All functions
-/// run under the capability's mutex; the handlers run under the tree's locks as well. The tree
-/// refers to this object, which therefore outlives the serving of requests. The destructor runs
-/// without the mutex: the state tree's thread, which it may have to join, needs it.
+/// Changes stay in memory, as the working copy, until an operation makes them the saved copy: a
+/// directory whose values are never edited, but replaced as a whole in one step. All functions run
+/// under the capability's mutex; the handlers also run under the tree's locks. The tree refers to
+/// this object, so the object must live until the last request has been served. The destructor runs
+/// without the mutex: it may have to join the state tree's thread, which needs the mutex.
 class ConfObstreeHandler {
 public:
-    /// Loads what is saved in confPath, which is made if missing, into the tree, and keeps other
-    /// services away from it. `lock` is the frame's slot for its lock of the capability. Throws
-    /// InitializationError where another service uses the folder, and
-    /// std::filesystem::filesystem_error for a value that cannot be read: a service that went on
+    /// Loads the saved configuration in confPath, which is created if missing, into the tree, and
+    /// locks the folder against other services. `lock` is the frame's slot for its lock of the
+    /// capability. Throws InitializationError if another service uses the folder, and
+    /// std::filesystem::filesystem_error for a value that cannot be read: a service that continued
     /// would save without it.
     ConfObstreeHandler(Hox::ObserverTree::ObserverTree& tree,
                        std::unique_ptr<std::unique_lock<std::mutex>>& lock,
@@ -45,13 +45,13 @@ public:
     ConfObstreeHandler& operator=(const ConfObstreeHandler&) = delete;
     ConfObstreeHandler& operator=(ConfObstreeHandler&&) = delete;
 
-    /// Where state notifications go. Without one none are sent.
+    /// Sets the tree that state notifications are sent to. Without one, none are sent.
     void setStateTree(std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> stateTree);
 
     /// Registers the handlers of the function tree.
     void registerObsTreeHandlers();
 
-    /// Starts to watch the tree for changes that observers of slices have to hear of.
+    /// Starts to watch the tree for changes that observers of slices must get.
     void addObservers();
 
 private:
@@ -92,7 +92,7 @@ private:
     std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> m_persistHndlr;
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> m_stateTree;
     std::string m_serviceId;
-    /// The first to be destroyed: its thread uses all the rest.
+    /// Destroyed first: its thread uses all other members.
     std::unique_ptr<SliceObservers> m_sliceObservers;
 };
 

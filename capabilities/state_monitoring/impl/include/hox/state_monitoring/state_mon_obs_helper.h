@@ -16,15 +16,16 @@ namespace Hox::Capability::StateMonitoring {
 
 class NotificationStore;
 
-/// The logic of the state monitor: binds the notifications, which a NotificationStore keeps as data
-/// of an observer tree, to the operations of that tree, and derives the severity of the whole.
+/// The logic of the state monitor. A NotificationStore keeps the notifications as data of an
+/// observer tree; this class binds them to the operations of the tree and derives the severity of
+/// the whole.
 ///
-/// Outlives the use of the tree that its handlers are registered on. The handlers run under the
-/// locks of that tree, which guard the members too.
+/// Must outlive the use of the tree that its handlers are registered on. The handlers run under the
+/// locks of that tree, which also guard the members.
 class StateMonObsHelper {
 public:
-    /// The mutex is the capability's, the id that of this service; the archive holds at most
-    /// archiveSize notifications. Asserts that this is above 0.
+    /// The mutex is that of the capability, the id that of this service. The archive holds at most
+    /// archiveSize notifications; asserts that this is above 0.
     StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex, std::string serviceId,
                       bool isSystemMonitor, int32_t archiveSize);
     virtual ~StateMonObsHelper();
@@ -33,12 +34,12 @@ public:
     StateMonObsHelper& operator=(const StateMonObsHelper&) = delete;
     StateMonObsHelper& operator=(StateMonObsHelper&&) = delete;
 
-    /// Registers all handlers, on one tree and once: the object keeps positions in that tree.
-    /// Throws as the registrations do.
+    /// Registers all handlers, once and on one tree: the object keeps positions in that tree.
+    /// Throws like the registrations.
     void registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree);
 
-    /// Tells how far the machine is. While it is starting, the severity of the whole is BOOTING
-    /// unless there is an ERROR. Any thread, no lock.
+    /// Sets the state of the machine. While the machine is starting, the severity of the whole is
+    /// BOOTING unless there is an ERROR. Callable from any thread, without a lock.
     void setSystemState(SystemState systemState) { m_systemState = static_cast<int>(systemState); }
 
 private:

@@ -10,7 +10,7 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// The capability manager of state monitoring: wires tree, handlers and gRPC. All logic lies in
+/// The capability manager of state monitoring: wires tree, handlers and gRPC. All logic is in
 /// StateMonObsHelper.
 class StateMonitorCapMngr : public Hox::Service::ICapMngr {
 public:
@@ -27,7 +27,7 @@ public:
     void serverStarted(Hox::Service::LumServiceCtx& ctx) override;
 
 private:
-    // The helper is the last to go: the handler's thread runs its operations.
+    // Destroyed last: the handler's thread runs its operations.
     std::unique_ptr<StateMonObsHelper> m_stateMonObsHelper;
     std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcServerHandler> m_asyncGrpcServerHandler;

@@ -14,21 +14,21 @@ public:
     using OutputHandler = std::function<void(const std::string&)>;
     using StacktraceProvider = std::function<std::string()>;
 
-    /// Whether a failed assertion ends the process by abort(). True until said otherwise.
+    /// Whether a failed assertion ends the process by abort(). The default is true.
     void setAbortOnFailure(bool abortOnFailure);
 
     /// Receives each report. An empty handler means standard error.
     void setOutputHandler(OutputHandler outputHandler);
 
-    /// Delivers the stack trace of the second report. Empty means that none is available.
+    /// Provides the stack trace of the second report. Empty means that none is available.
     void setStacktraceProvider(StacktraceProvider stacktraceProvider);
 
-    /// Does nothing if the condition is true. Otherwise hands out two reports, and then either
-    /// aborts or returns to the caller.
+    /// Does nothing if the condition is true. Otherwise writes two reports and then aborts or
+    /// returns to the caller.
     void assertTrue(bool condition, const std::string& expression, const std::string& message,
                     const std::string& file, int line) const;
 
-    /// The same without a message of its own.
+    /// The same without a message.
     void assertTrue(bool condition, const std::string& expression, const std::string& file,
                     int line) const;
 
@@ -40,19 +40,19 @@ private:
     StacktraceProvider m_stacktraceProvider;
 };
 
-/// The process-wide checker, created at the first request. Callable from any thread.
+/// The process-wide checker, created on first use. Callable from any thread.
 Assertion& getAssertion();
 
 }  // namespace Hox::CppUtil
 
-/// Fails with the condition's source text. A macro, as only a macro sees that text; the texts are
-/// built for a failure only.
+/// Fails with the condition's source text. A macro, because only a macro sees that text. The texts
+/// are built on failure only.
 #define HOX_ASSERT(...)         \
     ((__VA_ARGS__)              \
          ? static_cast<void>(0) \
          : ::Hox::CppUtil::getAssertion().assertTrue(false, #__VA_ARGS__, __FILE__, __LINE__))
 
-/// The same with a message behind the condition's text.
+/// The same with a message after the condition's text.
 #define HOX_ASSERT_MSG(condition, message)                                                         \
     ((condition) ? static_cast<void>(0)                                                            \
                  : ::Hox::CppUtil::getAssertion().assertTrue(false, #condition, message, __FILE__, \

@@ -6,7 +6,7 @@
 
 namespace Hox::CppUtil {
 
-/// A value is not of the type that it was asked for as.
+/// A value does not have the requested type.
 class BadCast : public Hox::Error {
 public:
     /// Prepends "Bad Cast Error: " to the message; throws std::bad_alloc only.

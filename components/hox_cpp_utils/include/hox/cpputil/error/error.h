@@ -5,10 +5,10 @@
 
 namespace Hox {
 
-/// Root of all exceptions of the house. The text is complete when the object has been built.
+/// Root of all exceptions of this project. The text is complete after construction.
 ///
-/// A derived class prepends its prefix to the message and hands the result on, so that the prefixes
-/// of a chain stand with that of the base first.
+/// A derived class prepends its prefix to the message and passes the result to its base, so the
+/// prefix of the base comes first.
 class Error : public std::exception {
 public:
     /// Keeps message + "(" + file + ":" + line + ")"; throws std::bad_alloc only.

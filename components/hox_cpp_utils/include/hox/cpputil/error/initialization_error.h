@@ -6,7 +6,7 @@
 
 namespace Hox::CppUtil {
 
-/// An object is used out of the order of its life cycle.
+/// An object is used in the wrong phase of its life cycle.
 class InitializationError : public Hox::Error {
 public:
     /// Prepends "Initialization Error: " to the message; throws std::bad_alloc only.

@@ -6,7 +6,7 @@
 
 namespace Hox::CppUtil {
 
-/// An argument lies outside its valid range.
+/// An argument is outside its valid range.
 class InvalidArgumentError : public Hox::Error {
 public:
     /// Prepends "Invalid Argument Error: " to the message; throws std::bad_alloc only.

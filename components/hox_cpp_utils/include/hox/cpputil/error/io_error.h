@@ -6,7 +6,7 @@
 
 namespace Hox::CppUtil {
 
-/// Input or output failed. The spelling of the prefix is part of the text.
+/// Input or output failed. The spelling of the prefix is intended.
 class IOError : public Hox::Error {
 public:
     /// Prepends "IOErrorr: " to the message; throws std::bad_alloc only.

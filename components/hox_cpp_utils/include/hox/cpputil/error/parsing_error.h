@@ -6,7 +6,7 @@
 
 namespace Hox::CppUtil {
 
-/// A text does not have the form that it must have.
+/// A text does not have the required form.
 class ParsingError : public Hox::Error {
 public:
     /// Prepends "Generic parsing Error: " to the message; throws std::bad_alloc only.

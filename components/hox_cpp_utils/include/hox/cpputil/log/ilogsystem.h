@@ -15,9 +15,9 @@ public:
     /// Finds or creates the logger with the log system's default level.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name) = 0;
 
-    /// Finds or creates the logger. The level counts for a new logger only; a logger that exists is
-    /// returned unchanged. Throws spdlog::spdlog_ex where the name was registered by somebody else
-    /// in the meantime.
+    /// Finds or creates the logger. The level applies to a new logger only; an existing logger is
+    /// returned unchanged. Throws spdlog::spdlog_ex if other code registers the name in the
+    /// meantime.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                                       spdlog::level::level_enum level) = 0;
 

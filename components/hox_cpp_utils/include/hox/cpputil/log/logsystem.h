@@ -6,11 +6,11 @@
 
 namespace Hox::Log {
 
-/// The log system of the process, never empty: where none has been set, one for standard output is
-/// installed with a warning. Callable from any thread.
+/// The log system of the process, never empty: if none is set, one for standard output is installed
+/// and a warning is logged. Callable from any thread.
 std::shared_ptr<ILogsystem> getLogsystem();
 
-/// Replaces the log system of the process. Loggers handed out before stay valid. Callable from any
+/// Replaces the log system of the process. Loggers returned earlier stay valid. Callable from any
 /// thread.
 void setLogsystem(std::unique_ptr<ILogsystem> logsystem);
 

@@ -8,7 +8,7 @@ namespace Hox::Log {
 
 /// Log system that writes to standard output from one worker thread.
 ///
-/// Callers only enqueue and are never blocked: when the queue is full its oldest record is dropped.
+/// Callers only enqueue and never block: when the queue is full, its oldest record is dropped.
 /// getLogger has no lock of its own; the frame creates loggers on the main thread.
 class StdoutLogger : public ILogsystem {
 public:

@@ -11,10 +11,10 @@ class RegexMatcher;
 
 /// A regular expression (ECMAScript grammar) from a source that is not trusted.
 ///
-/// The standard library decides what is a valid expression, and the answers are its own. Its
-/// matcher, however, recurses once per byte of the subject and backtracks without an end, so that a
-/// subject can overflow the stack and an expression can take for ever. Here PCRE2 matches, within a
-/// few milliseconds and megabytes; what needs more is refused.
+/// The standard library decides what a valid expression is, and the results equal its results. Its
+/// matcher, however, recurses once per byte of the subject and backtracks without a limit: a
+/// subject can overflow the stack, and an expression can take for ever. Here PCRE2 does the
+/// matching, within a few milliseconds and megabytes; a match that needs more is refused.
 ///
 /// An object may be used by one thread at a time.
 class BoundedRegex {
@@ -25,8 +25,8 @@ public:
     static constexpr std::size_t maxSubjectSize = 4096;
 
     /// Compiles the expression. Throws std::regex_error for a malformed one, as std::regex does,
-    /// and InvalidArgumentError for one that is too long, or too large with its counted repetitions
-    /// written out.
+    /// and InvalidArgumentError for one that is too long, or too large once its counted repetitions
+    /// are expanded.
     explicit BoundedRegex(const std::string& expression);
     ~BoundedRegex();
     BoundedRegex(BoundedRegex&& other) noexcept;
@@ -34,8 +34,8 @@ public:
     BoundedRegex(const BoundedRegex&) = delete;
     BoundedRegex& operator=(const BoundedRegex&) = delete;
 
-    /// Whether any part of the subject matches. Throws InvalidArgumentError for a subject that is
-    /// too long and where the answer takes too much time or memory.
+    /// Whether any part of the subject matches. Throws InvalidArgumentError if the subject is too
+    /// long or the match takes too much time or memory.
     bool search(std::string_view subject);
 
     /// Whether the whole subject matches. Throws as search() does.
@@ -43,7 +43,7 @@ public:
 
 private:
     std::unique_ptr<RegexMatcher> m_matcher;
-    std::unique_ptr<RegexMatcher> m_matcherAtStart;  // null where the other one serves as well
+    std::unique_ptr<RegexMatcher> m_matcherAtStart;  // null if the other one serves both cases
 };
 
 }  // namespace Hox::CppUtil

@@ -7,8 +7,8 @@ namespace Hox::CppUtil {
 
 /// A signal that is either set or not: several posts count as one. Any thread may call it.
 ///
-/// It may be destroyed as soon as the last wait has returned, also while the post that released
-/// this wait is still on its way out.
+/// It may be destroyed as soon as the last wait has returned, even if the post that released this
+/// wait has not returned yet.
 class BinarySemaphore {
 public:
     /// Starts unsignalled.
@@ -20,7 +20,7 @@ public:
     /// Sets the signal and wakes one waiting thread. Never blocks on a waiter.
     virtual void post();
 
-    /// Blocks until the signal is set, then takes it back: the next wait needs a new post.
+    /// Blocks until the signal is set, then resets it: the next wait needs a new post.
     void wait();
 
 private:

@@ -8,8 +8,8 @@ namespace Hox::CppUtil {
 
 /// A semaphore that counts its posts: each post lets one wait pass. Any thread may call it.
 ///
-/// It may be destroyed as soon as the last wait has returned, also while the post that released
-/// this wait is still on its way out.
+/// It may be destroyed as soon as the last wait has returned, even if the post that released this
+/// wait has not returned yet.
 class CountingSemaphore {
 public:
     /// Starts with a count of 0.
@@ -24,8 +24,8 @@ public:
     /// Blocks until the count is above 0, then decrements it.
     void wait();
 
-    /// As wait, but gives up at the time point. Returns whether the count was decremented; a count
-    /// above 0 is taken also when the time point has passed.
+    /// Like wait, but gives up at the time point. Returns whether the count was decremented. A
+    /// count above 0 is decremented even if the time point has passed.
     bool waitUntil(std::chrono::steady_clock::time_point timePoint);
 
 private:

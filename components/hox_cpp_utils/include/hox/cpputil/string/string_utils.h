@@ -6,7 +6,7 @@
 #include <vector>
 
 /// Small functions on texts, which are sequences of bytes here. They share no state: any thread may
-/// call them. Unless said otherwise they throw std::bad_alloc only.
+/// call them. Unless documented otherwise they throw std::bad_alloc only.
 namespace Hox::CppUtil {
 
 // NOLINTBEGIN(readability-identifier-naming)
@@ -21,7 +21,7 @@ const std::string TIME_WITH_SECONDS_REGEX = "(?:[01][0-9]|2[0-3]):[0-5][0-9]:[0-
 /// Expression for a time of day with minutes, as in "23:59".
 const std::string TIME_WITH_MINUTES_REGEX = "(?:[01][0-9]|2[0-3]):[0-5][0-9]";
 
-/// Whether the text is not empty and has decimal digits only.
+/// Whether the text is not empty and consists of decimal digits only.
 bool str_isonly_digits(const std::string& s);
 
 /// The index of the n-th occurrence of the byte, counted from 1 (0 counts as 1), or -1 if there are
@@ -34,12 +34,12 @@ bool str_starts_with(const std::string& start, const std::string& s);
 /// Whether the text ends with the end, which is the first argument.
 bool str_ends_with(const std::string& end, const std::string& s);
 
-/// A copy with each byte through tolower, so by the locale's character type.
+/// A copy with tolower applied to each byte, so by the locale's character type.
 std::string str_to_lower(const std::string& s);
 
-/// The bytes that the hexadecimal digits from begin up to end spell out, two digits of either case
-/// for each byte, the high one first. Throws ParsingError if the number of characters is zero or
-/// odd, or if one of them is no such digit.
+/// The bytes that the hexadecimal digits in [begin, end) represent: two digits of either case per
+/// byte, the high one first. Throws ParsingError if the number of characters is zero or odd, or if
+/// a character is not a hexadecimal digit.
 std::vector<std::uint8_t> str_hex_to_bytes(const char* begin, const char* end);
 
 /// The same for a whole text.
@@ -51,21 +51,21 @@ std::string str_right(const std::string& s, unsigned n);
 /// A copy with each "/" replaced by "_".
 std::string str_replace_slashes(const std::string& s);
 
-/// The pieces between the delimiters, empty ones included: a delimiter at the start or end has an
-/// empty piece beside it. An empty text has no piece at all.
+/// The pieces between the delimiters, empty ones included: a delimiter at the start or end yields
+/// an empty piece. An empty text yields no piece.
 std::vector<std::string> str_split(const std::string& s, char delimiter);
 
-/// A copy without any byte for which isspace holds, also inside the text.
+/// A copy without the bytes for which isspace holds, including those inside the text.
 std::string str_strip_spaces(const std::string& s);
 
 /// A copy without any line feed.
 std::string str_strip_newlines(const std::string& s);
 
-/// Whether the whole text matches "(-)?(0x)?([0-9a-fA-F][0-9a-fA-F]*)|((0x)?0)": hexadecimal
-/// digits, behind a sign or "0x" or both at will. Takes texts of any length.
+/// Whether the whole text matches "(-)?(0x)?([0-9a-fA-F][0-9a-fA-F]*)|((0x)?0)": hexadecimal digits
+/// after an optional sign and an optional "0x". Accepts texts of any length.
 bool str_is_number(const std::string& s);
 
-/// Whether the whole text matches "[A-Z]+". Takes texts of any length.
+/// Whether the whole text matches "[A-Z]+". Accepts texts of any length.
 bool str_is_uppercase(const std::string& s);
 
 /// Whether the whole text is UTF-8 as Unicode defines it: without surrogates, overlong forms and

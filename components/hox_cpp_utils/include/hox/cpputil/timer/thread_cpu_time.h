@@ -5,7 +5,7 @@
 namespace Hox::CppUtil {
 
 /// The processor time that the calling thread has used so far. Other work on the machine does not
-/// count, so it bounds work where a clock on the wall would fail under load.
+/// count, so a limit on it also holds under load, where a limit on wall-clock time would not.
 std::chrono::nanoseconds threadCpuTime();
 
 }  // namespace Hox::CppUtil

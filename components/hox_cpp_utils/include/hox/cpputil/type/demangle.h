@@ -5,7 +5,7 @@
 
 namespace Hox::CppUtil {
 
-/// The readable name of the type, or its raw name where it cannot be demangled.
+/// The readable name of the type, or its raw name if it cannot be demangled.
 std::string demangle(const std::type_info& type);
 
 }  // namespace Hox::CppUtil

@@ -5,8 +5,8 @@
 
 namespace HoxTypeName {
 
-/// The compiler's text of this function's signature, with the type spelled out. Outside of Hox, as
-/// the compiler leaves out the namespace that the function and the type have in common.
+/// The compiler's text of this function's signature, with the type spelled out. It is outside of
+/// Hox because the compiler omits a namespace that the function and the type share.
 template <typename _Get_TypeName>
 constexpr std::string_view signature() {
     return __PRETTY_FUNCTION__;

@@ -6,7 +6,7 @@
 
 namespace Hox::Log {
 
-/// Hands a record to the systemd journal: the text as its message, the record's level as a syslog
+/// Sends a record to the systemd journal: the text as its message, the record's level as a syslog
 /// priority, the program's name and the record's source location.
 ///
 /// Callable from any thread; blocks until the journal's socket has taken the record. A journal that

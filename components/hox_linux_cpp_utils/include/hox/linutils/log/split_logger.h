@@ -11,13 +11,13 @@ namespace Hox::Log {
 
 /// Log system that writes every record to a rotating file and, from warnings up, to the journal.
 ///
-/// A log call blocks for the write and is flushed at once at every level, so that a crash loses
-/// nothing. The file holds about 2000000 bytes, beside it stays one older file. All functions may
-/// be called from any thread.
+/// A log call blocks for the write and is flushed immediately at every level, so that a crash loses
+/// nothing. The file holds about 2000000 bytes; one older file is kept. All functions may be called
+/// from any thread.
 class SplitLogger : public ILogsystem {
 public:
-    /// Opens "/var/log/halvo/" + fileName for appending and makes missing folders. Throws
-    /// spdlog::spdlog_ex where that fails.
+    /// Opens "/var/log/halvo/" + fileName for appending and creates missing folders. Throws
+    /// spdlog::spdlog_ex if that fails.
     SplitLogger(const std::string& fileName, spdlog::level::level_enum level);
 
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override;

@@ -8,8 +8,8 @@
 
 namespace Hox::Log {
 
-/// Sink that hands each record, formatted with the sink's pattern, to the systemd journal. Formats
-/// and sends under the sink's mutex, on the calling thread.
+/// Sink that sends each record, formatted with the sink's pattern, to the systemd journal. It
+/// formats and sends under the sink's mutex, on the calling thread.
 template <typename Mutex>
 class systemd_sink : public spdlog::sinks::base_sink<Mutex> {
 protected:

@@ -15,21 +15,21 @@
 
 namespace Hox::ObserverTree {
 
-/// The proxy tree that this builder makes.
+/// The type of proxy tree that this builder creates.
 using GrpcProxyObserverTree = ProxyObserverTree<AsyncGrpcClientHandler>;
 
 /// Builds proxy trees from the descriptors that the remote services were built from.
 ///
-/// Without state of its own: one object serves all proxies, from any thread.
+/// Stateless: one object serves all proxies, from any thread.
 class AsyncGrpcProxyObsTreeBuilder : public ProtoObsTreeBuilder {
 public:
-    /// Has a logger of its own.
+    /// Creates the builder's logger.
     AsyncGrpcProxyObsTreeBuilder();
 
-    /// A proxy with a client handler, thread and queue of its own, which run under the capability's
-    /// mutex. The gate is that of the process's own server if the channel leads there, else null.
-    /// Throws ObsTreeBuildError for a service that the descriptor pool lacks and for a method whose
-    /// operation does not exist.
+    /// Creates a proxy with its own client handler, thread and queue, which run under the
+    /// capability's mutex. The gate is that of the process's own server if the channel leads there,
+    /// otherwise null. Throws ObsTreeBuildError for a service that the descriptor pool lacks and
+    /// for a method whose operation does not exist.
     template <typename ServiceType>
     std::shared_ptr<GrpcProxyObserverTree> createProxyObsTree(
         const std::shared_ptr<grpc::Channel>& channel, const std::shared_ptr<std::mutex>& mutex,
@@ -38,14 +38,14 @@ public:
         const auto handler = std::make_shared<AsyncGrpcClientHandler>(mutex, inProcess);
         auto tree = std::make_shared<GrpcProxyObserverTree>(channel, handler, std::move(gate));
         buildProxyObsTree<ServiceType>(tree, inProcess, channel, handler);
-        // Last: a proxy that cannot be built goes while its caller holds the mutex.
+        // Last: if the build fails, the proxy is destroyed while its caller holds the mutex.
         handler->startThread();
         return tree;
     }
 
     /// Binds each method of the service that carries obs_tree_option to the proxy. `ServiceType` is
     /// the class that the service's declaration generates, or the class Service nested in it.
-    /// Throws as createProxyObsTree.
+    /// Throws like createProxyObsTree.
     template <typename ServiceType>
     void buildProxyObsTree(const std::shared_ptr<GrpcProxyObserverTree>& tree, bool inProcess,
                            const std::shared_ptr<grpc::Channel>& channel,
@@ -57,8 +57,8 @@ public:
         }
     }
 
-    /// Lets observers at the method's address observe on the server: registers what starts and ends
-    /// a stream of the handler. The tree, which the method is bound to, keeps the streams.
+    /// Lets observers at the method's address observe on the server: registers the hooks that start
+    /// and end a stream of the handler. The tree that the method is bound to keeps the streams.
     void addObserve(const google::protobuf::MethodDescriptor& method, const ObsTreeOptions& options,
                     GrpcProxyObserverTree& tree, const std::shared_ptr<grpc::Channel>& channel,
                     bool inProcess, const std::shared_ptr<AsyncGrpcClientHandler>& handler) const;

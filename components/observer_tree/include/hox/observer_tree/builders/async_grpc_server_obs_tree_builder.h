@@ -15,18 +15,18 @@ namespace Hox::ObserverTree {
 
 /// Serves a capability's tree over gRPC: binds the methods of generated services to it.
 ///
-/// Each capability has a builder, and with it a queue and a handler, of its own. For the thread
-/// that sets the service up, before the server is started.
+/// Each capability has its own builder, and with it its own queue and handler. Used by the thread
+/// that sets up the service, before the server is started.
 class AsyncGRPCServerObsTreeBuilder : public ProtoObsTreeBuilder {
 public:
     /// Whether the thread of a queue reads from the network while it waits.
     enum class Polling { Polls, DoesNotPoll };
 
-    /// Adds a queue to the server and makes the handler for it. The server builder is not owned and
-    /// outlives this object; `mutex` is the capability's. One queue of the process that polls is
-    /// best: it reads for all, and with two of them each event wakes both threads. The poller
-    /// stands in while the thread of a queue that polls runs a handler; without one, the network
-    /// waits for the handler.
+    /// Adds a queue to the server and creates its handler. The server builder is not owned and
+    /// outlives this object; `mutex` is the capability's. Exactly one queue of the process should
+    /// poll: it reads for all queues, and with two polling queues each event wakes both threads.
+    /// The poller polls while the thread of a polling queue runs a handler; without a poller,
+    /// network input waits for the handler.
     AsyncGRPCServerObsTreeBuilder(grpc::ServerBuilder* serverBuilder,
                                   const std::shared_ptr<std::mutex>& mutex,
                                   Polling polling = Polling::Polls,
@@ -53,8 +53,8 @@ public:
         m_serverBuilder->RegisterService(wrapper.get());
     }
 
-    /// The handler of everything that this builder has bound; to be started by the owner once the
-    /// server runs.
+    /// The handler of all methods that this builder has bound. The owner starts it once the server
+    /// runs.
     const std::shared_ptr<AsyncGrpcServerHandler>& asyncGrpcServerHandler() const {
         return m_asyncGrpcServerHandler;
     }

@@ -13,12 +13,12 @@
 
 namespace Hox::ObserverTree {
 
-/// What the builders have in common: they read a service's binding to a tree from its descriptor.
+/// The common part of the builders: reads a service's binding to a tree from its descriptor.
 ///
-/// For the thread that sets the service up.
+/// Used by the thread that sets up the service.
 class ProtoObsTreeBuilder {
 public:
-    /// Has a logger named after this class, beside those of the builders.
+    /// Creates the logger of this class, in addition to those of the builders.
     ProtoObsTreeBuilder();
     virtual ~ProtoObsTreeBuilder() = default;
     ProtoObsTreeBuilder(const ProtoObsTreeBuilder&) = delete;
@@ -27,7 +27,7 @@ public:
     ProtoObsTreeBuilder& operator=(ProtoObsTreeBuilder&&) = delete;
 
     /// The methods of the service that carry obs_tree_option, in declaration order; they live as
-    /// long as the pool. Throws ObsTreeBuildError when the pool does not know the service.
+    /// long as the pool. Throws ObsTreeBuildError if the pool does not know the service.
     std::vector<const google::protobuf::MethodDescriptor*> getObsTreeMethods(
         const google::protobuf::DescriptorPool& pool, const std::string& serviceName) const;
 

@@ -7,20 +7,20 @@
 
 namespace Hox::ObserverTree {
 
-/// The name of the service, as the descriptors have it, that this nested class Service implements,
-/// from the class's own name.
+/// Returns the descriptor name of the service that a nested class Service implements, given the
+/// name of the class.
 std::string serviceNameOfClass(std::string className);
 
-/// What is known of a service by one of its generated classes: here the class Service that is
-/// nested in the service's own.
+/// The properties of a service derived from one of its generated classes: here from the class
+/// Service that is nested in the service's class.
 template <typename ServiceType, typename = void>
 struct ServiceTraits {
     using Service = ServiceType;
-    /// As the descriptors have it.
+    /// The name as in the descriptors.
     static std::string fullName() { return serviceNameOfClass(getTemplateTypeName<ServiceType>()); }
 };
 
-/// The same for the service's own class.
+/// The same for the service's class itself.
 template <typename ServiceType>
 struct ServiceTraits<ServiceType, std::void_t<decltype(ServiceType::service_full_name())>> {
     using Service = typename ServiceType::Service;

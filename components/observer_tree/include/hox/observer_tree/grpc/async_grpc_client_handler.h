@@ -24,9 +24,9 @@ namespace Hox::ObserverTree {
 /// Runs the client end of server-streaming calls on one completion queue with one thread.
 ///
 /// Knows nothing of trees. Does not reconnect or retry: after the callback with a failed status the
-/// call is gone. The handler owns the records of all calls; its thread frees each, with the
-/// callback, soon after the call has ended and its handle has been dropped. Lock order: the
-/// capability's mutex, a call's mutex, what a callback locks, m_mutex.
+/// call is over. The handler owns the records of all calls; its thread frees each, with the
+/// callback, soon after the call has ended and its handle is dropped. Lock order: the capability's
+/// mutex, a call's mutex, locks that a callback takes, m_mutex.
 class AsyncGrpcClientHandler {
 public:
     /// Gets each message of a stream with an OK status, or null with a failed one. Runs on the
@@ -34,31 +34,32 @@ public:
     using CallBackMethodType =
         std::function<void(std::unique_ptr<google::protobuf::Message>, const grpc::Status&)>;
 
-    /// Keeps a call running. Dropping it, on any thread, waits for a callback that runs; afterwards
-    /// the callback is not called any more. It may be dropped inside the callback itself, and
-    /// outlive the handler. Empty: no call was started.
+    /// Keeps a call running. It may be dropped on any thread; dropping it waits for a running
+    /// callback, and afterwards the callback is not called again. It may be dropped inside the
+    /// callback itself, and it may outlive the handler. Empty if no call was started.
     using CallMethodRaiiHandleType =
         std::unique_ptr<std::shared_ptr<grpc::ClientContext>,
                         std::function<void(std::shared_ptr<grpc::ClientContext>*)>>;
 
-    /// A handler that is inProcess serves no channel that leaves the process: its thread never
-    /// reads from the network.
+    /// With inProcess the handler serves only channels inside the process: its thread never reads
+    /// from the network.
     explicit AsyncGrpcClientHandler(std::shared_ptr<std::mutex> capabilityMutex,
                                     bool inProcess = false);
 
-    /// Stops, unless that has been done.
+    /// Calls stop() if that has not been done.
     virtual ~AsyncGrpcClientHandler();
     AsyncGrpcClientHandler(const AsyncGrpcClientHandler&) = delete;
     AsyncGrpcClientHandler(AsyncGrpcClientHandler&&) = delete;
     AsyncGrpcClientHandler& operator=(const AsyncGrpcClientHandler&) = delete;
     AsyncGrpcClientHandler& operator=(AsyncGrpcClientHandler&&) = delete;
 
-    /// Starts the thread; asserts that it does not run yet and has not been stopped.
+    /// Starts the thread; asserts that it is not running yet and has not been stopped.
     void startThread();
 
-    /// Cancels what still runs, ends the thread and frees all calls; no call starts any more. The
-    /// caller does not hold the capability's mutex and is not the handler's thread. What the
-    /// callbacks of calls that still ran hold is freed here, without that mutex.
+    /// Cancels running calls, ends the thread and frees all calls; no call can start afterwards.
+    /// The caller does not hold the capability's mutex and is not the handler's thread. The
+    /// captures of the callbacks of calls that were still running are freed here, without that
+    /// mutex.
     void stop();
 
     /// Starts a call of a server-streaming method; asserts that it is one. Callable from any
@@ -72,40 +73,49 @@ private:
     enum class ClientRequestState;
     struct CallData;
 
+    // REQUIRES(m_mutex)
     const grpc::internal::RpcMethod& rpcMethodFor(const std::shared_ptr<grpc::Channel>& channel,
                                                   const google::protobuf::MethodDescriptor& method);
     CallMethodRaiiHandleType handleFor(const CallData& callData) const;
     void startProcessingCompletionQueue();
     bool isShuttingDown();
-    /// The call behind a tag of the queue, once the thread that starts it has let go of it.
+    /// The call that belongs to a tag of the queue; waits until the thread that starts the call has
+    /// released it.
     CallData& callOf(void* tag);
-    /// Takes over a call for which no event will come any more.
+    /// Takes over a call that gets no further event.
     std::unique_ptr<CallData> takeOut(const CallData& callData);
-    void processOkEvent(CallData& callData);
-    void processOkUnaryEvent(CallData& callData);
-    void processNotOkEvent(const CallData& callData);
-    void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);
-    void lookAfterEndedCalls();
+    void processOkEvent(CallData& callData);                    // REQUIRES(*m_capabilityMutex)
+    void processOkUnaryEvent(CallData& callData);               // REQUIRES(*m_capabilityMutex)
+    void processNotOkEvent(const CallData& callData);           // REQUIRES(*m_capabilityMutex)
+    void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);  // REQUIRES(*m_capabilityMutex)
+    void lookAfterEndedCalls();                                 // REQUIRES(*m_capabilityMutex)
     void readNext(CallData& callData);
+    /// Used by stop() after the thread has ended.
     void freeCalls();
 
-    std::shared_ptr<spdlog::logger> m_logger;
-    std::unique_ptr<grpc::CompletionQueue> m_completionQueue;
-    std::shared_ptr<std::mutex> m_capabilityMutex;
-    bool m_isShuttingDown = false;  // GUARDED_BY(m_mutex)
+    // Constant, or self-synchronised.
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::unique_ptr<grpc::CompletionQueue> m_completionQueue;
+    const std::shared_ptr<std::mutex> m_capabilityMutex;
+
+    // Used by the owner only.
     std::unique_ptr<std::thread> m_thread;
+
+    // Guarded.
     std::recursive_mutex m_mutex;
-    /// Keeps the channels as well: another one at the same address must not find the methods of a
-    /// channel that is gone. GUARDED_BY(m_mutex)
+    bool m_isShuttingDown = false;  // GUARDED_BY(m_mutex)
+    /// Also keeps the channels alive: a new channel at the same memory address must not find the
+    /// methods of a destroyed channel. GUARDED_BY(m_mutex)
     std::map<std::pair<std::shared_ptr<grpc::Channel>, std::string>,
              std::unique_ptr<OwnedRpcMethod>>
         m_rpcMethods;
-    /// Calls with an event to come. GUARDED_BY(m_mutex)
+    /// Calls that wait for an event. GUARDED_BY(m_mutex)
     std::map<const CallData*, std::unique_ptr<CallData>> m_calls;
-    /// Calls that ended while their channel did not look lost yet: it is looked at again. Like
-    /// m_leftAlone for the handler's thread alone.
+
+    // Used by the handler's thread only, and by stop() after that thread has ended.
+    /// Calls that ended while their channel did not look lost yet; the channel is checked again.
     std::vector<std::unique_ptr<CallData>> m_justEnded;
-    /// Calls that have ended and wait for the end of their handle.
+    /// Calls that have ended and whose handle still exists.
     std::vector<std::unique_ptr<CallData>> m_leftAlone;
 };
 

@@ -10,10 +10,10 @@ namespace Hox::ObserverTree {
 
 /// A tree served over gRPC, which keeps its handler alive.
 ///
-/// Where the tree holds the last reference, the handler's thread ends before the tree goes.
+/// If the tree holds the last reference, the handler's thread ends before the tree is destroyed.
 class GrpcServerObserverTree : public ObserverTree {
 public:
-    /// Shares the handler whose calls end in this tree.
+    /// Shares ownership of the handler that serves this tree.
     explicit GrpcServerObserverTree(std::shared_ptr<AsyncGrpcServerHandler> asyncGrpcServerHandler)
         : m_asyncGrpcServerHandler(std::move(asyncGrpcServerHandler)) {}
 

@@ -4,7 +4,8 @@
 
 namespace Hox::ObserverTree {
 
-/// A generated service whose protected ways of requesting calls are within reach of the handler.
+/// A generated service that gives the handler access to its protected functions for requesting
+/// calls.
 ///
 /// `ServiceType` is the generated nested class Service. Outlives the server it is registered with.
 template <typename ServiceType>
@@ -29,8 +30,8 @@ public:
                                           notificationQueue, tag);
     }
 
-    /// Takes the method out of the server's synchronous handling. To be called before the service
-    /// is registered.
+    /// Excludes the method from the server's synchronous handling. Must be called before the
+    /// service is registered.
     void markMethodAsynchronous(int methodIndex) { this->MarkMethodAsync(methodIndex); }
 };
 

@@ -5,17 +5,18 @@
 
 namespace Hox::ObserverTree {
 
-/// Stands before the channel to the process's own server.
+/// Controls access to the channel to the process's own server.
 ///
-/// A call that is started on such a channel once the server has been shut down crashes inside gRPC,
-/// so the owner of the server closes the gate first. All functions are for any thread.
+/// A call that is started on such a channel after the server has been shut down crashes inside
+/// gRPC, so the owner of the server closes the gate first. All functions can be called from any
+/// thread.
 class InProcessGate {
 public:
-    /// Keeps the server up as long as the lock is held. A lock that owns nothing: the gate is
+    /// Keeps the server up as long as the lock is held. If the lock owns nothing, the gate is
     /// closed.
     std::shared_lock<std::shared_mutex> pass();
 
-    /// Lets nobody pass any more and waits until those who did are through.
+    /// Refuses all further passes and waits until all existing passes are released.
     void close();
 
 private:

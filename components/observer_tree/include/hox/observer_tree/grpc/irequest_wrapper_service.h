@@ -11,8 +11,8 @@ namespace Hox::ObserverTree {
 
 /// Requests the next call of a method, whatever service the method belongs to.
 ///
-/// The arguments live until the tag comes back from the notification queue. Both queues belong to
-/// the server; neither may have been shut down.
+/// The arguments must live until the tag comes back from the notification queue. Both queues belong
+/// to the server; neither may be shut down yet.
 class IRequestWrapperService {
 public:
     IRequestWrapperService() = default;
@@ -22,14 +22,14 @@ public:
     IRequestWrapperService& operator=(const IRequestWrapperService&) = delete;
     IRequestWrapperService& operator=(IRequestWrapperService&&) = delete;
 
-    /// For a method that is answered by one message. The index is that of the method's descriptor.
+    /// For a method with a single answer. The index is that of the method's descriptor.
     virtual void requestUnary(int methodIndex, grpc::ServerContext* context,
                               google::protobuf::Message* request,
                               grpc::ServerAsyncResponseWriter<google::protobuf::Message>* responder,
                               grpc::ServerCompletionQueue* callQueue,
                               grpc::ServerCompletionQueue* notificationQueue, void* tag) = 0;
 
-    /// For a method that is answered by a stream.
+    /// For a server-streaming method.
     virtual void requestServerStreaming(int methodIndex, grpc::ServerContext* context,
                                         google::protobuf::Message* request,
                                         grpc::ServerAsyncWriter<google::protobuf::Message>* writer,

@@ -9,10 +9,10 @@
 
 namespace Hox::ObserverTree {
 
-/// A gRPC method registered on a channel, together with its path, to which gRPC only points.
+/// A gRPC method registered on a channel. Owns the path, because gRPC only points to it.
 class OwnedRpcMethod {
 public:
-    /// Registers the method, of this kind, on the channel.
+    /// Registers the method, with this type, on the channel.
     OwnedRpcMethod(const google::protobuf::MethodDescriptor& method,
                    grpc::internal::RpcMethod::RpcType type,
                    const std::shared_ptr<grpc::ChannelInterface>& channel);
@@ -25,7 +25,7 @@ public:
     /// "/" + full name of the service + "/" + name of the method.
     static std::string pathOf(const google::protobuf::MethodDescriptor& method);
 
-    /// Valid as long as this object, also in copies.
+    /// The method and copies of it are valid as long as this object.
     const grpc::internal::RpcMethod& method() const { return m_method; }
 
 private:

@@ -12,30 +12,32 @@
 
 namespace Hox::ObserverTree {
 
-/// Reads from the network for the whole process while nobody else does.
+/// Reads from the network for the whole process while no other thread does.
 ///
-/// One thread that waits in a polling queue reads for all; a second one would cost each event a
-/// switch between threads. But a thread that runs a handler does not read. This object's thread
-/// takes over when no thread has waited in a polling queue for two to four milliseconds, and stops
-/// soon after one waits again. It runs no handler, and sleeps while nothing happens.
+/// One thread that waits in a polling queue reads for all; a second one would add a thread switch
+/// to each event. But a thread that runs a handler does not read. This object's thread takes over
+/// when no thread has waited in a polling queue for two to four milliseconds, and stops soon after
+/// one waits again. It runs no handler, and sleeps while there is no activity.
 class StandbyPoller {
 public:
-    /// Takes the queue to read in: one of the server that no call uses. Does nothing before
+    /// Takes over the queue to poll: a queue of the server that no call uses. Does nothing before
     /// start().
     explicit StandbyPoller(std::unique_ptr<grpc::CompletionQueue> queue);
 
-    /// Ends the thread and the queue. The queue's server has been shut down, but still exists.
+    /// Ends the thread and shuts down the queue. The server of the queue has been shut down, but
+    /// still exists.
     ~StandbyPoller();
     StandbyPoller(const StandbyPoller&) = delete;
     StandbyPoller(StandbyPoller&&) = delete;
     StandbyPoller& operator=(const StandbyPoller&) = delete;
     StandbyPoller& operator=(StandbyPoller&&) = delete;
 
-    /// Starts the thread, once the server runs. Throws std::system_error where there can be none.
+    /// Starts the thread; called when the server runs. Throws std::system_error if no thread can be
+    /// created.
     void start();
 
-    /// The wait of a thread in a polling queue, as long as it lives. Null for a thread that nobody
-    /// stands in for. Costs two atomic operations.
+    /// Marks that a thread waits in a polling queue, during the lifetime of this object. The poller
+    /// is null for a thread without a standby poller. Costs two atomic operations.
     class Wait {
     public:
         explicit Wait(StandbyPoller* poller);
@@ -49,10 +51,10 @@ public:
         StandbyPoller* const m_poller;
     };
 
-    /// How often the thread looks, unless it sleeps.
+    /// The interval of the thread's checks, unless it sleeps.
     static constexpr std::chrono::milliseconds lookInterval{2};
 
-    /// How long the thread reads before it looks again.
+    /// How long the thread reads before it checks again.
     static constexpr std::chrono::milliseconds pollInterval{5};
 
 private:
@@ -66,7 +68,7 @@ private:
 
     const std::unique_ptr<grpc::CompletionQueue> m_queue;
     std::thread m_thread;
-    /// How many threads wait, in the lower half; how many waits have ended, in the upper.
+    /// Lower half: number of waiting threads. Upper half: number of waits that have ended.
     std::atomic<std::uint64_t> m_waits{0};
     std::atomic<bool> m_isAsleep{false};
     std::mutex m_mutex;

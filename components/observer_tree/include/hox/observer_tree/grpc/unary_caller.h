@@ -15,26 +15,26 @@ class CompletionQueue;
 
 namespace Hox::ObserverTree {
 
-/// Makes unary calls on one channel, each on the thread of its caller, who waits for the answer
+/// Makes unary calls on one channel. Each call blocks its caller's thread until the answer arrives,
 /// without a deadline.
 ///
-/// Calls inside the process take turns on one queue, as they need no descriptors there: one that
-/// cannot be made must not fail because connections have used them up.
+/// Calls inside the process take turns on one queue and so need no new descriptors: they must not
+/// fail because connections have used up all descriptors.
 class UnaryCaller {
 public:
-    /// The gate is that of the process's own server, null for a channel to another process.
+    /// The gate is that of the process's own server, or null for a channel to another process.
     UnaryCaller(std::shared_ptr<grpc::Channel> channel, std::shared_ptr<InProcessGate> gate);
 
-    /// No call is under way any more.
+    /// No call may be in flight.
     ~UnaryCaller();
     UnaryCaller(const UnaryCaller&) = delete;
     UnaryCaller(UnaryCaller&&) = delete;
     UnaryCaller& operator=(const UnaryCaller&) = delete;
     UnaryCaller& operator=(UnaryCaller&&) = delete;
 
-    /// The outcome of the call. UNAVAILABLE once the gate is closed; a call that is under way then
-    /// goes on until it is answered or the server cancels it. Any thread, which holds no lock that
-    /// the serving side needs.
+    /// Makes the call and returns its outcome. UNAVAILABLE if the gate is closed; a call that is in
+    /// flight when it closes continues until it is answered or the server cancels it. Callable from
+    /// any thread that holds no lock that the serving side needs.
     grpc::Status call(const OwnedRpcMethod& method, const google::protobuf::Message& request,
                       google::protobuf::Message& response);
 
@@ -45,8 +45,8 @@ private:
 
     const std::shared_ptr<grpc::Channel> m_channel;
     const std::shared_ptr<InProcessGate> m_gate;
-    std::mutex m_queueMutex;  // held while a call inside the process waits
-    const std::unique_ptr<grpc::CompletionQueue> m_queue;  // null for another process
+    std::mutex m_queueMutex;                               // held while an in-process call waits
+    const std::unique_ptr<grpc::CompletionQueue> m_queue;  // null for a channel to another process
 };
 
 }  // namespace Hox::ObserverTree

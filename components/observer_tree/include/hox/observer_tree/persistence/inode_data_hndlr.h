@@ -15,8 +15,8 @@ class INodeDataHndlr {
 public:
     virtual ~INodeDataHndlr() = default;
 
-    /// Sends changes, or with isPatch false the whole content, to the store. Blocks; runs with the
-    /// locks of the tree held. ALREADY_EXISTS stands for "nothing to send".
+    /// Sends changes to the store, or the whole content if isPatch is false. Blocks; runs with the
+    /// locks of the tree held. ALREADY_EXISTS means "nothing to send".
     virtual StoreNodeDataReturn storeNodeData(const std::string& lastStateId,
                                               const std::string& nodeType,
                                               const std::string& nodeId,
@@ -24,7 +24,7 @@ public:
                                               const ChangeSetType& changes, bool isPatch) = 0;
 
     /// Delivers the store's content whenever it differs from lastStateId, on a thread of the
-    /// store's client that holds the capability's mutex, until the returned handle dies.
+    /// store's client that holds the capability's mutex, until the returned handle is destroyed.
     virtual std::any observeNodeData(
         const std::string& lastStateId, const std::string& nodeType, const std::string& nodeId,
         const std::string& capabilityId,

@@ -11,14 +11,14 @@
 
 namespace Hox::ObserverTree {
 
-/// Keeps values on disk: key /a/b under the working directory W lies in the file W/a/b/data, as the
-/// JSON form of a packed message. A value that JSON cannot hold exactly, such as one of a type that
-/// this program does not know, lies there as {"@type": ..., "@bytes": <base64>}.
+/// Keeps values on disk: key /a/b under the working directory W is in the file W/a/b/data, as the
+/// JSON form of a packed message. A value that JSON cannot represent exactly, such as one of a type
+/// that this program does not know, is stored as {"@type": ..., "@bytes": <base64>}.
 ///
-/// Without state and lock; the caller serialises. Whatever cannot be read or written is a
+/// No state and no lock; the caller serialises. A failed read or write throws
 /// std::filesystem::filesystem_error with the path and the system's reason. A crash of the process
 /// leaves the old file or the new one, never a mixture. Files and directories are readable by their
-/// owner and group alone, whatever the umask.
+/// owner and group only, whatever the umask.
 class NodeDataFileHndlr {
 public:
     /// Touches no file.
@@ -29,13 +29,13 @@ public:
     NodeDataFileHndlr& operator=(const NodeDataFileHndlr&) = delete;
     NodeDataFileHndlr& operator=(NodeDataFileHndlr&&) = delete;
 
-    /// Writes one value, making directories as needed. Throws InvalidArgumentError for a value
-    /// whose type URL is no UTF-8.
+    /// Writes one value and creates missing directories. Throws InvalidArgumentError for a value
+    /// whose type URL is not UTF-8.
     void saveNodeData(const std::filesystem::path& workingDir, const std::string& key,
                       const google::protobuf::Any& data);
 
-    /// Removes one value, and every directory above it that has become empty, up to the first one
-    /// that holds something. That may take the working directory along and what is above it.
+    /// Removes one value and every parent directory that has become empty, up to the first one that
+    /// is not empty. This may also remove the working directory and directories above it.
     void removeNodeData(const std::filesystem::path& workingDir, const std::string& key);
 
     /// Writes or removes the first change of each key, in key order. Throws std::out_of_range for a

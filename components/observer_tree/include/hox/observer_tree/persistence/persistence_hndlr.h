@@ -18,17 +18,17 @@
 
 namespace Hox::ObserverTree {
 
-/// Keeps the keys of a tree that an expression selects alive across restarts, in a directory, in a
-/// central store, or in both.
+/// Persists the keys of a tree that an expression selects, in a directory, in a central store, or
+/// in both.
 ///
-/// Works through the tree's public operations only. Its registered handlers stay in the tree and
-/// refer to this object, so the owner keeps it as long as the tree serves requests. All functions
-/// run on a thread that holds the capability's mutex.
+/// Uses the tree's public operations only. Its registered handlers stay in the tree and refer to
+/// this object, so the owner keeps it as long as the tree serves requests. All functions run on a
+/// thread that holds the capability's mutex.
 class PersistenceHndlr {
 public:
     /// Registers its handlers. `lock` is the frame's slot for its lock of the capability, null or
-    /// empty after start-up; nodeType, nodeId and capabilityId address the central store. keyRegex
-    /// is not checked here: a malformed one ends the process at its first use. Throws
+    /// empty after start-up; nodeType, nodeId and capabilityId are the address in the central
+    /// store. keyRegex is not checked here: a malformed one ends the process on first use. Throws
     /// DoubleRegistrationError for a second handler on one tree.
     PersistenceHndlr(ObserverTree& tree, std::unique_ptr<std::unique_lock<std::mutex>>& lock,
                      std::string nodeType, std::string nodeId, std::string capabilityId,
@@ -39,41 +39,45 @@ public:
     PersistenceHndlr& operator=(const PersistenceHndlr&) = delete;
     PersistenceHndlr& operator=(PersistenceHndlr&&) = delete;
 
-    /// Attaches the central store. To be done before persisting starts.
+    /// Attaches the central store. Must be called before persisting starts.
     void setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr);
 
-    /// May change what has been read from a directory, before it is loaded.
+    /// May change the values read from a directory before they are loaded.
     using LoadFilter = std::function<void(ChangeSetType&)>;
 
-    /// Loads the directory, which is made if missing, in place of what the tree holds, then starts
-    /// persisting if asked to. An empty directory name stands for none. Throws
+    /// Replaces the content of the tree by that of the directory, which is created if missing, then
+    /// starts persisting if requested. An empty directory name means no directory. Throws
     /// std::filesystem::filesystem_error, also for a value that cannot be read, and what `onLoad`
-    /// throws; the tree is as it was then.
+    /// throws; the tree is unchanged then.
     void init(bool startPersisting, const std::string& persistDir, const LoadFilter& onLoad = {});
 
-    /// Stores every further change; with persistFirstChange also all that the tree holds now,
-    /// before this call returns. With a central store it waits for the store's first answer, and
-    /// lets go of the capability's lock meanwhile; not to be called from a handler or an observer
-    /// of the tree then, as the answer needs the tree. Asserts that it is not persisting already.
+    /// Stores every further change; with persistFirstChange also the current content of the tree,
+    /// before this call returns. With a central store it waits for the store's first answer and
+    /// releases the capability's lock meanwhile; then it must not be called from a handler or an
+    /// observer of the tree, because the answer needs the tree. Asserts that it is not persisting
+    /// already.
     void startPersistingObsTree(const std::string& persistDir, bool persistFirstChange);
 
-    /// Writes all that the tree holds for it into the directory, for operations on whole
+    /// Writes all persistent keys of the tree into the directory, for operations on whole
     /// directories. Runs inside a handler of the tree, which passes its data tree. Throws what
-    /// NodeDataFileHndlr::saveNodeData throws; the first values may have been written then.
+    /// NodeDataFileHndlr::saveNodeData throws; some values may have been written then.
     void writeAll(const DataTree& tree, const std::filesystem::path& directory);
 
-    /// Ends persisting. What the central store holds goes on to replace the persistent part of the
-    /// tree, until the next start observes the store anew.
+    /// Ends persisting. The content of the central store continues to replace the persistent part
+    /// of the tree, until the next start observes the store again.
     void stopPersistingObsTree();
 
-    /// Writes the changes to the tree. Without isPatch all other selected keys go; with doCompare
-    /// equal values raise no change.
+    /// Writes the changes to the tree. Without isPatch all other selected keys are removed; with
+    /// doCompare equal values cause no change.
     void applyChangeSet(const ChangeSetType& changes, bool isPatch, bool doCompare);
 
     /// The file store, for operations on whole directories.
     NodeDataFileHndlr& nodeDataFile() { return m_nodeDataFile; }
 
 private:
+    // All of these REQUIRE the capability's mutex. The tree calls update and read in its operations
+    // and onTreeChanged in its deliveries, with both of its locks held. The store's client calls
+    // onCentralData, without them.
     UnaryHandlerReturnType<UpdateDataTreeResp> update(const UpdateDataTreeReq& request,
                                                       DataTree& tree);
     UnaryHandlerReturnType<ReadDataTreeResp> read(const ReadDataTreeReq& request,
@@ -86,15 +90,17 @@ private:
     void storeCentrally(ChangeSetType& changes);
     ChangeSetType readWholePicture();
 
-    // Released from the last to the first: the central observing ends ahead of everything that its
-    // last delivery uses, the tree observer behind it.
-    std::shared_ptr<spdlog::logger> m_logger;
+    // Constant, or self-synchronised.
+    const std::shared_ptr<spdlog::logger> m_logger;
     ObserverTree& m_tree;
     std::unique_ptr<std::unique_lock<std::mutex>>& m_lock;
-    std::string m_nodeType;
-    std::string m_nodeId;
-    std::string m_capabilityId;
-    std::string m_persistKeyRegex;
+    const std::string m_nodeType;
+    const std::string m_nodeId;
+    const std::string m_capabilityId;
+    const std::string m_persistKeyRegex;
+
+    // GUARDED_BY(the capability's mutex). Destroyed from last to first: the central observation
+    // ends before everything that its last delivery uses; the tree observer ends after it.
     std::any m_observeRaiiHandle;
     NodeDataFileHndlr m_nodeDataFile;
     bool m_persistFirstChange = false;

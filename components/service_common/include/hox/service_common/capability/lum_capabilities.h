@@ -40,7 +40,7 @@ enum class CapabilityType : int {
     MediaPlayer = 31
 };
 
-/// The text of a capability type, as it stands in publications and log lines. Throws
+/// The text of a capability type, as used in publications and log lines. Throws
 /// InvalidArgumentError for a number outside the catalogue. Callable from any thread.
 std::string capabilityName(int id);
 

@@ -4,12 +4,12 @@
 
 namespace Hox::Service {
 
-/// Where a capability's data lies.
+/// The locations of a capability's data.
 struct CapabilityPaths {
     /// Address of the central store, empty unless given on the command line.
     std::string ccsAddress;
-    /// Address of the EPG server, empty unless given on the command line: the option's default does
-    /// not count.
+    /// Address of the EPG server, empty unless given on the command line: the option's default is
+    /// not used.
     std::string epgAddress;
     /// Directory of the capability's configuration.
     std::string confPath;

@@ -9,9 +9,9 @@
 
 namespace Hox::Service {
 
-/// The persistence handler of a capability: it keeps the keys of the tree that the expression
-/// matches. Refers to the context's lock slot, so the context outlives it. Called under the
-/// capability's mutex; throws what PersistenceHndlr's constructor throws.
+/// Creates the persistence handler of a capability: it persists the keys of the tree that match the
+/// expression. It refers to the context's lock slot, so the context must outlive it. Called under
+/// the capability's mutex; throws what PersistenceHndlr's constructor throws.
 std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> createPersistenceHandler(
     LumServiceCtx& ctx, Hox::ObserverTree::ObserverTree& tree, const std::string& capabilityName,
     const std::string& keyRegex);

@@ -2,15 +2,15 @@
 
 namespace Hox::Service {
 
-/// Installs the log system of the process. Holds nothing: the log system outlives the object.
+/// Installs the log system of the process. Owns nothing: the log system outlives the object.
 class LogsystemInitializer {
 public:
-    /// Installs the log system for standard output where any argument equals "--logstdout",
-    /// wherever it stands and whatever it belongs to; otherwise the one for the rotating file
+    /// Installs the log system for standard output if any argument equals "--logstdout", at any
+    /// position, even as the value of another option; otherwise the one for the rotating file
     /// "/var/log/halvo/<program>.log" and the journal. Default level info.
     ///
-    /// For the start of the program, before other threads run. Throws spdlog::spdlog_ex where the
-    /// log file cannot be opened; the log system is unchanged then.
+    /// For the start of the program, before other threads run. Throws spdlog::spdlog_ex if the log
+    /// file cannot be opened; the log system is unchanged then.
     LogsystemInitializer(int argc, char** argv);
 };
 

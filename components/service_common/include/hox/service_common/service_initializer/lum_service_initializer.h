@@ -18,20 +18,20 @@ namespace Hox::Service {
 
 class ServerFront;
 
-/// The frame of the service: owns everything else and drives the life cycle.
+/// The frame of the service: owns all other objects and drives the life cycle.
 ///
-/// One object per process serves. The thread that calls initialize() is the main thread: it also
-/// calls serverStart() and the destructor, and the signals are handled there.
+/// Only one object per process serves. The thread that calls initialize() is the main thread: it
+/// also calls serverStart() and the destructor, and the signals are handled there.
 class LumServiceInitializer {
 public:
-    /// Installs the log system and defines the service's own options. Keeps argv, which outlives
-    /// the object. Asserts that the shutdown descriptor could be created. A log file that cannot be
-    /// opened shows in initialize(); until then records go to standard output.
+    /// Installs the log system and defines the service's own options. Keeps argv, which must
+    /// outlive the object. Asserts that the shutdown descriptor could be created. initialize()
+    /// reports a log file that cannot be opened; until then records are written to standard output.
     LumServiceInitializer(int argc, char** argv);
 
-    /// Joins the shutdown thread, then takes the process apart: capabilities that never got
+    /// Joins the shutdown thread, then destroys in this order: capabilities that were never
     /// initialised, the capabilities, the server. The shutdown descriptor stays open and the log
-    /// system installed. Where this object handles the signals, they stay blocked on the calling
+    /// system stays installed. If this object handles the signals, they stay blocked on the calling
     /// thread from here on.
     virtual ~LumServiceInitializer();
 
@@ -41,30 +41,30 @@ public:
     /// Parses the command line, initialises the capabilities in the order in which they were added
     /// and installs the handlers of SIGINT and SIGTERM.
     ///
-    /// Returns 0 to go on; 1 to stop, with the help printed on standard output. Asserts that it is
-    /// called once, and on one object per process only. Throws std::invalid_argument and
-    /// std::out_of_range for ports that are no numbers where both are given, what opening the log
-    /// file has thrown, and whatever a capability throws.
+    /// Returns 0 to continue; 1 to stop, with the help printed on standard output. Asserts that it
+    /// is called once, and on one object per process only. Throws std::invalid_argument and
+    /// std::out_of_range if both ports are given and one is not a number, the exception of opening
+    /// the log file, and any exception of a capability.
     virtual int initialize();
 
-    /// Lets the capability add its options and keeps it. Called before initialize().
+    /// Lets the capability add its options and takes ownership. Called before initialize().
     virtual void addCapability(std::unique_ptr<ICapMngr> capability);
 
-    /// What the capabilities see of the frame. Throws InitializationError until initialize() has
-    /// returned 0.
+    /// The interface of the frame for the capabilities. Throws InitializationError until
+    /// initialize() has returned 0.
     virtual LumServiceCtx& getServiceCtx();
 
-    /// Starts the server and the capabilities, tells the service manager that the service is ready,
-    /// and blocks until the server has shut down.
+    /// Starts the server and the capabilities, reports readiness to the service manager, and blocks
+    /// until the server has shut down.
     ///
-    /// Throws InitializationError before initialize(), on a second call and where a listening
-    /// address cannot be bound, and whatever a capability throws.
+    /// Throws InitializationError before initialize(), on a second call and if a listening address
+    /// cannot be bound, and any exception of a capability.
     virtual void serverStart();
 
-    /// Asks the running server to end, with one second for calls in flight; without a server, or
-    /// after the first such call, only the shutdown descriptor is written. Called by the signal
-    /// handler; everyone else calls it on the main thread. Asserts that the descriptor could be
-    /// written.
+    /// Requests the shutdown of the running server, with one second for calls in flight; without a
+    /// server, or after the first such call, only the shutdown descriptor is written. Called by the
+    /// signal handler; all other callers call it on the main thread. Asserts that the descriptor
+    /// could be written.
     virtual void serverShutdown();
 
 private:
@@ -72,7 +72,8 @@ private:
 
     static void handleSignal(int signalNumber);
     void installSignalHandlers();
-    /// Whether the command line lets the service go on. What the parser refuses is logged.
+    /// Whether the command line is valid, so that the service can start. Errors of the parser are
+    /// logged.
     bool parseOptions(int argc, char** argv, LumServiceCtx& ctx);
     void initGrpcServerBuilder(LumServiceCtx& ctx);
     void initCapabilities(LumServiceCtx& ctx);
@@ -83,11 +84,11 @@ private:
     void endShutdownThread();
     void logReadiness();
 
-    /// Written on shutdown and read by nobody here: what a waiting thread would poll. Never closed.
+    /// Written on shutdown, for threads that poll it; this program does not read it. Never closed.
     static int global_fd_shutdown;
     /// The object that handles the signals. Never reset.
     static std::atomic<LumServiceInitializer*> instance;
-    /// Written before instance is, read only where instance is set.
+    /// Written before `instance`, read only if `instance` is set.
     static std::atomic<pthread_t> mainThread;
 
     std::exception_ptr m_logFailure;
@@ -100,10 +101,10 @@ private:
     std::unique_ptr<ServerFront> m_serverFront;
     LumServiceCtx m_ctx;
     std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
-    /// Made ahead of readiness, as a service that is to end may find no room for a thread.
+    /// Created before readiness, because at shutdown it may not be possible to create a thread.
     std::unique_ptr<std::thread> m_shutdownThread;
-    std::atomic<bool> m_isShuttingDown{false};     // the main thread's, until it posts
-    CppUtil::BinarySemaphore m_shutdownRequested;  // or the end of this object
+    std::atomic<bool> m_isShuttingDown{false};     // used by the main thread only, until it posts
+    CppUtil::BinarySemaphore m_shutdownRequested;  // also posted at the end of this object
 };
 
 }  // namespace Hox::Service

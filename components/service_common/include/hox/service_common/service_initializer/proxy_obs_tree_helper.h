@@ -15,15 +15,15 @@ namespace Hox::Service {
 /// Opens proxy trees to other services and to this one.
 class ProxyObsTreeHelper {
 public:
-    /// Shares the frame's builder; refers to the frame's slot of the server, which is null yet.
+    /// Shares the frame's builder; refers to the frame's slot of the server, which is still null.
     ProxyObsTreeHelper(
         std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> proxyObsTreeBuilder,
         const std::unique_ptr<grpc::Server>& grpcServer);
 
-    /// A proxy of the service at the address, which is "inprocess" for this process and otherwise
-    /// goes to gRPC as it stands. Its callbacks run under the mutex, which is the capability's.
-    /// From serverStarted() on; asserts that the server has started. Throws ObsTreeBuildError for a
-    /// service that cannot be bound.
+    /// Creates a proxy of the service at the address, which is "inprocess" for this process and is
+    /// otherwise passed to gRPC unchanged. Its callbacks run under the mutex, which is the
+    /// capability's. Callable from serverStarted() on; asserts that the server has started. Throws
+    /// ObsTreeBuildError for a service that cannot be bound.
     template <typename ServiceType>
     std::shared_ptr<Hox::ObserverTree::GrpcProxyObserverTree> createProxyObsTree(
         const std::shared_ptr<std::mutex>& mutex, const std::string& address) const {
@@ -33,7 +33,7 @@ public:
             channelTo(address), mutex, isInProcess(address) ? m_inProcessGate : nullptr);
     }
 
-    /// The gate before the process's own server, to be closed ahead of the server's shutdown.
+    /// The gate of the process's own server, which must be closed before the server's shutdown.
     const std::shared_ptr<Hox::ObserverTree::InProcessGate>& inProcessGate() const {
         return m_inProcessGate;
     }

@@ -4,7 +4,7 @@
 
 namespace Hox::SystemAPI {
 
-/// The serial file cannot be read or is not what it should be.
+/// The serial file cannot be read or does not have the expected content.
 class SerialNumberError : public Hox::Error {
 public:
     using Error::Error;
