@@ -5,7 +5,7 @@
 
 namespace Hox::Testing {
 
-/// A method of somebody on a bus that answers with one number or truth value.
+/// A method of a service on a bus that answers with one number or truth value.
 struct BusQuestion {
     std::string destination;
     std::string path;
@@ -14,7 +14,7 @@ struct BusQuestion {
     std::optional<std::string> argument;
 };
 
-/// Asks; nothing where there is no bus, nobody to answer, or no answer of that kind within a
+/// Asks; nothing if there is no bus, no service, or no answer of that kind within a
 /// second.
 std::optional<int> askBus(const std::string& address, const BusQuestion& question);
 

@@ -63,7 +63,7 @@ TEST(ChildProcess, EndsWithItsParent) {
     const auto child = parent.output();
     parent.signal(SIGKILL);
     ASSERT_TRUE(parent.waitForEnd());
-    // Whoever inherits it may take his time to ask for its status.
+    // The process that inherits it may ask for its status late.
     EXPECT_TRUE(waitUntil([&] {
         std::ifstream status("/proc/" + child.substr(0, child.size() - 1) + "/status");
         const std::string text(std::istreambuf_iterator<char>(status), {});

@@ -28,8 +28,8 @@ public:
     static void avahiEntryGroupCallback(AvahiEntryGroup* group, AvahiEntryGroupState state,
                                         void* userdata) noexcept;
 
-    /// Hands the outcome to the request's user, on the event loop; an error line where the request
-    /// is gone.
+    /// Delivers the outcome to the request's user, on the event loop; an error line where the
+    /// request was dropped.
     static void handleCallback(std::weak_ptr<RequestContext>* context, Status status);
 
 private:

@@ -21,7 +21,7 @@ namespace Hox::Service::Discovery::Avahi {
 /// Finds services through browsers and resolvers of Avahi, one for each request.
 class AvahiServiceResolver : public IServiceResolver {
 public:
-    /// Starts the thread of the timer; throws std::system_error if there is none to be had.
+    /// Starts the thread of the timer; throws std::system_error if that fails.
     explicit AvahiServiceResolver(std::shared_ptr<ClientCore> core);
 
     FutureOutcome<NetworkService> resolve(const std::string& name, const NetworkServiceType& type,
@@ -70,8 +70,8 @@ public:
                                           std::size_t size, AvahiLookupResultFlags flags,
                                           void* userdata) noexcept;
 
-    /// Hands an event to the request's user, on the event loop; an error line where the request is
-    /// gone.
+    /// Delivers an event to the request's user, on the event loop; an error line where the request
+    /// is dropped.
     static void handleCallbackEvent(std::weak_ptr<RequestContext>* context, Status status,
                                     const NetworkService& service);
 

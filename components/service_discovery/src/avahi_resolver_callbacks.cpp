@@ -8,7 +8,7 @@
 #include "avahi_resolver.h"
 #include "hox/cpputil/log/source_location.h"
 
-// What comes from the network is handed on as it is: nothing of it is trusted, nothing is refused.
+// What the network reports is passed on unchanged: nothing of it is trusted, nothing is refused.
 
 namespace Hox::Service::Discovery::Avahi {
 

@@ -37,7 +37,7 @@ NetworkServiceType NetworkServiceType::parse(const std::string& text) {
     const auto dot = text.find('.');
     const auto protocol = text.substr(0, dot);
     const auto rest = dot == std::string::npos ? std::string() : text.substr(dot + 1);
-    // Not by the constructor: what comes from the network may be longer than what is published.
+    // Without the constructor: a type on the network may be longer than one that is published here.
     NetworkServiceType type;
     type.applicationProtocol = protocol.empty() ? protocol : protocol.substr(1);
     type.transport = CppUtil::str_to_lower(rest) == "udp" ? UDP : TCP;

@@ -29,8 +29,8 @@ struct Cost {
 
 class AvahiCostTest : public SharedDaemonTest {
 protected:
-    /// Repeats the work often, and once more as often: the second time costs nothing, save for less
-    /// than these bytes for each.
+    /// Repeats the work often, and once more as often: the second time costs nothing except for
+    /// less than these bytes for each.
     template <typename Work>
     static void expectNoCost(int times, std::size_t bytesEach, Work work) {
         const auto repeat = [&] {

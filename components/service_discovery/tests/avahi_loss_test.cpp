@@ -216,7 +216,7 @@ TEST_F(AvahiLossTest, LossDuringTheEnd) {
         waitForAMoment(milliseconds(1));
         m_host->killDaemon();
         stopped.wait();
-        // Told once, whoever was first.
+        // Reported once, whichever is first.
         EXPECT_TRUE(waitUntil([&] { return lost.count(ClientLost) == 1; }));
         client.reset();
         EXPECT_EQ(lost.all().size(), 1U);

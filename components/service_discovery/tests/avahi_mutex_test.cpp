@@ -90,7 +90,7 @@ TEST(AvahiMutex, ReachesWhoeverWaitsAlthoughAnotherTakesItAgainAtOnce) {
     for (int i = 0; i < 50; ++i) {
         const auto before = turns.load();
         const std::lock_guard<AvahiMutex> lock(mutex);
-        // The turn that was under way, and one that may have begun ahead of the question.
+        // The turn that was under way, and one that may have begun before the question.
         EXPECT_LE(turns - before, 2);
     }
     done = true;

@@ -7,8 +7,8 @@
 #include "fake_request.h"
 #include "hox/testing/log_capture.h"
 
-// The road from Avahi's callback to the user, without a daemon. The failing entry group, whose
-// text comes from the daemon, is shown with a daemon.
+// The road from Avahi's callback to the user, without a daemon. The entry group that fails, whose
+// text the daemon reports, is tested with a stand-in of the daemon.
 
 namespace Hox::Service::Discovery::Avahi {
 namespace {

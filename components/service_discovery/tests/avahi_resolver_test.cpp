@@ -117,11 +117,26 @@ TEST_F(AvahiResolverTest, ResolvesForACallback) {
 }
 
 TEST_F(AvahiResolverTest, WaitsNotOnlyForTheOneThatIsThere) {
-    // Resolving begins ahead of the service.
+    // Resolving begins before the service is there.
     const auto resolving =
         resolver().resolve("later", NetworkServiceType("resolved"), m_events.callback(), -1);
     const auto foreign = foreignService({"later", "_resolved._tcp", "4711"});
     EXPECT_TRUE(m_events.waitFor(ServiceResolved, "later"));
+}
+
+TEST_F(AvahiResolverTest, FollowsTheRecordsForACallback) {
+    auto changing = service("changing");
+    changing.type = NetworkServiceType("changing");
+    Handle published = m_client->publisher().publish(changing, m_events.callback());
+    Events seen;
+    const auto resolving =
+        resolver().resolve("changing", changing.type, seen.callback(), loopback());
+    ASSERT_TRUE(seen.waitFor(ServiceResolved));
+    published = Handle();
+    changing.port = 5006;
+    published = m_client->publisher().publish(changing, m_events.callback());
+    ASSERT_TRUE(seen.waitFor(ServiceResolved, "changing", 2));
+    EXPECT_EQ(seen.all().back().second.port, 5006);
 }
 
 TEST_F(AvahiResolverTest, TellsWhatCannotBeResolved) {

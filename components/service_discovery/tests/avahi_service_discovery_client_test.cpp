@@ -116,7 +116,7 @@ TEST_F(AvahiServiceDiscoveryClientTest, WaitsForADaemonThatIsNotThereYet) {
 
 TEST_F(AvahiServiceDiscoveryClientTest, StopEndsTheWaitOfStart) {
     startWaiting();
-    // More than one where start has not come to its wait yet.
+    // More than one if start has not reached its wait yet.
     ASSERT_TRUE(waitUntil([this] {
         EXPECT_FALSE(m_client->stop());
         return hasStartReturned(std::chrono::milliseconds(0));
@@ -300,7 +300,7 @@ TEST_F(AvahiServiceDiscoveryClientTest, SilentDaemonHoldsUpStopForASecondOnly) {
     client->setCallback(m_events.clientCallback());
     const auto published = client->publisher().publish(service("published"));
     m_host->pauseDaemon();
-    // Waits for an answer that does not come, with the Avahi mutex held.
+    // Waits for an answer that never arrives, with the Avahi mutex held.
     auto publishing = std::async(
         std::launch::async, [&] { return errorOf([&] { outcome(*client, service("hanging")); }); });
     // Whether the publication hangs already or has not begun makes no difference to the end.

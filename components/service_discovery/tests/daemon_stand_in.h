@@ -12,7 +12,7 @@
 namespace Hox::Service::Discovery::Avahi {
 
 /// Takes the mDNS daemon's place on a bus, for what the real one cannot be made to do: it fails
-/// where it is told to. Everything else of it succeeds at once. Errors are D-Bus names of Avahi's.
+/// as configured. Everything else succeeds at once. Errors are D-Bus names of Avahi's.
 class DaemonStandIn {
 public:
     struct Behaviour {
@@ -20,8 +20,8 @@ public:
         std::string groupError = "";   ///< of the making of an entry group
         std::string commitError = "";  ///< of the commit of an entry group
         bool groupsAreEmpty = false;   ///< whatever has been added
-        int groupState = 2;            ///< what is told after the commit: it is established
-        std::string groupStateError = "org.freedesktop.Avahi.Success";  ///< told with the state
+        int groupState = 2;            ///< reported after the commit: it is established
+        std::string groupStateError = "org.freedesktop.Avahi.Success";  ///< reported with the state
     };
 
     /// Returns once it is on the bus. Throws std::runtime_error.

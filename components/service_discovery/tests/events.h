@@ -11,8 +11,8 @@
 
 namespace Hox::Service::Discovery::Avahi {
 
-/// What callbacks have been told, in order. Lives longer than the requests and clients that they
-/// belong to.
+/// The events that callbacks received, in order. Lives longer than the requests and clients that
+/// they belong to.
 class Events {
 public:
     /// A callback for a request.

@@ -25,7 +25,8 @@ private:
     bool lockAgain();
     void own();
 
-    // Held by the one who waits for m_mutex next, so that whoever lets it go queues up after him.
+    // Held by the thread that takes m_mutex next, so that the thread that unlocks it queues after
+    // that.
     std::timed_mutex m_next;  // taken before m_mutex
     std::timed_mutex m_mutex;
     std::atomic<std::thread::id> m_owner = std::thread::id();

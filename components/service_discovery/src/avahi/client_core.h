@@ -44,7 +44,7 @@ public:
     DaemonConnection* connection() const { return m_connection; }
 
     /// Makes the request's Avahi object and takes the request up, both in one hold of the Avahi
-    /// mutex, so that no loss of the daemon comes in between. Throws ServiceDiscoveryError, with
+    /// mutex, so that the daemon cannot be lost in between. Throws ServiceDiscoveryError, with
     /// nothing changed, if the client is not started or the object cannot be made.
     Handle add(const std::shared_ptr<IServiceRequest>& request, const NetworkService& service,
                const WrapperMaker& makeWrapper);

@@ -18,8 +18,8 @@ namespace Hox::Service::Discovery::Avahi {
 /// or the daemon lost, a new object is needed.
 class DaemonConnection {
 public:
-    /// Receives the states of the client, under the Avahi mutex. The first one comes from inside
-    /// connect: use the client that is handed over.
+    /// Receives the states of the client, under the Avahi mutex. The first one is reported inside
+    /// connect: use the client argument.
     using StateHandler = std::function<void(AvahiClientState, AvahiClient*)>;
 
     /// Makes the event loop. The mutex outlives the object. Throws ServiceDiscoveryError.
@@ -82,7 +82,7 @@ private:
     ObservedPoll m_poll;
     std::unique_ptr<AvahiClient, void (*)(AvahiClient*)> m_client;
     // A descriptor of our own for the socket of the bus: libdbus closes its own when it likes, and
-    // the number may then be somebody else's.
+    // the number may then belong to another file.
     std::atomic<int> m_busSocket = -1;
     std::atomic<bool> m_cut = false;
 };

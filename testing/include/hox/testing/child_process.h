@@ -38,7 +38,7 @@ public:
     void signal(int number);
 
     /// Waits for the end; returns the exit status, or 128 and the signal's number, or nothing if
-    /// the program goes on.
+    /// the program still runs.
     std::optional<int> waitForEnd(std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
     /// What it has written to standard output and standard error so far.

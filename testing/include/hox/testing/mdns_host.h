@@ -20,7 +20,7 @@ public:
         std::string hostName = "head-end";
         /// The one network interface that the daemon uses: "lo", or "cable" of joined hosts.
         std::string interface = "lo";
-        /// Whether the host has addresses on the network. Without them nobody can find the host
+        /// Whether the host has addresses on the network. Without them the host cannot be found
         /// itself, but its daemon serves within a moment instead of a second.
         bool hasAddresses = true;
     };
@@ -52,10 +52,10 @@ public:
     /// Kills the daemon: the others learn nothing.
     void killDaemon();
 
-    /// Stops the daemon in its tracks: it stays on the bus and answers nobody.
+    /// Suspends the daemon: it stays on the bus and answers no call.
     void pauseDaemon();
 
-    /// Lets a paused daemon go on.
+    /// Continues a paused daemon.
     void resumeDaemon();
 
     /// Words that make a command run in the network of this host.

@@ -18,7 +18,7 @@ public:
     /// threads run, as it sets DBUS_SYSTEM_BUS_ADDRESS.
     PrivateBus();
 
-    /// Starts a further bus, which only those know who are told its address.
+    /// Starts a further bus, which is not in the environment.
     explicit PrivateBus(const std::filesystem::path& folder);
 
     /// Where it listens, as D-Bus writes it.
@@ -33,7 +33,7 @@ public:
     /// Kills the daemon.
     void kill();
 
-    /// Whether somebody on the bus has the name.
+    /// Whether the name is owned on the bus.
     bool hasName(const std::string& name) const;
 
 private:

@@ -4,8 +4,8 @@
 
 namespace Hox::Service::Discovery {
 
-/// Owns a request: dropping the handle undoes the request. Afterwards nothing of it is called any
-/// more; what is just being called is waited for, unless the drop comes from inside of it.
+/// Owns a request: dropping the handle undoes the request. Afterwards none of its callbacks runs
+/// any more; one that is running is waited for, unless it drops the handle itself.
 ///
 /// May be dropped on any thread, also after its client has lost the daemon or is destroyed, but not
 /// while the thread holds a lock that a callback of the client may want.

@@ -22,11 +22,11 @@ public:
     /// once if it is already; false if stop or cancel has ended the wait. After a loss or a stop
     /// it makes a new connection; requests made before are not taken up again.
     ///
-    /// Throws ServiceDiscoveryError if there is no system bus, or if the bus or the daemon goes
-    /// away meanwhile: the next call tries anew.
+    /// Throws ServiceDiscoveryError if there is no system bus, or if the bus or the daemon is
+    /// lost meanwhile: the next call tries again.
     virtual bool start() = 0;
 
-    /// Ends a wait of start; withdraws all requests, tells ClientLost to the callback and
+    /// Ends a wait of start; withdraws all requests, reports ClientLost to the callback and
     /// disconnects. Returns false if the client was not started. Takes about a second at most,
     /// whatever the daemon does; callbacks that are running are waited for.
     virtual bool stop() = 0;
@@ -44,9 +44,9 @@ public:
     /// Host name and domain of the machine.
     virtual std::string fullyQualifiedHostName() = 0;
 
-    /// Has the function called with ClientLost whenever all requests have gone: the daemon or the
-    /// connection to it is lost (then isStarted is false, and the owner starts the client anew and
-    /// publishes again, on another thread), the machine's host name collides (then it is still
+    /// Sets the function that is called with ClientLost after all requests were lost: the daemon or
+    /// the connection to it is lost (then isStarted is false, and the owner starts the client anew
+    /// and publishes again, on another thread), the machine's host name collides (then it is still
     /// true, and the owner publishes again), or stop was called. It runs on the event-loop thread,
     /// for stop on the thread of stop, and must neither throw nor wait. Throws
     /// ServiceDiscoveryError for an empty function.
@@ -60,7 +60,7 @@ public:
     virtual IServicePublisher& publisher() = 0;
 
     /// Ends for good all waits of start, one that is under way and any later one: they return
-    /// false. For the end of the process; does not wait itself. Connections that exist go on.
+    /// false. For the end of the process; does not wait itself. An existing connection stays.
     virtual void cancel() = 0;
 };
 

@@ -11,20 +11,20 @@ namespace Hox::Service::Discovery {
 /// Puts services on the network, each for as long as its handle lives and the client is started.
 ///
 /// Callable from any thread, but not from a callback of the client. Neither the name nor anything
-/// else is changed to get a service published: whoever publishes decides what follows a collision.
+/// else is changed to get a service published: the caller decides what follows a collision.
 class IServicePublisher {
 public:
     virtual ~IServicePublisher() = default;
 
     /// Publishes the service for IPv4 under the machine's own host name. TXT records are published
     /// in the order of their keys after "vendor=halvo"; without records there is not even that.
-    /// The outcome is Published, Collision or PublishFailure; what happens afterwards is not told.
+    /// The outcome is Published, Collision or PublishFailure; later events are not reported.
     ///
     /// Throws ServiceDiscoveryError, with nothing published, if the client is not started or the
     /// daemon gives no place for the service.
     virtual FutureOutcome<NetworkService> publish(const NetworkService& service) = 0;
 
-    /// The same, with each of these events told to the callback, none of them from inside this
+    /// The same, with each of these events reported to the callback, none of them from inside this
     /// call. Throws ServiceDiscoveryError also for an empty callback.
     virtual Handle publish(const NetworkService& service,
                            const ServiceDiscoveryCallback& callback) = 0;

@@ -14,7 +14,7 @@ namespace Hox::Service::Discovery {
 /// Finds services on the network. Each search ends with its handle.
 ///
 /// Callable from any thread, but not from a callback of the client. An interface index of -1 means
-/// any interface. All operations throw ServiceDiscoveryError, with nothing begun, if the client is
+/// any interface. All operations throw ServiceDiscoveryError, without a search, if the client is
 /// not started or the daemon refuses the search.
 class IServiceResolver {
 public:
@@ -27,7 +27,7 @@ public:
                                                   const NetworkServiceType& type,
                                                   int interfaceIndex) = 0;
 
-    /// The same, told to the callback, also each time that the records change. Throws
+    /// The same, reported to the callback, also each time that the records change. Throws
     /// ServiceDiscoveryError also for an empty protocol or callback.
     virtual Handle resolve(const std::string& name, const NetworkServiceType& type,
                            const ServiceDiscoveryCallback& callback, int interfaceIndex) = 0;

@@ -9,8 +9,8 @@
 
 namespace Hox::Service::Discovery {
 
-/// One instance of a service, as it is to be published or as it was found. What was found comes
-/// from the network as it is: nothing in it can be trusted.
+/// One instance of a service, as it is to be published or as it was found. What was found is
+/// what the network says: nothing in it can be trusted.
 struct NetworkService {
     std::string name;      ///< of the instance
     std::string hostName;  ///< filled by resolving

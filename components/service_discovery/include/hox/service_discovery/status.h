@@ -9,11 +9,11 @@ enum Status : int {
     Registering = 2,      ///< the service is not yet on the network
     PublishFailure = 3,   ///< the service cannot be published
     ServiceFound = 4,     ///< browsing: a service has appeared
-    ServiceRemoved = 5,   ///< browsing: a service has gone
+    ServiceRemoved = 5,   ///< browsing: a service has disappeared
     ServiceResolved = 6,  ///< resolving: the service has been found
     ResolveFailure = 7,   ///< resolving: the service cannot be found
     BrowseFailure = 8,    ///< browsing has failed
-    ClientLost = 10  ///< the connection to the daemon is lost or stopped; all requests are gone
+    ClientLost = 10  ///< the connection to the daemon is lost or stopped; all requests are lost
 };
 
 }  // namespace Hox::Service::Discovery

@@ -7,8 +7,8 @@
 
 namespace Hox::Service::Discovery::Avahi {
 
-/// Keeps the one outcome of a request for whoever asks for it. The promise is broken if the object
-/// is destroyed ahead of the outcome.
+/// Keeps the one outcome of a request. The promise is broken if the object
+/// is destroyed before the outcome.
 template <typename T>
 class AvahiFuture {
 public:

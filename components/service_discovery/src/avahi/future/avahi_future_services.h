@@ -14,7 +14,7 @@ public:
     /// is the outcome at once.
     void deliver(Status status, const NetworkService& service);
 
-    /// Takes the list for the outcome; what comes later is not kept.
+    /// Takes the list for the outcome; later events are dropped.
     void complete();
 
 private:

@@ -15,8 +15,8 @@ class IServiceRequest {
 public:
     virtual ~IServiceRequest() = default;
 
-    /// Hands an event to the user. The caller holds a shared pointer to the request meanwhile, as
-    /// the user may end it.
+    /// Delivers an event to the user. The caller holds a shared pointer to the request meanwhile,
+    /// as the user may end it.
     virtual void deliver(Status status, const NetworkService& service) = 0;
 
     /// Everything that is known now has been delivered.

@@ -9,13 +9,13 @@ namespace Hox::Service::Discovery::Avahi {
 class IServiceRequest;
 
 /// What Avahi's callbacks work on. Their userdata is a weak pointer to it, so that a callback
-/// finds nothing once the request is gone.
+/// finds nothing after the request was destroyed.
 struct RequestContext {
     NetworkService service;                  ///< what was asked for
     std::weak_ptr<IServiceRequest> request;  ///< its owner
 };
 
-/// The request of a callback's userdata; null if either is gone.
+/// The request of a callback's userdata; null if either was destroyed.
 inline std::shared_ptr<IServiceRequest> requestOf(const std::weak_ptr<RequestContext>* userdata) {
     const auto context = userdata == nullptr ? nullptr : userdata->lock();
     return context ? context->request.lock() : nullptr;

@@ -32,7 +32,7 @@ public:
     std::shared_ptr<IServiceRequest> find(const Handle& handle) const;
 
     /// Takes the handle's request out and returns it, after the function has undone it; a request
-    /// that is gone already is no error. Throws ServiceDiscoveryError for an exception of the
+    /// that was removed already is no error. Throws ServiceDiscoveryError for an exception of the
     /// function, with the request still there.
     std::shared_ptr<IServiceRequest> remove(const Handle& handle, const Cleanup& cleanup);
 

@@ -164,7 +164,7 @@ void EntryGroupWrapper::cancelRefusal() {
 void EntryGroupWrapper::tellRefusal(AvahiTimeout*, void* userdata) noexcept {
     auto& wrapper = *static_cast<EntryGroupWrapper*>(userdata);
     const auto status = *wrapper.m_refusal;
-    // Nothing of the wrapper is there any more if the user drops his handle.
+    // The wrapper is destroyed in this call if the user drops the handle.
     wrapper.m_refused(static_cast<std::weak_ptr<RequestContext>*>(wrapper.m_userdata), status);
 }
 

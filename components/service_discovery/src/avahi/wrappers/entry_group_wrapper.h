@@ -22,10 +22,10 @@ public:
     /// Receives what the daemon has refused, on the event loop.
     using Refused = void (*)(std::weak_ptr<RequestContext>* context, Status status);
 
-    /// Registers the service. If the daemon refuses it, the refusal comes as an event like those of
-    /// the daemon: Collision for a name that it knows already, otherwise PublishFailure after an
-    /// error line with the daemon's text. Throws ServiceDiscoveryError if there is no entry group
-    /// to be had or it cannot be committed.
+    /// Registers the service. If the daemon refuses it, the refusal is reported as an event like
+    /// those of the daemon: Collision for a name that it knows already, otherwise PublishFailure
+    /// after an error line with the daemon's text. Throws ServiceDiscoveryError if no entry group
+    /// can be made or it cannot be committed.
     ///
     /// `userdata` is a std::weak_ptr<RequestContext>* that lives longer than the object.
     EntryGroupWrapper(const DaemonConnection& connection, AvahiEntryGroupCallback callback,
