@@ -43,9 +43,10 @@ TEST_F(HandleValueTest, ReleasesItsRequestOnce) {
 TEST_F(HandleValueTest, LeavesItsContentBehindAsAPlainHandle) {
     {
         Value value(handle(7), std::make_unique<int>(5));
+        const auto& content = value.content();
         const Handle plain = std::move(value);
         EXPECT_TRUE(plain.isValid());
-        EXPECT_NE(value.content(), nullptr);
+        EXPECT_NE(content, nullptr);
     }
     EXPECT_THAT(m_dropped, ElementsAre(7));
 }

@@ -20,8 +20,8 @@ public:
         std::string hostName = "head-end";
         /// The one network interface that the daemon uses: "lo", or "cable" of joined hosts.
         std::string interface = "lo";
-        /// Whether the host has addresses on the network. Without them the host cannot be found
-        /// itself, but its daemon serves within a moment instead of a second.
+        /// Whether the host has addresses on the network. Without them the host name cannot
+        /// be resolved, but the daemon serves within a moment instead of a second.
         bool hasAddresses = true;
     };
 
