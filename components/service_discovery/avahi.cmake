@@ -1,7 +1,7 @@
 hox_add_library(hox_service_discovery_avahi
     HEADERS include/hox/service_discovery/avahi/avahi_service_discovery_client.h
     SOURCES
-        src/avahi/avahi_mutex.cpp
+        src/avahi/fair_mutex.cpp
         src/avahi/client_core.cpp
         src/avahi/daemon_connection.cpp
         src/avahi/future/avahi_future_services.cpp
@@ -21,7 +21,7 @@ hox_add_library(hox_service_discovery_avahi
 hox_add_test(hox_service_discovery_avahi_test
     SOURCES
         tests/avahi_future_test.cpp
-        tests/avahi_mutex_test.cpp
+        tests/fair_mutex_test.cpp
         tests/avahi_publisher_callbacks_test.cpp
         tests/avahi_resolver_callbacks_test.cpp
         tests/daemon_connection_test.cpp

@@ -36,7 +36,7 @@ Handle AvahiServicePublisher::publish(const NetworkService& service,
 }
 
 Status AvahiServicePublisher::status(const Handle& handle) {
-    const std::lock_guard<AvahiMutex> lock(m_core->avahiMutex());
+    const std::lock_guard<FairMutex> lock(m_core->avahiMutex());
     const auto request = handle.isValid() ? m_core->requests().find(handle) : nullptr;
     const auto* group =
         request ? dynamic_cast<const EntryGroupWrapper*>(request->wrapper()) : nullptr;

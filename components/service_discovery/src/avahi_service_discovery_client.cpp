@@ -36,6 +36,7 @@ void blockSignals() {
 AvahiServiceDiscoveryClient::AvahiServiceDiscoveryClient()
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_core(std::make_shared<ClientCore>()),
+      m_startMutex(std::make_unique<FairMutex>()),
       m_publisher(std::make_unique<AvahiServicePublisher>(m_core)),
       m_resolver(std::make_unique<AvahiServiceResolver>(m_core)) {
     connect();
@@ -49,7 +50,7 @@ bool AvahiServiceDiscoveryClient::start() {
     if (isStarted()) {
         return true;
     }
-    const std::lock_guard<std::timed_mutex> start(m_startMutex);
+    const std::lock_guard<FairMutex> start(*m_startMutex);
     if (isStarted()) {
         return true;
     }
@@ -130,8 +131,11 @@ void AvahiServiceDiscoveryClient::connect() {
     setConnection(std::make_shared<DaemonConnection>(
         m_core->avahiMutex(),
         [this](AvahiClientState state, AvahiClient* client) { handleCallback(state, client); }));
-    setConnecting(true);
     try {
+        if (!setConnecting(true)) {
+            throw ServiceDiscoveryError("Avahi: failed to create client instance", __FILE__,
+                                        __LINE__);
+        }
         m_connection->connect();
     } catch (const ServiceDiscoveryError&) {
         setConnecting(false);
@@ -159,10 +163,7 @@ void AvahiServiceDiscoveryClient::leaveLoop(Clock::time_point deadline) {
     if (!m_thread.joinable()) {
         return;
     }
-    if (!m_core->avahiMutex().tryLockUntil(deadline)) {
-        cutConnection();
-        m_core->avahiMutex().lock();
-    }
+    lockOrCut(m_core->avahiMutex(), deadline);
     m_connection->quit();
     m_core->avahiMutex().unlock();
     if (!waitForLoopEnd(deadline)) {
@@ -184,11 +185,8 @@ bool AvahiServiceDiscoveryClient::stop(bool silent) {
         ++m_stops;
     }
     m_stateChanged.notify_all();
-    std::unique_lock<std::timed_mutex> start(m_startMutex, deadline);
-    if (!start) {
-        cutConnection();
-        start.lock();
-    }
+    lockOrCut(*m_startMutex, deadline);
+    const std::lock_guard<FairMutex> start(*m_startMutex, std::adopt_lock);
     try {
         leaveLoop(deadline);
         const auto wasStarted = std::exchange(m_endedByUs, false);
@@ -207,7 +205,7 @@ void AvahiServiceDiscoveryClient::runLoop(DaemonConnection& connection) {
     blockSignals();
     std::this_thread::sleep_for(loopDelay);
     {
-        const std::lock_guard<AvahiMutex> avahi(m_core->avahiMutex());
+        const std::lock_guard<FairMutex> avahi(m_core->avahiMutex());
         const bool quit = connection.loop();
         m_endedByUs = withdraw(!quit) && quit;
     }
@@ -289,7 +287,7 @@ void AvahiServiceDiscoveryClient::tellLoss() {
 
 void AvahiServiceDiscoveryClient::setConnection(std::shared_ptr<DaemonConnection> connection) {
     // The former one is destroyed under the Avahi mutex, and not under the state mutex.
-    const std::lock_guard<AvahiMutex> avahi(m_core->avahiMutex());
+    const std::lock_guard<FairMutex> avahi(m_core->avahiMutex());
     m_core->setConnection(connection.get());
     {
         const std::lock_guard<std::mutex> state(m_stateMutex);
@@ -299,9 +297,18 @@ void AvahiServiceDiscoveryClient::setConnection(std::shared_ptr<DaemonConnection
     connection.reset();
 }
 
-void AvahiServiceDiscoveryClient::setConnecting(bool connecting) {
+/// Returns false after a cancel, which cuts only what was connecting at the time.
+bool AvahiServiceDiscoveryClient::setConnecting(bool connecting) {
     const std::lock_guard<std::mutex> state(m_stateMutex);
     m_connecting = connecting;
+    return !m_cancelled;
+}
+
+void AvahiServiceDiscoveryClient::lockOrCut(FairMutex& mutex, Clock::time_point deadline) {
+    if (!mutex.tryLockUntil(deadline)) {
+        cutConnection();
+        mutex.lock();
+    }
 }
 
 void AvahiServiceDiscoveryClient::cutConnection() {
@@ -332,7 +339,7 @@ void AvahiServiceDiscoveryClient::requireStarted() const {
 }
 
 std::string AvahiServiceDiscoveryClient::ask(const char* (*question)(AvahiClient*)) {
-    const std::lock_guard<AvahiMutex> avahi(m_core->avahiMutex());
+    const std::lock_guard<FairMutex> avahi(m_core->avahiMutex());
     requireStarted();
     const auto* answer = question(m_core->connection()->client());
     if (answer == nullptr) {

@@ -214,12 +214,19 @@ TEST_F(AvahiLossTest, LossDuringTheEnd) {
         const auto handle = client->publisher().publish(service("ending"), m_events.callback());
         auto stopped = std::async(std::launch::async, [&] { return client->stop(); });
         waitForAMoment(milliseconds(1));
-        m_host->killDaemon();
+        if (i % 4 == 3) {
+            m_bus->kill();
+        } else {
+            m_host->killDaemon();
+        }
         stopped.wait();
         // Reported once, whichever is first.
         EXPECT_TRUE(waitUntil([&] { return lost.count(ClientLost) == 1; }));
         client.reset();
         EXPECT_EQ(lost.all().size(), 1U);
+        if (i % 4 == 3) {
+            m_bus->start();
+        }
         m_host->startDaemon();
     }
 }

@@ -139,6 +139,40 @@ TEST_F(AvahiServiceDiscoveryClientTest, CancelEndsAllWaitsOfStartForGood) {
     EXPECT_FALSE(m_client->isStarted());
 }
 
+TEST_F(AvahiServiceDiscoveryClientTest, CancelEndsAStartThatASilentDaemonHoldsUp) {
+    m_host->startDaemon();
+    AvahiServiceDiscoveryClient client;
+    client.start();
+    client.stop();
+    m_host->pauseDaemon();
+    auto started = std::async(std::launch::async, [&] { return client.start(); });
+    // At any moment: before start asks the daemon, or while it waits for the answer.
+    std::this_thread::yield();
+    const auto before = std::chrono::steady_clock::now();
+    client.cancel();
+    EXPECT_FALSE(started.get());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(2));
+    m_host->resumeDaemon();
+}
+
+TEST_F(AvahiServiceDiscoveryClientTest, StopEndsAStartThatASilentDaemonHoldsUp) {
+    m_host->startDaemon();
+    AvahiServiceDiscoveryClient client;
+    client.start();
+    client.stop();
+    m_host->pauseDaemon();
+    auto started = std::async(std::launch::async, [&] { return client.start(); });
+    const auto before = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitUntil([&] {
+        client.stop();
+        return started.wait_for(seconds(0)) == std::future_status::ready;
+    }));
+    EXPECT_FALSE(started.get());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(4));
+    m_host->resumeDaemon();
+    EXPECT_TRUE(client.start());
+}
+
 TEST_F(AvahiServiceDiscoveryClientTest, CancelLeavesAConnectionAlone) {
     m_host->startDaemon();
     const auto client = startedClient();

@@ -18,14 +18,14 @@ namespace {
 using ::testing::HasSubstr;
 
 TEST(DaemonConnection, OpensTheMutexWhileItPolls) {
-    AvahiMutex mutex;
+    FairMutex mutex;
     std::array<int, 2> ends = {};
     ASSERT_EQ(pipe(ends.data()), 0);
     pollfd entry = {ends[0], POLLIN, 0};
-    const std::unique_lock<AvahiMutex> lock(mutex);
+    const std::unique_lock<FairMutex> lock(mutex);
     // Can only write while the mutex is open, and ends the poll by it.
     std::thread writer([&] {
-        const std::lock_guard<AvahiMutex> inside(mutex);
+        const std::lock_guard<FairMutex> inside(mutex);
         EXPECT_EQ(write(ends[1], "x", 1), 1);
     });
     EXPECT_EQ(DaemonConnection::pollOpen(&entry, 1, -1, &mutex), 1);
@@ -38,8 +38,8 @@ TEST(DaemonConnection, OpensTheMutexWhileItPolls) {
 }
 
 TEST(DaemonConnection, ReturnsWhatPollReturns) {
-    AvahiMutex mutex;
-    const std::lock_guard<AvahiMutex> lock(mutex);
+    FairMutex mutex;
+    const std::lock_guard<FairMutex> lock(mutex);
     pollfd entry = {-1, POLLIN, 0};
     EXPECT_EQ(DaemonConnection::pollOpen(&entry, 1, 0, &mutex), 0);
     // More entries than a process may have descriptors.
@@ -62,7 +62,7 @@ protected:
 };
 
 TEST_F(DaemonConnectionDeathTest, AssertsTheArgumentsOfPoll) {
-    AvahiMutex mutex;
+    FairMutex mutex;
     pollfd entry = {-1, 0, 0};
     EXPECT_DEATH(DaemonConnection::pollOpen(nullptr, 0, 0, &mutex),
                  HasSubstr("Assertion failed: [ufds != nullptr]"));

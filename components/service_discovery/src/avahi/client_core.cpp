@@ -13,7 +13,7 @@ ClientCore::ClientCore()
 
 Handle ClientCore::add(const std::shared_ptr<IServiceRequest>& request,
                        const NetworkService& service, const WrapperMaker& makeWrapper) {
-    const std::lock_guard<AvahiMutex> lock(m_avahiMutex);
+    const std::lock_guard<FairMutex> lock(m_avahiMutex);
     if (!isStarted()) {
         throw ServiceDiscoveryError("service discovery client not connected", __FILE__, __LINE__);
     }
@@ -30,7 +30,7 @@ Handle ClientCore::add(const std::shared_ptr<IServiceRequest>& request,
 void ClientCore::release(const Handle& handle) {
     // Destroyed after the mutex is free: this may run the user's destructors.
     std::shared_ptr<IServiceRequest> request;
-    const std::lock_guard<AvahiMutex> lock(m_avahiMutex);
+    const std::lock_guard<FairMutex> lock(m_avahiMutex);
     request = m_requests.remove(handle, [this](const std::shared_ptr<IServiceRequest>& removed) {
         return !releaseWrapper(*removed);
     });

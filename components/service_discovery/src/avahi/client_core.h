@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "avahi/avahi_mutex.h"
 #include "avahi/daemon_connection.h"
+#include "avahi/fair_mutex.h"
 #include "avahi/request/iservice_request.h"
 #include "avahi/request/request_state.h"
 #include "hox/cpputil/log/logger_name.h"
@@ -29,7 +29,7 @@ public:
 
     /// Guards the connection and all Avahi objects; user callbacks run under it. Taken before the
     /// mutex of the requests.
-    AvahiMutex& avahiMutex() { return m_avahiMutex; }
+    FairMutex& avahiMutex() { return m_avahiMutex; }
 
     /// All requests of the client.
     RequestState& requests() { return m_requests; }
@@ -62,7 +62,7 @@ private:
     bool releaseWrapper(IServiceRequest& request) const;
 
     std::shared_ptr<spdlog::logger> m_logger;
-    AvahiMutex m_avahiMutex;
+    FairMutex m_avahiMutex;
     RequestState m_requests;
     std::atomic<std::uint64_t> m_nextId = 1;
     DaemonConnection* m_connection = nullptr;  // GUARDED_BY(m_avahiMutex)

@@ -27,7 +27,7 @@ AvahiSimplePoll* newEventLoop() {
 
 }  // namespace
 
-DaemonConnection::DaemonConnection(AvahiMutex& mutex, StateHandler stateHandler)
+DaemonConnection::DaemonConnection(FairMutex& mutex, StateHandler stateHandler)
     : m_avahiMutex(mutex),
       m_stateHandler(std::move(stateHandler)),
       m_simplePoll(newEventLoop(), avahi_simple_poll_free),
@@ -70,7 +70,7 @@ void DaemonConnection::clientCallback(AvahiClient* client, AvahiClientState stat
     HOX_ASSERT(client != nullptr);
     HOX_ASSERT(userdata != nullptr);
     auto& connection = *static_cast<DaemonConnection*>(userdata);
-    const std::lock_guard<AvahiMutex> lock(connection.m_avahiMutex);
+    const std::lock_guard<FairMutex> lock(connection.m_avahiMutex);
     connection.m_stateHandler(state, client);
 }
 
@@ -78,7 +78,7 @@ int DaemonConnection::pollOpen(pollfd* ufds, unsigned int nfds, int timeout,
                                void* userdata) noexcept {
     HOX_ASSERT(ufds != nullptr);
     HOX_ASSERT(userdata != nullptr);
-    auto& mutex = *static_cast<AvahiMutex*>(userdata);
+    auto& mutex = *static_cast<FairMutex*>(userdata);
     mutex.unlock();
     const auto result = ::poll(ufds, nfds, timeout);
     const auto error = errno;

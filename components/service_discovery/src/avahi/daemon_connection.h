@@ -8,7 +8,7 @@
 #include <functional>
 #include <memory>
 
-#include "avahi/avahi_mutex.h"
+#include "avahi/fair_mutex.h"
 
 struct pollfd;
 
@@ -23,7 +23,7 @@ public:
     using StateHandler = std::function<void(AvahiClientState, AvahiClient*)>;
 
     /// Makes the event loop. The mutex outlives the object. Throws ServiceDiscoveryError.
-    DaemonConnection(AvahiMutex& mutex, StateHandler stateHandler);
+    DaemonConnection(FairMutex& mutex, StateHandler stateHandler);
 
     /// Disconnects: the daemon drops all that was asked for on this connection.
     ~DaemonConnection();
@@ -76,7 +76,7 @@ private:
                                 AvahiWatchCallback callback, void* userdata) noexcept;
     void keepSocket(int fd);
 
-    AvahiMutex& m_avahiMutex;
+    FairMutex& m_avahiMutex;
     StateHandler m_stateHandler;
     std::unique_ptr<AvahiSimplePoll, void (*)(AvahiSimplePoll*)> m_simplePoll;
     ObservedPoll m_poll;

@@ -22,6 +22,7 @@ class AvahiServicePublisher;
 class AvahiServiceResolver;
 class ClientCore;
 class DaemonConnection;
+class FairMutex;
 
 /// Client of the machine's Avahi daemon, reached over the system bus.
 ///
@@ -73,7 +74,8 @@ private:
     bool waitForLoopEnd(Clock::time_point deadline);
     void tellLoss();
     void setConnection(std::shared_ptr<DaemonConnection> connection);
-    void setConnecting(bool connecting);
+    bool setConnecting(bool connecting);
+    void lockOrCut(FairMutex& mutex, Clock::time_point deadline);
     void cutConnection();
     std::uint64_t countStops();
     bool isUnwanted(std::uint64_t stops);
@@ -85,7 +87,7 @@ private:
 
     // Lets start and stop in, one at a time. Order: start mutex, Avahi mutex, then either the mutex
     // of the requests or the state mutex, under which nothing is called.
-    std::timed_mutex m_startMutex;
+    std::unique_ptr<FairMutex> m_startMutex;
     std::mutex m_stateMutex;  // the flags are set under it
     std::condition_variable m_stateChanged;
     std::function<void(const Status&)> m_callback;   // GUARDED_BY(m_stateMutex)

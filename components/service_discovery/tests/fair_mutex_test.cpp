@@ -1,4 +1,4 @@
-#include "avahi/avahi_mutex.h"
+#include "avahi/fair_mutex.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ std::chrono::steady_clock::time_point in(milliseconds time) {
     return std::chrono::steady_clock::now() + time;
 }
 
-bool isFree(AvahiMutex& mutex) {
+bool isFree(FairMutex& mutex) {
     return std::async(std::launch::async,
                       [&] {
                           const bool taken = mutex.tryLockUntil(in(milliseconds(0)));
@@ -28,8 +28,8 @@ bool isFree(AvahiMutex& mutex) {
         .get();
 }
 
-TEST(AvahiMutex, IsTakenAsOftenAsItIsLetGo) {
-    AvahiMutex mutex;
+TEST(FairMutex, IsTakenAsOftenAsItIsLetGo) {
+    FairMutex mutex;
     mutex.lock();
     mutex.lock();
     EXPECT_TRUE(mutex.tryLockUntil(in(milliseconds(0))));
@@ -40,9 +40,9 @@ TEST(AvahiMutex, IsTakenAsOftenAsItIsLetGo) {
     EXPECT_TRUE(isFree(mutex));
 }
 
-TEST(AvahiMutex, GivesUpAtTheDeadline) {
-    AvahiMutex mutex;
-    const std::lock_guard<AvahiMutex> lock(mutex);
+TEST(FairMutex, GivesUpAtTheDeadline) {
+    FairMutex mutex;
+    const std::lock_guard<FairMutex> lock(mutex);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(std::async(std::launch::async, [&] {
                      return mutex.tryLockUntil(in(milliseconds(20)));
@@ -50,21 +50,21 @@ TEST(AvahiMutex, GivesUpAtTheDeadline) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(20));
 }
 
-TEST(AvahiMutex, IsLeftAsItWasByAnAttemptThatFails) {
-    AvahiMutex mutex;
+TEST(FairMutex, IsLeftAsItWasByAnAttemptThatFails) {
+    FairMutex mutex;
     mutex.lock();
     EXPECT_FALSE(isFree(mutex));
     mutex.unlock();
     EXPECT_TRUE(isFree(mutex));
 }
 
-TEST(AvahiMutex, KeepsThreadsApart) {
-    AvahiMutex mutex;
+TEST(FairMutex, KeepsThreadsApart) {
+    FairMutex mutex;
     int count = 0;
     const auto add = [&] {
         for (int i = 0; i < 10000; ++i) {
-            const std::lock_guard<AvahiMutex> outer(mutex);
-            const std::lock_guard<AvahiMutex> inner(mutex);
+            const std::lock_guard<FairMutex> outer(mutex);
+            const std::lock_guard<FairMutex> inner(mutex);
             ++count;
         }
     };
@@ -75,13 +75,13 @@ TEST(AvahiMutex, KeepsThreadsApart) {
     EXPECT_EQ(count, 20000);
 }
 
-TEST(AvahiMutex, ReachesWhoeverWaitsAlthoughAnotherTakesItAgainAtOnce) {
-    AvahiMutex mutex;
+TEST(FairMutex, ReachesWhoeverWaitsAlthoughAnotherTakesItAgainAtOnce) {
+    FairMutex mutex;
     std::atomic<bool> done = false;
     std::atomic<int> turns = 0;
     std::thread busy([&] {
         while (!done) {
-            const std::lock_guard<AvahiMutex> lock(mutex);
+            const std::lock_guard<FairMutex> lock(mutex);
             ++turns;
             // Long enough for the others to ask meanwhile.
             std::this_thread::sleep_for(milliseconds(1));
@@ -89,7 +89,7 @@ TEST(AvahiMutex, ReachesWhoeverWaitsAlthoughAnotherTakesItAgainAtOnce) {
     });
     for (int i = 0; i < 50; ++i) {
         const auto before = turns.load();
-        const std::lock_guard<AvahiMutex> lock(mutex);
+        const std::lock_guard<FairMutex> lock(mutex);
         // The turn that was under way, and one that may have begun before the question.
         EXPECT_LE(turns - before, 2);
     }
