@@ -183,14 +183,17 @@ bool AvahiServiceDiscoveryClient::stop(bool silent) {
     {
         const std::lock_guard<std::mutex> state(m_stateMutex);
         ++m_stops;
+        m_silent = m_silent || silent;
     }
     m_stateChanged.notify_all();
     lockOrCut(*m_startMutex, deadline);
     const std::lock_guard<FairMutex> start(*m_startMutex, std::adopt_lock);
+    const bool wasStarted = isStarted();
     try {
         leaveLoop(deadline);
-        const auto wasStarted = std::exchange(m_endedByUs, false);
-        if (wasStarted && !silent) {
+        // Otherwise the event loop has told it: it may have lost the daemon meanwhile, also by our
+        // cutting the connection.
+        if (std::exchange(m_endedByUs, false)) {
             tellLoss();
         }
         return wasStarted;
@@ -278,7 +281,9 @@ void AvahiServiceDiscoveryClient::tellLoss() {
     std::function<void(const Status&)> callback;
     {
         const std::lock_guard<std::mutex> state(m_stateMutex);
-        callback = m_callback;
+        if (!m_silent) {
+            callback = m_callback;
+        }
     }
     if (callback) {
         callback(ClientLost);

@@ -348,5 +348,21 @@ TEST_F(AvahiServiceDiscoveryClientTest, SilentDaemonHoldsUpStopForASecondOnly) {
     EXPECT_TRUE(client->start());
 }
 
+TEST_F(AvahiServiceDiscoveryClientTest, SilentDaemonHoldsUpTheDestructorForASecondOnly) {
+    m_host->startDaemon();
+    auto client = startedClient();
+    client->setCallback(m_events.clientCallback());
+    auto published = client->publisher().publish(service("published"));
+    m_host->pauseDaemon();
+    // Waits for an answer that never arrives, unless the client ends first.
+    auto dropping = std::async(std::launch::async, [&] { published = {}; });
+    const auto before = std::chrono::steady_clock::now();
+    client.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(2));
+    dropping.wait();
+    EXPECT_THAT(m_events.statuses(), IsEmpty());
+    m_host->resumeDaemon();
+}
+
 }  // namespace
 }  // namespace Hox::Service::Discovery::Avahi

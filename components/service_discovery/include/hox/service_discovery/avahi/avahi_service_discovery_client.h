@@ -95,6 +95,7 @@ private:
     std::uint64_t m_stops = 0;                       // calls of stop. GUARDED_BY(m_stateMutex)
     bool m_cancelled = false;                        // GUARDED_BY(m_stateMutex)
     bool m_connecting = false;                       // GUARDED_BY(m_stateMutex)
+    bool m_silent = false;                           // at the end. GUARDED_BY(m_stateMutex)
     std::thread m_thread;                            // GUARDED_BY(m_startMutex)
     bool m_endedByUs = false;  // the loop was left while started; written by it, read once joined
 
