@@ -54,8 +54,7 @@ bool AvahiServiceDiscoveryClient::start() {
     if (isStarted()) {
         return true;
     }
-    const auto stops = countStops();
-    if (isUnwanted(stops)) {
+    if (isUnwanted()) {
         return false;
     }
     try {
@@ -63,13 +62,13 @@ bool AvahiServiceDiscoveryClient::start() {
         if (!m_connection) {
             connect();
         }
-        if (waitForDaemon(stops)) {
+        if (waitForDaemon()) {
             return true;
         }
         leaveLoop(Clock::now() + patience);
         throw ServiceDiscoveryError("Avahi: failed to start avahi", __FILE__, __LINE__);
     } catch (const ServiceDiscoveryError&) {
-        if (isUnwanted(stops)) {
+        if (isUnwanted()) {
             return false;
         }
         throw;
@@ -145,7 +144,7 @@ void AvahiServiceDiscoveryClient::connect() {
     setConnecting(false);
 }
 
-bool AvahiServiceDiscoveryClient::waitForDaemon(std::uint64_t stops) {
+bool AvahiServiceDiscoveryClient::waitForDaemon() {
     try {
         m_thread = std::thread([this] { runLoop(*m_connection); });
     } catch (const std::system_error&) {
@@ -153,7 +152,7 @@ bool AvahiServiceDiscoveryClient::waitForDaemon(std::uint64_t stops) {
     }
     std::unique_lock<std::mutex> state(m_stateMutex);
     m_stateChanged.wait(state, [&] {
-        return m_core->running || m_core->failed || m_cancelled || m_stops != stops;
+        return m_core->running || m_core->failed || m_cancelled || m_waitingStops > 0;
     });
     m_core->started = m_core->running.load();
     return m_core->started;
@@ -182,12 +181,16 @@ bool AvahiServiceDiscoveryClient::stop(bool silent) {
     const auto deadline = Clock::now() + patience;
     {
         const std::lock_guard<std::mutex> state(m_stateMutex);
-        ++m_stops;
+        ++m_waitingStops;
         m_silent = m_silent || silent;
     }
     m_stateChanged.notify_all();
     lockOrCut(*m_startMutex, deadline);
     const std::lock_guard<FairMutex> start(*m_startMutex, std::adopt_lock);
+    {
+        const std::lock_guard<std::mutex> state(m_stateMutex);
+        --m_waitingStops;
+    }
     const bool wasStarted = isStarted();
     try {
         leaveLoop(deadline);
@@ -302,11 +305,11 @@ void AvahiServiceDiscoveryClient::setConnection(std::shared_ptr<DaemonConnection
     connection.reset();
 }
 
-/// Returns false after a cancel, which cuts only what was connecting at the time.
+/// Returns false if the connection is unwanted: a cancel cuts only what was connecting at the time.
 bool AvahiServiceDiscoveryClient::setConnecting(bool connecting) {
     const std::lock_guard<std::mutex> state(m_stateMutex);
     m_connecting = connecting;
-    return !m_cancelled;
+    return !m_cancelled && m_waitingStops == 0;
 }
 
 void AvahiServiceDiscoveryClient::lockOrCut(FairMutex& mutex, Clock::time_point deadline) {
@@ -327,14 +330,9 @@ void AvahiServiceDiscoveryClient::cutConnection() {
     }
 }
 
-std::uint64_t AvahiServiceDiscoveryClient::countStops() {
+bool AvahiServiceDiscoveryClient::isUnwanted() {
     const std::lock_guard<std::mutex> state(m_stateMutex);
-    return m_stops;
-}
-
-bool AvahiServiceDiscoveryClient::isUnwanted(std::uint64_t stops) {
-    const std::lock_guard<std::mutex> state(m_stateMutex);
-    return m_cancelled || m_stops != stops;
+    return m_cancelled || m_waitingStops > 0;
 }
 
 void AvahiServiceDiscoveryClient::requireStarted() const {

@@ -52,14 +52,15 @@ protected:
         EXPECT_EQ(after.threads, before.threads);
     }
 
-    static constexpr std::size_t word = sizeof(void*);
+    /// Far less than a request takes; the bus library keeps some messages for later.
+    static constexpr std::size_t little = 64;
 };
 
 TEST_F(AvahiCostTest, AThousandPublicationsCostNothing) {
     auto one = service("cost");
     one.txtRecords = {{"a", "b"}};
     one.subtypes = {"cost"};
-    expectNoCost(1000, word, [&] { m_client->publisher().publish(one); });
+    expectNoCost(1000, little, [&] { m_client->publisher().publish(one); });
     // The daemon has forgotten them as well: it allows each client a thousand.
     EXPECT_EQ(outcome(*m_client, one), Published);
     EXPECT_THAT(m_log.textsAt(spdlog::level::err), IsEmpty());
@@ -67,7 +68,7 @@ TEST_F(AvahiCostTest, AThousandPublicationsCostNothing) {
 
 TEST_F(AvahiCostTest, AThousandSearchesCostNothing) {
     const NetworkServiceType type("nobody");
-    expectNoCost(1000, word, [&] {
+    expectNoCost(1000, little, [&] {
         m_client->resolver().browse(type, -1);
         m_client->resolver().resolve("nobody", type, -1);
     });
@@ -77,7 +78,7 @@ TEST_F(AvahiCostTest, AThousandSearchesCostNothing) {
 TEST_F(AvahiCostTest, RefusedPublicationsCostNothing) {
     auto refused = service("cost");
     refused.name = std::string(64, 'n');
-    expectNoCost(200, word, [&] {
+    expectNoCost(200, little, [&] {
         m_log.clear();
         EXPECT_EQ(outcome(*m_client, refused), PublishFailure);
     });

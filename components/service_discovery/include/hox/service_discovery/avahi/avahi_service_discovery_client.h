@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -61,7 +60,7 @@ private:
 
     // Under the start mutex.
     void connect();
-    bool waitForDaemon(std::uint64_t stops);
+    bool waitForDaemon();
     void leaveLoop(Clock::time_point deadline);
 
     // On the event loop, under the Avahi mutex.
@@ -77,8 +76,7 @@ private:
     bool setConnecting(bool connecting);
     void lockOrCut(FairMutex& mutex, Clock::time_point deadline);
     void cutConnection();
-    std::uint64_t countStops();
-    bool isUnwanted(std::uint64_t stops);
+    bool isUnwanted();
     void requireStarted() const;
     std::string ask(const char* (*question)(AvahiClient*));
 
@@ -92,12 +90,12 @@ private:
     std::condition_variable m_stateChanged;
     std::function<void(const Status&)> m_callback;   // GUARDED_BY(m_stateMutex)
     std::shared_ptr<DaemonConnection> m_connection;  // set under both mutexes, read under either
-    std::uint64_t m_stops = 0;                       // calls of stop. GUARDED_BY(m_stateMutex)
-    bool m_cancelled = false;                        // GUARDED_BY(m_stateMutex)
-    bool m_connecting = false;                       // GUARDED_BY(m_stateMutex)
-    bool m_silent = false;                           // at the end. GUARDED_BY(m_stateMutex)
-    std::thread m_thread;                            // GUARDED_BY(m_startMutex)
-    bool m_endedByUs = false;  // the loop was left while started; written by it, read once joined
+    int m_waitingStops = 0;     // for the start mutex. GUARDED_BY(m_stateMutex)
+    bool m_cancelled = false;   // GUARDED_BY(m_stateMutex)
+    bool m_connecting = false;  // GUARDED_BY(m_stateMutex)
+    bool m_silent = false;      // at the end. GUARDED_BY(m_stateMutex)
+    std::thread m_thread;       // GUARDED_BY(m_startMutex)
+    bool m_endedByUs = false;   // the loop was left while started; written by it, read once joined
 
     // Destroyed first.
     std::unique_ptr<AvahiServicePublisher> m_publisher;
