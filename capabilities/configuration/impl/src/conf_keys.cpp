@@ -93,7 +93,7 @@ bool isLoaded(const std::string& key) {
 
 std::string whyNotWritable(const std::string& key) {
     const std::string refusal = whyNotStorable(key);
-    return refusal.empty() && sliceRootEnd(key) == key.end() ? "Key lies in no slice: " + shown(key)
+    return refusal.empty() && sliceRootEnd(key) == key.end() ? "Key is in no slice: " + shown(key)
                                                              : refusal;
 }
 

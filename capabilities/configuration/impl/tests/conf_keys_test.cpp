@@ -91,7 +91,7 @@ TEST(ConfKeys, ThatNoServiceCouldWriteAreTold) {
     EXPECT_EQ(whyNotWritable("/sys/conf/mb/0/net/data"),
               "Key has the reserved component data: /sys/conf/mb/0/net/data");
     for (const std::string key : {"/sys/conf/mb/0/net", "/sys/conf/mb", "/sys/conf/x"}) {
-        EXPECT_EQ(whyNotWritable(key), "Key lies in no slice: " + key);
+        EXPECT_EQ(whyNotWritable(key), "Key is in no slice: " + key);
     }
 }
 
