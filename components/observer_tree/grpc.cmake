@@ -86,7 +86,7 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/wire_message_memo_test.cpp
         LIBS hox_observer_tree_grpc_test_support
         LABELS threads
-        TIMEOUT 300)
+        TIMEOUT 600)
     if(HALVO_NON_POLLING_QUEUES)
         target_compile_definitions(hox_observer_tree_grpc_test PRIVATE HALVO_NON_POLLING_QUEUES)
     endif()

@@ -157,7 +157,7 @@ std::string readPath(pid_t child, std::uint64_t address) {
 }
 
 /// The path of the open file; empty for a pipe or a socket, which the sanitizers also write to.
-/// AT_FDCWD stands for the working directory.
+/// AT_FDCWD means the working directory.
 std::string openFile(pid_t child, std::uint64_t number) {
     const auto file = static_cast<int>(number);
     std::error_code error;

@@ -15,3 +15,7 @@ def is_sanitized():
     """Whether the program is built with a sanitizer, whose own memory and time hide those of the
     program."""
     return program().parent.parent.name in ("asan", "tsan")
+
+
+#: For a program in which LeakSanitizer cannot work: one that is traced, or can make no thread.
+WITHOUT_LEAK_SEARCH = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}

@@ -5,6 +5,8 @@ import subprocess
 
 import pytest
 
+from kit.memory import is_sanitized
+from kit.paths import ROOT, program
 from kit.service import command_line
 
 OPTIONS = {
@@ -133,3 +135,8 @@ def test_a_log_directory_that_cannot_be_made_ends_the_process(tmp_path):
 def test_the_flag_for_standard_output_counts_wherever_it_stands(tmp_path, args):
     run(tmp_path, *args)
     assert not (tmp_path / "log/halvo").exists()
+
+
+@pytest.mark.skipif(is_sanitized(), reason="a sanitizer reports whole paths")
+def test_the_program_names_no_folder_of_its_build():
+    assert str(ROOT).encode() not in program().read_bytes()

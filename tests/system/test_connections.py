@@ -13,6 +13,7 @@ import pytest
 
 from kit.client import open_channel
 from kit.configuration import Slice, discard, save
+from kit.memory import WITHOUT_LEAK_SEARCH
 from kit.raw_client import PING, RawClient
 from kit.service import command_line
 from kit.wait import wait_until
@@ -127,8 +128,9 @@ def no_new_threads(pid, folder):
         tracer.wait()
 
 
-def test_an_end_for_which_no_thread_can_be_made(service, client, tmp_path):
-    client.create()
+def test_an_end_for_which_no_thread_can_be_made(start, tmp_path):
+    service = start(environment=WITHOUT_LEAK_SEARCH)
+    service.client().create()
     with no_new_threads(service.process.pid, tmp_path):
         service.stop()
 

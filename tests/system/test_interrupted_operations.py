@@ -1,5 +1,4 @@
 """Kills and failing disks during save, import, clear and export: the whole program."""
-import os
 import re
 import shutil
 import signal
@@ -9,9 +8,7 @@ import pytest
 
 from kit.configuration import Slice, clear, discard, export_package, import_package, save
 from kit.faults import Strace, all_faults
-
-#: The leak check at the end of a sanitized program does not work under strace.
-WITHOUT_LEAK_SEARCH = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+from kit.memory import WITHOUT_LEAK_SEARCH
 
 KEYS = [0, 1, 10] if all_faults() else [0, 1]
 

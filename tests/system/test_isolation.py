@@ -1,37 +1,40 @@
 """While one capability is busy, everything else is served normally."""
-import statistics
+import os
 import time
 
 import grpc
 import pytest
 from google.protobuf import empty_pb2
 
+from kit.configuration import Slice
 from kit.raw_client import RawClient
 
 FILTERED = "/Hox.Capability.StateMonitoring.Api.StateMonitoringService/getStateNotifications"
-#: The maximum median and worst time of an answer, in seconds. Without load on the machine it takes
-#: a tenth of that; a capability that must wait for another one takes seconds.
-MEDIAN_LIMIT, WORST_LIMIT = 0.1, 1.0
-SAMPLES = 25
+UPDATE = "/Hox.Capability.Configuration.Api.ConfigurationService/updateSysConf"
+#: On a machine that does nothing else, the limits are those that the service is made for. Beside
+#: other tests only the difference to a capability that waits for another one shows: seconds.
+ALONE = os.environ.get("HALVO_ISOLATION") == "1"
+SAMPLES = 500 if ALONE else 25
+#: The maximum of the median and of the 99th percentile of an answer's time, in seconds.
+MEDIAN_LIMIT, HIGH_LIMIT = (0.01, 0.05) if ALONE else (0.1, 1.0)
 
 
-@pytest.fixture
-def busy_monitor(service, client):
-    """Keeps the state monitor busy for minutes: each of its calls takes about a tenth of a second.
-    """
+def send_from_many(service, path, request, count):
+    """Sends the request from 20 clients, none of which takes an answer."""
+    clients = [RawClient(service.port) for _ in range(20)]
+    for raw in clients:
+        for _ in range(count):
+            raw.call(path, request)
+    return clients
+
+
+def slow_filters(service, client):
+    """Calls of the state monitor that take about a tenth of a second each."""
     for number in range(1000):
         client.create(type="a" * 700 + str(number))
     request = client.protos.state.GetStateNotificationsReq(typeRegEx="a*[bc]")
-    start = time.monotonic()
-    assert not client_answers(client, request)
-    assert time.monotonic() - start > 0.02, "the filter is no work"
-    clients = [RawClient(service.port) for _ in range(20)]
-    for raw in clients:
-        for _ in range(50):
-            raw.call(FILTERED, request)
-    yield service
-    for raw in clients:
-        raw.close()
+    assert seconds(lambda: client_answers(client, request)) > 0.02, "the filter is no work"
+    return send_from_many(service, FILTERED, request, 50)
 
 
 def client_answers(client, request):
@@ -43,43 +46,83 @@ def client_answers(client, request):
         return False
 
 
+def slow_saves(service, client):
+    """Calls of the configuration that take about a tenth of a second each."""
+    Slice(client).update({f"/{number}": "value" for number in range(3000)}, state_id="")
+    request = client.protos.configuration.UpdateSysConfReq(
+        update_type=client.protos.configuration.UpdateType(saveChanges=False))
+    assert seconds(lambda: client.configuration.updateSysConf(request)) > 0.02, "too few keys"
+    return send_from_many(service, UPDATE, request, 50)
+
+
 def seconds(action):
     start = time.monotonic()
     action()
     return time.monotonic() - start
 
 
-def assert_prompt(what, samples):
-    samples = sorted(samples)
-    print(f"{what}: median {statistics.median(samples) * 1000:.1f} ms, "
-          f"worst {samples[-1] * 1000:.1f} ms")
-    assert statistics.median(samples) < MEDIAN_LIMIT, samples
-    assert samples[-1] < WORST_LIMIT, samples
-
-
-def status_of_configuration(client):
+def export(client):
     client.configuration.getSysConf(client.protos.configuration.GetSysConfReq())
+
+
+def current_state(client):
+    client.current_state()
 
 
 def list_loggers(client):
     client.introspection.listLoggers(empty_pb2.Empty())
 
 
-@pytest.mark.parametrize("action", [status_of_configuration, list_loggers])
-def test_calls_on_open_connections(client, busy_monitor, action):
-    action(client)
-    assert_prompt(action.__name__, [seconds(lambda: action(client)) for _ in range(SAMPLES)])
+def health(client):
+    client.channel.unary_unary("/grpc.health.v1.Health/Check")(b"", timeout=20)
 
 
-@pytest.mark.parametrize("action", [status_of_configuration, list_loggers])
-def test_calls_on_new_connections(client, busy_monitor, action):
-    def call():
-        with_client = busy_monitor.client()
-        action(with_client)
-        with_client.close()
-
-    assert_prompt(action.__name__, [seconds(call) for _ in range(SAMPLES)])
+@pytest.fixture(params=[(slow_filters, export), (slow_saves, current_state)],
+                ids=lambda load: load[0].__name__)
+def load(request):
+    """What keeps a capability busy, and a call of the other one."""
+    return request.param
 
 
-def test_the_end_of_the_service(busy_monitor):
-    busy_monitor.stop()
+@pytest.fixture
+def busy(load, service, client):
+    """The service, one of whose capabilities is busy for minutes."""
+    clients = load[0](service, client)
+    yield service
+    for raw in clients:
+        raw.close()
+
+
+@pytest.fixture
+def calls(load, busy, client):
+    """Calls of everything that is not busy; each was made once."""
+    found = load[1], list_loggers, health
+    for call in found:
+        call(client)
+    return found
+
+
+def assert_prompt(what, action):
+    samples = sorted(seconds(action) for _ in range(SAMPLES))
+    median, high = (samples[int(SAMPLES * part)] for part in (0.5, 0.99))
+    print(f"{what}: median {median * 1000:.1f} ms, 99 % within {high * 1000:.1f} ms")
+    assert median < MEDIAN_LIMIT, samples
+    assert high < HIGH_LIMIT, samples
+
+
+def test_calls_on_open_connections(client, calls):
+    for call in calls:
+        assert_prompt(call.__name__, lambda call=call: call(client))
+
+
+def test_calls_on_new_connections(busy, calls):
+    def with_newcomer(call):
+        with busy.client() as newcomer:
+            call(newcomer)
+
+    for call in calls:
+        assert_prompt(call.__name__, lambda call=call: with_newcomer(call))
+
+
+def test_the_end_of_the_service(busy):
+    busy.stop()

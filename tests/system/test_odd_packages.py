@@ -339,7 +339,7 @@ def test_a_list_of_files_of_this_machine_is_no_package(store, tmp_path):
 def test_a_value_in_no_slice_is_refused(store, name):
     code, text = store.load(archive({**store.packaged, name: b"{}"}))
     assert code == "FAILED_PRECONDITION"
-    assert "Key lies in no slice: /sys/conf/" in text
+    assert "Key is in no slice: /sys/conf/" in text
     store.assert_unchanged(name)
     store.service.assert_alive()
 

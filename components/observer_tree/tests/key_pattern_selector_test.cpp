@@ -15,6 +15,7 @@ using testing::IsEmpty;
 using TestKit::linesOf;
 using TestKit::newKeys;
 using TestKit::pattern;
+using TestKit::randomPath;
 
 /// A selector with observers, each of which records its number and its calls.
 class KeyPatternSelection : public testing::Test {
@@ -120,15 +121,6 @@ TEST_F(KeyPatternSelection, LetsGoOfThePassWhenAnObserverThrows) {
     const auto next = arrive(1, "/a/**");
     EXPECT_THAT(deliver({"/a/d", "/e"}),
                 ElementsAre(testing::Pair(1, ElementsAre("/a/d: null -> /a/d"))));
-}
-
-std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
-    std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
-        const auto last = choice.size() - 1;
-        path += "/" + choice.at(std::uniform_int_distribution<std::size_t>(0, last)(random));
-    }
-    return path.empty() ? "/" : path;
 }
 
 TEST_F(KeyPatternSelection, TellsExactlyThoseWhoAreThere) {

@@ -15,7 +15,6 @@ using testing::ElementsAre;
 using TestKit::message;
 using TestKit::onUpdateWrite;
 using TestKit::pattern;
-using TestKit::StringValue;
 using TestKit::update;
 
 /// A tree that exposes its locks.

@@ -20,6 +20,7 @@ using TestKit::newKeys;
 using TestKit::Observations;
 using TestKit::onUpdate;
 using TestKit::pattern;
+using TestKit::randomPath;
 using TestKit::update;
 using TestKit::value;
 
@@ -204,15 +205,6 @@ TEST_F(Snapshot, FailsAtItsDeliveryForAPatternThatCannotBeMatched) {
     EXPECT_THAT(reports.conditions(), ElementsAre("false"));
     EXPECT_EQ(snapshotBy("/b/**/b"), "");
     EXPECT_THAT(reports.conditions(), ElementsAre("false"));
-}
-
-std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
-    std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
-        const auto last = choice.size() - 1;
-        path += "/" + choice.at(std::uniform_int_distribution<std::size_t>(0, last)(random));
-    }
-    return path.empty() ? "/" : path;
 }
 
 TEST_F(Snapshot, HoldsWhatTheMatcherSelects) {

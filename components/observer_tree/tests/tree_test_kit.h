@@ -7,6 +7,7 @@
 #include <cctype>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -152,6 +153,16 @@ inline void onUpdateWrite(ObserverTree& tree, const std::string& address, const 
 inline UnaryHandlerReturnType<StringValue> update(ObserverTree& tree, const std::string& address,
                                                   const std::string& text = "") {
     return tree.callApiOp<UnaryOps::UPDATE, StringValue, StringValue>(address, message(text));
+}
+
+/// A key or a pattern of up to four components out of the choice.
+inline std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
+    std::string path;
+    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
+        const auto last = choice.size() - 1;
+        path += "/" + choice.at(std::uniform_int_distribution<std::size_t>(0, last)(random));
+    }
+    return path.empty() ? "/" : path;
 }
 
 }  // namespace Hox::ObserverTree::TestKit

@@ -59,7 +59,7 @@ protected:
     std::shared_ptr<grpc::Channel> connect() const {
         grpc::ChannelArguments arguments;
         arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-        return grpc::CreateCustomChannel("localhost:" + m_port.text(),
+        return grpc::CreateCustomChannel("127.0.0.1:" + m_port.text(),
                                          grpc::InsecureChannelCredentials(), arguments);
     }
 

@@ -1,9 +1,16 @@
 #include "server/listening_sockets.h"
 
 #include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+
+#include <array>
+#include <cstddef>
 
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/testing/reserved_port.h"
@@ -50,6 +57,34 @@ TEST(ListeningSockets, ListenOnAllInterfacesForBothFamilies) {
     const auto sockets = listenAt("::", port.text());
     ASSERT_THAT(families(sockets), ::testing::ElementsAre(AF_INET6));
     EXPECT_EQ(option(*sockets.front(), IPPROTO_IPV6, IPV6_V6ONLY), 0);
+}
+
+/// From now on the process is on a kernel without IPv6.
+void takeIpv6Away() {
+    const auto dataAt = [](std::size_t offset) {
+        return sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
+    };
+    std::array<sock_filter, 6> filter{dataAt(offsetof(seccomp_data, nr)),
+                                      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+                                      dataAt(offsetof(seccomp_data, args)),
+                                      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+                                      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+                                      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{filter.size(), filter.data()};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST(ListeningSocketsDeathTest, ListenOnAllInterfacesWhereThereIsNoIpv6) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const Testing::ReservedPort port;
+            takeIpv6Away();
+            const auto sockets = listenAt("::", port.text());
+            std::exit(families(sockets) == std::vector<int>{AF_INET} ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ListeningSockets, AreNotShared) {

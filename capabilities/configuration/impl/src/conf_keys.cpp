@@ -1,22 +1,17 @@
 #include "conf_keys.h"
 
 #include <algorithm>
-#include <memory>
 #include <string_view>
-#include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/string/string_utils.h"
+#include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/key_components.h"
 
 namespace Hox::Capability::Configuration {
 
-using Hox::ObserverTree::ChangeSetMapVal;
 using Hox::ObserverTree::ChangeSetType;
-using Hox::ObserverTree::DataTreeVal;
-using Hox::ObserverTree::DataTreeValPtr;
 using Hox::ObserverTree::KeyComponents;
 
 namespace {
@@ -29,23 +24,10 @@ bool isUnstorable(char byte) {
     return byte == '\n' || byte == '\r' || byte == '\0';
 }
 
-/// The size of a byte of a status message on the wire.
-std::size_t sizeInStatus(char byte) {
-    return byte >= ' ' && byte <= '~' && byte != '%' ? 1 : 3;
-}
-
-/// The key for messages: in one line, and shortened to its start if it is long. With a status that
-/// is too large, the client would not get the reason.
+/// The key for messages: in one line.
 std::string shown(const std::string& key) {
-    constexpr std::size_t maxSize = 4000;
     std::string text;
-    std::size_t size = 0;
     for (const char byte : key) {
-        const bool isFirstOfCharacter = (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U;
-        if (size >= maxSize && isFirstOfCharacter) {
-            return text + "...";
-        }
-        size += sizeInStatus(byte);
         if (!isUnstorable(byte)) {
             text += byte;
         } else if (byte == '\0') {
@@ -55,15 +37,6 @@ std::string shown(const std::string& key) {
         }
     }
     return text;
-}
-
-DataTreeValPtr takeValue(google::protobuf::Any& packed) {
-    return std::make_shared<const DataTreeVal>(std::move(packed));
-}
-
-ChangeSetMapVal takeChange(Hox::ObserverTree::ObsTreeDataNodePair& pair) {
-    return {pair.has_currentmessage() ? takeValue(*pair.mutable_currentmessage()) : nullptr,
-            pair.has_prevmessage() ? takeValue(*pair.mutable_prevmessage()) : nullptr};
 }
 
 bool isReservedName(std::string_view component) {
@@ -101,24 +74,13 @@ bool isStateIdKey(const std::string& key) {
 }
 
 ChangeSetType splitCapConfKeys(Hox::ObserverTree::ObsTreeObserveChangeSet&& changeSet) {
-    auto& wireMap = *changeSet.mutable_node_change_map();
-    std::vector<std::decay_t<decltype(wireMap)>::value_type*> entries;
-    entries.reserve(wireMap.size());
-    for (auto& entry : wireMap) {
-        entries.push_back(&entry);
-    }
-    std::sort(entries.begin(), entries.end(),
-              [](const auto* left, const auto* right) { return left->first < right->first; });
+    ChangeSetType whole = Hox::ObserverTree::fromWire(std::move(changeSet));
     ChangeSetType local;
-    const std::size_t prefixLength = entries.empty() ? 0 : sliceRootLength(entries.front()->first);
-    for (auto* entry : entries) {
-        const std::string& key = entry->first;
-        ChangeSetType::mapped_type changes;
-        for (auto& pair : *entry->second.mutable_nodepairlist()) {
-            changes.push_back(takeChange(pair));
-        }
-        local.emplace_hint(local.end(), key.substr(std::min(prefixLength, key.size())),
-                           std::move(changes));
+    const std::size_t prefixLength = whole.empty() ? 0 : sliceRootLength(whole.begin()->first);
+    while (!whole.empty()) {
+        auto change = whole.extract(whole.begin());
+        change.key().erase(0, prefixLength);
+        local.insert(local.end(), std::move(change));
     }
     return local;
 }
@@ -131,7 +93,7 @@ bool isLoaded(const std::string& key) {
 
 std::string whyNotWritable(const std::string& key) {
     const std::string refusal = whyNotStorable(key);
-    return refusal.empty() && sliceRootEnd(key) == key.end() ? "Key lies in no slice: " + shown(key)
+    return refusal.empty() && sliceRootEnd(key) == key.end() ? "Key is in no slice: " + shown(key)
                                                              : refusal;
 }
 

@@ -15,8 +15,7 @@ constexpr const char* confRoot = "/sys/conf";
 /// The position in each key at which the unique id of its slice begins.
 constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
 
-/// A longer key is refused before its form is checked: the error text of a malformed key contains
-/// the whole key and would not fit into the status of an answer.
+/// A longer key is refused before its form is checked: no folder or package could hold it.
 constexpr std::size_t maxKeySize = 3000;
 
 /// A key with more components is refused: its folders would be nested too deep.

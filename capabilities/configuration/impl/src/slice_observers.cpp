@@ -17,12 +17,18 @@ namespace {
 
 /// Each check takes the capability's mutex; between two checks its thread can handle events.
 constexpr std::chrono::milliseconds lookInterval{100};
-constexpr int looksOfPatience = SliceObservers::patience / lookInterval;
+// The first look may come at once, as it is there for an earlier newcomer.
+constexpr int looksOfPatience = SliceObservers::patience / lookInterval + 1;
 
 }  // namespace
 
 SliceObservers::SliceObservers(std::shared_ptr<std::mutex> capabilityMutex, Greeting greeting)
     : m_capabilityMutex(std::move(capabilityMutex)), m_greeting(std::move(greeting)) {}
+
+SliceObservers::~SliceObservers() {
+    const std::lock_guard<std::mutex> lock(*m_capabilityMutex);
+    m_newcomers.clear();  // for a look that comes now: it must add nothing to the timer any more
+}
 
 void SliceObservers::arrive(const Api::ObserveCapConfReq& request, const Callback& callback) {
     const std::string id = uniqueConfId(request.confid());
@@ -95,11 +101,8 @@ bool SliceObservers::forgetNewcomer(const std::string& uniqueConfId, const Callb
 }
 
 void SliceObservers::startLooking() {
-    if (!m_timer) {
-        m_timer.emplace();
-    }
     if (!std::exchange(m_isLooking, true)) {
-        m_timer->add(std::chrono::steady_clock::now() + lookInterval, [this](bool isGoingAway) {
+        m_timer.add(std::chrono::steady_clock::now() + lookInterval, [this](bool isGoingAway) {
             if (!isGoingAway) {
                 look();
             }

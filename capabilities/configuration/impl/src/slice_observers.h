@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "configuration.pb.h"
@@ -21,8 +20,8 @@ namespace Hox::Capability::Configuration {
 /// the end of its former stream. Such a newcomer waits until that stream has ended. A second
 /// observer beside one that stays is a programming error and fails an assertion.
 ///
-/// All functions except the constructor and the destructor run under the capability's mutex, and so
-/// do the callbacks that they call.
+/// The public functions except the constructor and the destructor run under the capability's mutex,
+/// and so do the callbacks that they call.
 class SliceObservers {
 public:
     using Callback = Hox::ObserverTree::ObserverCallback;
@@ -30,11 +29,18 @@ public:
     /// Sends the content of its slice to an observer.
     using Greeting = std::function<void(const Api::ObserveCapConfReq&, const Callback&)>;
 
-    /// The minimum time that a newcomer waits: time in which the capability is busy does not count.
+    /// The minimum time that a newcomer waits. While the capability is busy it waits longer.
     static constexpr std::chrono::milliseconds patience{2000};
 
     /// The mutex is the capability's.
     SliceObservers(std::shared_ptr<std::mutex> capabilityMutex, Greeting greeting);
+
+    /// Forgets those that wait. The caller does not hold the mutex, which the thread may need.
+    ~SliceObservers();
+    SliceObservers(const SliceObservers&) = delete;
+    SliceObservers(SliceObservers&&) = delete;
+    SliceObservers& operator=(const SliceObservers&) = delete;
+    SliceObservers& operator=(SliceObservers&&) = delete;
 
     /// An observer arrives: it is greeted immediately, or when the former observer of its slice has
     /// left. The callback is identified by its address until the observer leaves.
@@ -59,11 +65,14 @@ private:
         int looksLeft;  // remaining checks until it has waited long enough
     };
 
+    // REQUIRES(*m_capabilityMutex)
     void admit(const std::string& uniqueConfId, const Observer& observer,
                const Api::ObserveCapConfReq& request);
-    void admitNext(const std::string& uniqueConfId);
+    void admitNext(const std::string& uniqueConfId);  // REQUIRES(*m_capabilityMutex)
+    // REQUIRES(*m_capabilityMutex)
     bool forgetNewcomer(const std::string& uniqueConfId, const Callback& callback);
-    void startLooking();
+    void startLooking();  // REQUIRES(*m_capabilityMutex)
+    /// On the timer's thread.
     void look();
 
     const std::shared_ptr<std::mutex> m_capabilityMutex;
@@ -71,8 +80,8 @@ private:
     std::map<std::string, Observer> m_observeCbMap;           // GUARDED_BY(*m_capabilityMutex)
     std::map<std::string, std::deque<Newcomer>> m_newcomers;  // GUARDED_BY(*m_capabilityMutex)
     bool m_isLooking = false;                                 // GUARDED_BY(*m_capabilityMutex)
-    /// Created for the first newcomer. Destroyed first: its thread uses all other members.
-    std::optional<Hox::CppUtil::Timer> m_timer;  // GUARDED_BY(*m_capabilityMutex)
+    /// Destroyed first: its thread uses all other members.
+    Hox::CppUtil::Timer m_timer;
 };
 
 }  // namespace Hox::Capability::Configuration

@@ -338,9 +338,9 @@ TEST_F(SavedConfiguration, RefusesAPackageThatCannotBeLoaded) {
           Case{"sys/conf/mb/0/data~/a/data", "{}", "Invalid Argument Error: Key has the reserved"},
           Case{longFile.c_str(), "{}", "Invalid Argument Error: Key is longer than 3000 bytes: "},
           Case{"sys/conf////x/data", "{}",
-               "Invalid Argument Error: Key lies in no slice: /sys/conf/x("},
+               "Invalid Argument Error: Key is in no slice: /sys/conf/x("},
           Case{"sys/conf/mb/0/tuner/data", "{}",
-               "Invalid Argument Error: Key lies in no slice: /sys/conf/mb/0/tuner("},
+               "Invalid Argument Error: Key is in no slice: /sys/conf/mb/0/tuner("},
           Case{"partno", "many\n", "stoi"}, Case{"partno", "99999999999\n", "stoi"}}) {
         const fs::path dir = m_dir / "bad";
         fs::remove_all(dir);

@@ -277,7 +277,7 @@ TEST_F(SavedCopyFolder, WarnsOfKeysThatNoPackageMayHold) {
         log.textsAt(spdlog::level::warn),
         ElementsAre("Loading a value that no package may hold. Key has the reserved component "
                     "data: /sys/conf/mb/0/tuner/data",
-                    "Loading a value that no package may hold. Key lies in no slice: "
+                    "Loading a value that no package may hold. Key is in no slice: "
                     "/sys/conf/short"));
 }
 

@@ -136,6 +136,7 @@ protected:
 };
 
 TEST_F(SliceObserversDeathTest, SecondObserverThatStaysIsAnErrorInTheEnd) {
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_DEATH(
         {
             arrive("first", callbackOf("first"));
@@ -144,6 +145,7 @@ TEST_F(SliceObserversDeathTest, SecondObserverThatStaysIsAnErrorInTheEnd) {
         },
         "Assertion failed: \\[m_observeCbMap.find\\(uniqueConfId\\) == "
         "m_observeCbMap.end\\(\\)\\]");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, SliceObservers::patience);
 }
 
 TEST_F(SliceObserversDeathTest, NobodyLeavesWithoutHavingCome) {

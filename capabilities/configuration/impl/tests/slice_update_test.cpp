@@ -148,7 +148,6 @@ TEST_F(SliceUpdates, TellThatAMalformedKeyIsTooLong) {
     const auto status = SliceUpdate(m_request, root).check();
     EXPECT_EQ(status.statusCode(), ProtoStatus::INVALID_ARGUMENT);
     EXPECT_THAT(status.errorMessage(), HasSubstr("Key is longer than 3000 bytes: "));
-    EXPECT_LT(status.errorMessage().size(), 5000U);
 }
 
 TEST_F(SliceUpdates, TellAMalformedRootWithoutAnyEntry) {

@@ -12,21 +12,54 @@ namespace {
 
 using google::protobuf::Message;
 
-Status statusOf(const grpc::Status& grpcStatus, const ObsTreeObserveChangeSet& message) {
-    if (!grpcStatus.ok()) {
-        return {static_cast<ProtoStatus::StatusCode>(grpcStatus.error_code()),
-                grpcStatus.error_message()};
-    }
-    return {message.observestatus().statuscode(), message.observestatus().errormessage()};
-}
+/// Passes the elements of one observed method on to observers. What the peer sends wrongly is left
+/// out and logged once. Runs under the capability's mutex.
+class ElementReader {
+public:
+    ElementReader(std::shared_ptr<spdlog::logger> logger,
+                  const google::protobuf::MethodDescriptor& method)
+        : m_logger(std::move(logger)), m_method(method) {}
 
-void passOn(const Message* message, const grpc::Status& grpcStatus,
-            const ObserverCallback& callback) {
-    static const ObsTreeObserveChangeSet none;
-    const auto& changeSet =
-        message != nullptr ? dynamic_cast<const ObsTreeObserveChangeSet&>(*message) : none;
-    callback(fromWire(changeSet), statusOf(grpcStatus, changeSet));
-}
+    void passOn(const Message* message, const grpc::Status& grpcStatus,
+                const ObserverCallback& callback) {
+        if (message == nullptr) {
+            callback(ChangeSetType(), statusOf(grpcStatus));
+            return;
+        }
+        const auto* changeSet = dynamic_cast<const ObsTreeObserveChangeSet*>(message);
+        if (changeSet == nullptr) {
+            logOnce(m_hasLoggedType, "left out, of type " + message->GetTypeName());
+            return;
+        }
+        callback(fromWire(*changeSet), statusOf(changeSet->observestatus()));
+    }
+
+private:
+    static Status statusOf(const grpc::Status& status) {
+        return {static_cast<ProtoStatus::StatusCode>(status.error_code()), status.error_message()};
+    }
+
+    Status statusOf(const ProtoStatus& status) {
+        if (status.statuscode() == ProtoStatus::OK && !status.errormessage().empty()) {
+            logOnce(m_hasLoggedText,
+                    "without its text, as its status is OK: " + status.errormessage());
+            return {};
+        }
+        return {status.statuscode(), status.errormessage()};
+    }
+
+    void logOnce(bool& hasLogged, const std::string& what) {
+        if (!std::exchange(hasLogged, true)) {
+            m_logger->log(Hox::Log::here(), spdlog::level::err, "Element of {} {}",
+                          m_method.full_name(), what);
+        }
+    }
+
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const google::protobuf::MethodDescriptor& m_method;
+    bool m_hasLoggedText = false;
+    bool m_hasLoggedType = false;
+};
 
 }  // namespace
 
@@ -63,7 +96,8 @@ void AsyncGrpcProxyObsTreeBuilder::addObserve(
     const std::shared_ptr<AsyncGrpcClientHandler>& handler) const {
     tree.registerNewObserverHandler<Message>(
         options.key(), [logger = m_logger, &method, &tree, channel, inProcess,
-                        weakHandler = std::weak_ptr<AsyncGrpcClientHandler>(handler)](
+                        weakHandler = std::weak_ptr<AsyncGrpcClientHandler>(handler),
+                        reader = std::make_shared<ElementReader>(m_logger, method)](
                            const Message& inMsg, const ObserverCallback& callback) {
             logger->log(
                 Hox::Log::here(), spdlog::level::debug,
@@ -75,9 +109,9 @@ void AsyncGrpcProxyObsTreeBuilder::addObserve(
                 handle = clientHandler->callMethodServerStreaming(
                     inMsg, method, channel, inProcess,
                     // A copy: the observer may leave while its callback runs.
-                    [callback](const std::unique_ptr<Message>& message,
-                               const grpc::Status& status) {
-                        passOn(message.get(), status, callback);
+                    [callback, reader](const std::unique_ptr<Message>& message,
+                                       const grpc::Status& status) {
+                        reader->passOn(message.get(), status, callback);
                     });
             }
             tree.addRemoteObservation(inMsg, std::move(handle));

@@ -12,6 +12,7 @@
 namespace Hox::ObserverTree::Test {
 namespace {
 
+using Hox::Testing::LogCapture;
 using Hox::Testing::waitUntil;
 using ::testing::ElementsAre;
 
@@ -124,13 +125,14 @@ TEST_F(ProxyTree, StartsNothingOnAServerOfItsProcessThatHasBeenShutDown) {
     EXPECT_TRUE(m_told.lines().empty());
 }
 
-/// Sends one element as soon as an observer arrives.
+/// Sends one element twice as soon as an observer arrives.
 class OneElementService : public TestService::Service {
 public:
     explicit OneElementService(ObsTreeObserveChangeSet element) : m_element(std::move(element)) {}
 
     grpc::Status observeItems(grpc::ServerContext* /*context*/, const ObserveReq* /*request*/,
                               grpc::ServerWriter<ObsTreeObserveChangeSet>* writer) override {
+        writer->Write(m_element);
         writer->Write(m_element);
         return grpc::Status::OK;
     }
@@ -144,41 +146,62 @@ class OtherStream : public OtherStreamService::Service {
     grpc::Status observeItems(grpc::ServerContext* /*context*/, const ObserveReq* /*request*/,
                               grpc::ServerWriter<Item>* writer) override {
         writer->Write(Item());
+        writer->Write(Item());
         return grpc::Status::OK;
     }
 };
 
-/// Observes the service, which ends the process.
+/// Observes the service in the same process.
 template <typename ServiceType>
-void observeToTheEnd(grpc::Service& service) {
-    grpc::ServerBuilder builder;
-    builder.RegisterService(&service);
-    const auto server = builder.BuildAndStart();
-    const auto proxy = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<ServiceType>(
-        server->InProcessChannel(grpc::ChannelArguments()), std::make_shared<std::mutex>(),
-        std::make_shared<InProcessGate>());
-    std::promise<void> called;
-    const auto handle = proxy->template observe<ObserveReq>(
-        "/items", ObserveReq(),
-        [&called](const ChangeSetType&, const Status&) { called.set_value(); }, 0);
-    called.get_future().wait();
-}
+class Observation {
+public:
+    explicit Observation(grpc::Service& service) {
+        grpc::ServerBuilder builder;
+        builder.RegisterService(&service);
+        m_server = builder.BuildAndStart();
+        m_proxy = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<ServiceType>(
+            m_server->InProcessChannel(grpc::ChannelArguments()), std::make_shared<std::mutex>(),
+            std::make_shared<InProcessGate>());
+        m_handle =
+            m_proxy->template observe<ObserveReq>("/items", ObserveReq(), told.callback(), 0);
+    }
 
-TEST(ProxyTreeDeathTest, EndsAtAnOkElementWithAText) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Told told;
+
+private:
+    std::unique_ptr<grpc::Server> m_server;
+    std::shared_ptr<GrpcProxyObserverTree> m_proxy;
+    std::any m_handle;
+};
+
+class WrongElements : public ::testing::Test {
+protected:
+    std::vector<std::string> errors() const { return m_log.textsAt(spdlog::level::err); }
+
+    LogCapture m_log{
+        "async_grpc_proxy_obs_tree_builder.h::Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder"};
+};
+
+TEST_F(WrongElements, ThatAreOkAndHaveATextComeWithoutItAndAreLoggedOnce) {
     ObsTreeObserveChangeSet element;
     element.mutable_observestatus()->set_statuscode(ProtoStatus::OK);
     element.mutable_observestatus()->set_errormessage("text");
     OneElementService service(element);
-    EXPECT_DEATH(observeToTheEnd<TestService>(service),
-                 "Assertion failed: \\[statusCode != ProtoStatus::OK \\|\\| "
-                 "errorMessage.size\\(\\) == 0\\]");
+    Observation<TestService> observation(service);
+    ASSERT_TRUE(observation.told.waitFor(2));
+    EXPECT_THAT(observation.told.lines(), ElementsAre("0 ", "0 "));
+    EXPECT_THAT(errors(), ElementsAre("Element of Hox.ObserverTree.Test.TestService.observeItems "
+                                      "without its text, as its status is OK: text"));
 }
 
-TEST(ProxyTreeDeathTest, EndsAtAStreamOfAnotherType) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(WrongElements, ThatHaveAnotherTypeAreLeftOutAndLoggedOnce) {
     OtherStream service;
-    EXPECT_DEATH(observeToTheEnd<OtherStreamService>(service), "std::bad_cast");
+    Observation<OtherStreamService> observation(service);
+    ASSERT_TRUE(waitUntil([this] { return !errors().empty(); }));
+    EXPECT_THAT(errors(),
+                ElementsAre("Element of Hox.ObserverTree.Test.OtherStreamService.observeItems left "
+                            "out, of type Hox.ObserverTree.Test.Item"));
+    EXPECT_THAT(observation.told.lines(), testing::IsEmpty());
 }
 
 }  // namespace

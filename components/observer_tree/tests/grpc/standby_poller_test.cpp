@@ -47,7 +47,8 @@ std::vector<std::string> switches() {
     return counts;
 }
 
-/// Whether all other threads come to rest for a while.
+/// Whether all other threads come to rest for a while: shorter than the 100 ms after which
+/// ThreadSanitizer's own thread wakes up.
 bool comesToRest() {
     auto before = switches();
     auto since = std::chrono::steady_clock::now();
@@ -57,7 +58,7 @@ bool comesToRest() {
             before = std::move(now);
             since = std::chrono::steady_clock::now();
         }
-        return std::chrono::steady_clock::now() - since > 20 * StandbyPoller::pollInterval;
+        return std::chrono::steady_clock::now() - since > 8 * StandbyPoller::pollInterval;
     });
 }
 

@@ -92,7 +92,7 @@ TEST(WireMessageMemo, ClearLetsGoOfTheValues) {
     WireMessageMemo memo;
     auto current = value(1);
     const std::weak_ptr<const DataTreeVal> watched = current;
-    memo.element({{"/a", {{current, nullptr}}}}, Status()).message;
+    memo.element({{"/a", {{current, nullptr}}}}, Status());
     current.reset();
     EXPECT_FALSE(watched.expired());
     memo.clear();

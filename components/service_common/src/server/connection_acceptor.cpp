@@ -26,6 +26,8 @@ namespace {
 /// again.
 constexpr int shortageInterval = 50;  // milliseconds
 
+constexpr int mostAtOnce = 64;
+
 /// The process's limit of descriptors: the lowest number that a new descriptor cannot have.
 rlim_t descriptorLimit() {
     rlimit limit{};
@@ -90,9 +92,10 @@ bool ConnectionAcceptor::waitForConnection(std::vector<pollfd>& polled) const {
     return polled.front().revents == 0;
 }
 
-/// Accepts all connections that wait at the port, as far as there are descriptors.
+/// Accepts the connections that wait at the port, as far as there are descriptors. No more than
+/// some at once: the other port and the stop event wait meanwhile.
 void ConnectionAcceptor::accept(int listener) {
-    for (;;) {
+    for (int round = 0; round < mostAtOnce; ++round) {
         if (!mayAccept(listener)) {
             noteShortage(true);
             return;
@@ -101,9 +104,9 @@ void ConnectionAcceptor::accept(int listener) {
         connection.listener_fd = listener;
         connection.fd = ::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (connection.fd >= 0) {
-            noteShortage(false);
             m_server->HandleNewConnection(&connection);
         } else if (errno == EAGAIN) {
+            noteShortage(false);  // not before: each connection that leaves lets one more in
             return;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             noteShortage(true);  // of descriptors or memory, in this process or the system

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "hox/cpputil/error/initialization_error.h"
@@ -24,6 +25,9 @@ namespace {
 constexpr int userTimeout = 20000;
 
 constexpr int maxPort = 65535;
+
+/// Of both families, where the kernel has both.
+constexpr std::string_view everyAddress = "::";
 
 using Addresses = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
@@ -87,13 +91,11 @@ bool isFamilyMissing(int error) {
     return error == EAFNOSUPPORT || error == EADDRNOTAVAIL;
 }
 
-}  // namespace
-
-std::vector<OwnedFileDescriptor> listenAt(const std::string& host, const std::string& port) {
-    const std::string address =
-        (host.find(':') == std::string::npos ? host : "[" + host + "]") + ":" + port;
-    std::vector<OwnedFileDescriptor> sockets;
-    int error = EADDRNOTAVAIL;
+/// Adds a socket for each address of the host. Returns the reason why an address is missing, 0 for
+/// none. Throws if one is busy.
+int addSockets(std::vector<OwnedFileDescriptor>& sockets, const std::string& host,
+               const std::string& port, const std::string& address) {
+    int error = 0;
     const auto addresses = resolve(host, port, address);
     for (const auto* entry = addresses.get(); entry != nullptr; entry = entry->ai_next) {
         if (auto socket = listenAt(*entry)) {
@@ -104,6 +106,19 @@ std::vector<OwnedFileDescriptor> listenAt(const std::string& host, const std::st
         if (!isFamilyMissing(error)) {
             refuse(address, reasonOf(error));
         }
+    }
+    return error;
+}
+
+}  // namespace
+
+std::vector<OwnedFileDescriptor> listenAt(const std::string& host, const std::string& port) {
+    const std::string address =
+        (host.find(':') == std::string::npos ? host : "[" + host + "]") + ":" + port;
+    std::vector<OwnedFileDescriptor> sockets;
+    int error = addSockets(sockets, host, port, address);
+    if (sockets.empty() && host == everyAddress) {
+        error = addSockets(sockets, "0.0.0.0", port, address);
     }
     if (sockets.empty()) {
         refuse(address, reasonOf(error));

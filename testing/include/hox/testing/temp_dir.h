@@ -7,9 +7,9 @@ namespace Hox::Testing {
 
 /// A new, empty folder that is removed with its content when the object is destroyed.
 ///
-/// The folders of child processes are below one folder of the test program, whatever parent they
-/// are given, and are removed with it at the latest: the child of a death test creates everything
-/// that its fixture creates, and aborts.
+/// The folders of child processes are below one folder of the test program, whatever parent is
+/// given. They are removed with that folder if not earlier: the child of a death test creates
+/// everything that its fixture creates, and aborts.
 class TempDir {
 public:
     /// Creates the folder below the system's folder for temporary files; throws std::system_error.

@@ -230,7 +230,7 @@ private:
     // Constant.
     const std::shared_ptr<spdlog::logger> m_logger;
 
-    // Each is set once; guarded by the handler lock of the tree.
+    // Set by registrations; guarded by the handler lock of the tree.
     std::array<std::any, unaryOpsCount> m_unaryHandlers;
     std::array<CastHandler, unaryOpsCount> m_unaryCastHandlers;
     std::function<void(const NodesChangedType&, const std::any&)> m_callObserveHandler;

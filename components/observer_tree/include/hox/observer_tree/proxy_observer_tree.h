@@ -25,7 +25,8 @@ namespace Hox::ObserverTree {
 /// Stores no remote values and evaluates no pattern: one local observer is one gRPC stream, whose
 /// change sets are passed directly to the callback on the client handler's thread. A stream whose
 /// peer is lost ends with one call with the status CANCELLED; to observe again, drop the handle and
-/// call observe again. An OK element that carries a text fails an assertion. The owner destroys the
+/// call observe again. An OK element that carries a text is passed on without it, and one
+/// of another type is left out; each is logged once. The owner destroys the
 /// proxy without holding the capability's mutex, which the client handler's thread may need.
 template <typename ClientHandler>
 class ProxyObserverTree : public ObserverTree {

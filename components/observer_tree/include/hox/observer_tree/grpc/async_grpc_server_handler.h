@@ -116,8 +116,10 @@ private:
 
     void endStream(const CallData& cleanup);  // REQUIRES(*m_capabilityMutex, m_stateMutex)
     void markShuttingDown();                  // REQUIRES(m_stateMutex)
-    void freeTag(CallDataTag* tag);           // REQUIRES(m_stateMutex)
-    void freeAllTags();                       // REQUIRES(*m_capabilityMutex)
+    /// REQUIRES(m_stateMutex), except in the destructor: the thread has ended then.
+    void freeTag(CallDataTag* tag);
+    /// REQUIRES(*m_capabilityMutex), except in the destructor.
+    void freeAllTags();
     /// Used by the destructor after the thread has ended.
     void drainQueue();
 

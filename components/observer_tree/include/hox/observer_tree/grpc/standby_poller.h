@@ -16,8 +16,8 @@ namespace Hox::ObserverTree {
 ///
 /// One thread that waits in a polling queue reads for all; a second one would add a thread switch
 /// to each event. But a thread that runs a handler does not read. This object's thread takes over
-/// when no thread has waited in a polling queue for two to four milliseconds, and stops soon after
-/// one waits again. It runs no handler, and sleeps while there is no activity.
+/// when no thread has waited in a polling queue for four to eight milliseconds, and stops soon
+/// after one waits again. It runs no handler, and sleeps while there is no activity.
 class StandbyPoller {
 public:
     /// Takes over the queue to poll: a queue of the server that no call uses. Does nothing before
@@ -52,7 +52,7 @@ public:
     };
 
     /// The interval of the thread's checks, unless it sleeps.
-    static constexpr std::chrono::milliseconds lookInterval{2};
+    static constexpr std::chrono::milliseconds lookInterval{4};
 
     /// How long the thread reads before it checks again.
     static constexpr std::chrono::milliseconds pollInterval{5};
