@@ -18,7 +18,6 @@ using Discovery::NetworkService;
 using Discovery::Status;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
 
 constexpr const char* lostText =
