@@ -8,7 +8,10 @@ import subprocess
 
 from kit.wait import wait_until
 
-#: Words before a command that ends with the process of the number after them, even if that is killed.
+#: The name of the mDNS daemon on a bus.
+AVAHI = "org.freedesktop.Avahi"
+
+#: Words before a command that ends with the process of the number after them, however that ends.
 _DIES_WITH = ["setpriv", "--pdeathsig", "KILL", "sh", "-c", 'test "$PPID" = "$0" && exec "$@"']
 
 #: Root alone owns names, as on a real system bus; everybody may call everybody.
@@ -38,7 +41,9 @@ use-ipv6=no
 enable-wide-area=no
 [publish]
 publish-workstation=no
+publish-hinfo=no
 publish-aaaa-on-ipv4=no
+publish-addresses={addresses}
 """
 
 #: Gives the daemon a /run and an /etc/avahi of its own: another one may run on this machine.
@@ -157,28 +162,42 @@ class Bus(Daemon):
         with socket.socket(socket.AF_UNIX) as probe:
             return probe.connect_ex(f"\0{self._socket}") == 0
 
+    def ask(self, destination, path, method, *arguments):
+        """The words of the answer to a call; none if nobody answers within a second."""
+        return subprocess.run(
+            ["dbus-send", f"--bus={self.address}", "--print-reply=literal", "--reply-timeout=1000",
+             f"--dest={destination}", path, method, *arguments],
+            capture_output=True, text=True, check=False).stdout.split()
+
+    def names(self):
+        """All names on the bus."""
+        return set(self.ask("org.freedesktop.DBus", "/", "org.freedesktop.DBus.ListNames"))
+
+    def connections(self):
+        """The number of connections, without the one that asks."""
+        return len([name for name in self.names() if name.startswith(":")]) - 1
+
 
 class MdnsDaemon(Daemon):
     """An Avahi daemon on a bus, which uses one network interface.
 
     With an interface that does not exist it finds nothing, and publishes at once instead of after
-    the second in which it asks the network whether a name is taken. Needs root.
+    the second in which it asks the network whether a name is taken. Without addresses no instance
+    can be resolved, and the daemon itself serves at once instead of after such a second. Needs
+    root.
     """
 
-    def __init__(self, bus, folder, interface="lo"):
+    def __init__(self, bus, folder, interface="lo", has_addresses=True):
         self._bus = bus
         folder = pathlib.Path(folder)
         folder.mkdir(parents=True, exist_ok=True)
         file = folder / "avahi.conf"
-        file.write_text(_AVAHI_CONFIGURATION.format(interface=interface))
+        file.write_text(_AVAHI_CONFIGURATION.format(
+            interface=interface, addresses="yes" if has_addresses else "no"))
         super().__init__(folder, "avahi-daemon", [
             "unshare", "-m", "sh", "-ec", _IN_OWN_FOLDERS, "sh", "avahi-daemon", "-f", str(file),
             "--no-drop-root", "--no-chroot", "--no-rlimits", "--no-proc-title"], bus.environment)
 
     def serves(self):
-        answer = subprocess.run(
-            ["dbus-send", f"--bus={self._bus.address}", "--print-reply=literal",
-             "--reply-timeout=1000", "--dest=org.freedesktop.Avahi", "/",
-             "org.freedesktop.Avahi.Server.GetState"],
-            capture_output=True, text=True, check=False)
-        return answer.stdout.split() == ["int32", "2"]
+        answer = self._bus.ask(AVAHI, "/", f"{AVAHI}.Server.GetState")
+        return answer == ["int32", "2"]

@@ -31,8 +31,7 @@ class Service:
 
     def __init__(self, protos, folder, *args, port=None, extport=False, log_to_file=False,
                  service_id=OWN_ID, prefix=(), bus=None, environment=()):
-        """service_id: None for no such option. bus: the system bus, by default that of this process.
-        """
+        """service_id: None for no such option. bus: the system bus, by default this process's."""
         self.protos = protos
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)

@@ -1,5 +1,5 @@
-"""Fixtures of the system tests: one private network, bus and mDNS daemon per worker, services that end
-cleanly."""
+"""Fixtures of the system tests: one private network with a bus and an mDNS daemon per worker,
+services that end cleanly."""
 import os
 import pathlib
 import sys

@@ -9,6 +9,7 @@ import time
 
 import pytest
 
+from kit.lines import Lines
 from kit.paths import ROOT
 from kit.wait import wait_until
 
@@ -30,17 +31,14 @@ class Running:
             [SCRIPT, *(command or ("sleep", "infinity"))], stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True,
             env={**os.environ, "TMPDIR": str(folder)})
-        lines = ""
-        while not ADDRESS.search(lines):
-            line = self.process.stderr.readline()
-            assert line, lines
-            lines += line
-        self.address = ADDRESS.search(lines).group(1)
+        self.output = Lines(self.process.stdout)
+        self.errors = Lines(self.process.stderr)
+        self.address = self.errors.wait_for_match(ADDRESS).group(1)
 
     def wait_for_command(self, name):
         """Waits until the process has become the command."""
-        wait_until(lambda: pathlib.Path(f"/proc/{self.process.pid}/comm").read_text() == f"{name}\n",
-                   what=f"the start of {name}")
+        file = pathlib.Path(f"/proc/{self.process.pid}/comm")
+        wait_until(lambda: file.read_text() == f"{name}\n", what=f"the start of {name}")
 
     def end(self, number):
         self.process.send_signal(number)
@@ -51,7 +49,9 @@ class Running:
 
     def __exit__(self, *_):
         self.process.kill()
-        self.process.communicate()
+        self.process.wait()
+        self.output.close()
+        self.errors.close()
 
 
 def daemons_of(address):
@@ -128,10 +128,10 @@ def test_an_interrupt_from_the_terminal_reaches_the_command_alone():
     handler = "sleep 1; avahi-browse -tp _capability._tcp && echo served; exit 3"
     with Running("sh", "-c", f"trap '{handler}' INT; echo ready; while :; do sleep 0.1; done"
                  ) as running:
-        assert running.process.stdout.readline() == "ready\n"
+        running.output.wait_for("ready")
         os.killpg(running.process.pid, signal.SIGINT)
         assert running.process.wait(20) == 3
-        assert running.process.stdout.read() == "served\n"
+        running.output.wait_for("served")
         wait_for_end_of_daemons(running.address)
 
 
@@ -176,10 +176,10 @@ def test_the_command_inherits_nothing_but_the_address(tmp_path):
                 grep ^Sig /proc/self/status; ls -l /proc/$$/ns; ps -o sid=,pgid= -p $$; cat"""
 
     def output(*prefix):
+        environment = {"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/no"}
         return subprocess.run(
             [*prefix, "sh", "-c", report], cwd=tmp_path, input="typed", capture_output=True,
-            text=True, timeout=60, check=True,
-            env={"PATH": os.environ["PATH"], "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"}).stdout
+            text=True, timeout=60, check=True, env=environment).stdout
 
     def without_times(text):
         return re.sub(r"^(l\S+).* (\w+ -> )", r"\1 \2", text, flags=re.M)
@@ -188,7 +188,7 @@ def test_the_command_inherits_nothing_but_the_address(tmp_path):
 
 
 def test_nobody_waits_for_the_daemons_output():
-    """The end of the command is the end of its output, though the daemons may live a moment longer."""
+    """The end of the command is the end of its output; the daemons may live a moment longer."""
     started = time.monotonic()
     result = subprocess.run(f"{SCRIPT} sh -c '{PRINTS_ADDRESS}' 2>&1 | cat", shell=True,
                             capture_output=True, text=True, timeout=60, check=True)
@@ -201,7 +201,8 @@ def test_nobody_waits_for_the_daemons_output():
 def test_without_root_it_says_so():
     result = run("true", user=65534, group=65534, extra_groups=[])
     assert result.returncode == 125
-    assert result.stderr == ("with-daemons: only root can start the mDNS daemon: run it with sudo\n")
+    assert result.stderr == (
+        "with-daemons: only root can start the mDNS daemon: run it with sudo\n")
 
 
 def test_without_a_command_it_prints_its_usage():
