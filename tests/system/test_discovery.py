@@ -127,14 +127,17 @@ def test_a_killed_service_that_is_back_at_once_is_published_again(start, network
     assert [found.port for found in instances(service, network)] == [service.port] * 2
 
 
-def test_when_the_service_is_ready_everything_is_published(start, network):
-    with Browser(network) as browser:
-        service = start(bus=network, ready=False)
-        names = set(instance_names(service))
+@pytest.mark.parametrize("capability", ["configuration", "state_monitoring_uservice"])
+def test_the_service_is_not_ready_while_a_publication_is_pending(start, tmp_path, capability):
+    with Bus(tmp_path) as bus, MdnsDaemon(bus, tmp_path) as mdns, Wire() as wire:
+        service = start(bus=bus, ready=False)
+        wire.wait_for(f"{capability}_{service.service_id}".encode(), is_answer=False)
+        mdns.pause()
+        with pytest.raises(AssertionError, match="sent no notice in time"):
+            service.next_notice(seconds=2)
+        mdns.resume()
         service.wait_ready()
-        # Asking for a name takes the daemon longer than telling the browser that it is there.
-        for name in names:
-            browser.wait_for("+", name, seconds=0.5)
+        assert len(instances(service, bus)) == 2
 
 
 def ends_at_the_start(service):
