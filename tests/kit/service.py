@@ -39,6 +39,7 @@ class Service:
         self.extport = free_port() if extport else None
         self.service_id = f"head-{self.port}" if service_id is OWN_ID else service_id
         self.exit_status = None
+        self.ready_seconds = None
         self.stop_seconds = None
         self.log_file = self.folder / "log/halvo/halvo-system.log"
         self.stdout_file = self.folder / "stdout"
@@ -51,6 +52,7 @@ class Service:
             words += ["--id", self.service_id]
         if extport:
             words += ["--extport", str(self.extport)]
+        self._start = time.monotonic()
         with open(self.stdout_file, "wb") as out, open(self.stderr_file, "wb") as err:
             self.process = subprocess.Popen(
                 [*prefix, *command_line(self.folder, *words, log_to_file=log_to_file)],
@@ -87,6 +89,7 @@ class Service:
 
     def wait_ready(self):
         assert self.next_notice() == "READY=1"
+        self.ready_seconds = time.monotonic() - self._start
         return self
 
     def notices(self):
