@@ -45,7 +45,9 @@ def levels_in(document):
 
 
 def is_product(path):
-    return path.split("/")[0] in PRODUCT and "tests" not in path.split("/")
+    """Whether the file is neither a test nor a fake of a component."""
+    folders = path.split("/")
+    return folders[0] in PRODUCT and not {"tests", "fake"} & set(folders)
 
 
 def complaints_of_links(levels, targets):

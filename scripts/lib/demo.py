@@ -1,7 +1,9 @@
-"""Starts a service, reports the package log of this machine to it and shows the result; then takes
-the machine's configuration files through the store."""
+"""Starts a service with a bus and an mDNS daemon of its own, finds it on the network, reports the
+package log of this machine to it and shows the result; then takes the machine's configuration files
+through the store."""
 import collections
 import json
+import os
 import pathlib
 import sys
 import tempfile
@@ -11,12 +13,14 @@ from kit.namespaces import enter_private_network
 
 try:
     enter_private_network()  # before the first thread of gRPC
-except OSError:
-    pass  # without root the demo shares the machine's network, on a free port
+except OSError as error:
+    raise SystemExit(f"demo: {error}") from None
 
 import demo_configuration  # noqa: E402
+import demo_discovery  # noqa: E402
 import package_log  # noqa: E402
 from demo_show import check, headline, start_process  # noqa: E402
+from kit.daemons import Bus, MdnsDaemon  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
 
@@ -102,7 +106,7 @@ def show_last_reports(client, reports):
            for entry in stored] == wanted, "wrong last reports")
 
 
-def run_reports(folder, count):
+def run_reports(folder, bus, count):
     reports, origin = package_log.read(count)
     check(reports, "this machine has no packages")
     protos = Protos(folder / "generated")
@@ -110,13 +114,15 @@ def run_reports(folder, count):
     watcher = None
     try:
         service.wait_ready()
-        print(f"halvo-system runs on {service.address} and has told READY=1.")
+        print(f"halvo-system runs on {service.address}: "
+              f"published and ready after {service.ready_seconds:.2f} s.")
+        demo_discovery.show_instances(service, bus)
         client = service.client()
         feed(client, reports[:1])
         watcher = start_process("demo_watch.py", folder / "watcher", service, len(reports))
         snapshot = watcher.stdout.readline()  # from now on the watcher gets every change
         feed(client, reports[1:])
-        print(f"Fed {len(reports)} reports from {origin}, "
+        print(f"\nFed {len(reports)} reports from {origin}, "
               f"{clock(reports[0].seconds)} to {clock(reports[-1].seconds)}.")
         changes, _ = watcher.communicate(timeout=60)
         lines = (snapshot + changes).splitlines()
@@ -124,8 +130,7 @@ def run_reports(folder, count):
         show_current_state(client, reports)
         show_latest(client, reports)
         show_last_reports(client, reports)
-        service.stop()
-        print(f"\nSIGTERM: ended with status 0 after {service.stop_seconds:.2f} s.")
+        demo_discovery.show_end(service, bus)
     finally:
         if watcher is not None and watcher.poll() is None:
             watcher.kill()
@@ -139,8 +144,10 @@ def main():
     with tempfile.TemporaryDirectory(prefix="halvo-demo-") as folder:
         out = pathlib.Path(folder)
         (out / "generated").mkdir()
-        run_reports(out, count)
-        demo_configuration.run(out)
+        with Bus(out / "bus") as bus, MdnsDaemon(bus, out / "bus"):
+            os.environ.update(bus.environment)
+            run_reports(out, bus, count)
+            demo_configuration.run(out)
         print("\nAll of the above was checked.")
 
 

@@ -8,12 +8,14 @@
 #include <utility>
 
 #include "hox/testing/arguments.h"
+#include "hox/testing/fake_discovery.h"
 
 namespace Hox::Testing {
 
 InProcessService::InProcessService(std::unique_ptr<Hox::Service::ICapMngr> capability,
                                    const std::vector<std::string>& arguments)
     : m_ctx("program") {
+    prepareForPublication(m_ctx);
     auto& manager = *capability;
     m_ctx.addCapability(std::move(capability));
     manager.addOptions(m_ctx.getOptions());

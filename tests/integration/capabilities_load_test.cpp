@@ -21,6 +21,7 @@
 #include "hox/service_common/service_initializer/service_initialize_assert.h"
 #include "hox/state_monitoring/state_monitor_cap_mngr.h"
 #include "hox/testing/arguments.h"
+#include "hox/testing/fake_discovery.h"
 #include "hox/testing/notify_socket.h"
 #include "hox/testing/reserved_port.h"
 #include "hox/testing/temp_dir.h"
@@ -45,7 +46,7 @@ public:
     RunningService()
         : m_line({"--port", m_port.text(), "--configdir", m_folder.path().string(), "--id",
                   "head-1", "--logstdout"}),
-          m_service(m_line.argc(), m_line.argv()) {
+          m_service(m_line.argc(), m_line.argv(), Hox::Testing::fakeDiscoveryClient) {
         Hox::Service::initAssertion(true);
         m_service.addCapability(std::make_unique<Configuration::ConfCapMngr>());
         m_service.addCapability(std::make_unique<StateMonitoring::StateMonitorCapMngr>());

@@ -13,6 +13,10 @@ from kit.paths import program
 #: The maximum time of a stop, from SIGTERM to the end of the process.
 STOP_SECONDS = 3.0
 
+#: A service id that no other service of this process has: two with the same one collide.
+OWN_ID = object()
+
+
 def command_line(folder, *args, log_to_file=False):
     """The words that start the program; with log_to_file its log is below folder/log/halvo."""
     if not log_to_file:
@@ -26,13 +30,16 @@ class Service:
     """One running program with its own ports, configuration folder and notify socket."""
 
     def __init__(self, protos, folder, *args, port=None, extport=False, log_to_file=False,
-                 service_id="head-1", prefix=(), environment=()):
+                 service_id=OWN_ID, prefix=(), bus=None, environment=()):
+        """service_id: None for no such option. bus: the system bus, by default this process's."""
         self.protos = protos
         self.folder = pathlib.Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.port = port or free_port()
         self.extport = free_port() if extport else None
+        self.service_id = f"head-{self.port}" if service_id is OWN_ID else service_id
         self.exit_status = None
+        self.ready_seconds = None
         self.stop_seconds = None
         self.log_file = self.folder / "log/halvo/halvo-system.log"
         self.stdout_file = self.folder / "stdout"
@@ -41,15 +48,16 @@ class Service:
         self._notify.bind(str(self.folder / "notify"))
         self._clients = []
         words = ["--port", str(self.port), "--configdir", str(self.folder / "config"), *args]
-        if service_id is not None:
-            words += ["--id", service_id]
+        if self.service_id is not None:
+            words += ["--id", self.service_id]
         if extport:
             words += ["--extport", str(self.extport)]
+        self._start = time.monotonic()
         with open(self.stdout_file, "wb") as out, open(self.stderr_file, "wb") as err:
             self.process = subprocess.Popen(
                 [*prefix, *command_line(self.folder, *words, log_to_file=log_to_file)],
                 stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                env={**os.environ, **dict(environment),
+                env={**os.environ, **(bus.environment if bus else {}), **dict(environment),
                      "NOTIFY_SOCKET": str(self.folder / "notify")})
 
     @property
@@ -81,6 +89,7 @@ class Service:
 
     def wait_ready(self):
         assert self.next_notice() == "READY=1"
+        self.ready_seconds = time.monotonic() - self._start
         return self
 
     def notices(self):

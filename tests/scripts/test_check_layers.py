@@ -61,6 +61,8 @@ def test_a_part_of_the_product_has_a_level_and_a_test_needs_none():
         "more is a part of the product and has no level"]
     assert links(left_test=Target("components/left", ["components/left/tests/l_test.cpp"],
                                   ["left", "right"])) == []
+    assert links(left_fake=Target("components/left", ["components/left/src/fake/l.cpp"],
+                                  ["left"])) == []
 
 
 def test_a_level_without_a_target_is_told():

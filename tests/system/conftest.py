@@ -1,4 +1,6 @@
-"""Fixtures of the system tests: one private network per worker, services that end cleanly."""
+"""Fixtures of the system tests: one private network with a bus and an mDNS daemon per worker,
+services that end cleanly."""
+import os
 import pathlib
 import sys
 
@@ -11,6 +13,7 @@ from kit.namespaces import enter_private_network  # noqa: E402
 # Before the first thread of gRPC, which the next import starts.
 enter_private_network()
 
+from kit.daemons import Bus, MdnsDaemon  # noqa: E402
 from kit.paths import program  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
@@ -24,6 +27,27 @@ def pytest_sessionstart(session):
 @pytest.fixture(scope="session")
 def protos(tmp_path_factory):
     return Protos(tmp_path_factory.mktemp("protos"))
+
+
+@pytest.fixture(scope="session", autouse=True)
+def bus(tmp_path_factory):
+    """The system bus of all processes that the tests start, unless they get another one.
+
+    Its mDNS daemon has no network, so that a publication takes no time. Services with the same name
+    collide there too.
+    """
+    folder = tmp_path_factory.mktemp("bus")
+    with Bus(folder) as running, MdnsDaemon(running, folder, interface="nowhere"):
+        os.environ.update(running.environment)
+        yield running
+
+
+@pytest.fixture(scope="session")
+def network(tmp_path_factory):
+    """A bus whose mDNS daemon uses the loopback interface; never disturbed."""
+    folder = tmp_path_factory.mktemp("network")
+    with Bus(folder) as running, MdnsDaemon(running, folder):
+        yield running
 
 
 @pytest.fixture

@@ -115,10 +115,19 @@ def test_two_ports_of_which_one_is_no_number_end_the_process(tmp_path):
     assert result.stdout == ""
 
 
-def test_an_address_that_cannot_be_bound_ends_the_process(tmp_path):
+def test_a_port_that_is_no_number_ends_the_process(tmp_path):
     result = run(tmp_path, "--port", "abc")
     assert result.returncode == -signal.SIGABRT
-    assert "Initialization Error: " in result.stderr
+    assert "std::invalid_argument" in result.stderr
+    assert result.stdout == ""
+
+
+@pytest.mark.parametrize("port", ["70000", "5005x"])
+def test_an_address_that_cannot_be_bound_ends_the_process(tmp_path, port):
+    result = run(tmp_path, "--port", port)
+    assert result.returncode == -signal.SIGABRT
+    assert f"Initialization Error: Unable to start gRPC server on address localhost:{port} - " in (
+        result.stderr)
     assert result.stdout == ""
 
 

@@ -57,14 +57,15 @@ def test_an_observer_that_is_up_to_date_gets_only_the_answer(tuner):
     assert len(element.node_change_map) == 0
 
 
-def test_unsaved_configuration_shows_as_a_warning(client, tuner):
+def test_unsaved_configuration_shows_as_a_warning(service, client, tuner):
     assert client.current_state() == "OK"
     tuner.update({"/a": "1"})
     assert client.current_state() == "WARN"
     stored, = client.latest().stateList
     note = stored.stateNotification
     assert (note.service_id, note.type, note.source, note.msg, note.extendedInfo) == (
-        "head-1", "Cap_Configuration_SysConfPersisted", "sys/conf/update", "Sysconf cap update", "")
+        service.service_id, "Cap_Configuration_SysConfPersisted", "sys/conf/update",
+        "Sysconf cap update", "")
     assert client.protos.state.StateSeverity.Name(note.severity) == "WARN"
     assert note.timeStamp.seconds > 0
 

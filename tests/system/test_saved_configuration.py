@@ -96,7 +96,7 @@ def test_a_saved_slice_survives_a_kill(start, service, client, tuner):
     assert Slice(again.client()).content() == {"/a": "1", "/b/c": "2"}
 
 
-def test_the_state_tells_what_is_unsaved(client, tuner):
+def test_the_state_tells_what_is_unsaved(service, client, tuner):
     for action, text in ((save, "Sysconf saved"), (discard, "Sysconf discard changes"),
                          (clear, "Sysconf discard changes")):
         tuner.state_id = ""
@@ -108,7 +108,7 @@ def test_the_state_tells_what_is_unsaved(client, tuner):
         stored, = client.latest().stateList
         note = stored.stateNotification
         assert (note.service_id, note.type, note.source, note.msg, note.extendedInfo) == (
-            "head-1", "Cap_Configuration_SysConfPersisted", "sys/conf/update", text, "")
+            service.service_id, "Cap_Configuration_SysConfPersisted", "sys/conf/update", text, "")
 
 
 def test_every_operation_makes_its_own_report(client, tuner):

@@ -2,10 +2,10 @@
 import contextlib
 import signal
 import subprocess
-import threading
 
 import pytest
 
+from kit.lines import Lines
 from kit.paths import program
 from kit.wait import wait_until
 
@@ -16,23 +16,13 @@ def address(service):
 
 
 class Relay:
-    """The running relay and its output so far."""
+    """The running relay."""
 
     def __init__(self, *services):
-        self.lines = []
         self.process = subprocess.Popen(
             [str(program().parent / "halvo-relay"), *(address(service) for service in services)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            if line.startswith(("observing ", "lost ")):
-                self.lines.append(line.strip())
-
-    def wait_for(self, line, times=1):
-        wait_until(lambda: self.lines.count(line) >= times, 20, f"'{line}' of {self.lines}")
+        self.lines = Lines(self.process.stdout)
 
     def stop(self):
         try:
@@ -41,8 +31,7 @@ class Relay:
         finally:
             self.process.kill()
             self.process.wait()
-            self._reader.join(10)
-            self.process.stdout.close()
+            self.lines.close()
 
 
 @pytest.fixture
@@ -52,7 +41,7 @@ def relay():
             started = Relay(*services)
             running.callback(started.stop)
             for service in services:
-                started.wait_for("observing " + address(service))
+                started.lines.wait_for("observing " + address(service))
             return started
 
         yield launch
@@ -82,11 +71,11 @@ def test_one_that_goes_and_comes_back_is_found_again(start, relay, number):
     running = relay(first, second)
     first.signal(number)
     first.wait_end()
-    running.wait_for(f"lost {address(first)}: Some error occured!")
+    running.lines.wait_for(f"lost {address(first)}: Some error occured!")
     second.client().create(source="alone")
     second.assert_alive()
     again = start(port=first.port)
-    running.wait_for("observing " + address(first), times=2)
+    running.lines.wait_for("observing " + address(first), times=2)
     again.client().create(source="back")
     wait_for_source(second.client(), "back")
     second.client().create(source="answer")
@@ -99,4 +88,4 @@ def test_both_end_in_time_while_they_are_observed(start, relay):
     for service in services:
         service.stop()
     for service in services:
-        running.wait_for(f"lost {address(service)}: Some error occured!")
+        running.lines.wait_for(f"lost {address(service)}: Some error occured!")

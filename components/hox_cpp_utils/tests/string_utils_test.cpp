@@ -272,6 +272,44 @@ TEST(StringUtils, JudgesTextsOfAnyLength) {
     EXPECT_FALSE(str_is_uppercase(std::string(length, 'Q') + "q"));
 }
 
+TEST(StringUtils, KnowsUtf8) {
+    const std::vector<std::string> good = {
+        "",
+        "plain",
+        std::string("a\0b", 3),
+        "\xC2\x80",
+        "\xDF\xBF",
+        "\xE0\xA0\x80",
+        "\xED\x9F\xBF",
+        "\xEE\x80\x80",
+        "\xEF\xBF\xBF",
+        "\xF0\x90\x80\x80",
+        "\xF4\x8F\xBF\xBF",
+        "K\xC3\xB6ln \xF0\x9F\x93\xBA",
+    };
+    for (const auto& text : good) {
+        EXPECT_TRUE(str_is_utf8(text)) << testing::PrintToString(text);
+    }
+    const std::vector<std::string> bad = {
+        "\x80",              // continues nothing
+        "\xC1\xBF",          // overlong
+        "\xE0\x9F\xBF",      // overlong
+        "\xF0\x8F\xBF\xBF",  // overlong
+        "\xED\xA0\x80",      // surrogate
+        "\xF4\x90\x80\x80",  // above U+10FFFF
+        "\xF5\x80\x80\x80",  // above U+10FFFF
+        "\xFF",              // never
+        "a\xC3",             // ends early
+        "\xE2\x82",          // ends early
+        "\xC3 ",             // goes on with something else
+        "\xE2\x82z",         // goes on with something else
+    };
+    for (const auto& text : bad) {
+        EXPECT_FALSE(str_is_utf8(text)) << testing::PrintToString(text);
+        EXPECT_FALSE(str_is_utf8("good " + text + " good")) << testing::PrintToString(text);
+    }
+}
+
 TEST(StringUtils, TimeExpressionsStandAsAgreed) {
     EXPECT_EQ(TIME_WITH_HUNDREDTHS_REGEX, "(?:[01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9].[0-9][0-9]");
     EXPECT_EQ(TIME_WITH_SECONDS_REGEX, "(?:[01][0-9]|2[0-3]):[0-5][0-9]:[0-5][0-9]");

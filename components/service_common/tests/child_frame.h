@@ -19,6 +19,7 @@
 #include "frame_probes.h"
 #include "hox/service_common/service_initializer/lum_service_initializer.h"
 #include "hox/testing/arguments.h"
+#include "hox/testing/fake_discovery.h"
 #include "hox/testing/notify_socket.h"
 #include "hox/testing/reserved_port.h"
 #include "hox/testing/wait_until.h"
@@ -72,7 +73,8 @@ public:
     explicit ChildFrame(const std::vector<std::string>& arguments = {})
         : m_events(m_notifySocket), m_line(completed(arguments)) {
         const auto before = openEventDescriptors();
-        m_service = std::make_unique<LumServiceInitializer>(m_line.argc(), m_line.argv());
+        m_service = std::make_unique<LumServiceInitializer>(m_line.argc(), m_line.argv(),
+                                                            Testing::fakeDiscoveryClient);
         for (const int descriptor : openEventDescriptors()) {
             if (before.count(descriptor) == 0) {
                 m_shutdownDescriptor = descriptor;

@@ -17,6 +17,7 @@
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/stdout_logger.h"
 #include "hox/testing/arguments.h"
+#include "hox/testing/fake_discovery.h"
 #include "hox/testing/notify_socket.h"
 
 namespace Hox::Service {
@@ -52,7 +53,7 @@ Outcome initialize(const std::vector<std::string>& arguments) {
     Outcome outcome;
     CaptureStdout();
     {
-        LumServiceInitializer service(line.argc(), line.argv());
+        LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
         service.addCapability(std::make_unique<Fixture::FakeCapMngr>("A", 18, events));
         outcome.result = service.initialize();
     }
@@ -138,7 +139,7 @@ TEST(FrameOptions, OfCapabilitiesFollowInTheHelp) {
     Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
     Testing::Arguments line(commandLine({}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     Fixture::FakeCapMngr::Hooks hooks;
     hooks.addOptions = [](cxxopts::Options& options) {
         options.add_options("Mine", {{"mine", "An option of mine", cxxopts::value<bool>()}});
@@ -162,7 +163,7 @@ TEST(FrameOptions, RefusePortsThatAreNoNumbersWhereBothAreGiven) {
 
 TEST(Frame, RefusesItsContextBeforeInitialisation) {
     Testing::Arguments line(commandLine({}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     try {
         service.getServiceCtx();
         FAIL() << "no exception";
@@ -175,7 +176,7 @@ TEST(Frame, RefusesItsContextBeforeInitialisation) {
 
 TEST(Frame, RefusesToServeBeforeInitialisation) {
     Testing::Arguments line(commandLine({"--port", "1"}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     try {
         service.serverStart();
         FAIL() << "no exception";
@@ -187,7 +188,7 @@ TEST(Frame, RefusesToServeBeforeInitialisation) {
 
 TEST(Frame, StaysRefusedAfterAFailedInitialisation) {
     Testing::Arguments line(commandLine({}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     CaptureStdout();
     EXPECT_EQ(service.initialize(), 1);
     GetCapturedStdout();
@@ -200,7 +201,7 @@ TEST(Frame, WritesTheShutdownDescriptorWithoutAServer) {
     Fixture::EventLog events(notifySocket);
     Testing::Arguments line(commandLine({}));
     const auto before = Fixture::openEventDescriptors();
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     std::vector<int> made;
     for (const int descriptor : Fixture::openEventDescriptors()) {
         if (before.count(descriptor) == 0) {
@@ -221,7 +222,7 @@ TEST(Frame, LeavesTheShutdownDescriptorAndTheLogSystemBehind) {
     Fixture::EventLog events(notifySocket);
     Testing::Arguments line(commandLine({}));
     const auto before = Fixture::openEventDescriptors();
-    { LumServiceInitializer service(line.argc(), line.argv()); }
+    { LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient); }
     EXPECT_EQ(Fixture::openEventDescriptors().size(), before.size() + 1);
     EXPECT_NE(std::dynamic_pointer_cast<Log::StdoutLogger>(Log::getLogsystem()), nullptr);
     EXPECT_NE(spdlog::get("ServiceInitializer"), nullptr);
@@ -231,7 +232,7 @@ TEST(Frame, LetsExceptionsOfCapabilitiesPassAndFreesTheirMutex) {
     Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
     Testing::Arguments line(commandLine({"--port", "1"}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     Fixture::FakeCapMngr::Hooks hooks;
     hooks.initCapability = [](LumServiceCtx&) { throw std::runtime_error("no such hardware"); };
     auto capability = std::make_unique<Fixture::FakeCapMngr>("A", 18, events, hooks);
@@ -247,7 +248,7 @@ TEST(Frame, RefusesACapabilityOutsideTheCatalogue) {
     Testing::NotifySocket notifySocket;
     Fixture::EventLog events(notifySocket);
     Testing::Arguments line(commandLine({"--port", "1"}));
-    LumServiceInitializer service(line.argc(), line.argv());
+    LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
     service.addCapability(std::make_unique<Fixture::FakeCapMngr>("A", 32, events));
     EXPECT_THROW(service.initialize(), CppUtil::InvalidArgumentError);
     EXPECT_THAT(events.all(), ElementsAre("A.addOptions unlocked"));
@@ -272,7 +273,7 @@ TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeMade) {
         {
             Testing::Arguments line(commandLine({}));
             refuseFurtherDescriptors();
-            LumServiceInitializer service(line.argc(), line.argv());
+            LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
         },
         "Assertion failed: \\[global_fd_shutdown > 0\\] \n"
         "at:.*lum_service_initializer\\.cpp:[0-9]+\nAborting process!\n"
@@ -285,7 +286,7 @@ TEST_F(FrameDeathTest, TakesDescriptorZeroForAFailure) {
         {
             Testing::Arguments line(commandLine({}));
             close(STDIN_FILENO);
-            LumServiceInitializer service(line.argc(), line.argv());
+            LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
         },
         "Assertion failed: \\[global_fd_shutdown > 0\\] \n"
         "at:.*lum_service_initializer\\.cpp:[0-9]+\nAborting process!\n"
@@ -297,7 +298,7 @@ TEST_F(FrameDeathTest, AssertsThatTheShutdownDescriptorCouldBeWritten) {
         {
             Testing::Arguments line(commandLine({}));
             const auto before = Fixture::openEventDescriptors();
-            LumServiceInitializer service(line.argc(), line.argv());
+            LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
             for (const int descriptor : Fixture::openEventDescriptors()) {
                 if (before.count(descriptor) == 0) {
                     close(descriptor);
@@ -312,7 +313,7 @@ TEST_F(FrameDeathTest, AssertsThatItIsInitialisedOnce) {
     EXPECT_DEATH(
         {
             Testing::Arguments line(commandLine({"--port", "1"}));
-            LumServiceInitializer service(line.argc(), line.argv());
+            LumServiceInitializer service(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
             service.initialize();
             service.initialize();
         },
@@ -323,9 +324,9 @@ TEST_F(FrameDeathTest, AssertsThatItIsTheOnlyOneOfItsProcess) {
     EXPECT_DEATH(
         {
             Testing::Arguments line(commandLine({"--port", "1"}));
-            LumServiceInitializer first(line.argc(), line.argv());
+            LumServiceInitializer first(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
             first.initialize();
-            LumServiceInitializer second(line.argc(), line.argv());
+            LumServiceInitializer second(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
             second.initialize();
         },
         "Assertion failed: \\[instance == NULL\\] \nat:.*:[0-9]+\n"
@@ -337,10 +338,10 @@ TEST_F(FrameDeathTest, AssertsSoAlsoAfterTheFirstHasGone) {
         {
             Testing::Arguments line(commandLine({"--port", "1"}));
             {
-                LumServiceInitializer first(line.argc(), line.argv());
+                LumServiceInitializer first(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
                 first.initialize();
             }
-            LumServiceInitializer second(line.argc(), line.argv());
+            LumServiceInitializer second(line.argc(), line.argv(), Testing::fakeDiscoveryClient);
             second.initialize();
         },
         "Assertion failed: \\[instance == NULL\\] ");
@@ -353,7 +354,8 @@ TEST_F(FrameDeathTest, LeavesSignalsDuringInitialisationToTheSystem) {
                 Testing::NotifySocket notifySocket;
                 Fixture::EventLog events(notifySocket);
                 Testing::Arguments line(commandLine({"--port", "1"}));
-                LumServiceInitializer service(line.argc(), line.argv());
+                LumServiceInitializer service(line.argc(), line.argv(),
+                                              Testing::fakeDiscoveryClient);
                 Fixture::FakeCapMngr::Hooks hooks;
                 hooks.initCapability = [signalNumber](LumServiceCtx&) {
                     kill(getpid(), signalNumber);

@@ -4,6 +4,8 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/service_common/capability/lum_capabilities.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/service_common/service_initializer/service_kind.h"
+#include "hox/service_common/service_initializer/service_visibility.h"
 #include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Capability::Configuration {
@@ -16,6 +18,10 @@ int ConfCapMngr::id() const {
 }
 
 void ConfCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
+    m_publication = ctx.getServiceHelper().publishCapability(
+        id(), static_cast<int>(Hox::Service::ServiceKind::Grpc),
+        static_cast<int>(Hox::Service::ServiceVisibility::Private),
+        Api::ConfigurationService::service_full_name(), {}, "lo");
     // The state monitor's thread reads from the network: its calls are many times more frequent,
     // and a second reading thread would add a thread switch to each event.
     m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(

@@ -18,6 +18,7 @@
 #include "configuration.grpc.pb.h"
 #include "hox/service_common/capability/lum_capabilities.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/testing/fake_discovery.h"
 #include "hox/testing/temp_dir.h"
 
 namespace Hox::Capability::Configuration {
@@ -54,6 +55,7 @@ protected:
         auto manager = std::make_unique<ConfCapMngr>();
         m_manager = manager.get();
         m_ctx.addCapability(std::move(manager));
+        Hox::Testing::prepareForPublication(m_ctx);
         m_ctx.getOptions().add_options()("configdir", "", cxxopts::value<std::string>());
         const std::array arguments = {"program", "--configdir", m_dir.path().c_str()};
         m_ctx.parseOptions(static_cast<int>(arguments.size()), arguments.data());

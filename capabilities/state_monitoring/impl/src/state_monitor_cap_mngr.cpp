@@ -8,6 +8,8 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/service_common/capability/lum_capabilities.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/service_common/service_initializer/service_kind.h"
+#include "hox/service_common/service_initializer/service_visibility.h"
 #include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
 
@@ -30,6 +32,13 @@ std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
         return {};
     }
     return parseConnectUrls(ctx.optionValue(statemonServices));
+}
+
+/// A node monitor is published as every other one.
+int publishedType(const Hox::Service::LumServiceCtx& ctx) {
+    using Hox::Service::CapabilityType;
+    return static_cast<int>(ctx.optionCount(sysMon) > 0 ? CapabilityType::StateMonitoringSystem
+                                                        : CapabilityType::StateMonitoringUservice);
 }
 
 void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::ObserverTree& tree) {
@@ -62,6 +71,10 @@ void StateMonitorCapMngr::addOptions(cxxopts::Options& options) {
 }
 
 void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
+    m_publication = ctx.getServiceHelper().publishCapability(
+        publishedType(ctx), static_cast<int>(Hox::Service::ServiceKind::Grpc),
+        static_cast<int>(Hox::Service::ServiceVisibility::Private),
+        Api::StateMonitoringService::service_full_name(), {}, "lo");
     const auto urls = connectUrls(ctx);
     m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
         &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::Polls,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <iterator>
+#include <optional>
 
 #include "hox/cpputil/error/parsing_error.h"
 
@@ -25,6 +26,33 @@ int hexDigitValue(char c) {
         return c - 'a' + 10;
     }
     return -1;
+}
+
+/// What may follow the first byte of a UTF-8 character.
+struct Utf8Rest {
+    std::size_t length = 0;
+    unsigned char least = 0x80;  // of the second byte
+    unsigned char most = 0xBF;   // of the second byte
+};
+
+/// Nothing if the byte begins no character.
+std::optional<Utf8Rest> utf8Rest(unsigned char first) {
+    if (first < 0x80) {
+        return Utf8Rest{0};
+    }
+    if (first >= 0xC2 && first <= 0xDF) {
+        return Utf8Rest{1};
+    }
+    if (first >= 0xE0 && first <= 0xEF) {
+        // E0 would begin an overlong form, ED a surrogate.
+        return Utf8Rest{2, static_cast<unsigned char>(first == 0xE0 ? 0xA0 : 0x80),
+                        static_cast<unsigned char>(first == 0xED ? 0x9F : 0xBF)};
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        return Utf8Rest{3, static_cast<unsigned char>(first == 0xF0 ? 0x90 : 0x80),
+                        static_cast<unsigned char>(first == 0xF4 ? 0x8F : 0xBF)};
+    }
+    return std::nullopt;
 }
 
 template <typename Predicate>
@@ -145,6 +173,23 @@ bool str_is_number(const std::string& s) {
 bool str_is_uppercase(const std::string& s) {
     return !s.empty() &&
            std::all_of(s.begin(), s.end(), [](char c) { return isBetween(c, 'A', 'Z'); });
+}
+
+bool str_is_utf8(const std::string& s) {
+    auto byte = s.begin();
+    while (byte != s.end()) {
+        const auto rest = utf8Rest(static_cast<unsigned char>(*byte++));
+        if (!rest || s.end() - byte < static_cast<std::ptrdiff_t>(rest->length)) {
+            return false;
+        }
+        for (std::size_t i = 0; i < rest->length; ++i, ++byte) {
+            const auto value = static_cast<unsigned char>(*byte);
+            if (value < (i == 0 ? rest->least : 0x80) || value > (i == 0 ? rest->most : 0xBF)) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 // NOLINTEND(readability-identifier-naming)

@@ -6,7 +6,11 @@
 #include <array>
 #include <cxxopts.hpp>
 
+#include "discovery/publications.h"
 #include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/source_location.h"
 
 namespace Hox::Service {
 
@@ -20,9 +24,13 @@ LumServiceCtx::LumServiceCtx(
     const std::string& programName,
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> proxyObsTreeBuilder)
     : m_options(std::make_unique<cxxopts::Options>(programName)),
+      m_serviceHelper(*this),
       m_proxyObsTreeHelper(std::move(proxyObsTreeBuilder), m_grpcServer) {}
 
 LumServiceCtx::~LumServiceCtx() {
+    if (m_publications) {
+        m_publications->end();  // its thread may be calling the capabilities
+    }
     if (m_grpcServer) {
         m_proxyObsTreeHelper.inProcessGate()->close();
         m_grpcServer->Shutdown();
@@ -35,6 +43,7 @@ LumServiceCtx::~LumServiceCtx() {
 
 void LumServiceCtx::addCapability(std::unique_ptr<ICapMngr> capability) {
     const int id = capability->id();
+    const std::lock_guard<std::mutex> lock(m_capabilitiesMutex);
     m_capabilities.emplace_back(id, std::move(capability));
 }
 
@@ -86,6 +95,45 @@ CapabilityPaths LumServiceCtx::getCapabilityPaths(const std::string& capabilityN
 
 void LumServiceCtx::setIdentity(ServiceIdentity identity) {
     m_identity = std::move(identity);
+}
+
+void LumServiceCtx::setDiscoveryClient(
+    std::shared_ptr<Discovery::IServiceDiscoveryClient> discoveryClient) {
+    HOX_ASSERT(!m_discoveryClient.get());
+    m_discoveryClient = std::move(discoveryClient);
+    m_publications = std::make_shared<Publications>(m_discoveryClient);
+}
+
+void LumServiceCtx::discoveryCallback(const Discovery::Status& status) {
+    if (status == Discovery::ClientLost && m_publications) {
+        m_publications->lost();
+    }
+    std::vector<ICapMngr*> capabilities;
+    {
+        const std::lock_guard<std::mutex> lock(m_capabilitiesMutex);
+        for (const auto& [id, capability] : m_capabilities) {
+            capabilities.push_back(capability.get());
+        }
+    }
+    if (capabilities.empty()) {
+        return;
+    }
+    Log::getLogsystem()
+        ->getLogger(Log::loggerName(__PRETTY_FUNCTION__, __FILE__))
+        ->log(Log::here(), spdlog::level::info, "service discovery client event");
+    if (status != Discovery::ClientLost) {
+        return;
+    }
+    for (ICapMngr* capability : capabilities) {
+        if (capability != nullptr) {
+            capability->onDiscoveryEvent(status);
+        }
+    }
+}
+
+Publications& LumServiceCtx::getPublications() {
+    HOX_ASSERT(m_publications.get());
+    return *m_publications;
 }
 
 grpc::ServerBuilder& LumServiceCtx::getServerBuilder() {

@@ -14,12 +14,15 @@
 #include <string>
 #include <utility>
 
+#include "discovery/daemon_wait_notice.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/log/stdout_logger.h"
 #include "hox/service_common/capability/lum_capabilities.h"
+#include "hox/service_discovery/avahi/avahi_service_discovery_client.h"
+#include "hox/service_discovery/error/service_discovery_error.h"
 #include "server/server_front.h"
 #include "service_initializer/descriptor_limit.h"
 #include "service_initializer/service_options.h"
@@ -42,6 +45,10 @@ constexpr auto setAction = &sigaction;
 #endif
 
 constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
+
+/// How often the start of the discovery client is tried: a daemon that is restarted meanwhile ends
+/// an attempt.
+constexpr int discoveryStarts = 5;
 
 /// Holds a mutex in the context's slot during its lifetime. Code that finds it there may release it
 /// for a while.
@@ -83,8 +90,15 @@ std::atomic<LumServiceInitializer*> LumServiceInitializer::instance{nullptr};
 std::atomic<pthread_t> LumServiceInitializer::mainThread{};
 
 LumServiceInitializer::LumServiceInitializer(int argc, char** argv)
+    : LumServiceInitializer(argc, argv, [] {
+          return std::make_shared<Discovery::Avahi::AvahiServiceDiscoveryClient>();
+      }) {}
+
+LumServiceInitializer::LumServiceInitializer(int argc, char** argv,
+                                             DiscoveryClientFactory makeDiscoveryClient)
     : m_logsystemInitializer(installLogsystem(argc, argv, m_logFailure)),
       m_logger(Log::getLogsystem()->getLogger("ServiceInitializer")),
+      m_makeDiscoveryClient(std::move(makeDiscoveryClient)),
       m_argv(argv),
       m_argc(argc),
       m_proxyObsTreeBuilder(std::make_shared<ObserverTree::AsyncGrpcProxyObsTreeBuilder>()),
@@ -116,6 +130,7 @@ int LumServiceInitializer::initialize() {
     raiseDescriptorLimit();
     m_ctx.setIdentity(ServiceIdentity{m_ctx.optionValue("id"), "0", "mb"});
     initGrpcServerBuilder(m_ctx);
+    initServiceDiscovery(m_ctx);
     initCapabilities(m_ctx);
     CppUtil::getAssertion().assertTrue(instance == nullptr, "instance == NULL",
                                        "Cannot instantiate more than one service per binary.",
@@ -232,6 +247,36 @@ void LumServiceInitializer::initGrpcServerBuilder(LumServiceCtx& ctx) {
     auto builder = std::make_unique<grpc::ServerBuilder>();
     m_serverFront->prepare(*builder);
     ctx.setServerBuilder(std::move(builder));
+}
+
+void LumServiceInitializer::initServiceDiscovery(LumServiceCtx& ctx) {
+    try {
+        DaemonWaitNotice notice(m_logger);
+        m_discoveryClient = m_makeDiscoveryClient();
+        ctx.setDiscoveryClient(m_discoveryClient);
+        m_discoveryClient->setCallback(
+            [&ctx](const Discovery::Status& status) { ctx.discoveryCallback(status); });
+        if (!startDiscoveryClient()) {
+            throw CppUtil::InitializationError("Unable to connect to service discovery backend",
+                                               __FILE__, __LINE__);
+        }
+        notice.daemonAppeared();
+    } catch (const Discovery::ServiceDiscoveryError& error) {
+        m_logger->log(Log::here(), spdlog::level::err, "{}", error.what());
+        throw CppUtil::InitializationError("Unable to initialize service discovery.", __FILE__,
+                                           __LINE__);
+    }
+}
+
+bool LumServiceInitializer::startDiscoveryClient() {
+    for (int rest = discoveryStarts - 1; rest > 0; --rest) {
+        try {
+            return m_discoveryClient->start();
+        } catch (const Discovery::ServiceDiscoveryError& error) {
+            m_logger->log(Log::here(), spdlog::level::debug, "{}", error.what());
+        }
+    }
+    return m_discoveryClient->start();
 }
 
 void LumServiceInitializer::initCapabilities(LumServiceCtx& ctx) {

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "hox/configuration/conf_obstree_handler.h"
+#include "hox/cpputil/resource/resource_handle.h"
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
@@ -17,7 +18,7 @@ class ConfCapMngr : public Hox::Service::ICapMngr {
 public:
     int id() const override;
 
-    /// Builds the tree and binds the service to it.
+    /// Publishes the capability, builds the tree and binds the service to it.
     void initCapability(Hox::Service::LumServiceCtx& ctx) override;
 
     /// Opens the proxy to the state monitor of this process.
@@ -33,6 +34,7 @@ private:
     std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
     std::unique_ptr<Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder> m_obsTreeBuilder;
+    Hox::CppUtil::ResourceHandle<unsigned int> m_publication;
 };
 
 }  // namespace Hox::Capability::Configuration

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "hox/cpputil/resource/resource_handle.h"
 #include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
 #include "hox/observer_tree/grpc/grpc_server_observer_tree.h"
@@ -19,8 +20,8 @@ public:
     /// Adds the group "StateMonitoring".
     void addOptions(cxxopts::Options& options) override;
 
-    /// Builds the tree and binds the service to it. On a system monitor, sets the addresses of the
-    /// external state monitors.
+    /// Publishes the capability, builds the tree and binds the service to it. On a system monitor,
+    /// sets the addresses of the external state monitors.
     void initCapability(Hox::Service::LumServiceCtx& ctx) override;
 
     /// Starts serving. Asserts that initCapability() has run.
@@ -32,6 +33,7 @@ private:
     std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
     std::unique_ptr<Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder> m_obsTreeBuilder;
+    Hox::CppUtil::ResourceHandle<unsigned int> m_publication;
 };
 
 }  // namespace Hox::Capability::StateMonitoring

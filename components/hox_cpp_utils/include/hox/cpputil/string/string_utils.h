@@ -68,6 +68,10 @@ bool str_is_number(const std::string& s);
 /// Whether the whole text matches "[A-Z]+". Accepts texts of any length.
 bool str_is_uppercase(const std::string& s);
 
+/// Whether the whole text is UTF-8 as Unicode defines it: without surrogates, overlong forms and
+/// code points above U+10FFFF. Zero bytes and the empty text are.
+bool str_is_utf8(const std::string& s);
+
 // NOLINTEND(readability-identifier-naming)
 
 }  // namespace Hox::CppUtil

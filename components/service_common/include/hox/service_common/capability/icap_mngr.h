@@ -3,12 +3,10 @@
 #include <memory>
 #include <mutex>
 
+#include "hox/service_discovery/status.h"
+
 namespace cxxopts {
 class Options;
-}
-
-namespace Hox::Service::Discovery {
-enum class Status : int;
 }
 
 namespace Hox::Service {
@@ -38,7 +36,8 @@ public:
     /// the command line is parsed.
     virtual void addOptions(cxxopts::Options& options);
 
-    /// Reacts to the loss of the mDNS connection. Discovery thread, no lock.
+    /// Reacts to the loss of the mDNS connection; the frame publishes again what was published.
+    /// Discovery thread, no lock; must neither throw nor wait.
     virtual void onDiscoveryEvent(const Hox::Service::Discovery::Status& status);
 
     /// Reads the options, creates trees and builders, registers the gRPC services on the context's

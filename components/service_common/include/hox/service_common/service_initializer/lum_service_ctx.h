@@ -11,7 +11,9 @@
 #include "hox/service_common/capability/icap_mngr.h"
 #include "hox/service_common/service_initializer/capability_paths.h"
 #include "hox/service_common/service_initializer/proxy_obs_tree_helper.h"
+#include "hox/service_common/service_initializer/service_helper.h"
 #include "hox/service_common/service_initializer/service_identity.h"
+#include "hox/service_discovery/iservice_discovery_client.h"
 
 namespace cxxopts {
 class Options;
@@ -23,6 +25,8 @@ class ServerBuilder;
 }  // namespace grpc
 
 namespace Hox::Service {
+
+class Publications;
 
 /// The interface of the frame for a capability. It owns the capabilities, the options, the server
 /// builder and the server, and outlives every call of a capability's hooks.
@@ -39,8 +43,9 @@ public:
         const std::string& programName,
         std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> proxyObsTreeBuilder = {});
 
-    /// Shuts down the server, then destroys the capabilities, in the order of their list, and then
-    /// the server: until then their threads may still request calls from it.
+    /// Stops the discovery client, which takes this service off the network. Shuts down the server,
+    /// then destroys the capabilities, in the order of their list, and then the server: until then
+    /// their threads may still request calls from it.
     virtual ~LumServiceCtx();
 
     LumServiceCtx(const LumServiceCtx&) = delete;
@@ -84,6 +89,23 @@ public:
     /// Opens proxy trees, from serverStarted() on.
     const ProxyObsTreeHelper& getProxyObsTreeHelper() const { return m_proxyObsTreeHelper; }
 
+    /// Makes the capabilities known on the network, in initCapability().
+    ServiceHelper& getServiceHelper() { return m_serviceHelper; }
+
+    /// The client of the discovery daemon, null until it is set.
+    const std::shared_ptr<Discovery::IServiceDiscoveryClient>& getDiscoveryClient() const {
+        return m_discoveryClient;
+    }
+    /// Sets the client, once. From then on what the capabilities publish is kept on the network.
+    void setDiscoveryClient(std::shared_ptr<Discovery::IServiceDiscoveryClient> discoveryClient);
+
+    /// Receives the events of the discovery client, on its thread. Passes a loss of the connection
+    /// on to the capabilities that the context has at this moment.
+    void discoveryCallback(const Discovery::Status& status);
+
+    /// What the capabilities have published; for the frame. Asserts that there is a client.
+    Publications& getPublications();
+
     /// The slot of the frame's lock on the capability that it is calling now, null outside of such
     /// a call. Code in the call that blocks releases the lock through it.
     CapabilityLock& getCapabilityLock() { return m_capabilityLock; }
@@ -110,9 +132,13 @@ public:
 
 private:
     CapabilityLock m_capabilityLock;
+    std::shared_ptr<Discovery::IServiceDiscoveryClient> m_discoveryClient;
+    std::shared_ptr<Publications> m_publications;
+    std::mutex m_capabilitiesMutex;  // of changes of the list, and of readers on other threads
     CapabilityList m_capabilities;
     std::unique_ptr<cxxopts::Options> m_options;
     std::unique_ptr<cxxopts::ParseResult> m_parseResult;
+    ServiceHelper m_serviceHelper;
     ProxyObsTreeHelper m_proxyObsTreeHelper;
     ServiceIdentity m_identity;
     std::unique_ptr<grpc::ServerBuilder> m_serverBuilder;

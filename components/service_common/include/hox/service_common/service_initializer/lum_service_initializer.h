@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -24,27 +25,37 @@ class ServerFront;
 /// also calls serverStart() and the destructor, and the signals are handled there.
 class LumServiceInitializer {
 public:
+    /// Makes the client of the discovery daemon; throws ServiceDiscoveryError if it cannot.
+    using DiscoveryClientFactory =
+        std::function<std::shared_ptr<Discovery::IServiceDiscoveryClient>()>;
+
     /// Installs the log system and defines the service's own options. Keeps argv, which must
     /// outlive the object. Asserts that the shutdown descriptor could be created. initialize()
     /// reports a log file that cannot be opened; until then records are written to standard output.
     LumServiceInitializer(int argc, char** argv);
 
-    /// Joins the shutdown thread, then destroys in this order: capabilities that were never
-    /// initialised, the capabilities, the server. The shutdown descriptor stays open and the log
-    /// system stays installed. If this object handles the signals, they stay blocked on the calling
-    /// thread from here on.
+    /// The same with another discovery client than that of the machine's Avahi daemon.
+    LumServiceInitializer(int argc, char** argv, DiscoveryClientFactory makeDiscoveryClient);
+
+    /// Joins the shutdown thread and takes the service off the network, then destroys in this
+    /// order: capabilities that were never initialised, the capabilities, the server. The shutdown
+    /// descriptor stays open and the log system stays installed. If this object handles the
+    /// signals, they stay blocked on the calling thread from here on.
     virtual ~LumServiceInitializer();
 
     LumServiceInitializer(const LumServiceInitializer&) = delete;
     LumServiceInitializer& operator=(const LumServiceInitializer&) = delete;
 
-    /// Parses the command line, initialises the capabilities in the order in which they were added
-    /// and installs the handlers of SIGINT and SIGTERM.
+    /// Parses the command line, connects to the discovery daemon, initialises the capabilities in
+    /// the order in which they were added and installs the handlers of SIGINT and SIGTERM. Until
+    /// then the signals end the process at once. Without a daemon it waits for one, and says so in
+    /// the log after three seconds.
     ///
     /// Returns 0 to continue; 1 to stop, with the help printed on standard output. Asserts that it
     /// is called once, and on one object per process only. Throws std::invalid_argument and
     /// std::out_of_range if both ports are given and one is not a number, the exception of opening
-    /// the log file, and any exception of a capability.
+    /// the log file, InitializationError if there is no connection to the system bus, and any
+    /// exception of a capability.
     virtual int initialize();
 
     /// Lets the capability add its options and takes ownership. Called before initialize().
@@ -76,6 +87,8 @@ private:
     /// logged.
     bool parseOptions(int argc, char** argv, LumServiceCtx& ctx);
     void initGrpcServerBuilder(LumServiceCtx& ctx);
+    void initServiceDiscovery(LumServiceCtx& ctx);
+    bool startDiscoveryClient();
     void initCapabilities(LumServiceCtx& ctx);
     void callCapabilities(const char* step, Hook hook);
     void buildAndStart();
@@ -95,6 +108,8 @@ private:
     std::unique_ptr<LogsystemInitializer> m_logsystemInitializer;
     std::shared_ptr<spdlog::logger> m_logger;
     bool m_isInitialized = false;
+    DiscoveryClientFactory m_makeDiscoveryClient;
+    std::shared_ptr<Discovery::IServiceDiscoveryClient> m_discoveryClient;
     char** m_argv;
     int m_argc;
     std::shared_ptr<Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder> m_proxyObsTreeBuilder;

@@ -1,0 +1,108 @@
+#include "avahi/daemon_connection.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <utility>
+
+#include "hox/cpputil/assertion/assertion.h"
+#include "hox/service_discovery/error/service_discovery_error.h"
+
+namespace Hox::Service::Discovery::Avahi {
+
+namespace {
+
+AvahiSimplePoll* newEventLoop() {
+    auto* poll = avahi_simple_poll_new();
+    if (poll == nullptr) {
+        throw ServiceDiscoveryError("Avahi: failed to create client event-loop", __FILE__,
+                                    __LINE__);
+    }
+    return poll;
+}
+
+}  // namespace
+
+DaemonConnection::DaemonConnection(FairMutex& mutex, StateHandler stateHandler)
+    : m_avahiMutex(mutex),
+      m_stateHandler(std::move(stateHandler)),
+      m_simplePoll(newEventLoop(), avahi_simple_poll_free),
+      m_poll(*avahi_simple_poll_get(m_simplePoll.get()), *this),
+      m_client(nullptr, avahi_client_free) {
+    avahi_simple_poll_set_func(m_simplePoll.get(), pollOpen, &m_avahiMutex);
+}
+
+DaemonConnection::~DaemonConnection() {
+    m_client.reset();
+    if (m_busSocket >= 0) {
+        close(m_busSocket);
+    }
+}
+
+void DaemonConnection::connect() {
+    m_client.reset(avahi_client_new(&m_poll, AVAHI_CLIENT_NO_FAIL, clientCallback, this, nullptr));
+    if (!m_client) {
+        throw ServiceDiscoveryError("Avahi: failed to create client instance", __FILE__, __LINE__);
+    }
+}
+
+bool DaemonConnection::loop() {
+    return avahi_simple_poll_loop(m_simplePoll.get()) > 0;
+}
+
+void DaemonConnection::quit() {
+    avahi_simple_poll_quit(m_simplePoll.get());
+}
+
+void DaemonConnection::cut() {
+    m_cut = true;
+    if (m_busSocket >= 0) {
+        shutdown(m_busSocket, SHUT_RDWR);
+    }
+}
+
+void DaemonConnection::clientCallback(AvahiClient* client, AvahiClientState state,
+                                      void* userdata) noexcept {
+    HOX_ASSERT(client != nullptr);
+    HOX_ASSERT(userdata != nullptr);
+    auto& connection = *static_cast<DaemonConnection*>(userdata);
+    const std::lock_guard<FairMutex> lock(connection.m_avahiMutex);
+    connection.m_stateHandler(state, client);
+}
+
+int DaemonConnection::pollOpen(pollfd* ufds, unsigned int nfds, int timeout,
+                               void* userdata) noexcept {
+    HOX_ASSERT(ufds != nullptr);
+    HOX_ASSERT(userdata != nullptr);
+    auto& mutex = *static_cast<FairMutex*>(userdata);
+    mutex.unlock();
+    const auto result = ::poll(ufds, nfds, timeout);
+    const auto error = errno;
+    mutex.lock();
+    errno = error;
+    return result;
+}
+
+AvahiWatch* DaemonConnection::watchNew(const AvahiPoll* api, int fd, AvahiWatchEvent event,
+                                       AvahiWatchCallback callback, void* userdata) noexcept {
+    auto& connection = static_cast<const ObservedPoll*>(api)->connection;
+    connection.keepSocket(fd);
+    const auto* inner = avahi_simple_poll_get(connection.m_simplePoll.get());
+    return inner->watch_new(inner, fd, event, callback, userdata);
+}
+
+void DaemonConnection::keepSocket(int fd) {
+    if (m_busSocket >= 0) {
+        return;
+    }
+    m_busSocket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (m_cut) {
+        cut();
+    }
+}
+
+}  // namespace Hox::Service::Discovery::Avahi
