@@ -5,10 +5,9 @@
 #include <queue>
 
 #include "hox/service_discovery/avahi/avahi_service_discovery_client.h"
-
 using namespace Hox::Service::Discovery;
 
-int main() {
+int main() try {
     std::signal(SIGINT, [](int) { std::_Exit(0); });  // the daemon then drops all requests
     std::mutex mutex;
     std::condition_variable arrival;
@@ -19,22 +18,23 @@ int main() {
         arrival.notify_one();
     };
     Avahi::AvahiServiceDiscoveryClient client;
-    client.setCallback([&](const Status& status) { pass(status, NetworkService()); });  // a loss
-    client.start();  // waits for the mDNS daemon
+    client.setCallback([](const Status&) { std::_Exit(1); });  // the daemon is lost
+    client.start();                                            // waits for the mDNS daemon
     const auto browsing = client.resolver().browse(NetworkServiceType("capability"), pass, -1);
-    while (client.isStarted()) {
-        std::unique_lock lock(mutex);
+    for (std::unique_lock lock(mutex);; lock.lock()) {
         arrival.wait(lock, [&] { return !events.empty(); });
-        const auto [event, seen] = events.front();
+        const auto [event, seen] = std::move(events.front());
         events.pop();
         lock.unlock();
         std::cout << (event == ServiceFound ? "appeared " : "vanished ") << seen.name << std::endl;
-        if (event == ServiceFound) {  // pass must not wait for it: it has the client's own thread
-            auto request = client.resolver().resolve(seen.name, seen.type, seen.interfaceIndex);
-            const auto [outcome, found] = request.content().get();
-            std::cout << (outcome == ServiceResolved ? "resolved " : "not found ") << found.name
-                      << " " << found.address << ":" << found.port << std::endl;
-        }
+        if (event != ServiceFound)
+            continue;
+        auto request = client.resolver().resolve(seen.name, seen.type, seen.interfaceIndex);
+        const auto [outcome, found] = request.content().get();  // pass could not wait for it
+        std::cout << (outcome == ServiceResolved ? "resolved " : "not found ") << found.name << " "
+                  << found.address << ":" << found.port << std::endl;
     }
+} catch (const std::exception& error) {  // the daemon was lost during a question
+    std::cerr << error.what() << std::endl;
     return 1;
 }

@@ -162,6 +162,13 @@ class Bus(Daemon):
         with socket.socket(socket.AF_UNIX) as probe:
             return probe.connect_ex(f"\0{self._socket}") == 0
 
+    def waiting(self):
+        """The number of connections that the bus has not accepted."""
+        line, = [line for line in subprocess.run(
+            ["ss", "-Hxl"], capture_output=True, text=True, check=True).stdout.splitlines()
+                 if self._socket in line]
+        return int(line.split()[2])
+
     def ask(self, destination, path, method, *arguments):
         """The words of the answer to a call; none if nobody answers within a second."""
         return subprocess.run(

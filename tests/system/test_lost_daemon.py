@@ -13,6 +13,7 @@ from kit.wait import wait_until
 WAITING = "[warning] Waiting for the mDNS daemon"
 APPEARED = "[info] The mDNS daemon has appeared"
 LOST = "[warning] The mDNS daemon is lost, its records will be published again once it is back"
+RENAMED = "[warning] The host name is taken or has changed, all records will be published again"
 PUBLISHED_AGAIN = "[info] All records are published again"
 #: From the start of a wait to the report of it, in seconds.
 PATIENCE = 3
@@ -188,6 +189,31 @@ def test_losses_in_a_row_leave_a_service_that_is_published_in_the_end(start, own
     service.assert_alive()
 
 
+def test_a_new_host_name_is_found(start, own_bus, tmp_path):
+    with MdnsDaemon(own_bus, tmp_path / "own-bus"):
+        service = start(bus=own_bus)
+        own_bus.ask(AVAHI, "/", f"{AVAHI}.Server.SetHostName", "string:another-name")
+        wait_for_record(service, RENAMED)
+        wait_for_record(service, PUBLISHED_AGAIN)
+        found = browse(own_bus)
+    assert [instance.name for instance in found] == instance_names(service)
+    assert {instance.address for instance in found} == {"127.0.0.1"}
+
+
+@pytest.mark.parametrize("take_away", [kill_bus, stop_bus])
+def test_a_start_outlives_the_bus(start, own_bus, mdns, take_away):
+    """The bus, which the service has found, is restarted before there is a daemon."""
+    mdns.launch()
+    wait_until(lambda: AVAHI in own_bus.names(), what="the daemon's name")
+    mdns.kill()
+    service = start(bus=own_bus, ready=False)
+    wait_for_record(service, WAITING)
+    take_away(own_bus, mdns)
+    bring_back(own_bus, mdns)
+    service.wait_ready()
+    wait_until_found(service, own_bus)
+
+
 @WAYS
 def test_a_loss_while_the_first_publication_is_pending_delays_the_start(start, own_bus, mdns,
                                                                        take_away):
@@ -234,6 +260,13 @@ def on_a_suspended_bus(bus, _mdns, _service):
     bus.pause()
 
 
+def on_a_bus_that_comes_back_suspended(bus, mdns, service):
+    without_bus(bus, mdns, service)
+    bus.start()
+    bus.pause()
+    wait_until(lambda: bus.waiting() > 0, what="a connection that nobody accepts")
+
+
 def back_and_suspended(bus, mdns, service):
     absent(bus, mdns, service)
     mdns.launch()
@@ -254,7 +287,7 @@ def suspended_while_asking(bus, mdns, service):
 
 
 @pytest.mark.parametrize("state", [absent, without_bus, suspended, on_a_suspended_bus,
-                                   back_and_suspended, back_and_asking, suspended_while_asking])
+                                   on_a_bus_that_comes_back_suspended, back_and_suspended, back_and_asking, suspended_while_asking])
 def test_a_signal_ends_the_service_cleanly_whatever_the_daemon_does(start, own_bus, mdns, state):
     mdns.start()
     service = start(bus=own_bus)

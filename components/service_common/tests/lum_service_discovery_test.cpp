@@ -69,14 +69,14 @@ TEST_F(FrameWithDiscovery, DoesNotStartIfThereCanBeNoClient) {
 }
 
 TEST_F(FrameWithDiscovery, StartsAgainIfTheDaemonIsLostMeanwhile) {
-    m_client->failStarts(4);
+    m_client->failStarts(2);
     EXPECT_THAT([this] { initialize([this] { return m_client; }); },
                 ThrowsMessage<std::runtime_error>("the capability was reached"));
-    EXPECT_EQ(m_client->starts(), 5);
+    EXPECT_EQ(m_client->starts(), 3);
 }
 
 TEST_F(FrameWithDiscovery, DoesNotStartIfTheClientCannot) {
-    m_client->failStarts(5);
+    m_client->failStarts(100);
     EXPECT_THAT([this] { initialize([this] { return m_client; }); },
                 ThrowsMessage<CppUtil::InitializationError>(
                     StartsWith("Initialization Error: Unable to initialize service discovery.(")));

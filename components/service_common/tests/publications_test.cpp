@@ -188,6 +188,57 @@ TEST_F(PublicationsTest, TryAgainWhatCollidesLater) {
                                        std::string("info: ") + backText));
 }
 
+TEST_F(PublicationsTest, TellEachRefusalAndTryAgainSoon) {
+    const auto handle = publish("a");
+    for (int round = 1; round <= 2; ++round) {
+        m_client->answerWith([](const NetworkService&) { return Discovery::Collision; });
+        m_client->report("a", Discovery::Collision);
+        ASSERT_TRUE(Testing::waitUntil([&] { return m_client->questions("a") >= 3 * round - 1; }));
+        m_client->answerWith([](const NetworkService&) { return Discovery::Published; });
+        ASSERT_TRUE(Testing::waitUntil([&] {
+            const auto infos = m_log.textsAt(spdlog::level::info);
+            return static_cast<int>(infos.size()) == round;
+        }));
+    }
+    EXPECT_THAT(m_log.textsAt(spdlog::level::err),
+                ElementsAre("a cannot be published, status 1: trying again",
+                            "a cannot be published, status 1: trying again"));
+}
+
+TEST_F(PublicationsTest, TellALossWhileOneIsRefused) {
+    const auto handle = publish("a");
+    m_client->answerWith([](const NetworkService&) { return Discovery::Collision; });
+    m_client->report("a", Discovery::Collision);
+    ASSERT_TRUE(waitForRecord("a cannot be published, status 1: trying again"));
+    m_client->loseDaemon();
+    EXPECT_TRUE(waitForRecord(lostText));
+}
+
+TEST_F(PublicationsTest, TakeALossRightAfterTheStartForNoAnswer) {
+    m_client->loseAtNextStart();
+    m_client->loseDaemon();
+    ASSERT_TRUE(waitForRecord(lostText));
+    auto outcome =
+        std::async(std::launch::async, [&] { return m_publications->publish(service("a")); });
+    m_client->bringDaemon();
+    ASSERT_TRUE(Testing::waitUntil([&] { return m_client->starts() >= 3; }));
+    // Longer than a refusal would take to be believed.
+    EXPECT_EQ(outcome.wait_for(std::chrono::milliseconds(1500)), std::future_status::timeout);
+    m_client->bringDaemon();
+    EXPECT_EQ(outcome.get().first, Discovery::Published);
+}
+
+TEST_F(PublicationsTest, TellALongWaitForTheFirstAnswer) {
+    m_client->answerWith([](const NetworkService&) { return std::nullopt; });
+    auto outcome =
+        std::async(std::launch::async, [&] { return m_publications->publish(service("a")); });
+    ASSERT_TRUE(waitForRecord("Waiting for the mDNS daemon"));
+    m_client->report("a", Discovery::Published);
+    EXPECT_EQ(outcome.get().first, Discovery::Published);
+    EXPECT_THAT(m_log.texts(),
+                ElementsAre("Waiting for the mDNS daemon", "The mDNS daemon has appeared"));
+}
+
 TEST_F(PublicationsTest, OutliveTheBus) {
     const auto handle = publish("a");
     m_client->failStarts(2);

@@ -229,6 +229,10 @@ void AvahiServiceDiscoveryClient::handleCallback(int clientState, AvahiClient* c
     switch (clientState) {
         case AVAHI_CLIENT_S_RUNNING: {
             debug("Avahi: server entered running state");
+            if (takeHostName(client) && m_core->isStarted()) {
+                // The daemon goes on telling the network the former name as the requests' host.
+                unregisterAll(true);
+            }
             {
                 const std::lock_guard<std::mutex> state(m_stateMutex);
                 m_core->running = true;
@@ -254,6 +258,15 @@ void AvahiServiceDiscoveryClient::handleCallback(int clientState, AvahiClient* c
         default:
             break;
     }
+}
+
+/// Whether the host has another name than before.
+bool AvahiServiceDiscoveryClient::takeHostName(AvahiClient* client) {
+    const char* name = avahi_client_get_host_name(client);
+    if (name == nullptr) {
+        return false;
+    }
+    return std::exchange(m_hostName, name) != name;
 }
 
 bool AvahiServiceDiscoveryClient::withdraw(bool tell) {

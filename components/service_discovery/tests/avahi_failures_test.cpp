@@ -95,7 +95,7 @@ TEST_F(AvahiFailuresTest, CommitThatIsRefusedIsAPublishFailure) {
     startClient(behaviour);
     auto publication = m_client->publisher().publish(service("a"));
     EXPECT_EQ(publication.content().get().first, PublishFailure);
-    EXPECT_THAT(errors(), ElementsAre("Avahi: failed to add service: Bad state"));
+    EXPECT_THAT(errors(), ElementsAre("Avahi: failed to commit service: Bad state"));
 }
 
 TEST_F(AvahiFailuresTest, DaemonWithoutRoomForAGroupThrows) {

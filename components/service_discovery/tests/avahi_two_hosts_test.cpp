@@ -121,8 +121,24 @@ TEST_F(AvahiTwoHostsTest, HostNameThatCollidesWithdrawsAllAndLeavesTheClientStar
                 HasSubstr("invalid publish handle("));
     pending = Handle();
     EXPECT_TRUE(m_client->isStarted());
-    EXPECT_EQ(outcome(*m_client, anywhere("first")), Published);
     EXPECT_TRUE(waitUntil([&] { return m_client->hostName() == "two-2"; })) << m_client->hostName();
+    // The new name is a further loss.
+    ASSERT_TRUE(m_lost.waitFor(ClientLost, "", 2));
+    EXPECT_EQ(outcome(*m_client, anywhere("first")), Published);
+}
+
+TEST_F(AvahiTwoHostsTest, HostNameThatChangesWithdrawsAllAndLeavesTheClientStarted) {
+    startDaemons();
+    auto pending = m_client->publisher().publish(anywhere("first"), m_events.callback());
+    ASSERT_TRUE(m_events.waitFor(Published));
+    ChildProcess rename(m_host->command({"avahi-set-host-name", "three"}), m_host->environment());
+    EXPECT_EQ(rename.waitForEnd(), 0) << rename.output();
+    ASSERT_TRUE(m_lost.waitFor(ClientLost));
+    EXPECT_EQ(m_client->hostName(), "three");
+    EXPECT_THAT(errorOf([&] { m_client->publisher().status(pending); }),
+                HasSubstr("invalid publish handle("));
+    EXPECT_TRUE(m_client->isStarted());
+    EXPECT_EQ(outcome(*m_client, anywhere("first")), Published);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ DaemonWaitNotice::DaemonWaitNotice(std::shared_ptr<spdlog::logger> logger)
     m_timer.emplace();
     m_timer->add(std::chrono::steady_clock::now() + patience, [this](bool timerEnds) {
         if (!timerEnds) {
-            m_logger->log(Log::here(), spdlog::level::warn, "Waiting for the mDNS daemon");
+            m_logger->log(Log::here(), spdlog::level::warn, waitingText);
             m_isTold = true;
         }
     });
@@ -20,7 +20,7 @@ DaemonWaitNotice::DaemonWaitNotice(std::shared_ptr<spdlog::logger> logger)
 void DaemonWaitNotice::daemonAppeared() {
     m_timer.reset();  // so that the records are in order
     if (m_isTold) {
-        m_logger->log(Log::here(), spdlog::level::info, "The mDNS daemon has appeared");
+        m_logger->log(Log::here(), spdlog::level::info, appearedText);
     }
 }
 

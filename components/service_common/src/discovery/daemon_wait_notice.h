@@ -24,6 +24,10 @@ public:
     /// How long a start waits without a word.
     static constexpr std::chrono::seconds patience{3};
 
+    /// What the log is told.
+    static constexpr const char* waitingText = "Waiting for the mDNS daemon";
+    static constexpr const char* appearedText = "The mDNS daemon has appeared";
+
 private:
     const std::shared_ptr<spdlog::logger> m_logger;
     std::atomic<bool> m_isTold{false};

@@ -4,11 +4,21 @@
 #include <csignal>
 #include <vector>
 
+#include "discovery/daemon_wait_notice.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "hox/service_discovery/error/service_discovery_error.h"
 
 namespace Hox::Service {
+
+namespace {
+
+constexpr const char* lostText =
+    "The mDNS daemon is lost, its records will be published again once it is back";
+constexpr const char* renamedText =
+    "The host name is taken or has changed, all records will be published again";
+
+}  // namespace
 
 using Discovery::NetworkService;
 using Discovery::ServiceDiscoveryError;
@@ -29,11 +39,7 @@ std::pair<Status, Discovery::Handle> Publications::publish(const NetworkService&
     Publication& publication = m_publications[id];
     publication.service = service;
     m_changed.notify_all();
-    // The answer may arrive ahead of the daemon's handle, without which it cannot be withdrawn.
-    m_changed.wait(lock, [&] {
-        return publication.state == State::Final ||
-               (publication.state == State::Published && publication.handle.isValid());
-    });
+    waitForOutcome(lock, publication);
     publication.isFirst = false;
     if (publication.state == State::Published) {
         return {Discovery::Published,
@@ -53,15 +59,27 @@ std::pair<Status, Discovery::Handle> Publications::publish(const NetworkService&
     return {status, Discovery::Handle()};
 }
 
+void Publications::waitForOutcome(Lock& lock, const Publication& publication) {
+    // The answer may arrive ahead of the daemon's handle, without which it cannot be withdrawn.
+    const auto isDone = [&publication] {
+        return publication.state == State::Final ||
+               (publication.state == State::Published && publication.handle.isValid());
+    };
+    if (m_changed.wait_for(lock, DaemonWaitNotice::patience, isDone)) {
+        return;
+    }
+    m_logger->log(Log::here(), spdlog::level::warn, DaemonWaitNotice::waitingText);
+    m_changed.wait(lock, isDone);
+    m_logger->log(Log::here(), spdlog::level::info, DaemonWaitNotice::appearedText);
+}
+
 void Publications::lost() {
     {
         const Lock lock(m_mutex);
         m_isLost = true;
         for (auto& [id, publication] : m_publications) {
             if (publication.state != State::Final) {
-                publication.state = State::Wanted;
-                publication.due = Clock::now();
-                publication.delay = firstDelay;
+                want(publication);
             }
         }
     }
@@ -138,14 +156,20 @@ void Publications::connectAndAsk() {
         return;
     }
     for (const auto& question : takeQuestions()) {
-        ask(question);
+        if (isStillAsked(question)) {
+            ask(question);
+        }
     }
 }
 
+/// None if the client was lost meanwhile: it has to be started first.
 std::vector<Publications::Question> Publications::takeQuestions() {
     const Lock lock(m_mutex);
     const auto now = Clock::now();
     std::vector<Question> questions;
+    if (m_isLost) {
+        return questions;
+    }
     for (auto& [id, publication] : m_publications) {
         if (publication.state == State::Wanted && publication.due <= now) {
             publication.state = State::Asked;
@@ -167,6 +191,13 @@ bool Publications::connect() {
         m_logger->log(Log::here(), spdlog::level::debug, "{}", error.what());
         return false;
     }
+}
+
+/// No longer after a loss or at the end.
+bool Publications::isStillAsked(const Question& question) {
+    const Lock lock(m_mutex);
+    const Publication* publication = find(question);
+    return !m_isEnding && publication != nullptr && publication->state == State::Asked;
 }
 
 void Publications::ask(const Question& question) {
@@ -202,7 +233,9 @@ void Publications::answered(const Question& question, Status status,
             (publication->state != State::Asked && publication->state != State::Published)) {
             return;
         }
-        publication->state = status == Discovery::Published ? State::Published : State::Refused;
+        const bool isPublished = status == Discovery::Published;
+        publication->state = isPublished ? State::Published : State::Refused;
+        publication->delay = isPublished ? firstDelay : publication->delay;
         publication->status = status;
         publication->error = error;
         publication->due =
@@ -240,26 +273,33 @@ void Publications::tryLater(Publication& publication, Clock::time_point now) {
                       "{} cannot be published, status {}: trying again", publication.service.name,
                       static_cast<int>(publication.status));
     }
-    m_isRecovering = true;
+    m_isRefusalTold = true;
     publication.state = State::Wanted;
     publication.due = now + publication.delay;
     publication.delay = std::min(2 * publication.delay, longestDelay);
 }
 
-/// One record for a loss, and one when everything is on the network again.
+void Publications::want(Publication& publication) {
+    publication.state = State::Wanted;
+    publication.due = Clock::now();
+    publication.delay = firstDelay;
+}
+
+/// One record for a loss, however often it repeats, and one when everything is on the network
+/// again.
 void Publications::tellProgress() {
-    if (m_isLost && !m_isRecovering) {
-        m_isRecovering = true;
-        m_logger->log(Log::here(), spdlog::level::warn,
-                      "The mDNS daemon is lost, its records will be published again once it is "
-                      "back");
+    if (m_isLost && !m_isLossTold) {
+        m_isLossTold = true;
+        m_logger->log(Log::here(), spdlog::level::warn, "{}",
+                      m_client->isStarted() ? renamedText : lostText);
     }
     const bool isComplete =
         !m_isLost &&
         std::all_of(m_publications.begin(), m_publications.end(),
                     [](const auto& entry) { return entry.second.state == State::Published; });
-    if (m_isRecovering && isComplete) {
-        m_isRecovering = false;
+    if ((m_isLossTold || m_isRefusalTold) && isComplete) {
+        m_isLossTold = false;
+        m_isRefusalTold = false;
         m_logger->log(Log::here(), spdlog::level::info, "All records are published again");
     }
 }

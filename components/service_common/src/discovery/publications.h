@@ -72,7 +72,7 @@ private:
         State state = State::Wanted;
         bool isFirst = true;        // whether somebody waits for the outcome
         std::uint64_t attempt = 0;  // outcomes of earlier attempts are ignored
-        Clock::time_point due;      // of the next attempt, or of the belief in a refusal
+        Clock::time_point due;      // next attempt; if refused: when the refusal is believed
         std::chrono::seconds delay = firstDelay;  // until the next attempt
         Discovery::Status status = Discovery::Registering;
         std::exception_ptr error;
@@ -90,13 +90,14 @@ private:
     static constexpr std::chrono::seconds firstDelay{1};
     static constexpr std::chrono::seconds longestDelay{64};
 
-    /// How long a first refusal can still turn out to be a loss of the daemon.
+    /// How long a refusal can still turn out to be a loss of the daemon.
     static constexpr std::chrono::seconds grace{1};
 
     void run();
     void connectAndAsk();
     bool connect();
     std::vector<Question> takeQuestions();
+    bool isStillAsked(const Question& question);
     void ask(const Question& question);
     void keep(const Question& question, Discovery::Handle handle);
     void answered(const Question& question, Discovery::Status status,
@@ -106,10 +107,12 @@ private:
     // REQUIRES(m_mutex)
     bool hasWork() const;
     Publication* find(const Question& question);
+    void waitForOutcome(Lock& lock, const Publication& publication);
     void settleRefusals();
     void tryLater(Publication& publication, Clock::time_point now);
     void tellProgress();
     void waitForChange(Lock& lock);
+    static void want(Publication& publication);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
@@ -120,11 +123,12 @@ private:
 
     std::mutex m_mutex;  // nothing of the client is called under it
     std::condition_variable m_changed;
-    Map m_publications;           // GUARDED_BY(m_mutex)
-    unsigned int m_lastId = 0;    // GUARDED_BY(m_mutex)
-    bool m_isLost = false;        // the client must be started. GUARDED_BY(m_mutex)
-    bool m_isRecovering = false;  // told in the log, unlike its end. GUARDED_BY(m_mutex)
-    bool m_isEnding = false;      // GUARDED_BY(m_mutex)
+    Map m_publications;            // GUARDED_BY(m_mutex)
+    unsigned int m_lastId = 0;     // GUARDED_BY(m_mutex)
+    bool m_isLost = false;         // the client must be started. GUARDED_BY(m_mutex)
+    bool m_isLossTold = false;     // in the log, unlike its end. GUARDED_BY(m_mutex)
+    bool m_isRefusalTold = false;  // the same of a refusal. GUARDED_BY(m_mutex)
+    bool m_isEnding = false;       // GUARDED_BY(m_mutex)
     std::thread m_thread;
 };
 

@@ -46,9 +46,10 @@ constexpr auto setAction = &sigaction;
 
 constexpr std::chrono::nanoseconds shutdownGrace{1000000000};
 
-/// How often the start of the discovery client is tried: a daemon that is restarted meanwhile ends
-/// an attempt.
-constexpr int discoveryStarts = 5;
+/// How long the start of the discovery client is tried again: a bus or a daemon that is restarted
+/// meanwhile ends an attempt.
+constexpr std::chrono::seconds discoveryPatience{10};
+constexpr std::chrono::seconds discoveryPause{1};
 
 /// Holds a mutex in the context's slot during its lifetime. Code that finds it there may release it
 /// for a while.
@@ -269,14 +270,20 @@ void LumServiceInitializer::initServiceDiscovery(LumServiceCtx& ctx) {
 }
 
 bool LumServiceInitializer::startDiscoveryClient() {
-    for (int rest = discoveryStarts - 1; rest > 0; --rest) {
+    std::chrono::steady_clock::time_point firstFailure;
+    for (bool hasFailed = false;; hasFailed = true) {
         try {
             return m_discoveryClient->start();
         } catch (const Discovery::ServiceDiscoveryError& error) {
+            const auto now = std::chrono::steady_clock::now();
+            firstFailure = hasFailed ? firstFailure : now;
+            if (now - firstFailure >= discoveryPatience) {
+                throw;
+            }
             m_logger->log(Log::here(), spdlog::level::debug, "{}", error.what());
         }
+        std::this_thread::sleep_for(discoveryPause);
     }
-    return m_discoveryClient->start();
 }
 
 void LumServiceInitializer::initCapabilities(LumServiceCtx& ctx) {

@@ -15,7 +15,9 @@ Handle ClientCore::add(const std::shared_ptr<IServiceRequest>& request,
                        const NetworkService& service, const WrapperMaker& makeWrapper) {
     const std::lock_guard<FairMutex> lock(m_avahiMutex);
     if (!isStarted()) {
-        throw ServiceDiscoveryError("service discovery client not connected", __FILE__, __LINE__);
+        const std::string text = "service discovery client not connected";
+        m_logger->log(Hox::Log::here(), spdlog::level::err, "error: {}", text);
+        throw ServiceDiscoveryError(text, __FILE__, __LINE__);
     }
     // The handle keeps the low half of the number.
     Handle handle(static_cast<unsigned int>(m_nextId++),

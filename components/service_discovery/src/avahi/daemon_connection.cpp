@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,6 +26,10 @@ AvahiSimplePoll* newEventLoop() {
     return poll;
 }
 
+[[noreturn]] void failToConnect() {
+    throw ServiceDiscoveryError("Avahi: failed to create client instance", __FILE__, __LINE__);
+}
+
 }  // namespace
 
 DaemonConnection::DaemonConnection(FairMutex& mutex, StateHandler stateHandler)
@@ -38,15 +43,32 @@ DaemonConnection::DaemonConnection(FairMutex& mutex, StateHandler stateHandler)
 
 DaemonConnection::~DaemonConnection() {
     m_client.reset();
-    if (m_busSocket >= 0) {
-        close(m_busSocket);
-    }
+    forgetSocket();
 }
 
 void DaemonConnection::connect() {
+    waitForBus();
     m_client.reset(avahi_client_new(&m_poll, AVAHI_CLIENT_NO_FAIL, clientCallback, this, nullptr));
     if (!m_client) {
-        throw ServiceDiscoveryError("Avahi: failed to create client instance", __FILE__, __LINE__);
+        failToConnect();
+    }
+}
+
+/// Until the bus has greeted the process, on a connection that cut() reaches. It does not reach
+/// that of Avahi's client before the bus has greeted it.
+void DaemonConnection::waitForBus() {
+    sd_bus* opened = nullptr;
+    const bool isOpen = sd_bus_open_system(&opened) >= 0;
+    const std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)> bus(opened, sd_bus_close_unref);
+    if (!isOpen) {
+        failToConnect();
+    }
+    keepSocket(sd_bus_get_fd(bus.get()));
+    const char* name = nullptr;
+    const bool isGreeted = sd_bus_get_unique_name(bus.get(), &name) >= 0;
+    forgetSocket();
+    if (!isGreeted) {
+        failToConnect();
     }
 }
 
@@ -59,6 +81,7 @@ void DaemonConnection::quit() {
 }
 
 void DaemonConnection::cut() {
+    const std::lock_guard<std::mutex> lock(m_socketMutex);
     m_cut = true;
     if (m_busSocket >= 0) {
         shutdown(m_busSocket, SHUT_RDWR);
@@ -96,12 +119,20 @@ AvahiWatch* DaemonConnection::watchNew(const AvahiPoll* api, int fd, AvahiWatchE
 }
 
 void DaemonConnection::keepSocket(int fd) {
+    const std::lock_guard<std::mutex> lock(m_socketMutex);
     if (m_busSocket >= 0) {
         return;
     }
     m_busSocket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (m_cut) {
-        cut();
+        shutdown(fd, SHUT_RDWR);
+    }
+}
+
+void DaemonConnection::forgetSocket() {
+    const std::lock_guard<std::mutex> lock(m_socketMutex);
+    if (m_busSocket >= 0) {
+        close(std::exchange(m_busSocket, -1));
     }
 }
 

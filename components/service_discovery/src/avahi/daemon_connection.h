@@ -4,9 +4,9 @@
 #include <avahi-common/simple-watch.h>
 #include <avahi-common/watch.h>
 
-#include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "avahi/fair_mutex.h"
 
@@ -74,7 +74,9 @@ private:
 
     static AvahiWatch* watchNew(const AvahiPoll* api, int fd, AvahiWatchEvent event,
                                 AvahiWatchCallback callback, void* userdata) noexcept;
+    void waitForBus();
     void keepSocket(int fd);
+    void forgetSocket();
 
     FairMutex& m_avahiMutex;
     StateHandler m_stateHandler;
@@ -83,8 +85,9 @@ private:
     std::unique_ptr<AvahiClient, void (*)(AvahiClient*)> m_client;
     // A descriptor of our own for the socket of the bus: libdbus closes its own when it likes, and
     // the number may then belong to another file.
-    std::atomic<int> m_busSocket = -1;
-    std::atomic<bool> m_cut = false;
+    int m_busSocket = -1;      // GUARDED_BY(m_socketMutex)
+    bool m_cut = false;        // GUARDED_BY(m_socketMutex)
+    std::mutex m_socketMutex;  // no other lock is taken under it
 };
 
 }  // namespace Hox::Service::Discovery::Avahi

@@ -32,6 +32,7 @@ struct FakeServiceDiscoveryClient::Network {
     bool hasDaemon = true;
     bool isStarted = false;
     bool isCancelled = false;
+    bool losesNextStart = false;
 
     /// Delivers an event unless the handle was dropped.
     void deliver(unsigned int id, Status status) {
@@ -82,6 +83,11 @@ void FakeServiceDiscoveryClient::failStarts(int count) {
     m_network->failures = count;
 }
 
+void FakeServiceDiscoveryClient::loseAtNextStart() {
+    const std::lock_guard<std::mutex> lock(m_network->mutex);
+    m_network->losesNextStart = true;
+}
+
 int FakeServiceDiscoveryClient::starts() const {
     const std::lock_guard<std::mutex> lock(m_network->mutex);
     return m_network->starts;
@@ -129,7 +135,13 @@ bool FakeServiceDiscoveryClient::start() {
     m_network->changed.wait(lock,
                             [this] { return m_network->hasDaemon || m_network->isCancelled; });
     m_network->isStarted = m_network->hasDaemon && !m_network->isCancelled;
-    return m_network->isStarted;
+    const bool isLost = std::exchange(m_network->losesNextStart, false);
+    const bool isStarted = m_network->isStarted;
+    lock.unlock();
+    if (isStarted && isLost) {
+        loseDaemon();
+    }
+    return isStarted;
 }
 
 bool FakeServiceDiscoveryClient::stop() {

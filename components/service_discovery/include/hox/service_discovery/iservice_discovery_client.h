@@ -46,9 +46,9 @@ public:
 
     /// Sets the function that is called with ClientLost after all requests were lost: the daemon or
     /// the connection to it is lost (then isStarted is false, and the owner starts the client anew
-    /// and publishes again, on another thread), the machine's host name collides (then it is still
-    /// true, and the owner publishes again), or stop was called. It runs on the event-loop thread,
-    /// for stop on the thread of stop, and must neither throw nor wait. Throws
+    /// and publishes again, on another thread), the machine's host name collides or changes (then
+    /// it is still true, and the owner publishes again), or stop was called. It runs on the
+    /// event-loop thread, for stop on the thread of stop, and must neither throw nor wait. Throws
     /// ServiceDiscoveryError for an empty function.
     virtual void setCallback(const std::function<void(const Status&)>& callback) = 0;
 

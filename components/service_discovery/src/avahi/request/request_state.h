@@ -45,7 +45,7 @@ private:
     };
 
     std::shared_ptr<spdlog::logger> m_logger;
-    mutable std::mutex m_mutex;  // nothing else is locked under it
+    mutable std::mutex m_mutex;  // held while a request is undone, which calls the daemon
     Requests m_requests;         // GUARDED_BY(m_mutex)
 };
 

@@ -63,12 +63,14 @@ EntryGroupWrapper::EntryGroupWrapper(const DaemonConnection& connection,
     if (!m_group) {
         throw ServiceDiscoveryError("failed to allocate entrygroup (OOM)", __FILE__, __LINE__);
     }
+    const char* what = "add";
     auto error = addRecords(service);
     if (error == AVAHI_OK) {
+        what = "commit";
         error = commit();
     }
     if (error != AVAHI_OK) {
-        refuse(error, logger);
+        refuse(error, what, logger);
     }
 }
 
@@ -142,10 +144,10 @@ int EntryGroupWrapper::commit() {
     return error;
 }
 
-void EntryGroupWrapper::refuse(int error, spdlog::logger& logger) {
+void EntryGroupWrapper::refuse(int error, const char* what, spdlog::logger& logger) {
     m_refusal = error == AVAHI_ERR_COLLISION ? Collision : PublishFailure;
     if (m_refusal == PublishFailure) {
-        logger.log(Hox::Log::here(), spdlog::level::err, "Avahi: failed to add service: {}",
+        logger.log(Hox::Log::here(), spdlog::level::err, "Avahi: failed to {} service: {}", what,
                    avahi_strerror(error));
     }
     const timeval atOnce = {};

@@ -53,7 +53,7 @@ private:
                    const std::string& subtype);
     int commit();
 
-    void refuse(int error, spdlog::logger& logger);
+    void refuse(int error, const char* what, spdlog::logger& logger);
     void cancelRefusal();
     static void tellRefusal(AvahiTimeout* timeout, void* userdata) noexcept;
 

@@ -30,8 +30,9 @@ class FairMutex;
 class AvahiServiceDiscoveryClient : public IServiceDiscoveryClient {
 public:
     /// Connects to the system bus; the daemon need not run. A daemon that is there but silent holds
-    /// this up for as long as the bus lets it, up to a minute. Throws ServiceDiscoveryError where
-    /// there is no bus.
+    /// this up for as long as the bus lets it, up to a minute, and then fails it. Throws
+    /// ServiceDiscoveryError where there is no bus, or a daemon of another version of the
+    /// interface.
     AvahiServiceDiscoveryClient();
 
     /// Stops without a callback. Not from a callback, and while no other thread uses the client.
@@ -65,6 +66,7 @@ private:
 
     // On the event loop, under the Avahi mutex.
     void handleCallback(int clientState, AvahiClient* client);
+    bool takeHostName(AvahiClient* client);
     bool withdraw(bool tell);
     void unregisterAll(bool tell);
 
@@ -94,6 +96,7 @@ private:
     bool m_cancelled = false;   // GUARDED_BY(m_stateMutex)
     bool m_connecting = false;  // GUARDED_BY(m_stateMutex)
     bool m_silent = false;      // at the end. GUARDED_BY(m_stateMutex)
+    std::string m_hostName;     // of the machine, as last told. Under the Avahi mutex
     std::thread m_thread;       // GUARDED_BY(m_startMutex)
     bool m_endedByUs = false;   // the loop was left while started; written by it, read once joined
 

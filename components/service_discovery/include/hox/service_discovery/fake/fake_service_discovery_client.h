@@ -43,6 +43,9 @@ public:
     /// Start throws this often from now on.
     void failStarts(int count);
 
+    /// The daemon is lost as soon as the next start has found it.
+    void loseAtNextStart();
+
     /// How often start was called.
     int starts() const;
 
