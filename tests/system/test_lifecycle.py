@@ -231,7 +231,8 @@ def test_an_idle_service_uses_no_processor_time(start):
         and the standby poller four at each of them."""
         return sorted((number - waits.get(name, 0)
                        for name, number in waits_of(service.process).items()), reverse=True)
-    wait_until(lambda: passes()[1] >= 4, what="four rounds of both capabilities' threads")
+    # The first two may be the poller and gRPC's own timer.
+    wait_until(lambda: passes()[2] >= 4, what="four rounds of a capability's thread")
     elapsed = time.monotonic() - begin
     assert elapsed > 1
     assert passes()[0] < 20 * elapsed
