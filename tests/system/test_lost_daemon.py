@@ -242,6 +242,17 @@ def test_a_loss_while_it_is_published_again_leads_to_another_try(start, own_bus,
     wait_until_published_again(service, own_bus)
 
 
+def test_a_daemon_that_dies_while_the_start_asks_it_delays_the_start(start, own_bus, mdns):
+    mdns.start()
+    mdns.pause()
+    service = start(bus=own_bus, ready=False)
+    wait_for_record(service, WAITING)
+    mdns.kill()
+    mdns.start()
+    service.wait_ready()
+    wait_until_found(service, own_bus)
+
+
 def absent(_bus, mdns, service):
     mdns.kill()
     wait_for_record(service, LOST)
