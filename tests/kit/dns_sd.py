@@ -61,9 +61,14 @@ def browse_all(bus, kinds):
 def _instances(process):
     output, _ = process.communicate(timeout=60)
     assert process.returncode == 0, f"avahi-browse has ended with status {process.returncode}"
-    events = [_parsed(line) for line in output.splitlines()]
-    found = [instance for sign, instance in events if sign == "="]
-    assert len(found) == len([sign for sign, _ in events if sign == "+"]), output
+    seen = collections.defaultdict(list)
+    for line in output.splitlines():
+        sign, instance = _parsed(line)
+        seen[sign].append(instance)
+    # What has just ended may still appear, and vanishes.
+    there = [instance.name for instance in seen["+"] if instance not in seen["-"]]
+    found = [instance for instance in seen["="] if instance.name in there]
+    assert len(found) == len(there), output
     return sorted(found, key=lambda instance: instance.name)
 
 
