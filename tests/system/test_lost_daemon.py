@@ -253,6 +253,32 @@ def test_a_daemon_that_dies_while_the_start_asks_it_delays_the_start(start, own_
     wait_until_found(service, own_bus)
 
 
+@pytest.mark.parametrize("take_away", [kill_bus, stop_bus])
+def test_a_bus_that_is_restarted_while_the_start_waits_delays_the_start(start, own_bus, mdns,
+                                                                       take_away):
+    mdns.start()
+    mdns.kill()
+    service = start(bus=own_bus, ready=False)
+    wait_for_record(service, WAITING)
+    take_away(own_bus, mdns)
+    bring_back(own_bus, mdns)
+    service.wait_ready()
+    wait_until_found(service, own_bus)
+
+
+def test_a_loss_as_soon_as_the_service_is_on_the_bus_delays_the_start(start, own_bus, mdns):
+    mdns.start()
+    for number in range(10):
+        before = own_bus.connections()
+        service = start(bus=own_bus, ready=False, service_id=f"early-{number}")
+        wait_until(lambda others=before: own_bus.connections() > others,
+                   what="the service's connection")
+        mdns.kill()
+        mdns.start()
+        service.wait_ready()
+        service.stop()
+
+
 def absent(_bus, mdns, service):
     mdns.kill()
     wait_for_record(service, LOST)
