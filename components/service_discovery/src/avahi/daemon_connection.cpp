@@ -17,6 +17,10 @@ namespace Hox::Service::Discovery::Avahi {
 
 namespace {
 
+/// A daemon that dies between its first answers lets an attempt fail, although the next one finds
+/// the bus without a daemon and waits for one.
+constexpr int connectAttempts = 3;
+
 AvahiSimplePoll* newEventLoop() {
     auto* poll = avahi_simple_poll_new();
     if (poll == nullptr) {
@@ -48,7 +52,10 @@ DaemonConnection::~DaemonConnection() {
 
 void DaemonConnection::connect() {
     waitForBus();
-    m_client.reset(avahi_client_new(&m_poll, AVAHI_CLIENT_NO_FAIL, clientCallback, this, nullptr));
+    for (int rest = connectAttempts; !m_client && rest > 0; --rest) {
+        m_client.reset(
+            avahi_client_new(&m_poll, AVAHI_CLIENT_NO_FAIL, clientCallback, this, nullptr));
+    }
     if (!m_client) {
         failToConnect();
     }
