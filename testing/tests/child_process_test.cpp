@@ -56,7 +56,7 @@ TEST(ChildProcess, EndsWithTheObject) {
 }
 
 TEST(ChildProcess, EndsWithItsParent) {
-    // The outer shell stands for a test that is killed.
+    // The outer shell is in the place of a test that is killed.
     ChildProcess parent(
         {"sh", "-c", "setpriv --pdeathsig KILL sh -c 'echo $$; exec sleep infinity' & wait"});
     ASSERT_TRUE(waitUntil([&] { return parent.output().find('\n') != std::string::npos; }));

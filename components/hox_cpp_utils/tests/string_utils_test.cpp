@@ -301,8 +301,8 @@ TEST(StringUtils, KnowsUtf8) {
         "\xFF",              // never
         "a\xC3",             // ends early
         "\xE2\x82",          // ends early
-        "\xC3 ",             // goes on with something else
-        "\xE2\x82z",         // goes on with something else
+        "\xC3 ",             // no continuation byte
+        "\xE2\x82z",         // no continuation byte
     };
     for (const auto& text : bad) {
         EXPECT_FALSE(str_is_utf8(text)) << testing::PrintToString(text);

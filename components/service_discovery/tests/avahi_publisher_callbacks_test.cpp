@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "avahi/client_core.h"
 #include "avahi_publisher.h"
 #include "fake_request.h"
 #include "hox/testing/log_capture.h"
@@ -61,6 +62,22 @@ TEST_F(AvahiPublisherCallbacks, TellWhereTheRequestIsGone) {
         ElementsAre("Avahi: context object not valid", "Avahi: context object not valid",
                     "Avahi: context object not valid"));
     EXPECT_EQ(m_log.textsAt(spdlog::level::err).size(), 3U);
+}
+
+TEST_F(AvahiPublisherCallbacks, RequestWithoutAnAvahiObjectIsToldWhenItIsWithdrawn) {
+    FairMutex mutex;
+    DaemonConnection connection(mutex, [](AvahiClientState, AvahiClient*) {});
+    const auto core = std::make_shared<ClientCore>();
+    core->setConnection(&connection);
+    core->started = true;
+    core->running = true;
+    auto handle = core->add(m_request, NetworkService(),
+                            [](const DaemonConnection&, void*) { return nullptr; });
+    ASSERT_TRUE(handle.isValid());
+    EXPECT_THAT(m_log.texts(), IsEmpty());
+    handle = Handle();
+    EXPECT_THAT(m_log.textsAt(spdlog::level::err),
+                ElementsAre("Avahi: avahi wrapper not valid", "Avahi: failed to cleanup resource"));
 }
 
 }  // namespace

@@ -67,6 +67,31 @@ TEST_F(AvahiPublisherTest, WithoutRecordsThereIsNoVendorMarkEither) {
     EXPECT_EQ(foreignBrowser("_configuration._sub._bare._tcp"), "");
 }
 
+TEST_F(AvahiPublisherTest, TakesManyRecordsAndNoPort) {
+    auto many = serviceOf("many", "many");
+    many.port = 0;
+    for (int i = 0; i < 256; ++i) {
+        many.txtRecords["k" + std::to_string(i)] = "v";
+    }
+    const auto publication = publisher().publish(many, m_events.callback());
+    ASSERT_TRUE(m_events.waitFor(Published, "many"));
+    const auto found = foreignBrowser("_many._tcp");
+    EXPECT_THAT(found, StartsWith("=;lo;IPv4;many;_many._tcp;local;head-end.local;127.0.0.1;0;"));
+    for (const auto& [key, value] : many.txtRecords) {
+        EXPECT_THAT(found, HasSubstr("\"" + key + "=" + value + "\""));
+    }
+}
+
+TEST_F(AvahiPublisherTest, ExplicitDomainHoldsTheSubtypesToo) {
+    auto explicitly = serviceOf("domain", "explicitly");
+    explicitly.domain = "local";
+    explicitly.subtypes = {"configuration"};
+    const auto publication = publisher().publish(explicitly, m_events.callback());
+    ASSERT_TRUE(m_events.waitFor(Published, "explicitly"));
+    EXPECT_THAT(foreignBrowser("_configuration._sub._domain._tcp"),
+                StartsWith("=;lo;IPv4;explicitly;_domain._tcp;local;head-end.local;"));
+}
+
 TEST_F(AvahiPublisherTest, KeepsAnyRecordAsItIs) {
     auto service = serviceOf("records", "records");
     service.txtRecords = {

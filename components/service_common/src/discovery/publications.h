@@ -121,7 +121,7 @@ private:
     const std::shared_ptr<spdlog::logger> m_logger;
     const std::shared_ptr<Discovery::IServiceDiscoveryClient> m_client;
 
-    std::mutex m_mutex;  // nothing of the client is called under it
+    std::mutex m_mutex;  // of the client, only isStarted() is called under it
     std::condition_variable m_changed;
     Map m_publications;            // GUARDED_BY(m_mutex)
     unsigned int m_lastId = 0;     // GUARDED_BY(m_mutex)

@@ -25,7 +25,7 @@ public:
     /// Calls the function.
     void deliver(Status status, const T& event) { m_function(status, event); }
 
-    /// Goes on: there may always be more.
+    /// Has no effect: a callback takes any number of events.
     void complete() {}
 
 private:

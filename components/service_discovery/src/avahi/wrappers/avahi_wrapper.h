@@ -2,7 +2,8 @@
 
 namespace Hox::Service::Discovery::Avahi {
 
-/// Owns one Avahi object and frees it at the end at the latest. All under the Avahi mutex.
+/// Owns one Avahi object. The destructor frees it, unless release() has done so. Every call holds
+/// the Avahi mutex.
 class AvahiWrapper {
 public:
     AvahiWrapper() = default;
