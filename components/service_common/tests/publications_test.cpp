@@ -56,6 +56,17 @@ protected:
         return std::move(handle);
     }
 
+    /// The daemon is lost between the first question and its answer; the next one publishes.
+    std::future<std::pair<Status, Discovery::Handle>> publishAcrossALoss(const std::string& name) {
+        auto outcome =
+            std::async(std::launch::async, [=] { return m_publications->publish(service(name)); });
+        EXPECT_TRUE(Testing::waitUntil([&] { return m_client->questions(name) == 1; }));
+        m_client->answerWith([](const NetworkService&) { return Discovery::Published; });
+        m_client->loseDaemon();
+        m_client->bringDaemon();
+        return outcome;
+    }
+
     std::vector<std::string> records() const {
         std::vector<std::string> texts;
         for (const auto& text : m_log.textsAt(spdlog::level::warn)) {
@@ -142,12 +153,7 @@ TEST_F(PublicationsTest, WithdrawnDuringALossStayAway) {
 
 TEST_F(PublicationsTest, WaitForTheDaemonThatIsLostBeforeItsAnswer) {
     m_client->answerWith([](const NetworkService&) { return std::nullopt; });
-    auto outcome =
-        std::async(std::launch::async, [&] { return m_publications->publish(service("a")); });
-    ASSERT_TRUE(Testing::waitUntil([&] { return m_client->questions("a") == 1; }));
-    m_client->answerWith([](const NetworkService&) { return Discovery::Published; });
-    m_client->loseDaemon();
-    m_client->bringDaemon();
+    auto outcome = publishAcrossALoss("a");
     ASSERT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     const auto [status, handle] = outcome.get();
     EXPECT_EQ(status, Discovery::Published);
@@ -156,12 +162,8 @@ TEST_F(PublicationsTest, WaitForTheDaemonThatIsLostBeforeItsAnswer) {
 
 TEST_F(PublicationsTest, TakeAFailureThatWasALossForNoAnswer) {
     m_client->answerWith([](const NetworkService&) { return Discovery::PublishFailure; });
-    auto outcome =
-        std::async(std::launch::async, [&] { return m_publications->publish(service("a")); });
-    ASSERT_TRUE(Testing::waitUntil([&] { return m_client->questions("a") == 1; }));
-    m_client->answerWith([](const NetworkService&) { return Discovery::Published; });
-    m_client->loseDaemon();
-    m_client->bringDaemon();
+    auto outcome = publishAcrossALoss("a");
+    ASSERT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(outcome.get().first, Discovery::Published);
 }
 

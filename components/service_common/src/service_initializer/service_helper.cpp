@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "discovery/publications.h"
+#include "hox/cpputil/error/error.h"
 #include "hox/cpputil/log/logger_name.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
@@ -64,19 +65,13 @@ CppUtil::ResourceHandle<unsigned int> ServiceHelper::publishCapability(
     service.type = Discovery::NetworkServiceType("capability", Discovery::TCP);
     service.subtypes = {capability};
 
-    const auto logError = [](const std::exception& error) {
-        const auto name = Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
-        Log::getLogsystem()->getLogger(name)->log(Log::here(), spdlog::level::err, "{}",
-                                                  error.what());
-    };
     try {
         service.interfaceIndex = interfaceIndex(interfaceName);
         return publishOrThrow(m_ctx.getPublications(), service);
-    } catch (const ServiceDiscoveryError& error) {
-        logError(error);
-        throw;
-    } catch (const ServiceDiscoveryPublishError& error) {
-        logError(error);
+    } catch (const Hox::Error& error) {
+        const auto name = Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
+        Log::getLogsystem()->getLogger(name)->log(Log::here(), spdlog::level::err, "{}",
+                                                  error.what());
         throw;
     }
 }
