@@ -1,11 +1,6 @@
 """The part of the demo that finds the service on the network, as another program would."""
 from demo_show import check, headline
-from kit.dns_sd import Browser, browse
-
-
-def instance_names(service):
-    return [f"{capability}_{service.service_id}"
-            for capability in ("configuration", "state_monitoring_uservice")]
+from kit.dns_sd import Browser, browse, instance_names
 
 
 def show_instances(service, bus):

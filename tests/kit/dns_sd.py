@@ -25,6 +25,12 @@ def subtype(capability):
     return f"_{capability}._sub.{CAPABILITY}"
 
 
+def instance_names(service):
+    """The names of both instances that the service publishes, unless it is a system monitor."""
+    return [f"{capability}_{service.service_id}"
+            for capability in ("configuration", "state_monitoring_uservice")]
+
+
 def _unescaped(text):
     """The text whose special bytes are a backslash with three decimal digits or with the byte."""
     data = re.sub(rb"\\(\d{3}|.)",

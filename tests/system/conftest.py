@@ -2,6 +2,7 @@
 services that end cleanly."""
 import os
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -9,6 +10,9 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from kit.namespaces import enter_private_network  # noqa: E402
+
+# A shell ignores it in what it starts in the background, and programs inherit that.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 # Before the first thread of gRPC, which the next import starts.
 enter_private_network()

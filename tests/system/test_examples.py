@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 from kit.daemons import Bus, MdnsDaemon
-from kit.dns_sd import published
+from kit.dns_sd import instance_names, published
 from kit.lines import Lines
 from kit.paths import program
 from kit.wait import wait_until
@@ -28,11 +28,6 @@ class Browse:
         self.process.wait()
         self.lines.close()
         self.process.stderr.close()
-
-
-def instance_names(service):
-    return [f"configuration_{service.service_id}",
-            f"state_monitoring_uservice_{service.service_id}"]
 
 
 def test_browse_follows_the_services_until_an_interrupt(start, network):

@@ -6,7 +6,7 @@ import time
 import pytest
 
 from kit.daemons import AVAHI, Bus, MdnsDaemon
-from kit.dns_sd import Browser, Wire, browse
+from kit.dns_sd import Browser, Wire, browse, instance_names
 from kit.service import STOP_SECONDS
 from kit.wait import wait_until
 
@@ -40,11 +40,6 @@ def count(service, record):
 def wait_for_record(service, record, times=1, seconds=20):
     wait_until(lambda: count(service, record) >= times, seconds, f"'{record}' x {times}")
     assert count(service, record) == times
-
-
-def instance_names(service):
-    return [f"configuration_{service.service_id}",
-            f"state_monitoring_uservice_{service.service_id}"]
 
 
 def wait_until_found(service, bus):
@@ -90,11 +85,17 @@ def test_a_start_without_a_daemon_says_so_once_and_continues_when_there_is_one(s
     wait_until_found(service, own_bus)
 
 
-def test_a_start_with_a_suspended_daemon_says_so_and_continues_with_it(start, own_bus, mdns):
+def start_beside_suspended(mdns, start, bus):
+    """A service whose start waits for a daemon that has the question and does not answer."""
     mdns.start()
     mdns.pause()
-    service = start(bus=own_bus, ready=False)
+    service = start(bus=bus, ready=False)
     wait_for_record(service, WAITING)
+    return service
+
+
+def test_a_start_with_a_suspended_daemon_says_so_and_continues_with_it(start, own_bus, mdns):
+    service = start_beside_suspended(mdns, start, own_bus)
     mdns.resume()
     service.wait_ready()
     assert count(service, APPEARED) == 1
@@ -214,6 +215,18 @@ def test_a_loss_while_the_first_publication_is_pending_delays_the_start(start, o
     wait_until_found(service, own_bus)
 
 
+@pytest.mark.parametrize("take_away", [kill_mdns, kill_bus])
+def test_a_signal_at_the_moment_of_a_loss_ends_the_process(start, own_bus, mdns, take_away):
+    for _ in range(5):
+        bring_back(own_bus, mdns)
+        service = start(bus=own_bus)
+        lost = mdns if take_away is kill_mdns else own_bus
+        lost.process.kill()
+        service.signal()
+        assert service.wait_end() == 0
+        take_away(own_bus, mdns)
+
+
 @WAYS
 def test_a_loss_while_it_is_published_again_leads_to_another_try(start, own_bus, mdns, take_away):
     mdns.start()
@@ -228,10 +241,7 @@ def test_a_loss_while_it_is_published_again_leads_to_another_try(start, own_bus,
 
 
 def test_a_daemon_that_dies_while_the_start_asks_it_delays_the_start(start, own_bus, mdns):
-    mdns.start()
-    mdns.pause()
-    service = start(bus=own_bus, ready=False)
-    wait_for_record(service, WAITING)
+    service = start_beside_suspended(mdns, start, own_bus)
     mdns.kill()
     mdns.start()
     service.wait_ready()
