@@ -13,6 +13,7 @@ find_package(ZLIB REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(AVAHI REQUIRED IMPORTED_TARGET avahi-client)
 pkg_check_modules(JEMALLOC REQUIRED IMPORTED_TARGET jemalloc)
+pkg_check_modules(NETSNMP REQUIRED IMPORTED_TARGET netsnmp)
 pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
 pkg_check_modules(RAPIDJSON REQUIRED IMPORTED_TARGET RapidJSON) # its CMake package has no target
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
