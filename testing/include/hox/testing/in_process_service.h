@@ -8,19 +8,22 @@
 
 #include "hox/service_common/capability/icap_mngr.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
+#include "hox/testing/temp_dir.h"
 
 namespace Hox::Testing {
 
-/// One capability in a server without a listener, started and ended as by the frame. It cannot open
-/// proxies, and its hooks cannot wait for a central store.
+/// One capability in a server, started and ended as by the frame, with a
+/// configuration directory of its own. Its hooks cannot wait for a central store.
 class InProcessService {
 public:
     /// Parses the arguments with the capability's options and calls all start hooks. The service
-    /// has the id "head-1". Throws what the hooks throw.
+    /// has the id "head-1". It listens at the address, if there is one. Throws what the hooks
+    /// throw.
     explicit InProcessService(std::unique_ptr<Hox::Service::ICapMngr> capability,
-                              const std::vector<std::string>& arguments = {});
+                              const std::vector<std::string>& arguments = {},
+                              const std::string& address = "");
 
-    /// Cancels calls in flight immediately.
+    /// Cancels calls that are in flight.
     ~InProcessService();
     InProcessService(const InProcessService&) = delete;
     InProcessService& operator=(const InProcessService&) = delete;
@@ -37,6 +40,7 @@ public:
     std::shared_ptr<grpc::Channel> channel() const;
 
 private:
+    const TempDir m_configDir;
     Hox::Service::LumServiceCtx m_ctx;
 };
 
