@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+namespace Hox::Capability::StateMonitoring {
+
+/// What a trap tells.
+struct SnmpEvent {
+    std::string trapName;  ///< with its MIB, "MIB::name"
+    int severity = 0;
+    std::string source;
+    std::string msg;
+};
+
+}  // namespace Hox::Capability::StateMonitoring

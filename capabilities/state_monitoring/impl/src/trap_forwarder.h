@@ -1,0 +1,53 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <memory>
+#include <string>
+
+#include "state_monitoring.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+class HostLookup;
+class SnmpManager;
+
+/// Sends the notifications that an SNMP manager has to know as traps.
+///
+/// Nothing is sent until there is a configuration. All functions run under the capability's mutex
+/// and never wait for the network.
+class TrapForwarder {
+public:
+    /// Sends nothing.
+    TrapForwarder();
+
+    /// Ends a look-up that is under way.
+    ~TrapForwarder();
+    TrapForwarder(const TrapForwarder&) = delete;
+    TrapForwarder(TrapForwarder&&) = delete;
+    TrapForwarder& operator=(const TrapForwarder&) = delete;
+    TrapForwarder& operator=(TrapForwarder&&) = delete;
+
+    /// Sends to this manager from now on. One that cannot be used is logged, and the former one
+    /// stays. A host name is looked up; until its address is known, the former one stays, too.
+    void configure(const Api::SnmpConfiguration& configuration);
+
+    /// Sends nothing from now on.
+    void disable();
+
+    /// Sends the trap that belongs to the notification's type and severity, if there is one.
+    void forward(const Api::StateNotification& notification);
+
+private:
+    void open(const std::string& peer);
+    void takeAddress();
+    void lookUp(const std::string& host);
+    void logFailure(const std::string& reason) const;
+
+    const std::shared_ptr<spdlog::logger> m_logger;
+    std::unique_ptr<SnmpManager> m_snmpManager;
+    Api::SnmpConfiguration m_wanted;       // the last one
+    std::unique_ptr<HostLookup> m_lookup;  // null unless the address of m_wanted is not known yet
+};
+
+}  // namespace Hox::Capability::StateMonitoring
