@@ -1,0 +1,141 @@
+#pragma once
+
+#include <spdlog/logger.h>
+
+#include <any>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "circle_guard.h"
+#include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
+#include "hox/observer_tree/observer_tree.h"
+#include "state_monitoring.pb.h"
+
+namespace Hox::Capability::StateMonitoring {
+
+/// The connections of a system monitor to other state monitors, whose notifications it creates in
+/// its own tree as they arrive.
+///
+/// The state of each connection is data of the tree, and its changes drive the connections: an
+/// address that is not connected gets a thread, which waits for the peer. The peers are connected
+/// to one after the other, in the order in which they have lost their connection. Lock order: the
+/// capability's mutex, the locks of the tree, m_connectionsMutex, m_startMutex.
+class MonitorConnections {
+public:
+    using ProxyTree = Hox::ObserverTree::GrpcProxyObserverTree;
+
+    /// Creates the proxy of the state monitor at an address.
+    using OpenProxy = std::function<std::shared_ptr<ProxyTree>(const std::string& url)>;
+
+    /// The mutex is that of the capability, and the archive has archiveSize notifications.
+    MonitorConnections(std::shared_ptr<std::mutex> capabilityMutex, OpenProxy openProxy,
+                       int32_t archiveSize);
+
+    /// Calls end().
+    ~MonitorConnections();
+    MonitorConnections(const MonitorConnections&) = delete;
+    MonitorConnections(MonitorConnections&&) = delete;
+    MonitorConnections& operator=(const MonitorConnections&) = delete;
+    MonitorConnections& operator=(MonitorConnections&&) = delete;
+
+    /// For the observer of /conf: lists every address as not connected, once. Asserts that there was
+    /// no configuration before.
+    void onConfChanged(const Hox::ObserverTree::ChangeSetType& changes,
+                       Hox::ObserverTree::ObserverTree& tree);
+
+    /// For the observer of /status: has a thread connect to every address that is not connected.
+    /// Throws std::out_of_range for an address that is not in the first status.
+    void onStatusChanged(const Hox::ObserverTree::ChangeSetType& changes,
+                         Hox::ObserverTree::ObserverTree& tree);
+
+    /// Lets the threads begin. On any thread.
+    void release();
+
+    /// Takes note of a notification that is being created, to know it again if a peer sends it
+    /// back. Under the capability's mutex.
+    void created(const Api::StateNotification& notification);
+
+    /// Ends all threads and subscriptions, whatever the peers do, within a second. The caller does
+    /// not hold the capability's mutex; the tree still exists. A second call has no effect.
+    void end();
+
+private:
+    /// Destroyed from last to first.
+    struct Connection {
+        CircleGuard::Source source = CircleGuard::own;
+        std::shared_ptr<ProxyTree> proxy;
+        std::any observeHandle;
+        std::any statusHandle;  // of the observation of the peer's own connections
+        bool hasPeers = false;  // the peer observes others, maybe in a circle
+        std::unique_ptr<std::thread> thread;
+    };
+
+    /// What a peer can do wrong; each is logged once for each peer.
+    enum class Fault { UnreadableReport, RefusedReport, Circle };
+
+    // All but the body of the thread REQUIRE the capability's mutex.
+    void handleStatusChange(const Api::StateMonitorStatus& current,
+                            const Api::StateMonitorStatus& previous,
+                            Hox::ObserverTree::ObserverTree& tree);
+    void openProxies(const Api::StateMonitorStatus& status);
+    void startThread(const std::string& url, Hox::ObserverTree::ObserverTree& tree);
+    void runConnection(std::uint64_t turn, const std::shared_ptr<ProxyTree>& proxy,
+                       Hox::ObserverTree::ObserverTree& tree, const std::string& url);
+    void handleStateMonitorConnection(const std::shared_ptr<ProxyTree>& proxy,
+                                      Hox::ObserverTree::ObserverTree& tree,
+                                      const std::string& url);
+    void onConnectionStatus(const Hox::ObserverTree::ChangeSetType& changes,
+                            const std::shared_ptr<ProxyTree>& proxy,
+                            Hox::ObserverTree::ObserverTree& tree, const std::string& url);
+    void subscribe(const std::shared_ptr<ProxyTree>& proxy, Hox::ObserverTree::ObserverTree& tree,
+                   const std::string& url);
+    void handleProccessingExternalStateMonitorData(const Hox::ObserverTree::ChangeSetType& changes,
+                                                   const Hox::ObserverTree::Status& status,
+                                                   Hox::ObserverTree::ObserverTree& tree,
+                                                   const std::string& url);
+    void forward(const std::vector<Hox::ObserverTree::ChangeSetMapVal>& changes,
+                 Hox::ObserverTree::ObserverTree& tree, const std::string& url);
+    void create(const Api::StateNotification& notification, Hox::ObserverTree::ObserverTree& tree,
+                const std::string& url);
+    bool isToBeStored(const Api::StateNotification& notification, const std::string& url);
+    void unsubscribe(const std::string& url);
+    void onPeerStatus(const Hox::ObserverTree::ChangeSetType& changes, const std::string& url);
+    void onDisconnected(const Hox::ObserverTree::ChangeSetType& changes,
+                        Hox::ObserverTree::ObserverTree& tree, const std::string& url,
+                        bool& isDone);
+    bool wait(std::uint64_t turn);
+    void giveTurn();
+    void logOnce(const std::string& url, Fault fault, const std::string& text);
+
+    const std::shared_ptr<spdlog::logger> m_logger;
+    const std::shared_ptr<std::mutex> m_capabilityMutex;
+    const OpenProxy m_openProxy;
+    std::atomic<bool> m_isEnding{false};
+
+    // GUARDED_BY(*m_capabilityMutex)
+    CircleGuard m_circleGuard;
+    bool m_hasPeers = false;
+    bool m_isForwarding = false;  // the notification that is being created is that of a peer
+    std::set<std::pair<std::string, Fault>> m_logged;
+
+    std::mutex m_connectionsMutex;
+    std::map<std::string, Connection> m_connections;  // GUARDED_BY(m_connectionsMutex)
+
+    std::mutex m_startMutex;
+    std::condition_variable m_startCondition;
+    bool m_started = false;           // GUARDED_BY(m_startMutex)
+    std::uint64_t m_lastTurn = 0;     // GUARDED_BY(m_startMutex)
+    std::uint64_t m_currentTurn = 1;  // GUARDED_BY(m_startMutex)
+};
+
+}  // namespace Hox::Capability::StateMonitoring
