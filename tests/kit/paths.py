@@ -17,3 +17,8 @@ PROTO_ROOTS = [
 def program():
     """The program under test, from HALVO_PROGRAM or the release build."""
     return pathlib.Path(os.environ.get("HALVO_PROGRAM", ROOT / "build/release/bin/halvo-system"))
+
+
+def mib_folder():
+    """The folder in which the program finds the MIB of its traps."""
+    return program().parent.parent / "share/snmp/mibs"

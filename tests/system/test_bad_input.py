@@ -148,21 +148,6 @@ def test_a_report_without_a_notification_is_refused(client, service):
     service.assert_alive()
 
 
-@pytest.mark.parametrize("method, request_type, operation", [
-    ("setSnmpConf", "SetSnmpConfReq", "UPDATE"),
-    ("getSnmpConf", "GetSnmpConfReq", "READ"),
-    ("removeSnmpConf", "RemoveSnmpConfReq", "REMOVE"),
-])
-def test_an_operation_without_a_handler_is_refused(client, method, request_type, operation):
-    request = getattr(client.protos.state, request_type)()
-    for _ in range(2):  # the method stays callable
-        code, details = failure_of(lambda: getattr(client.state, method)(request))
-        assert code == grpc.StatusCode.FAILED_PRECONDITION
-        text = (f"FuncNodeHandlerError: No handler for CRUR operation {operation} "
-                "registered under /snmp\n")
-        assert re.fullmatch(re.escape(text) + r"\([^()]*:\d+\)", details), details
-
-
 BAD_PATTERNS = [
     ("", "Path must not be empty"),
     ("a/b", "Initial character of path must be '/'; path = a/b. "),

@@ -2,11 +2,14 @@
 
 #include <utility>
 
-#include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/path_error.h"
+#include "monitor_connections.h"
 #include "notification_store.h"
-#include "obstree.pb.h"
+#include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
+#include "system_state_reports.h"
+#include "systemd_watcher.h"
+#include "trap_forwarder.h"
 
 namespace Hox::Capability::StateMonitoring {
 
@@ -16,16 +19,33 @@ using Hox::ObserverTree::ProtoStatus;
 using Hox::ObserverTree::Status;
 using Hox::ObserverTree::UnaryOps;
 
-StateMonObsHelper::StateMonObsHelper(std::shared_ptr<std::mutex> capabilityMutex,
+StateMonObsHelper::StateMonObsHelper(const Hox::Service::ProxyObsTreeHelper& proxyHelper,
+                                     std::shared_ptr<std::mutex> capabilityMutex,
                                      std::string serviceId, bool isSystemMonitor,
                                      int32_t archiveSize)
-    : m_logger(Hox::Log::getLogsystem()->getLogger("StateMonObsHelper")),
-      m_store(std::make_unique<NotificationStore>(archiveSize)),
+    : m_store(std::make_unique<NotificationStore>(archiveSize)),
       m_isSystemMonitor(isSystemMonitor),
       m_serviceId(std::move(serviceId)),
-      m_capabilityMutex(std::move(capabilityMutex)) {}
+      m_capabilityMutex(std::move(capabilityMutex)),
+      m_trapForwarder(std::make_unique<TrapForwarder>()),
+      m_systemStateReports(std::make_unique<SystemStateReports>(m_serviceId)),
+      m_connections(std::make_unique<MonitorConnections>(
+          m_capabilityMutex,
+          [&proxyHelper, mutex = m_capabilityMutex](const std::string& url) {
+              return proxyHelper.createProxyObsTree<Api::StateMonitoringService>(mutex, url);
+          },
+          archiveSize)) {}
 
-StateMonObsHelper::~StateMonObsHelper() = default;
+StateMonObsHelper::~StateMonObsHelper() {
+    end();
+}
+
+void StateMonObsHelper::end() {
+    m_systemdWatcher.reset();
+    m_connections->end();
+    const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
+    m_observeHandles.clear();
+}
 
 void StateMonObsHelper::registerObsTreeHandlers(Hox::ObserverTree::ObserverTree& tree) {
     registerStateHandlers(tree);
@@ -62,6 +82,7 @@ void StateMonObsHelper::registerConnectionHandlers(Hox::ObserverTree::ObserverTr
             }
             return Result<Api::GetStateMonitorStatusResp>{std::move(resp), Status()};
         });
+    registerSnmpHandlers(tree);
     tree.registerDefaultObserveHandler("/state");
     tree.registerUnaryOpHandler<UnaryOps::UPDATE, UpdateStateMonitorConfReq,
                                 UpdateStateMonitorConfResp>("/conf", [](const auto& req,
@@ -84,7 +105,9 @@ auto StateMonObsHelper::createStateNotification(Api::CreateStateNotificationReq&
                                                 DataTree& tree)
     -> Result<Api::CreateStateNotificationResp> {
     auto resp = std::make_unique<Api::CreateStateNotificationResp>();
-    req.mutable_statenotification();  // an absent one counts as an empty one
+    const auto& notification = *req.mutable_statenotification();  // an absent one is an empty one
+    m_trapForwarder->forward(notification);
+    m_connections->created(notification);
     try {
         m_store->store(std::unique_ptr<Api::StateNotification>(req.release_statenotification()),
                        tree);

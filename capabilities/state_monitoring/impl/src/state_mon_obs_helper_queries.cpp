@@ -4,6 +4,7 @@
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/state_monitoring/state_mon_obs_helper.h"
 #include "notification_store.h"
+#include "system_state_reports.h"
 
 namespace Hox::Capability::StateMonitoring {
 
@@ -51,7 +52,7 @@ auto StateMonObsHelper::getCurrentState() const -> Result<Api::GetCurrentStateRe
     auto state = Api::StateSeverity::OK;
     if (m_store->hasErrors()) {
         state = Api::StateSeverity::ERROR;
-    } else if (m_systemState == static_cast<int>(SystemState::Starting)) {
+    } else if (m_systemStateReports->state() == SystemState::Starting) {
         state = Api::StateSeverity::BOOTING;
     } else if (m_store->hasWarnings()) {
         state = Api::StateSeverity::WARN;

@@ -6,10 +6,13 @@
 
 #include "connect_urls.h"
 #include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/error/initialization_error.h"
 #include "hox/service_common/capability/lum_capabilities.h"
+#include "hox/service_common/service_initializer/create_persistence_handler.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
 #include "hox/service_common/service_initializer/service_kind.h"
 #include "hox/service_common/service_initializer/service_visibility.h"
+#include "own_address.h"
 #include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
 
@@ -27,18 +30,36 @@ constexpr const char* sysMon = "sys_mon";
 constexpr const char* nodeMon = "node_mon";
 constexpr const char* statemonServices = "statemon_services";
 
+bool isSystemMonitor(const Hox::Service::LumServiceCtx& ctx) {
+    return ctx.optionCount(sysMon) > 0;
+}
+
+bool isThisService(const std::string& url, const Hox::Service::LumServiceCtx& ctx) {
+    return isOwnAddress(url, ctx.optionValue("port")) ||
+           (ctx.optionCount("extport") > 0 && isOwnAddress(url, ctx.optionValue("extport")));
+}
+
+/// Throws InitializationError if one of them leads to this process, which would observe itself for
+/// ever.
 std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
-    if (ctx.optionCount(sysMon) == 0 || ctx.optionCount(statemonServices) == 0) {
+    if (!isSystemMonitor(ctx) || ctx.optionCount(statemonServices) == 0) {
         return {};
     }
-    return parseConnectUrls(ctx.optionValue(statemonServices));
+    auto urls = parseConnectUrls(ctx.optionValue(statemonServices));
+    for (const auto& url : urls) {
+        if (isThisService(url, ctx)) {
+            throw Hox::CppUtil::InitializationError(
+                "The state monitor at " + url + " is this service itself", __FILE__, __LINE__);
+        }
+    }
+    return urls;
 }
 
 /// A node monitor is published as every other one.
 int publishedType(const Hox::Service::LumServiceCtx& ctx) {
     using Hox::Service::CapabilityType;
-    return static_cast<int>(ctx.optionCount(sysMon) > 0 ? CapabilityType::StateMonitoringSystem
-                                                        : CapabilityType::StateMonitoringUservice);
+    return static_cast<int>(isSystemMonitor(ctx) ? CapabilityType::StateMonitoringSystem
+                                                 : CapabilityType::StateMonitoringUservice);
 }
 
 void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::ObserverTree& tree) {
@@ -51,6 +72,12 @@ void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::Obs
 }
 
 }  // namespace
+
+StateMonitorCapMngr::~StateMonitorCapMngr() {
+    if (m_stateMonObsHelper) {
+        m_stateMonObsHelper->end();
+    }
+}
 
 int StateMonitorCapMngr::id() const {
     return static_cast<int>(Hox::Service::CapabilityType::StateMonitoringUservice);
@@ -82,20 +109,38 @@ void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
     m_observerTree =
         std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
     m_obsTreeBuilder->buildServerObsTree<Api::StateMonitoringService>(*m_observerTree);
-    m_stateMonObsHelper = std::make_unique<StateMonObsHelper>(
-        m_mutex, ctx.getIdentity().id, ctx.optionCount(sysMon) > 0, archiveSize);
+    m_stateMonObsHelper = std::make_unique<StateMonObsHelper>(ctx.getProxyObsTreeHelper(), m_mutex,
+                                                              ctx.getIdentity().id,
+                                                              isSystemMonitor(ctx), archiveSize);
     m_stateMonObsHelper->registerObsTreeHandlers(*m_observerTree);
     if (!urls.empty()) {
         setConnectUrls(urls, *m_observerTree);
     }
 }
 
-void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& /*ctx*/) {
+void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& ctx) {
     if (m_obsTreeBuilder) {
+        m_stateMonObsHelper->addObservers(*m_observerTree);
         m_asyncGrpcServerHandler = m_obsTreeBuilder->asyncGrpcServerHandler();
     }
     HOX_ASSERT(m_asyncGrpcServerHandler.get());
     m_asyncGrpcServerHandler->startCompletionQueueThread();
+    if (isSystemMonitor(ctx)) {
+        m_persistenceHndlr = Hox::Service::createPersistenceHandler(
+            ctx, *m_observerTree, Hox::Service::capabilityName(id()), "/snmp");
+    }
+}
+
+void StateMonitorCapMngr::proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) {
+    if (isSystemMonitor(ctx)) {
+        // A central store has the configuration of the whole system; without one it is kept here.
+        const auto paths = ctx.getCapabilityPaths(Hox::Service::capabilityName(id()));
+        m_persistenceHndlr->init(true, paths.ccsAddress.empty() ? paths.confPath : "");
+    }
+    m_stateMonObsHelper->releaseConnectionThreads();
+    if (ctx.optionCount(nodeMon) > 0) {
+        m_stateMonObsHelper->startNodeMonitoring(*m_observerTree);
+    }
 }
 
 }  // namespace Hox::Capability::StateMonitoring

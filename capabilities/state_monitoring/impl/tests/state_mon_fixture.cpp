@@ -46,7 +46,8 @@ std::ostream& operator<<(std::ostream& out, const ObservedChange& change) {
 }
 
 StateMon::StateMon(int32_t archiveSize, bool isSystemMonitor)
-    : m_helper(std::make_shared<std::mutex>(), "head-1", isSystemMonitor, archiveSize) {
+    : m_helper(m_proxyHelper, std::make_shared<std::mutex>(), "head-1", isSystemMonitor,
+               archiveSize) {
     m_helper.registerObsTreeHandlers(m_tree);
 }
 

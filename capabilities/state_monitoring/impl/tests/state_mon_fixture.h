@@ -62,10 +62,17 @@ public:
     /// The keys of the tree, in order.
     std::vector<std::string> keys();
 
+    /// Has the machine's service manager say this.
+    void machineIs(const std::string& managerState) {
+        m_helper.checkSystemState(managerState, m_tree);
+    }
+
     StateMonObsHelper& helper() { return m_helper; }
     Hox::ObserverTree::ObserverTree& tree() { return m_tree; }
 
 private:
+    const std::unique_ptr<grpc::Server> m_noServer;
+    const Hox::Service::ProxyObsTreeHelper m_proxyHelper{nullptr, m_noServer};
     Hox::ObserverTree::ObserverTree m_tree;
     StateMonObsHelper m_helper;
     std::vector<std::any> m_observers;

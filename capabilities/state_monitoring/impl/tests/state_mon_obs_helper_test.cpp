@@ -328,7 +328,7 @@ TEST(StateMonObsHelper, DoesNotSupportChangeSets) {
 
 struct SeverityCase {
     std::string name;
-    SystemState systemState;
+    std::string machine;  // as its service manager calls its state
     std::vector<Api::StateSeverity> severities;
     Api::StateSeverity expected;
 };
@@ -337,7 +337,7 @@ class StateMonObsHelperSeverity : public testing::TestWithParam<SeverityCase> {}
 
 TEST_P(StateMonObsHelperSeverity, FollowsThePrecedence) {
     StateMon monitor;
-    monitor.helper().setSystemState(GetParam().systemState);
+    monitor.machineIs(GetParam().machine);
     int origin = 0;
     for (const auto severity : GetParam().severities) {
         monitor.create(notification("a", "b", std::to_string(origin++), severity));
@@ -347,22 +347,19 @@ TEST_P(StateMonObsHelperSeverity, FollowsThePrecedence) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, StateMonObsHelperSeverity,
-    testing::Values(
-        SeverityCase{"Empty", SystemState::Unknown, {}, OK},
-        SeverityCase{"EmptyRunning", SystemState::Running, {}, OK},
-        SeverityCase{"EmptyStarting", SystemState::Starting, {}, BOOTING},
-        SeverityCase{"EmptyDegraded", SystemState::Degraded, {}, OK},
-        SeverityCase{"Ok", SystemState::Unknown, {OK}, OK},
-        SeverityCase{"Warn", SystemState::Unknown, {OK, WARN}, WARN},
-        SeverityCase{"WarnDegraded", SystemState::Degraded, {WARN}, WARN},
-        SeverityCase{"WarnRunning", SystemState::Running, {WARN}, WARN},
-        SeverityCase{"WarnStarting", SystemState::Starting, {WARN}, BOOTING},
-        SeverityCase{"ErrorAndWarn", SystemState::Unknown, {WARN, ERROR, OK}, ERROR},
-        SeverityCase{"ErrorAndWarnStarting", SystemState::Starting, {WARN, ERROR}, ERROR},
-        SeverityCase{"BootingReport", SystemState::Unknown, {BOOTING}, OK},
-        SeverityCase{"BootingReportAndWarn", SystemState::Running, {BOOTING, WARN}, WARN},
-        SeverityCase{
-            "UnknownSeverity", SystemState::Unknown, {static_cast<Api::StateSeverity>(9)}, OK}),
+    testing::Values(SeverityCase{"Empty", "", {}, OK},
+                    SeverityCase{"EmptyRunning", "running", {}, OK},
+                    SeverityCase{"EmptyStarting", "starting", {}, BOOTING},
+                    SeverityCase{"EmptyMaintenance", "maintenance", {}, OK},
+                    SeverityCase{"EmptyDegraded", "degraded", {}, ERROR},
+                    SeverityCase{"Ok", "", {OK}, OK}, SeverityCase{"Warn", "", {OK, WARN}, WARN},
+                    SeverityCase{"WarnRunning", "running", {WARN}, WARN},
+                    SeverityCase{"WarnStarting", "starting", {WARN}, BOOTING},
+                    SeverityCase{"ErrorAndWarn", "", {WARN, ERROR, OK}, ERROR},
+                    SeverityCase{"ErrorAndWarnStarting", "starting", {WARN, ERROR}, ERROR},
+                    SeverityCase{"BootingReport", "", {BOOTING}, OK},
+                    SeverityCase{"BootingReportAndWarn", "running", {BOOTING, WARN}, WARN},
+                    SeverityCase{"UnknownSeverity", "", {static_cast<Api::StateSeverity>(9)}, OK}),
     [](const auto& test) { return test.param.name; });
 
 TEST(StateMonObsHelper, ReturnsToOkWithTheOrigin) {
@@ -394,8 +391,8 @@ TEST(StateMonObsHelper, DerivesTheSeverityOfTheLatestTable) {
         const auto origin = originOf(random);
         monitor.create(notification("a", "b", std::to_string(origin), severity));
         table[origin] = severity;
-        const auto systemState = static_cast<SystemState>(severityOf(random) % 4);
-        monitor.helper().setSystemState(systemState);
+        const bool isStarting = severityOf(random) < 3;
+        monitor.machineIs(isStarting ? "starting" : "running");
 
         bool warn = false;
         bool error = false;
@@ -403,10 +400,7 @@ TEST(StateMonObsHelper, DerivesTheSeverityOfTheLatestTable) {
             warn = warn || entry.second == WARN;
             error = error || entry.second == ERROR;
         }
-        const auto expected = error                                  ? ERROR
-                              : systemState == SystemState::Starting ? BOOTING
-                              : warn                                 ? WARN
-                                                                     : OK;
+        const auto expected = error ? ERROR : isStarting ? BOOTING : warn ? WARN : OK;
         ASSERT_EQ(monitor.currentState(), expected) << "after report " << i;
     }
 }
