@@ -1,6 +1,6 @@
 """Starts a service with a bus and an mDNS daemon of its own, finds it on the network, reports the
 package log of this machine to it and shows the result; then takes the machine's configuration files
-through the store."""
+through the store, and at last puts a small head-end together."""
 import collections
 import json
 import os
@@ -18,6 +18,7 @@ except OSError as error:
 
 import demo_configuration  # noqa: E402
 import demo_discovery  # noqa: E402
+import demo_head_end  # noqa: E402
 import package_log  # noqa: E402
 from demo_show import check, headline, start_process  # noqa: E402
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
@@ -106,10 +107,9 @@ def show_last_reports(client, reports):
            for entry in stored] == wanted, "wrong last reports")
 
 
-def run_reports(folder, bus, count):
+def run_reports(folder, protos, bus, count):
     reports, origin = package_log.read(count)
     check(reports, "this machine has no packages")
-    protos = Protos(folder / "generated")
     service = Service(protos, folder / "service", service_id="demo-1")
     watcher = None
     try:
@@ -146,8 +146,10 @@ def main():
         (out / "generated").mkdir()
         with Bus(out / "bus") as bus, MdnsDaemon(bus, out / "bus"):
             os.environ.update(bus.environment)
-            run_reports(out, bus, count)
+            protos = Protos(out / "generated")
+            run_reports(out, protos, bus, count)
             demo_configuration.run(out)
+            demo_head_end.run(out, protos)
         print("\nAll of the above was checked.")
 
 

@@ -40,9 +40,16 @@ def free_port():
     raise AssertionError("unreachable")
 
 
+def own_path(path, replacement):
+    """The words to put before a command that sees the replacement, a file or a folder, at a path.
+    """
+    return ["unshare", "-m", "sh", "-c", 'mount --bind "$0" "$1" && shift && exec "$@"',
+            str(replacement), str(path)]
+
+
 def own_log(folder):
     """The words to put before a command, so that its /var/log is the folder."""
-    return ["unshare", "-m", "sh", "-c", 'mount --bind "$0" /var/log && exec "$@"', str(folder)]
+    return own_path("/var/log", folder)
 
 
 #: Gives the command a private /etc and /tmp; the two folders named first stay visible.

@@ -11,8 +11,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from kit.namespaces import enter_private_network  # noqa: E402
 
-# A shell ignores it in what it starts in the background, and programs inherit that.
+# Programs inherit that they are ignored: a shell does so in what it starts in the background, and
+# nohup in what outlives its terminal.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 # Before the first thread of gRPC, which the next import starts.
 enter_private_network()
@@ -21,6 +23,7 @@ from kit.daemons import Bus, MdnsDaemon  # noqa: E402
 from kit.paths import program  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
+from kit.trap_receiver import TrapSocket  # noqa: E402
 
 
 def pytest_sessionstart(session):
@@ -83,3 +86,16 @@ def service(start):
 def client(service):
     """A client of the running service."""
     return service.client()
+
+
+@pytest.fixture
+def monitor(start):
+    """A running system monitor."""
+    return start("--sys_mon")
+
+
+@pytest.fixture
+def trap_socket():
+    """A plain receiver of traps."""
+    with TrapSocket() as running:
+        yield running
