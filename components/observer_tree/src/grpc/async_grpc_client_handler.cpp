@@ -300,6 +300,11 @@ void AsyncGrpcClientHandler::leaveAloneOrTellLoss(std::unique_ptr<CallData> call
     if (call->mayBeLeftAlone()) {
         const bool mayStillBeLost =
             !call->inProcess && std::chrono::steady_clock::now() < call->lossDeadline;
+        if (!mayStillBeLost && !call->inProcess) {
+            m_logger->log(Hox::Log::here(), spdlog::level::warn,
+                          "{} of {} has ended, but its connection remains: nothing more arrives",
+                          call->rpcMethod.name(), call->context->peer());
+        }
         (mayStillBeLost ? m_justEnded : m_leftAlone).push_back(std::move(call));
         return;
     }

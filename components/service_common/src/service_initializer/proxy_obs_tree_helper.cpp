@@ -18,6 +18,10 @@ constexpr int attemptInterval = 500;
 constexpr int pingInterval = 30'000;
 constexpr int pingTimeout = 20'000;
 
+/// The first element of a stream has everything that is observed: a full archive of long reports is
+/// larger than gRPC's own limit of 4 MiB. A peer may not have all of this machine's memory, either.
+constexpr int largestElement = 64 * 1024 * 1024;
+
 std::shared_ptr<grpc::Channel> networkChannel(const std::string& address) {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, attemptInterval);
@@ -26,6 +30,7 @@ std::shared_ptr<grpc::Channel> networkChannel(const std::string& address) {
     arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, pingInterval);
     arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, pingTimeout);
     arguments.SetInt(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
+    arguments.SetMaxReceiveMessageSize(largestElement);
     return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
 
