@@ -144,7 +144,10 @@ std::string HostLookup::readAnswer(int output) const {
     std::string answer;
     std::array<pollfd, 2> events{pollfd{output, POLLIN, 0}, pollfd{m_end.descriptor(), POLLIN, 0}};
     while (answer.size() < longestAnswer) {
-        if (poll(events.data(), events.size(), -1) < 0 && errno != EINTR) {
+        if (poll(events.data(), events.size(), -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
             break;
         }
         if (events[1].revents != 0) {

@@ -50,7 +50,7 @@ ManagerAddress::ManagerAddress(const std::string& text) : host(withoutTransport(
 }
 
 std::string ManagerAddress::peerName(const std::string& number) {
-    return number.find(':') == std::string::npos ? number : "udp6:[" + number + "]";
+    return number.find(':') == std::string::npos ? "udp:" + number : "udp6:[" + number + "]";
 }
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -33,6 +33,9 @@ namespace {
 /// How often a thread that waits for a peer looks whether it must end.
 constexpr std::chrono::milliseconds endInterval{200};
 
+/// A connection that lasts longer is of use, even if the peer has nothing to send.
+constexpr std::chrono::seconds usefulDuration{1};
+
 /// How many archives of notifications are known again when they come back.
 constexpr std::size_t archivesInMind = 16;
 
@@ -179,17 +182,17 @@ void MonitorConnections::openProxies(const Api::StateMonitorStatus& status) {
 void MonitorConnections::startThread(const std::string& url, ObserverTree& tree) {
     const std::lock_guard<std::mutex> lock(m_connectionsMutex);
     auto& connection = m_connections.at(url);
-    if (connection.thread) {
-        // Has connected, and needs no other lock than m_startMutex any more.
-        connection.thread->join();
-    }
-    std::uint64_t turn = 0;
     {
         const std::lock_guard<std::mutex> startLock(m_startMutex);
-        turn = ++m_lastTurn;
+        connection.turn = ++m_lastTurn;
     }
+    // The former thread may be the caller of this function: the new one waits for its end.
     connection.thread =
-        std::make_unique<std::thread>([this, turn, proxy = connection.proxy, &tree, url] {
+        std::make_unique<std::thread>([this, turn = connection.turn, proxy = connection.proxy,
+                                       &tree, url, former = std::move(connection.thread)] {
+            if (former) {
+                former->join();
+            }
             runConnection(turn, proxy, tree, url);
         });
 }
@@ -197,8 +200,11 @@ void MonitorConnections::startThread(const std::string& url, ObserverTree& tree)
 void MonitorConnections::runConnection(std::uint64_t turn, const std::shared_ptr<ProxyTree>& proxy,
                                        ObserverTree& tree, const std::string& url) {
     if (wait(turn)) {
-        handleStateMonitorConnection(proxy, tree, url);
+        const auto watch = handleStateMonitorConnection(proxy, tree, url);
         giveTurn();
+        if (watch) {
+            watchConnection(turn, *watch, tree, url);
+        }
     }
 }
 
@@ -217,18 +223,57 @@ void MonitorConnections::giveTurn() {
     m_startCondition.notify_all();
 }
 
-void MonitorConnections::handleStateMonitorConnection(const std::shared_ptr<ProxyTree>& proxy,
-                                                      ObserverTree& tree, const std::string& url) {
-    while (!m_isEnding &&
-           !proxy->waitForConnected(std::chrono::system_clock::now() + endInterval)) {
+/// Null if the channel has no state to watch, or the thread must end.
+std::unique_ptr<ChannelWatch> MonitorConnections::handleStateMonitorConnection(
+    const std::shared_ptr<ProxyTree>& proxy, ObserverTree& tree, const std::string& url) {
+    std::unique_ptr<ChannelWatch> watch;
+    while (waitForPeer(*proxy)) {
+        const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
+        if (m_isEnding) {
+            break;
+        }
+        if (!proxy->inProcess()) {
+            watch = std::make_unique<ChannelWatch>(proxy->channel());
+        }
+        // Once more: the wait for the mutex may have been long.
+        if (proxy->waitForConnected(std::chrono::system_clock::now())) {
+            observeKeys(tree, "/", "/status",
+                        [&](const ChangeSetType& changes, const Status& /*status*/) {
+                            onConnectionStatus(changes, proxy, tree, url);
+                        });
+            return watch;
+        }
     }
-    const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
-    if (m_isEnding) {
-        return;
+    return nullptr;
+}
+
+/// False if the thread must end.
+bool MonitorConnections::waitForPeer(const ProxyTree& proxy) const {
+    while (!m_isEnding && !proxy.waitForConnected(std::chrono::system_clock::now() + endInterval)) {
     }
-    observeKeys(tree, "/", "/status", [&](const ChangeSetType& changes, const Status& /*status*/) {
-        onConnectionStatus(changes, proxy, tree, url);
-    });
+    return !m_isEnding;
+}
+
+/// A stream does not always report the loss of its connection: it may have ended before, or have
+/// been started too late to get a connection.
+void MonitorConnections::watchConnection(std::uint64_t turn, ChannelWatch& watch,
+                                         ObserverTree& tree, const std::string& url) {
+    while (isCurrent(turn, url)) {
+        if (watch.waitForLoss()) {
+            const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
+            if (isCurrent(turn, url)) {
+                lose(tree, url);
+            }
+            return;
+        }
+    }
+}
+
+/// Whether the thread with this turn has not been replaced.
+bool MonitorConnections::isCurrent(std::uint64_t turn, const std::string& url) {
+    const std::lock_guard<std::mutex> lock(m_connectionsMutex);
+    const auto connection = m_connections.find(url);
+    return !m_isEnding && connection != m_connections.end() && connection->second.turn == turn;
 }
 
 void MonitorConnections::onConnectionStatus(const ChangeSetType& changes,
@@ -265,6 +310,8 @@ void MonitorConnections::subscribe(const std::shared_ptr<ProxyTree>& proxy, Obse
     auto& connection = m_connections[url];
     m_circleGuard.restart(connection.source);
     connection.hasPeers = false;
+    connection.subscribedAt = std::chrono::steady_clock::now();
+    connection.hasSent = false;
     connection.observeHandle = std::move(handle);
     connection.statusHandle = std::move(statusHandle);
 }
@@ -313,17 +360,27 @@ void MonitorConnections::handleProccessingExternalStateMonitorData(const ChangeS
         return;
     }
     if (status.statusCode() == ProtoStatus::CANCELLED) {
-        unsubscribe(url);
-        bool isDone = false;
-        observeKeys(tree, "/", "/status",
-                    [&](const ChangeSetType& current, const Status& /*status*/) {
-                        onDisconnected(current, tree, url, isDone);
-                    });
+        lose(tree, url);
         return;
     }
+    {
+        const std::lock_guard<std::mutex> lock(m_connectionsMutex);
+        m_connections[url].hasSent = true;
+    }
     for (const auto& [key, keyChanges] : changes) {
+        if (m_isEnding) {
+            return;
+        }
         forward(keyChanges, tree, url);
     }
+}
+
+void MonitorConnections::lose(ObserverTree& tree, const std::string& url) {
+    unsubscribe(url);
+    bool isDone = false;
+    observeKeys(tree, "/", "/status", [&](const ChangeSetType& current, const Status& /*status*/) {
+        onDisconnected(current, tree, url, isDone);
+    });
 }
 
 /// A removal is not passed on: this monitor has an archive of its own.
@@ -375,10 +432,22 @@ void MonitorConnections::onDisconnected(const ChangeSetType& changes, ObserverTr
                 return;
             }
             entry->set_connectstatus(ConnectionStatus::NOT_CONNECTED);
-            m_logger->log(Hox::Log::here(), spdlog::level::err, "Service {} was disconnected", url);
+            if (isLossNews(url)) {
+                m_logger->log(Hox::Log::here(), spdlog::level::err, "Service {} was disconnected",
+                              url);
+            }
             updateStatus(status, tree);
         });
     isDone = true;
+}
+
+/// Of a peer that is lost again and again before it has sent anything, only the first loss is.
+bool MonitorConnections::isLossNews(const std::string& url) {
+    const std::lock_guard<std::mutex> lock(m_connectionsMutex);
+    auto& connection = m_connections[url];
+    const auto duration = std::chrono::steady_clock::now() - connection.subscribedAt;
+    const bool isUseless = !connection.hasSent && duration < usefulDuration;
+    return !std::exchange(connection.isUselessLossLogged, isUseless) || !isUseless;
 }
 
 void MonitorConnections::logOnce(const std::string& url, Fault fault, const std::string& text) {

@@ -4,6 +4,7 @@
 
 #include <any>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "channel_watch.h"
 #include "circle_guard.h"
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/observer_tree/observer_tree.h"
@@ -27,8 +29,9 @@ namespace Hox::Capability::StateMonitoring {
 /// its own tree as they arrive.
 ///
 /// The state of each connection is data of the tree, and its changes drive the connections: an
-/// address that is not connected gets a thread, which waits for the peer. The peers are connected
-/// to one after the other, in the order in which they have lost their connection. Lock order: the
+/// address that is not connected gets a thread, which waits for the peer and then watches the
+/// connection. The peers are connected to one after the other, in the order in which they have lost
+/// their connection. Lock order: the
 /// capability's mutex, the locks of the tree, m_connectionsMutex, m_startMutex.
 class MonitorConnections {
 public:
@@ -48,8 +51,8 @@ public:
     MonitorConnections& operator=(const MonitorConnections&) = delete;
     MonitorConnections& operator=(MonitorConnections&&) = delete;
 
-    /// For the observer of /conf: lists every address as not connected, once. Asserts that there was
-    /// no configuration before.
+    /// For the observer of /conf: lists every address as not connected, once. Asserts that there
+    /// was no configuration before.
     void onConfChanged(const Hox::ObserverTree::ChangeSetType& changes,
                        Hox::ObserverTree::ObserverTree& tree);
 
@@ -78,6 +81,10 @@ private:
         std::any statusHandle;  // of the observation of the peer's own connections
         bool hasPeers = false;  // the peer observes others, maybe in a circle
         std::unique_ptr<std::thread> thread;
+        std::uint64_t turn = 0;  // of the thread
+        std::chrono::steady_clock::time_point subscribedAt;
+        bool hasSent = false;  // since then
+        bool isUselessLossLogged = false;
     };
 
     /// What a peer can do wrong; each is logged once for each peer.
@@ -91,9 +98,14 @@ private:
     void startThread(const std::string& url, Hox::ObserverTree::ObserverTree& tree);
     void runConnection(std::uint64_t turn, const std::shared_ptr<ProxyTree>& proxy,
                        Hox::ObserverTree::ObserverTree& tree, const std::string& url);
-    void handleStateMonitorConnection(const std::shared_ptr<ProxyTree>& proxy,
-                                      Hox::ObserverTree::ObserverTree& tree,
-                                      const std::string& url);
+    std::unique_ptr<ChannelWatch> handleStateMonitorConnection(
+        const std::shared_ptr<ProxyTree>& proxy, Hox::ObserverTree::ObserverTree& tree,
+        const std::string& url);
+    bool waitForPeer(const ProxyTree& proxy) const;
+    void watchConnection(std::uint64_t turn, ChannelWatch& watch,
+                         Hox::ObserverTree::ObserverTree& tree, const std::string& url);
+    bool isCurrent(std::uint64_t turn, const std::string& url);
+    void lose(Hox::ObserverTree::ObserverTree& tree, const std::string& url);
     void onConnectionStatus(const Hox::ObserverTree::ChangeSetType& changes,
                             const std::shared_ptr<ProxyTree>& proxy,
                             Hox::ObserverTree::ObserverTree& tree, const std::string& url);
@@ -113,6 +125,7 @@ private:
     void onDisconnected(const Hox::ObserverTree::ChangeSetType& changes,
                         Hox::ObserverTree::ObserverTree& tree, const std::string& url,
                         bool& isDone);
+    bool isLossNews(const std::string& url);
     bool wait(std::uint64_t turn);
     void giveTurn();
     void logOnce(const std::string& url, Fault fault, const std::string& text);

@@ -4,10 +4,12 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <array>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -72,6 +74,10 @@ bool isOnAnInterface(const in6_addr& address) {
     return false;
 }
 
+bool isSameName(const std::string& left, const std::string& right) {
+    return strcasecmp(left.c_str(), right.c_str()) == 0;
+}
+
 std::string hostName() {
     std::array<char, HOST_NAME_MAX + 1> name{};
     return gethostname(name.data(), name.size()) == 0 ? std::string(name.data()) : std::string();
@@ -103,12 +109,12 @@ bool isOwnAddress(const std::string& url, const std::string& ownPort) {
         return true;
     }
     const auto [host, port] = hostAndPort(url);
-    if (port != ownPort) {
+    if (std::strtoul(port.c_str(), nullptr, 10) != std::strtoul(ownPort.c_str(), nullptr, 10)) {
         return false;
     }
     in6_addr address{};
     if (!parse(host, address)) {
-        return host == "localhost" || host == hostName();
+        return isSameName(host, "localhost") || isSameName(host, hostName());
     }
     return isLoopbackOrAny(address) || isOnAnInterface(address);
 }

@@ -40,7 +40,9 @@ void initSnmpLibrary() {
         // Nothing of the library has to outlive the process.
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
         init_snmp("snmpapp");
+        // Read now: later there may be no descriptor left for it.
         add_mibdir(ownMibFolder().c_str());
+        netsnmp_read_module("HALVO-QHED-MIB");
         return true;
     }();
     static_cast<void>(isInitialised);

@@ -2,6 +2,8 @@
 // The configuration comes first.
 #include <net-snmp/net-snmp-includes.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>

@@ -1,5 +1,3 @@
-#include <google/protobuf/util/time_util.h>
-
 #include <utility>
 
 #include "hox/cpputil/assertion/assertion.h"
@@ -10,6 +8,7 @@
 #include "obstree.pb.h"
 #include "system_state_reports.h"
 #include "systemd_watcher.h"
+#include "time_stamp.h"
 #include "trap_forwarder.h"
 
 // What the tree does by itself: observers of its keys, and reports of this monitor's own.
@@ -38,7 +37,6 @@ Api::SnmpConfiguration snmpConfigurationIn(const DataTreeVal& value) {
 }
 
 void create(Api::StateNotification notification, ObserverTree& tree) {
-    *notification.mutable_timestamp() = google::protobuf::util::TimeUtil::GetCurrentTime();
     Api::CreateStateNotificationReq req;
     *req.mutable_statenotification() = std::move(notification);
     tree.callApiOp<UnaryOps::CREATE, Api::CreateStateNotificationReq,
@@ -101,6 +99,7 @@ void StateMonObsHelper::reportConnectState(const Api::StateSeverity& severity, O
     notification.set_msg(severity == Api::StateSeverity::OK
                              ? "All external connections are successfully established"
                              : "Error connection to one or more external state monitors");
+    *notification.mutable_timestamp() = currentTimeStamp();
     create(std::move(notification), tree);
 }
 
@@ -151,6 +150,7 @@ void StateMonObsHelper::onSnmpChanged(const ChangeSetType& changes, ObserverTree
     notification.set_type(Api::StateNotificationTypes_Name(Api::Cap_StateMonitoring_SnmpConfState));
     notification.set_source("snmp");
     notification.set_msg("SNMP configuration disabled.");
+    *notification.mutable_timestamp() = currentTimeStamp();
     create(std::move(notification), tree);
 }
 

@@ -98,11 +98,11 @@ void StateMonitorCapMngr::addOptions(cxxopts::Options& options) {
 }
 
 void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
+    const auto urls = connectUrls(ctx);
     m_publication = ctx.getServiceHelper().publishCapability(
         publishedType(ctx), static_cast<int>(Hox::Service::ServiceKind::Grpc),
         static_cast<int>(Hox::Service::ServiceVisibility::Private),
         Api::StateMonitoringService::service_full_name(), {}, "lo");
-    const auto urls = connectUrls(ctx);
     m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
         &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::Polls,
         ctx.getStandbyPoller());
@@ -133,9 +133,8 @@ void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& ctx) {
 
 void StateMonitorCapMngr::proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) {
     if (isSystemMonitor(ctx)) {
-        // A central store has the configuration of the whole system; without one it is kept here.
-        const auto paths = ctx.getCapabilityPaths(Hox::Service::capabilityName(id()));
-        m_persistenceHndlr->init(true, paths.ccsAddress.empty() ? paths.confPath : "");
+        m_persistenceHndlr->init(
+            true, ctx.getCapabilityPaths(Hox::Service::capabilityName(id())).confPath);
     }
     m_stateMonObsHelper->releaseConnectionThreads();
     if (ctx.optionCount(nodeMon) > 0) {

@@ -1,8 +1,8 @@
 #include "system_state_reports.h"
 
-#include <google/protobuf/util/time_util.h>
-
 #include <utility>
+
+#include "time_stamp.h"
 
 namespace Hox::Capability::StateMonitoring {
 
@@ -34,7 +34,7 @@ Api::StateNotification SystemStateReports::report(Api::StateSeverity severity,
     notification.set_type("system.systemd-degraded");
     notification.set_source("system/systemd");
     notification.set_msg(text);
-    *notification.mutable_timestamp() = google::protobuf::util::TimeUtil::GetCurrentTime();
+    *notification.mutable_timestamp() = currentTimeStamp();
     return notification;
 }
 

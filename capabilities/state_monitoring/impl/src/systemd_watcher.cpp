@@ -65,7 +65,7 @@ void SystemdWatcher::run() {
         }
         m_logger->log(Log::here(), spdlog::level::warn,
                       "The system bus is lost, connecting to it again");
-        while (!openAgain() && !m_end.isGiven(pauseMilliseconds)) {
+        while (!m_end.isGiven(pauseMilliseconds) && !openAgain()) {
         }
     }
     closeBus();
@@ -78,14 +78,24 @@ void SystemdWatcher::openAtTheStart() {
         HOX_ASSERT(rc >= 0);
         rc = matchSignals();
     }
-    if (!m_end.isGiven()) {
-        HOX_ASSERT(rc >= 0);
+    if (m_end.isGiven()) {
+        return;
     }
+    HOX_ASSERT(rc >= 0);
+    // The name is in the text of the assertion. NOLINTNEXTLINE(readability-identifier-naming)
+    const int fd_ep = epoll_create1(EPOLL_CLOEXEC);
+    HOX_ASSERT(fd_ep != -1);
+    m_epoll = LinuxCppUtil::ownFileDescriptor(fd_ep);
+    rc = addTo(fd_ep, sd_bus_get_fd(m_bus.get()));
+    HOX_ASSERT(rc == 0);
+    rc = addTo(fd_ep, m_end.descriptor());
+    HOX_ASSERT(rc == 0);
 }
 
 bool SystemdWatcher::openAgain() {
     closeBus();
-    if (openBus() >= 0 && matchSignals() >= 0) {
+    if (openBus() >= 0 && !m_end.isGiven() && matchSignals() >= 0 &&
+        addTo(LinuxCppUtil::fileDescriptorNumber(m_epoll), sd_bus_get_fd(m_bus.get())) == 0) {
         m_logger->log(Log::here(), spdlog::level::info, "The system bus is back");
         return true;
     }
@@ -93,6 +103,7 @@ bool SystemdWatcher::openAgain() {
 }
 
 int SystemdWatcher::openBus() {
+    m_isSubscribed = false;
     sd_bus* bus = nullptr;
     int rc = sd_bus_open_system(&bus);
     m_bus.reset(bus);
@@ -109,8 +120,7 @@ int SystemdWatcher::openBus() {
     return rc;
 }
 
-/// The signals only wake the thread. The manager sends them as long as some client has subscribed;
-/// another one may have done so, so it does not matter if that fails.
+/// The signals only wake the thread.
 int SystemdWatcher::matchSignals() {
     int rc = sd_bus_match_signal(m_bus.get(), nullptr, nullptr, managerPath, managerInterface,
                                  "StartupFinished", nullptr, nullptr);
@@ -123,26 +133,16 @@ int SystemdWatcher::matchSignals() {
     if (rc < 0) {
         return rc;
     }
-    sd_bus_call_method(m_bus.get(), manager, managerPath, managerInterface, "Subscribe", nullptr,
-                       nullptr, "");
     return 0;
 }
 
 /// Until the bus is lost or the thread must end.
 void SystemdWatcher::watch() {
-    // The name is in the text of the assertion. NOLINTNEXTLINE(readability-identifier-naming)
-    const int fd_ep = epoll_create1(EPOLL_CLOEXEC);
-    HOX_ASSERT(fd_ep != -1);
-    const auto owner = LinuxCppUtil::ownFileDescriptor(fd_ep);
-    int rc = addTo(fd_ep, sd_bus_get_fd(m_bus.get()));
-    HOX_ASSERT(rc == 0);
-    rc = addTo(fd_ep, m_end.descriptor());
-    HOX_ASSERT(rc == 0);
     checkSystemState();
     while (!m_end.isGiven() && processBus()) {
         std::array<epoll_event, 5> events{};
-        epoll_wait(fd_ep, events.data(), static_cast<int>(events.size()),
-                   m_isDue ? pauseMilliseconds : -1);
+        epoll_wait(LinuxCppUtil::fileDescriptorNumber(m_epoll), events.data(),
+                   static_cast<int>(events.size()), m_isDue ? pauseMilliseconds : -1);
     }
 }
 
@@ -162,11 +162,17 @@ bool SystemdWatcher::processBus() {
 }
 
 void SystemdWatcher::checkSystemState() {
+    // The manager sends its signals only while some client has subscribed, and forgets that when it
+    // is executed anew. It may also be on the bus later than this thread.
+    if (!m_isSubscribed) {
+        m_isSubscribed = sd_bus_call_method(m_bus.get(), manager, managerPath, managerInterface,
+                                            "Subscribe", nullptr, nullptr, "") >= 0;
+    }
     char* state = nullptr;
     const int rc = sd_bus_get_property_string(m_bus.get(), manager, managerPath, managerInterface,
                                               "SystemState", nullptr, &state);
     const std::unique_ptr<char, decltype(&std::free)> owner(state, &std::free);
-    m_isDue = rc == -ETIMEDOUT;
+    m_isDue = rc == -ETIMEDOUT || !m_isSubscribed;
     if (rc >= 0 && state != nullptr) {
         m_receiver(state);
     }

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "end_signal.h"
+#include "hox/linutils/raii_filedescriptors.h"
 
 struct sd_bus;
 
@@ -55,8 +56,10 @@ private:
     const Receiver m_receiver;
     EndSignal m_end;
 
-    Bus m_bus;              // on the thread only
-    bool m_isDue = false;   // the manager has not answered in time. On the thread only
+    Bus m_bus;                                  // on the thread only
+    LinuxCppUtil::OwnedFileDescriptor m_epoll;  // on the thread only
+    bool m_isSubscribed = false;                // on the thread only
+    bool m_isDue = false;                       // the manager has not answered. On the thread only
     std::mutex m_mutex;     // against the closing of the descriptor while it is shut down
     int m_descriptor = -1;  // of the bus. GUARDED_BY(m_mutex)
     std::thread m_thread;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <map>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "host_lookup.h"
@@ -80,9 +81,13 @@ void TrapForwarder::forward(const Api::StateNotification& notification) {
 }
 
 void TrapForwarder::lookUp(const std::string& host) {
-    m_lookup = std::make_unique<HostLookup>(host, [this] { logFailure(notOpened); });
-    m_lookup->waitForFirstAttempt(lookupPatience);
-    takeAddress();
+    try {
+        m_lookup = std::make_unique<HostLookup>(host, [this] { logFailure(notOpened); });
+        m_lookup->waitForFirstAttempt(lookupPatience);
+        takeAddress();
+    } catch (const std::system_error& error) {
+        logFailure(error.what());
+    }
 }
 
 void TrapForwarder::takeAddress() {

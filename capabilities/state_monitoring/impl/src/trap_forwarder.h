@@ -15,7 +15,8 @@ class SnmpManager;
 /// Sends the notifications that an SNMP manager has to know as traps.
 ///
 /// Nothing is sent until there is a configuration. All functions run under the capability's mutex
-/// and never wait for the network.
+/// and do not wait for the network, except configure(), which waits for a host name for at most 200
+/// milliseconds.
 class TrapForwarder {
 public:
     /// Sends nothing.

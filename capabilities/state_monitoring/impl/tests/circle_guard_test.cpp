@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <deque>
 #include <map>
+#include <memory>
+#include <random>
+#include <utility>
+#include <vector>
 
 #include "state_mon_fixture.h"
 
@@ -166,6 +171,154 @@ TEST(CircleGuard, EndsWhereAllObserveAll) {
             EXPECT_GT(copies, 0) << size;
             EXPECT_LT(copies, 300) << size;
         }
+    }
+}
+
+Api::StateNotification timedReport(const std::string& msg) {
+    auto result = report(msg);
+    result.mutable_timestamp()->set_seconds(1);
+    return result;
+}
+
+TEST(CircleGuard, AcceptsAReportWithTimeAsOftenAsBeforeTheRestart) {
+    CircleGuard guard(100);
+    EXPECT_TRUE(guard.accepts(peer, timedReport("a")));
+    EXPECT_TRUE(guard.accepts(peer, timedReport("a")));
+    for (int round = 0; round < 3; ++round) {
+        guard.restart(peer);
+        EXPECT_TRUE(guard.accepts(peer, timedReport("a")));
+        EXPECT_TRUE(guard.accepts(peer, timedReport("a")));
+        EXPECT_FALSE(guard.accepts(peer, timedReport("a")));
+        EXPECT_TRUE(guard.accepts(peer, timedReport("new in round " + std::to_string(round))));
+    }
+}
+
+TEST(CircleGuard, AcceptsEachRepetitionWithoutTimeOnOneOfTwoRoads) {
+    CircleGuard guard(100);
+    EXPECT_TRUE(guard.accepts(otherPeer, report("a")));
+    for (int i = 0; i < 10; ++i) {
+        const bool isAcceptedFirst = guard.accepts(peer, report("a"));
+        const bool isAcceptedLater = guard.accepts(otherPeer, report("a"));
+        EXPECT_TRUE(isAcceptedFirst || isAcceptedLater) << i;
+    }
+}
+
+TEST(CircleGuard, PrefersAnOriginToTheFirstOfTwoRoads) {
+    CircleGuard guard(100);
+    EXPECT_TRUE(guard.accepts(peer, report("a")));
+    guard.count(otherPeer, report("a"));
+    EXPECT_FALSE(guard.accepts(peer, report("a")));
+}
+
+TEST(CircleGuard, LimitsTheRateOfRepetitionsWithoutTime) {
+    CircleGuard::Time now;
+    CircleGuard guard(100'000, [&now] { return now; });
+    const auto acceptedOf = [&](int count) {
+        int accepted = 0;
+        for (int i = 0; i < count; ++i) {
+            accepted += guard.accepts(peer, report("a")) ? 1 : 0;
+        }
+        return accepted;
+    };
+    EXPECT_EQ(acceptedOf(40'000), 30'001);
+    EXPECT_EQ(acceptedOf(1000), 0);
+    EXPECT_TRUE(guard.accepts(peer, report("something else")));
+    EXPECT_TRUE(guard.accepts(otherPeer, report("something else"))) << "each has its own rate";
+    now += std::chrono::seconds(1);
+    EXPECT_EQ(acceptedOf(1000), 100);
+    now += std::chrono::hours(1);
+    EXPECT_EQ(acceptedOf(40'000), 30'000);
+}
+
+/// Monitors with archives, which are restarted while reports are on their way.
+class RestartedMonitors {
+public:
+    RestartedMonitors(Source size, std::uint32_t seed) : m_random(seed), m_monitors(size) {
+        for (Source from = 0; from < size; ++from) {
+            for (Source to = 0; to < size; ++to) {
+                // A ring, and some more.
+                if (to == (from + 1) % size || (to != from && m_random() % 3 == 0)) {
+                    m_links[{from, to}];
+                }
+            }
+        }
+    }
+
+    void create(Source monitor, const Api::StateNotification& report) {
+        m_monitors[monitor].guard->count(CircleGuard::own, report);
+        store(monitor, report);
+    }
+
+    void restartOne() {
+        const auto monitor = static_cast<Source>(m_random() % m_monitors.size());
+        m_monitors[monitor] = Monitor();
+        for (auto& [ends, reports] : m_links) {
+            if (ends.first == monitor) {
+                reports.clear();
+                m_monitors[ends.second].guard->restart(sourceOf(monitor));
+            } else if (ends.second == monitor) {
+                const auto& archive = m_monitors[ends.first].archive;
+                reports.assign(archive.begin(), archive.end());
+            }
+        }
+    }
+
+    /// Passes on that many reports, from any link. False if none is on its way any more.
+    bool passOn(int count) {
+        for (int i = 0; i < count; ++i) {
+            std::vector<decltype(m_links)::iterator> busy;
+            for (auto link = m_links.begin(); link != m_links.end(); ++link) {
+                if (!link->second.empty()) {
+                    busy.push_back(link);
+                }
+            }
+            if (busy.empty()) {
+                return false;
+            }
+            auto& [ends, reports] = *busy[m_random() % busy.size()];
+            const auto report = reports.front();
+            reports.pop_front();
+            if (m_monitors[ends.second].guard->accepts(sourceOf(ends.first), report)) {
+                store(ends.second, report);
+            }
+        }
+        return true;
+    }
+
+private:
+    struct Monitor {
+        std::unique_ptr<CircleGuard> guard = std::make_unique<CircleGuard>(16'000);
+        std::vector<Api::StateNotification> archive;
+    };
+
+    static Source sourceOf(Source monitor) { return monitor + 1; }
+
+    void store(Source monitor, const Api::StateNotification& report) {
+        m_monitors[monitor].archive.push_back(report);
+        for (auto& [ends, reports] : m_links) {
+            if (ends.first == monitor) {
+                reports.push_back(report);
+            }
+        }
+    }
+
+    std::mt19937 m_random;
+    std::vector<Monitor> m_monitors;
+    std::map<std::pair<Source, Source>, std::deque<Api::StateNotification>> m_links;
+};
+
+TEST(CircleGuard, EndsEveryCircleOfReportsWithTimeAfterRestarts) {
+    for (std::uint32_t seed = 0; seed < 100; ++seed) {
+        const Source size = 2 + seed % 3;
+        RestartedMonitors monitors(size, seed);
+        for (Source monitor = 0; monitor < size; ++monitor) {
+            monitors.create(monitor, timedReport(std::to_string(monitor)));
+        }
+        for (int restart = 0; restart < 3; ++restart) {
+            monitors.passOn(restart * 20);
+            monitors.restartOne();
+        }
+        ASSERT_FALSE(monitors.passOn(50'000)) << "seed " << seed;
     }
 }
 

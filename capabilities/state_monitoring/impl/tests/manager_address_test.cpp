@@ -33,7 +33,7 @@ TEST(ManagerAddress, RefusesWhatIsNeither) {
 }
 
 TEST(ManagerAddress, SpellsNumbersForTheLibrary) {
-    EXPECT_EQ(ManagerAddress::peerName("10.0.0.1"), "10.0.0.1");
+    EXPECT_EQ(ManagerAddress::peerName("10.0.0.1"), "udp:10.0.0.1");
     EXPECT_EQ(ManagerAddress::peerName("::1"), "udp6:[::1]");
 }
 

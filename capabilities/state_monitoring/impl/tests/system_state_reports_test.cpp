@@ -1,6 +1,7 @@
 #include "system_state_reports.h"
 
 #include <gmock/gmock.h>
+#include <google/protobuf/util/time_util.h>
 
 #include <chrono>
 
@@ -66,7 +67,11 @@ TEST_F(SystemStateReportsTest, NameThisServiceAndTheTime) {
     EXPECT_EQ(notification->type(), "system.systemd-degraded");
     EXPECT_EQ(notification->source(), "system/systemd");
     EXPECT_EQ(notification->extendedinfo(), "");
-    EXPECT_GE(notification->timestamp().seconds(), std::chrono::system_clock::to_time_t(before));
+    using google::protobuf::util::TimeUtil;
+    const auto time =
+        std::chrono::nanoseconds(TimeUtil::TimestampToNanoseconds(notification->timestamp()));
+    EXPECT_GE(time, before.time_since_epoch());
+    EXPECT_LE(time, std::chrono::system_clock::now().time_since_epoch());
 }
 
 }  // namespace
