@@ -76,15 +76,17 @@ class Elements:
 class FalsePeer:
     """A server with observeStateNotifications only.
 
-    Each observer gets the elements of talk(call), messages or their bytes; call is the gRPC context
-    of the call with the number of the observation, from 0 on, as `number`, and with wait(), which
-    returns when the call or the server ends. The stream ends after the last element.
+    Each observer of its archive gets the elements of talk(call), messages or their bytes; call is
+    the gRPC context of the call with the number of the observation, from 0 on, as `number`, and
+    with wait(), which returns when the call or the server ends. The stream ends after the last
+    element. status: the same for observers of its connections; by default nothing.
     """
 
-    def __init__(self, talk, port=None):
+    def __init__(self, talk, port=None, status=None):
         self.port = port or free_port()
         self.observations = 0
         self._talk = talk
+        self._status = status or self._silence
         self._server = None
         self._is_closing = threading.Event()
         self.open()
@@ -109,10 +111,18 @@ class FalsePeer:
     def _to_bytes(element):
         return element if isinstance(element, bytes) else element.SerializeToString()
 
-    def _observe(self, _, context):
+    @staticmethod
+    def _silence(call):
+        call.wait()
+        yield from ()
+
+    def _observe(self, request, context):
+        context.wait = lambda: self._wait(context)
+        if b"/status" in request:
+            yield from self._status(context)
+            return
         context.number = self.observations
         self.observations += 1
-        context.wait = lambda: self._wait(context)
         yield from self._talk(context)
 
     def _wait(self, context):
@@ -127,12 +137,13 @@ class FalsePeer:
 
 
 class ClosingPeer:
-    """A server that accepts connections and closes each as soon as it is connected, or as soon as
-    a call arrives."""
+    """A server that accepts connections and closes each as soon as a call arrives, or as soon as
+    gRPC takes it for connected. limit: how many it accepts before it refuses them."""
 
-    def __init__(self, after_call=True):
+    def __init__(self, after_call=True, limit=None):
         self.connections = 0
         self._after_call = after_call
+        self._limit = limit
         self._listener = socket.create_server(("127.0.0.1", free_port()))
         self.port = self._listener.getsockname()[1]
         self._thread = threading.Thread(target=self._serve, daemon=True)
@@ -148,6 +159,9 @@ class ClosingPeer:
                 connection.settimeout(20)
                 self._greet(connection)
             self.connections += 1
+            if self.connections == self._limit:
+                self._listener.close()
+                return
 
     def _greet(self, connection):
         connection.sendall(struct.pack(">IBI", _SETTINGS, 0, 0))
@@ -159,8 +173,8 @@ class ClosingPeer:
             kind, _ = _read_frame(connection)
 
     def close(self):
-        # accept() does not notice close() alone.
-        self._listener.shutdown(socket.SHUT_RDWR)
+        with contextlib.suppress(OSError):  # closed after the last connection
+            self._listener.shutdown(socket.SHUT_RDWR)  # accept() does not notice close() alone
         self._listener.close()
         self._thread.join(25)
 

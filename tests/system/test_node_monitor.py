@@ -59,6 +59,20 @@ def test_a_service_that_starts_on_a_running_machine_says_so(node):
     wait_until(lambda: reports(node) == [report("OK", "Internal system status OK.")], 20)
 
 
+@pytest.mark.parametrize("command", [["restart", "dbus"], ["daemon-reexec"]],
+                         ids=["bus", "systemd"])
+def test_a_watch_survives_what_it_watches(node, command):
+    node.continue_boot()
+    wait_until(lambda: node.state() == "running", 20, "the boot")
+    wait_for(node, "OK")
+    node.run("systemctl", *command)
+    wait_until(lambda: node.state() == "running", 20, "systemd")
+    node.fail()
+    wait_for(node, "ERROR")
+    node.mend()
+    wait_for(node, "OK")
+
+
 def test_the_service_ends_while_it_watches(node):
     node.continue_boot()
     wait_until(lambda: node.state() == "running", 20, "the boot")

@@ -164,7 +164,7 @@ def test_a_message_that_no_datagram_can_hold_is_left_out(monitor, trap_socket):
     assert_next_trap(client, trap_socket, "the next one")
     assert len(client.notifications()[1].stateNotification.msg) == 100_000
     expected = [f"Failed to send the trap HALVO-QHED-MIB::qhedOutputOverloadError to "
-                f"127.0.0.1:{trap_socket.port}: Too long"]
+                f"udp:127.0.0.1:{trap_socket.port}: Too long"]
     wait_until(lambda: failures(monitor) == expected, what="one error line")
 
 
@@ -189,7 +189,7 @@ def test_a_network_that_takes_no_trap_costs_one_line_per_trap(monitor, trap_sock
         report(client, str(number))
     assert [entry.stateNotification.msg for entry in client.notifications()] == ["2", "1", "0"]
     expected = ["Failed to send the trap HALVO-QHED-MIB::qhedOutputOverloadError to "
-                f"203.0.113.1:162: Failure in sendto ({reason})"]
+                f"udp:203.0.113.1:162: Failure in sendto ({reason})"]
     wait_until(lambda: failures(monitor) == expected * 3, what="three error lines")
     set_manager(client, trap_port=trap_socket.port)
     assert_next_trap(client, trap_socket, "there")
