@@ -52,9 +52,9 @@ def run_traps(nodes, client, receiver):
 
 def run(folder, protos):
     nodes = HeadEnd(folder / "nodes", protos, 2)
-    receiver = TrapReceiver(folder / "receiver")
-    monitor = None
+    receiver = monitor = None
     try:
+        receiver = TrapReceiver(folder / "receiver")
         receiver.start()
         monitor = Service(protos, folder / "monitor", *nodes.options, service_id="system-monitor")
         monitor.wait_ready()
@@ -65,5 +65,6 @@ def run(folder, protos):
     finally:
         if monitor is not None:
             monitor.close()
-        receiver.close()
+        if receiver is not None:
+            receiver.close()
         nodes.close()

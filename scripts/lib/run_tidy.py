@@ -2,8 +2,8 @@
 
 usage: run_tidy.py <build folder with compile_commands.json> [path prefix...]
 
-Without a prefix, of the tests only every third one is checked, each time another third: the number
-of commits decides. HALVO_ALL_TIDY=1 checks them all.
+Without a prefix, only every second source and every sixth test is checked, each time others: the
+number of commits decides. HALVO_ALL_TIDY=1 checks them all.
 """
 import concurrent.futures
 import json
@@ -22,8 +22,9 @@ TEST_CHECKS = ("-*,bugprone-use-after-move,misc-unused-using-decls,modernize-loo
                "performance-for-range-copy,readability-function-size,readability-identifier-naming")
 
 
-#: The part of the tests that one run checks.
-SAMPLE = 3
+#: Of how many sources and of how many tests one run checks one.
+SOURCE_SAMPLE = 2
+TEST_SAMPLE = 6
 
 
 def is_test(path):
@@ -31,12 +32,13 @@ def is_test(path):
 
 
 def sampled(paths):
-    """All but the tests that are not this commit's turn."""
-    count = subprocess.run(["git", "rev-list", "--count", "HEAD"], cwd=ROOT, check=True,
-                           stdout=subprocess.PIPE, text=True).stdout
+    """Those whose turn it is at this commit."""
+    count = int(subprocess.run(["git", "rev-list", "--count", "HEAD"], cwd=ROOT, check=True,
+                               stdout=subprocess.PIPE, text=True).stdout)
     tests = sorted(path for path in paths if is_test(path))
-    chosen = set(tests[int(count) % SAMPLE::SAMPLE])
-    return [path for path in paths if not is_test(path) or path in chosen]
+    others = sorted(path for path in paths if not is_test(path))
+    chosen = {*tests[count % TEST_SAMPLE::TEST_SAMPLE], *others[count % SOURCE_SAMPLE::SOURCE_SAMPLE]}
+    return [path for path in paths if path in chosen]
 
 
 def own_sources(build, prefixes):

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "common/require.h"
@@ -40,6 +41,7 @@ Figures Cases::run(const std::string& name) {
     const std::map<std::string, Figures (Cases::*)()> cases{
         {"fill", &Cases::fill},
         {"create", &Cases::create},
+        {"create-paced", &Cases::createPaced},
         {"current-state", &Cases::currentState},
         {"notifications", &Cases::notifications},
         {"delay", &Cases::delay},
@@ -56,11 +58,14 @@ Figures Cases::run(const std::string& name) {
 }
 
 std::shared_ptr<grpc::Channel> Cases::connect() const {
+    return connectTo(m_options.target);
+}
+
+std::shared_ptr<grpc::Channel> Cases::connectTo(const std::string& target) {
     grpc::ChannelArguments arguments;
     arguments.SetMaxReceiveMessageSize(-1);
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    auto channel =
-        grpc::CreateCustomChannel(m_options.target, grpc::InsecureChannelCredentials(), arguments);
+    auto channel = grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), arguments);
     require(channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(20)),
             "No connection to the server");
     return channel;
@@ -70,7 +75,11 @@ std::vector<grpc::ByteBuffer> Cases::createRequests() const {
     std::vector<grpc::ByteBuffer> requests;
     requests.reserve(static_cast<std::size_t>(m_options.origins));
     for (int i = 0; i < m_options.origins; ++i) {
-        requests.push_back(createRequest(sampleNotification(i)));
+        auto notification = sampleNotification(i);
+        if (!m_options.type.empty()) {
+            notification.set_type(m_options.type);
+        }
+        requests.push_back(createRequest(notification));
     }
     return requests;
 }
@@ -120,6 +129,22 @@ Figures Cases::create() {
     return figures;
 }
 
+/// A number of calls per second, each as soon as it is due.
+Figures Cases::createPaced() {
+    UnaryLoad load(m_loop, connect(), methodName("createStateNotification"), createRequests());
+    load.callOnce();
+    const auto pause = std::chrono::nanoseconds(std::chrono::seconds(1)) / m_options.rate;
+    auto due = Clock::now();
+    const auto end = due + m_options.time;
+    const auto before = load.answered();
+    const Stopwatch stopwatch(m_meter);
+    for (; due < end; due += pause) {
+        std::this_thread::sleep_until(due);
+        load.callOnce();
+    }
+    return stopwatch.per(load.answered() - before, "per_second");
+}
+
 Figures Cases::currentState() {
     UnaryLoad probe(m_loop, connect(), methodName("getCurrentState"),
                     {toBytes(Api::GetCurrentStateReq())});
@@ -148,7 +173,8 @@ Figures Cases::delay() {
     });
     observers.open(
         std::vector<grpc::ByteBuffer>(m_options.observers, observeRequest(watchAllPattern)));
-    UnaryLoad writer(m_loop, connect(), methodName("createStateNotification"), createRequests());
+    UnaryLoad writer(m_loop, m_options.writer.empty() ? connect() : connectTo(m_options.writer),
+                     methodName("createStateNotification"), createRequests());
 
     const auto writeOne = [this, &start, &observers, &writer] {
         const auto expected = observers.arrivals() + m_options.observers;

@@ -17,6 +17,9 @@ namespace Hox::Benchmarks {
 /// The options of the cases, from the command line.
 struct CaseOptions {
     std::string target;                   ///< address of the server
+    std::string writer;                   ///< address for the writer, if it is another one
+    std::string type;                     ///< type of the reports, if it is another one
+    int rate = 1000;                      ///< paced calls per second
     int process = 0;                      ///< the server's process id
     std::size_t outstanding = 1;          ///< number of concurrent calls
     std::size_t observers = 0;            ///< number of streams
@@ -39,6 +42,7 @@ public:
 private:
     Figures fill();
     Figures create();
+    Figures createPaced();
     Figures currentState();
     Figures notifications();
     Figures delay();
@@ -50,6 +54,7 @@ private:
     Figures createDelay();
 
     std::shared_ptr<grpc::Channel> connect() const;
+    static std::shared_ptr<grpc::Channel> connectTo(const std::string& target);
     std::vector<grpc::ByteBuffer> createRequests() const;
     std::vector<grpc::ByteBuffer> markerRequests(std::size_t first, std::size_t count) const;
     Figures measureUnary(const char* method, std::vector<grpc::ByteBuffer> requests);

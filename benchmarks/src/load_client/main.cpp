@@ -15,15 +15,19 @@ using Hox::Benchmarks::CaseOptions;
 constexpr auto usage =
     "Usage: halvo-load-client <case> --target <address> --process <id> [--outstanding <n>]\n"
     "           [--observers <n>] [--origins <n>] [--markers <n>] [--settings <n>]\n"
-    "           [--saving <0|1>] [--time <milliseconds>]\n"
-    "Cases: fill create current-state notifications delay deliveries snapshot memory\n"
-    "       update-configuration configuration-snapshot create-delay\n"
+    "           [--saving <0|1>] [--time <milliseconds>] [--writer <address>]\n"
+    "           [--type <type of the reports>] [--rate <calls per second>]\n"
+    "Cases: fill create create-paced current-state notifications delay deliveries snapshot\n"
+    "       memory update-configuration configuration-snapshot create-delay\n"
     "Prints the figures as one line of JSON.\n";
 
 CaseOptions parseOptions(int argc, char** argv) {
     CaseOptions options;
     const std::map<std::string, std::function<void(const std::string&)>> setters{
         {"--target", [&](const auto& value) { options.target = value; }},
+        {"--writer", [&](const auto& value) { options.writer = value; }},
+        {"--type", [&](const auto& value) { options.type = value; }},
+        {"--rate", [&](const auto& value) { options.rate = std::stoi(value); }},
         {"--process", [&](const auto& value) { options.process = std::stoi(value); }},
         {"--outstanding", [&](const auto& value) { options.outstanding = std::stoul(value); }},
         {"--observers", [&](const auto& value) { options.observers = std::stoul(value); }},
