@@ -95,7 +95,7 @@ class Browser:
         (-)."""
         wait_until(lambda: any((found, instance.name) == (sign, name)
                                for found, instance in map(_parsed, self._lines)),
-                   seconds, f"'{sign}' of {name} among {list(self._lines)}")
+                   seconds, lambda: f"'{sign}' of {name} among {list(self._lines)}")
 
     def __enter__(self):
         return self

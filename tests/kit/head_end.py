@@ -1,4 +1,4 @@
-"""A small head-end: nodes on machines of their own, and a system monitor that observes them."""
+"""A small head-end: nodes on separate machines and a system monitor that observes them."""
 import contextlib
 import pathlib
 
@@ -32,6 +32,10 @@ class HeadEnd:
         for node in self.nodes:
             node.wait_until_active()
             node.continue_boot()
+
+    def failed_units(self):
+        """What the manager of each node says of its units that have failed."""
+        return "\n".join(node.run("systemctl", "list-units", "--failed") for node in self.nodes)
 
     def close(self):
         self._end.close()

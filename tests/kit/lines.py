@@ -26,12 +26,12 @@ class Lines:
     def wait_for(self, *wanted, times=1, seconds=20):
         """Waits until each of these lines has come, as often as that."""
         wait_until(lambda: all(self.count(line) >= times for line in wanted), seconds,
-                   f"{wanted} x {times} among {self._lines}")
+                   lambda: f"{wanted} x {times} among {self._lines}")
 
     def wait_for_match(self, pattern, seconds=20):
         """Waits for a line that matches a compiled pattern anywhere; returns the match."""
         return wait_until(lambda: next(filter(None, map(pattern.search, self)), None), seconds,
-                          f"{pattern.pattern} among {self._lines}")
+                          lambda: f"{pattern.pattern} among {self._lines}")
 
     def close(self):
         """After the end of the process."""

@@ -1,14 +1,32 @@
-"""A machine of its own: the real systemd as the first process, in namespaces."""
+"""A separate machine: the real systemd as the first process, in namespaces."""
 import itertools
 import os
 import pathlib
 import subprocess
+import uuid
 
 from kit.wait import wait_until
 
+#: $1: the name of a control group, and where the groups are seen from here. The manager of another
+#: machine would take it and everything below it for its own.
+_IN_CONTROL_GROUPS = """
+mount --make-rprivate /
+mount -t cgroup2 cgroup2 /mnt
+group=/mnt/$1
+"""
+_IN_OWN_GROUP = _IN_CONTROL_GROUPS + """
+mkdir "$group"
+echo 0 > "$group/cgroup.procs"
+umount /mnt
+shift
+exec unshare --cgroup "$@"
+"""
+_REMOVE_GROUP = _IN_CONTROL_GROUPS + """
+test ! -d "$group" || find "$group" -depth -type d -exec rmdir {} +
+"""
+
 #: $1: a folder that both sides see, $2: a folder of programs that it sees.
 _BOOT = r"""
-mount --make-rprivate /
 work=$1/work
 mkdir -p "$work"
 mount -t tmpfs tmpfs "$work"
@@ -70,7 +88,7 @@ _numbers = itertools.count(1)
 class Machine:
     """Boots with the units that it is given; ended by the kernel with its first process.
 
-    It is connected to the network of the caller by a cable of its own. The folder is seen at the
+    It is connected to the network of the caller by a separate cable. The folder is seen at the
     same path on both sides, and so is the folder of the programs."""
 
     def __init__(self, folder, programs, units, wanted):
@@ -86,10 +104,12 @@ class Machine:
         for name in wanted:
             (self.folder / "wanted").mkdir(exist_ok=True)
             (self.folder / "wanted" / name).touch()
+        self._group = f"machine-{uuid.uuid4()}"
         self._output = open(self.folder / "boot", "wb")
         self._process = subprocess.Popen(
-            ["unshare", "--mount", "--pid", "--uts", "--ipc", "--net", "--cgroup", "--fork",
-             "--kill-child", "sh", "-ec", _BOOT, "sh", str(self.folder), str(programs)],
+            ["unshare", "--mount", "--pid", "--uts", "--ipc", "--net", "--fork", "--kill-child",
+             "sh", "-ec", _IN_OWN_GROUP, "sh", self._group,
+             "sh", "-ec", _BOOT, "sh", str(self.folder), str(programs)],
             stdin=subprocess.DEVNULL, stdout=self._output, stderr=subprocess.STDOUT)
         try:
             self._connect()
@@ -106,7 +126,7 @@ class Machine:
         return numbers[0] if numbers else None
 
     def _connect(self):
-        """Lays the cable as soon as the machine has a network of its own."""
+        """Connects the machine as soon as it has its own network."""
         own_network = os.readlink("/proc/self/ns/net")
         pid = str(self._process.pid)
         wait_until(lambda: os.readlink(f"/proc/{pid}/ns/net") != own_network, what="a network")
@@ -120,10 +140,6 @@ class Machine:
                 [*inside, "ip", "link", "set", "eth0", "up"],
                 [*inside, "ip", "link", "set", "lo", "up"]):
             subprocess.run(command, check=True)
-
-    def unplug(self):
-        """Nothing arrives any more, in either direction, and nobody is told."""
-        subprocess.run(["ip", "link", "set", f"node{self._number}", "down"], check=True)
 
     def _has_bus(self):
         first = self._first_process
@@ -141,3 +157,9 @@ class Machine:
         self._process.kill()
         self._process.wait()
         self._output.close()
+        # The last processes leave the group some moments after the first one.
+        wait_until(self._remove_group, what="the end of all processes")
+
+    def _remove_group(self):
+        return subprocess.run(["unshare", "--mount", "sh", "-ec", _REMOVE_GROUP, "sh", self._group],
+                              stderr=subprocess.DEVNULL).returncode == 0

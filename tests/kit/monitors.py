@@ -42,7 +42,7 @@ def states(client):
 
 def wait_for_states(client, *expected, seconds=20):
     wait_until(lambda: states(client) == list(expected), seconds,
-               f"{expected} instead of {states(client)}")
+               lambda: f"{expected} instead of {states(client)}")
 
 
 def wait_until_connected(client, *peers, seconds=20):
@@ -51,7 +51,7 @@ def wait_until_connected(client, *peers, seconds=20):
         found = dict(connections(client))
         return all(found[address] == "CONNECTED" for address in [*map(url, peers)] or found)
 
-    wait_until(connected, seconds, f"connections {connections(client)}")
+    wait_until(connected, seconds, lambda: f"connections {connections(client)}")
 
 
 def archive(client):

@@ -1,5 +1,5 @@
-"""A head-end of three nodes, each with the real systemd on a machine and a network of its own, and a
-system monitor that observes them and sends traps."""
+"""A head-end of three nodes, each with the real systemd on a separate machine and network, and a system
+monitor that observes them and sends traps."""
 import time
 
 import pytest
@@ -37,7 +37,7 @@ def assert_soon(condition, what):
 
 
 def states_of_nodes(client):
-    """The last text that each node has told of its machine."""
+    """The last text that each node has reported of its machine."""
     return {report.service_id: report.msg for report in reports(client)
             if report.type == "system.systemd-degraded"}
 
@@ -49,7 +49,8 @@ def test_what_happens_on_a_node_shows_in_the_system_monitor_soon(start, head_end
     assert reports(client) == []
     head_end.continue_boot()
     names = ["node-1", "node-2", "node-3"]
-    wait_until(lambda: states_of_nodes(client) == dict.fromkeys(names, "System booted."), 20)
+    wait_until(lambda: states_of_nodes(client) == dict.fromkeys(names, "System booted."), 20,
+               lambda: f"the boot of all among {states_of_nodes(client)}\n{head_end.failed_units()}")
     assert client.current_state() == "OK"
 
     second = head_end.nodes[1]

@@ -38,7 +38,7 @@ class Load:
         for stream in self.streams:
             stream.next()
         wait_until(lambda: self.failures or min(self.calls) >= 10, 30,
-                   f"ten calls of each writer, {self.calls}")
+                   lambda: f"ten calls of each writer, {self.calls}")
         assert not self.failures
 
     def expect_the_end(self):

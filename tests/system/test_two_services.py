@@ -52,7 +52,7 @@ def sources(client):
 
 
 def wait_for_source(client, source):
-    wait_until(lambda: source in sources(client), 20, f"{source} among {sources(client)}")
+    wait_until(lambda: source in sources(client), 20, lambda: f"{source} among {sources(client)}")
 
 
 def test_each_hears_what_the_other_one_is_told(start, relay):
