@@ -106,11 +106,11 @@ void checkLoadable(const ChangeSetType& content) {
 
 SavedCopy::SavedCopy(fs::path folder)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
-      m_folder(std::move(folder)),
-      m_lock(lock(fs::absolute(m_folder).parent_path())) {}
+      m_confPath(std::move(folder)),
+      m_lock(lock(fs::absolute(m_confPath).parent_path())) {}
 
 std::unique_ptr<ScratchFolder> SavedCopy::makeScratch() const {
-    return std::make_unique<ScratchFolder>(m_folder.string() + ".temp", m_logger);
+    return std::make_unique<ScratchFolder>(m_confPath.string() + ".temp", m_logger);
 }
 
 Status SavedCopy::unpack(const std::string& package, const ScratchFolder& scratch) const {
@@ -131,7 +131,7 @@ Status SavedCopy::unpack(const std::string& package, const ScratchFolder& scratc
 
 /// Finds all errors that would occur only after the package is in force, when it is too late.
 Status SavedCopy::examine(const ScratchFolder& scratch, ChangeSetType& content) const {
-    if (!isForThisMachine(scratch.path())) {
+    if (!confIsCompatible(scratch.path())) {
         return {ProtoStatus::INVALID_ARGUMENT,
                 "The configuration file is not compatible with this system"};
     }
@@ -142,7 +142,7 @@ Status SavedCopy::examine(const ScratchFolder& scratch, ChangeSetType& content) 
     return {};
 }
 
-bool SavedCopy::isForThisMachine(const fs::path& dir) const {
+bool SavedCopy::confIsCompatible(const fs::path& dir) const {
     const SystemIdentity system = readSystemIdentity();
     const SystemIdentity package = readPackageIdentity(dir);
     if (fs::exists(fs::status(overrideMarker)) || system == package) {
@@ -157,13 +157,13 @@ bool SavedCopy::isForThisMachine(const fs::path& dir) const {
 void SavedCopy::putInForce(std::unique_ptr<ScratchFolder> scratch) const {
     // Otherwise all files of the new copy could be empty after a loss of power.
     scratch->flush();
-    exchangeDirectories(scratch->path(), m_folder);
+    exchangeDirectories(scratch->path(), m_confPath);
     scratch.reset();
     ::sync();
 }
 
 ChangeSetType SavedCopy::read() const {
-    ChangeSetType content = m_files.readNodeData(m_folder);
+    ChangeSetType content = m_files.readNodeData(m_confPath);
     mend(content);
     return content;
 }
@@ -185,9 +185,9 @@ void SavedCopy::mend(ChangeSetType& content) const {
 }
 
 std::string SavedCopy::pack() const {
-    writePackageIdentity(readSystemIdentity(), m_folder);
+    writePackageIdentity(readSystemIdentity(), m_confPath);
     const auto [bytes, size] = Hox::Archive::packToBuffer(Hox::Archive::ArchiveFormat::TarGz,
-                                                          m_folder, maxPackageSize, true, false);
+                                                          m_confPath, maxPackageSize, true, false);
     const std::unique_ptr<std::uint8_t[]> owned(bytes);
     return {reinterpret_cast<const char*>(bytes), size};
 }

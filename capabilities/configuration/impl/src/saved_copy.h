@@ -30,7 +30,7 @@ public:
     explicit SavedCopy(std::filesystem::path folder);
 
     /// The path of the saved copy.
-    const std::filesystem::path& folder() const { return m_folder; }
+    const std::filesystem::path& folder() const { return m_confPath; }
 
     /// An empty folder beside the saved copy, for the next saved copy.
     std::unique_ptr<ScratchFolder> makeScratch() const;
@@ -65,13 +65,13 @@ public:
     std::string pack() const;
 
 private:
-    bool isForThisMachine(const std::filesystem::path& dir) const;
+    bool confIsCompatible(const std::filesystem::path& dir) const;
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
     std::shared_ptr<spdlog::logger> m_logger;
-    std::filesystem::path m_folder;
+    std::filesystem::path m_confPath;
     Hox::LinuxCppUtil::OwnedFileDescriptor m_lock;
     mutable Hox::ObserverTree::NodeDataFileHndlr m_files;
 };
