@@ -34,7 +34,7 @@ CircleGuard::Hash CircleGuard::hashOf(const Api::StateNotification& notification
 bool CircleGuard::isAccepted(Source source, bool hasTime, const std::vector<Count>& counts) {
     auto& state = m_sources[source];
     std::uint32_t sent = 0;
-    std::uint32_t sentBefore = 0;  // in a former round
+    std::uint32_t sentBefore = 0;  // before a restart
     std::uint32_t most = 0;        // of another source
     for (const auto& count : counts) {
         if (count.source != source) {
@@ -55,7 +55,7 @@ bool CircleGuard::isAccepted(Source source, bool hasTime, const std::vector<Coun
     return isFirst(source, counts) && mayRepeat(state);
 }
 
-/// Whether the others may have got it by way of this source.
+/// Whether all other sources may have received it from this one.
 bool CircleGuard::isFirst(Source source, const std::vector<Count>& counts) {
     return counts.front().source == source &&
            std::none_of(counts.begin(), counts.end(), [&](const Count& count) {

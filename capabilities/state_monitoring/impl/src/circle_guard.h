@@ -13,16 +13,16 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// Ends the journey of notifications that come back to where they have been, because monitors
-/// observe each other in a circle. Asked for the notifications of peers that observe others.
+/// Stops notifications that would travel without end between monitors that observe each other in a
+/// circle. Only used for the notifications of peers that observe others.
 ///
-/// Counts equal notifications, time stamp included, by the source from which they arrive. One that
-/// another source has sent, too, is accepted from a source as long as it has sent fewer of them
-/// than the other one: in a circle each monitor accepts one more copy, then no further one. One
-/// that only one source sends is accepted, but
+/// Counts equal notifications, including the time stamp, per source. If another source has also
+/// sent a notification, it is accepted from this source only while this source has sent fewer of
+/// them: each monitor of a circle accepts one more copy, then no more. If only one source sends it,
+/// it is accepted with these limits:
 /// - with a time stamp, not more often than before the last restart of the source;
-/// - without one, repetitions up to a rate that only a circle reaches. They can be news: of sources
-///   that repeat each other, that which was the first may go on.
+/// - without a time stamp, where a repetition can be news, up to a rate that only a circle exceeds.
+///   Of several sources that repeat it, the first one may continue.
 /// Not thread-safe.
 class CircleGuard {
 public:
@@ -42,16 +42,16 @@ public:
     /// Whether the notification is to be stored; counts it if so.
     bool accepts(Source source, const Api::StateNotification& notification);
 
-    /// The source starts anew, and may send all that it has sent before once more.
+    /// The source starts again: it may send everything that it has sent before once more.
     void restart(Source source);
 
 private:
-    /// How many equal notifications a source has sent, in one of its rounds.
+    /// How many equal notifications a source has sent between two restarts.
     struct Count {
         Source source = own;
         std::uint32_t round = 0;
         std::uint32_t number = 0;
-        bool isOrigin = false;  // counted without being asked for: not of a circle
+        bool isOrigin = false;  // counted by count(): cannot be part of a circle
     };
     using Hash = std::uint64_t;
     struct Entry {
@@ -61,7 +61,7 @@ private:
     };
     struct SourceState {
         std::uint32_t round = 0;
-        double repetitions = repetitionsAtOnce;  // that may follow at once
+        double repetitions = repetitionsAtOnce;  // that are accepted now
         Time updatedAt;
     };
 

@@ -4,7 +4,7 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// Tells a thread that it must end, also one that waits for a descriptor. Callable from any thread.
+/// Signals a thread to end, even while it waits for a descriptor. Callable from any thread.
 class EndSignal {
 public:
     /// Throws std::system_error if there is no descriptor left.

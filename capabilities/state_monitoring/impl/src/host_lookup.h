@@ -12,11 +12,11 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// Looks the address of a host up, on a thread of its own, again and again until it is known.
+/// Looks up the address of a host on a separate thread and repeats that until the address is known.
 ///
-/// The look-up itself runs in another process, "getent ahosts", which can be ended at any moment: a
-/// resolver without a name server takes half a minute, and no call of the C library can be given
-/// up before.
+/// The look-up itself runs in another process, "getent ahosts", which can be killed at any time:
+/// without a name server the resolver takes half a minute, and a call of the C library cannot be
+/// cancelled.
 class HostLookup {
 public:
     /// Starts the thread, which calls onFailure after the first attempt if that has failed. Throws

@@ -36,6 +36,9 @@ constexpr std::chrono::milliseconds endInterval{200};
 /// A connection that lasts longer is of use, even if the peer has nothing to send.
 constexpr std::chrono::seconds usefulDuration{1};
 
+/// A text that contains data of a peer is cut in the log, to this number of bytes.
+constexpr std::size_t longestText = 2000;
+
 /// How many archives of notifications are known again when they come back.
 constexpr std::size_t archivesInMind = 16;
 
@@ -186,7 +189,7 @@ void MonitorConnections::startThread(const std::string& url, ObserverTree& tree)
         const std::lock_guard<std::mutex> startLock(m_startMutex);
         connection.turn = ++m_lastTurn;
     }
-    // The former thread may be the caller of this function: the new one waits for its end.
+    // The previous thread may be the caller of this function: the new one waits for its end.
     connection.thread =
         std::make_unique<std::thread>([this, turn = connection.turn, proxy = connection.proxy,
                                        &tree, url, former = std::move(connection.thread)] {
@@ -235,7 +238,7 @@ std::unique_ptr<ChannelWatch> MonitorConnections::handleStateMonitorConnection(
         if (!proxy->inProcess()) {
             watch = std::make_unique<ChannelWatch>(proxy->channel());
         }
-        // Once more: the wait for the mutex may have been long.
+        // Checked again: the wait for the mutex may have been long.
         if (proxy->waitForConnected(std::chrono::system_clock::now())) {
             observeKeys(tree, "/", "/status",
                         [&](const ChangeSetType& changes, const Status& /*status*/) {
@@ -254,8 +257,8 @@ bool MonitorConnections::waitForPeer(const ProxyTree& proxy) const {
     return !m_isEnding;
 }
 
-/// A stream does not always report the loss of its connection: it may have ended before, or have
-/// been started too late to get a connection.
+/// A stream does not always report the loss of its connection: it may already have ended, or may
+/// have been started too late to get a connection.
 void MonitorConnections::watchConnection(std::uint64_t turn, ChannelWatch& watch,
                                          ObserverTree& tree, const std::string& url) {
     while (isCurrent(turn, url)) {
@@ -337,7 +340,7 @@ void MonitorConnections::onPeerStatus(const ChangeSetType& changes, const std::s
         const std::lock_guard<std::mutex> lock(m_connectionsMutex);
         m_connections[url].hasPeers = !status.statemonitorconnectionstatus().empty();
     } catch (const Hox::Error& error) {
-        logOnce(url, Fault::UnreadableReport, error.what());
+        logOnce(url, Fault::UnreadableStatus, error.what());
     }
 }
 
@@ -383,22 +386,24 @@ void MonitorConnections::lose(ObserverTree& tree, const std::string& url) {
     });
 }
 
-/// A removal is not passed on: this monitor has an archive of its own.
+/// A removal is ignored: this monitor limits its own archive.
 void MonitorConnections::forward(const std::vector<ChangeSetMapVal>& changes, ObserverTree& tree,
                                  const std::string& url) {
     if (changes.empty()) {
-        logOnce(url, Fault::UnreadableReport, "without a value");
+        logOnce(url, Fault::NoValue, "without a value");
         return;
     }
     if (!changes.front().current) {
         return;
     }
+    m_isForwarding = true;
     try {
         create(changes.front().current->get<Api::StoredNotification>().statenotification(), tree,
                url);
     } catch (const Hox::Error& error) {
         logOnce(url, Fault::UnreadableReport, error.what());
     }
+    m_isForwarding = false;
 }
 
 void MonitorConnections::create(const Api::StateNotification& notification, ObserverTree& tree,
@@ -409,11 +414,9 @@ void MonitorConnections::create(const Api::StateNotification& notification, Obse
     }
     Api::CreateStateNotificationReq request;
     *request.mutable_statenotification() = notification;
-    m_isForwarding = true;
     const auto result =
         tree.callApiOp<UnaryOps::CREATE, Api::CreateStateNotificationReq,
                        Api::CreateStateNotificationResp>("/state/notifications", request);
-    m_isForwarding = false;
     if (!result.status.isOk()) {
         logOnce(url, Fault::RefusedReport, result.status.errorMessage());
     }
@@ -427,7 +430,7 @@ void MonitorConnections::onDisconnected(const ChangeSetType& changes, ObserverTr
     Hox::ObserverTree::callTypedObserver<Api::StateMonitorStatus>(
         changes, [&](Api::StateMonitorStatus status, const auto& /*previous*/) {
             auto* entry = entryOf(url, status);
-            // A peer may say so several times: its thread is at work already then.
+            // A peer may report its loss several times; the thread has already been started then.
             if (entry == nullptr || entry->connectstatus() != ConnectionStatus::CONNECTED) {
                 return;
             }
@@ -441,7 +444,7 @@ void MonitorConnections::onDisconnected(const ChangeSetType& changes, ObserverTr
     isDone = true;
 }
 
-/// Of a peer that is lost again and again before it has sent anything, only the first loss is.
+/// If a peer is lost repeatedly before it has sent anything, only the first loss is news.
 bool MonitorConnections::isLossNews(const std::string& url) {
     const std::lock_guard<std::mutex> lock(m_connectionsMutex);
     auto& connection = m_connections[url];
@@ -453,7 +456,7 @@ bool MonitorConnections::isLossNews(const std::string& url) {
 void MonitorConnections::logOnce(const std::string& url, Fault fault, const std::string& text) {
     if (m_logged.emplace(url, fault).second) {
         m_logger->log(Hox::Log::here(), spdlog::level::err, "Service {} has sent a report {}", url,
-                      text);
+                      text.substr(0, longestText));
     }
 }
 

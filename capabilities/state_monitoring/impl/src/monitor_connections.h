@@ -28,11 +28,11 @@ namespace Hox::Capability::StateMonitoring {
 /// The connections of a system monitor to other state monitors, whose notifications it creates in
 /// its own tree as they arrive.
 ///
-/// The state of each connection is data of the tree, and its changes drive the connections: an
-/// address that is not connected gets a thread, which waits for the peer and then watches the
-/// connection. The peers are connected to one after the other, in the order in which they have lost
-/// their connection. Lock order: the
-/// capability's mutex, the locks of the tree, m_connectionsMutex, m_startMutex.
+/// The state of each connection is data of the tree, and changes of that data drive the
+/// connections: each address that is not connected gets a thread, which waits for the peer and then
+/// watches the connection. Peers are connected one at a time, in the order in which their
+/// connections were lost. Lock order: the capability's mutex, the locks of the tree,
+/// m_connectionsMutex, m_startMutex.
 class MonitorConnections {
 public:
     using ProxyTree = Hox::ObserverTree::GrpcProxyObserverTree;
@@ -64,11 +64,11 @@ public:
     /// Lets the threads begin. On any thread.
     void release();
 
-    /// Takes note of a notification that is being created, to know it again if a peer sends it
-    /// back. Under the capability's mutex.
+    /// Remembers a notification that is being created, to recognise it if a peer sends it back.
+    /// Under the capability's mutex.
     void created(const Api::StateNotification& notification);
 
-    /// Ends all threads and subscriptions, whatever the peers do, within a second. The caller does
+    /// Ends all threads and subscriptions within a second, regardless of the peers. The caller does
     /// not hold the capability's mutex; the tree still exists. A second call has no effect.
     void end();
 
@@ -87,8 +87,8 @@ private:
         bool isUselessLossLogged = false;
     };
 
-    /// What a peer can do wrong; each is logged once for each peer.
-    enum class Fault { UnreadableReport, RefusedReport, Circle };
+    /// What a peer can do wrong. Each fault is logged once per peer.
+    enum class Fault { NoValue, UnreadableReport, UnreadableStatus, RefusedReport, Circle };
 
     // All but the body of the thread REQUIRE the capability's mutex.
     void handleStatusChange(const Api::StateMonitorStatus& current,

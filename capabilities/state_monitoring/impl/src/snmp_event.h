@@ -4,7 +4,7 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// What a trap tells.
+/// The content of a trap.
 struct SnmpEvent {
     std::string trapName;  ///< with its MIB, "MIB::name"
     int severity = 0;

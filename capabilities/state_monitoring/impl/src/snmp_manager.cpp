@@ -58,7 +58,7 @@ SnmpManager::SnmpManager(const std::string& managerIp, const std::string& trapPo
         m_session = snmp_open(&session);
     }
     if (m_session == nullptr) {
-        throw std::runtime_error("Failed to open netsnmp session");
+        throw std::runtime_error(notOpenedText);
     }
 }
 

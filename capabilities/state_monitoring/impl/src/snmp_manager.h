@@ -18,6 +18,9 @@ namespace Hox::Capability::StateMonitoring {
 /// one thread at a time, under the capability's mutex. Several may exist.
 class SnmpManager {
 public:
+    /// The text for a manager that cannot be used.
+    static constexpr const char* notOpenedText = "Failed to open netsnmp session";
+
     /// Opens the session. The address is numeric or one that is found without the network: a name
     /// that is looked up holds the caller up. Throws std::runtime_error if there is no such
     /// address or port, or if the community is empty or longer than 256 bytes.

@@ -9,19 +9,19 @@ namespace Hox::Capability::StateMonitoring {
 SystemStateReports::SystemStateReports(std::string serviceId) : m_serviceId(std::move(serviceId)) {}
 
 std::optional<Api::StateNotification> SystemStateReports::update(const std::string& managerState) {
-    const SystemState previous = m_state;
+    const SystemState previous = m_systemState;
     if (managerState == "running" && previous != SystemState::Running) {
-        m_state = SystemState::Running;
+        m_systemState = SystemState::Running;
         return report(Api::StateSeverity::OK, previous == SystemState::Starting
                                                   ? "System booted."
                                                   : "Internal system status OK.");
     }
     if (managerState == "degraded" && previous != SystemState::Degraded) {
-        m_state = SystemState::Degraded;
+        m_systemState = SystemState::Degraded;
         return report(Api::StateSeverity::ERROR, "Internal system failure.");
     }
     if (managerState == "starting") {
-        m_state = SystemState::Starting;
+        m_systemState = SystemState::Starting;
     }
     return std::nullopt;
 }

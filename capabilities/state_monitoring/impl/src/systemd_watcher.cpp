@@ -71,7 +71,7 @@ void SystemdWatcher::run() {
     closeBus();
 }
 
-/// A machine without a system bus is set up wrongly: nobody would learn that it fails.
+/// Without a system bus the machine is set up incorrectly, and nobody would learn of a failure.
 void SystemdWatcher::openAtTheStart() {
     int rc = openBus();
     if (!m_end.isGiven()) {
@@ -122,18 +122,14 @@ int SystemdWatcher::openBus() {
 
 /// The signals only wake the thread.
 int SystemdWatcher::matchSignals() {
-    int rc = sd_bus_match_signal(m_bus.get(), nullptr, nullptr, managerPath, managerInterface,
-                                 "StartupFinished", nullptr, nullptr);
+    const int rc = sd_bus_match_signal(m_bus.get(), nullptr, nullptr, managerPath, managerInterface,
+                                       "StartupFinished", nullptr, nullptr);
     if (rc < 0) {
         return rc;
     }
-    rc = sd_bus_match_signal(m_bus.get(), nullptr, nullptr, managerPath,
-                             "org.freedesktop.DBus.Properties", "PropertiesChanged", nullptr,
-                             nullptr);
-    if (rc < 0) {
-        return rc;
-    }
-    return 0;
+    return sd_bus_match_signal(m_bus.get(), nullptr, nullptr, managerPath,
+                               "org.freedesktop.DBus.Properties", "PropertiesChanged", nullptr,
+                               nullptr);
 }
 
 /// Until the bus is lost or the thread must end.
@@ -156,14 +152,14 @@ bool SystemdWatcher::processBus() {
         if (rc < 0 || !isWoken || m_end.isGiven()) {
             return rc >= 0;
         }
-        // Reads whatever has arrived, so signals have to be looked for once more.
+        // The call may have read further signals: look for them again.
         checkSystemState();
     }
 }
 
 void SystemdWatcher::checkSystemState() {
-    // The manager sends its signals only while some client has subscribed, and forgets that when it
-    // is executed anew. It may also be on the bus later than this thread.
+    // The manager sends its signals only while a client is subscribed. It may appear on the bus
+    // after this thread has connected.
     if (!m_isSubscribed) {
         m_isSubscribed = sd_bus_call_method(m_bus.get(), manager, managerPath, managerInterface,
                                             "Subscribe", nullptr, nullptr, "") >= 0;

@@ -15,10 +15,10 @@ struct sd_bus;
 
 namespace Hox::Capability::StateMonitoring {
 
-/// Watches the overall state of the machine's service manager over the system bus, on a thread of
-/// its own.
+/// Watches the overall state of the machine's service manager over the system bus, on a separate
+/// thread.
 ///
-/// A bus that is lost is connected to again, once per second, until it is back.
+/// After a loss of the bus it tries to reconnect once per second.
 class SystemdWatcher {
 public:
     /// Receives the manager's state, as the manager calls it, whenever it may have changed. Called
@@ -29,7 +29,7 @@ public:
     /// std::system_error if no thread or descriptor can be created.
     explicit SystemdWatcher(Receiver receiver);
 
-    /// Ends the thread at once, whatever bus and manager do; waits for a receiver that runs.
+    /// Ends the thread immediately, regardless of bus and manager; waits for a running receiver.
     ~SystemdWatcher();
     SystemdWatcher(const SystemdWatcher&) = delete;
     SystemdWatcher(SystemdWatcher&&) = delete;

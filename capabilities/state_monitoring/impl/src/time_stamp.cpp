@@ -7,7 +7,7 @@
 namespace Hox::Capability::StateMonitoring {
 
 google::protobuf::Timestamp currentTimeStamp() {
-    // The library's own function knows whole seconds only.
+    // The library's own function returns whole seconds.
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return google::protobuf::util::TimeUtil::NanosecondsToTimestamp(
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());

@@ -4,7 +4,7 @@
 
 namespace Hox::Capability::StateMonitoring {
 
-/// The time of day, to the nanosecond as far as the system's clock tells. Any thread.
+/// The current time, with the resolution of the system clock. Any thread.
 google::protobuf::Timestamp currentTimeStamp();
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -20,8 +20,6 @@ namespace {
 /// within milliseconds, and their traps begin with the answer to the operator then.
 constexpr std::chrono::milliseconds lookupPatience{200};
 
-constexpr const char* notOpened = "Failed to open netsnmp session";
-
 /// The traps of a bad state and of OK.
 using TrapNames = std::pair<const char*, const char*>;
 
@@ -56,7 +54,7 @@ void TrapForwarder::configure(const Api::SnmpConfiguration& configuration) {
             lookUp(address.host);
             break;
         case ManagerAddress::Kind::Invalid:
-            logFailure(notOpened);
+            logFailure(SnmpManager::notOpenedText);
             break;
     }
 }
@@ -82,7 +80,8 @@ void TrapForwarder::forward(const Api::StateNotification& notification) {
 
 void TrapForwarder::lookUp(const std::string& host) {
     try {
-        m_lookup = std::make_unique<HostLookup>(host, [this] { logFailure(notOpened); });
+        m_lookup =
+            std::make_unique<HostLookup>(host, [this] { logFailure(SnmpManager::notOpenedText); });
         m_lookup->waitForFirstAttempt(lookupPatience);
         takeAddress();
     } catch (const std::system_error& error) {

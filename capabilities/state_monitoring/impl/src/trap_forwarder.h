@@ -12,7 +12,7 @@ namespace Hox::Capability::StateMonitoring {
 class HostLookup;
 class SnmpManager;
 
-/// Sends the notifications that an SNMP manager has to know as traps.
+/// Sends the notifications that concern an SNMP manager as traps.
 ///
 /// Nothing is sent until there is a configuration. All functions run under the capability's mutex
 /// and do not wait for the network, except configure(), which waits for a host name for at most 200
@@ -29,8 +29,8 @@ public:
     TrapForwarder& operator=(const TrapForwarder&) = delete;
     TrapForwarder& operator=(TrapForwarder&&) = delete;
 
-    /// Sends to this manager from now on. One that cannot be used is logged, and the former one
-    /// stays. A host name is looked up; until its address is known, the former one stays, too.
+    /// Sends to this manager from now on. If it cannot be used, that is logged and the previous
+    /// manager remains in use, also while the address of a host name is still unknown.
     void configure(const Api::SnmpConfiguration& configuration);
 
     /// Sends nothing from now on.

@@ -159,7 +159,6 @@ TEST_F(MonitorConnectionsTest, ComeUpOneAfterTheOther) {
     const auto second = peer("second");
     create(*second, "of second");
     m_connections.release();
-    // The first one has looked for its peer in vain.
     EXPECT_EQ(status(), "GG");
     EXPECT_THAT(reports(), IsEmpty());
     const auto first = peer("first");

@@ -14,7 +14,7 @@ using Fixture::SystemdStandIn;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// A state monitor with the options of a node monitor, on a bus with a stand-in of the manager.
+/// A node monitor on a bus with a stand-in for the manager.
 class NodeMonitor : public ::testing::Test {
 protected:
     std::vector<std::string> reports() {

@@ -21,7 +21,7 @@ using ::testing::IsEmpty;
 
 constexpr const char* lostText = "The system bus is lost, connecting to it again";
 
-/// A watcher on a private bus, and all that it has told.
+/// A watcher on a private bus, and everything that it has reported.
 class SystemdWatcherTest : public ::testing::Test {
 protected:
     void startWatcher() {

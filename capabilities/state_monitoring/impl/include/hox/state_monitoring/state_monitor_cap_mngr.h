@@ -39,7 +39,7 @@ public:
     void serverStarted(Hox::Service::LumServiceCtx& ctx) override;
 
     /// Loads the configuration of the traps, connects to the external state monitors and starts to
-    /// watch the machine, each as far as the role demands it.
+    /// watch the machine, depending on the role.
     void proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) override;
 
 private:
