@@ -1,4 +1,4 @@
-"""Peers of a system monitor that are no state monitors, and what lies between it and them."""
+"""Peers of a system monitor that are not state monitors, and the connections to them."""
 import concurrent.futures
 import contextlib
 import itertools
@@ -48,7 +48,7 @@ class Elements:
         return self.of_reports(*map(self.report, sources))
 
     def of_values(self, *messages, code=0, text=""):
-        """An element with these messages as new values, of whatever type."""
+        """An element with these messages, of any type, as new values."""
         element = self.empty(code, text)
         for message in messages:
             pair = element.node_change_map[self.key()].nodePairList.add()

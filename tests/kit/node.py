@@ -1,10 +1,10 @@
-"""One node of a head-end: a machine of its own, whose systemd runs a node monitor."""
+"""One node of a head-end: a separate machine whose systemd runs a node monitor."""
 from kit.client import Client
 from kit.machine import Machine
 from kit.paths import program
 from kit.wait import wait_until
 
-#: Any port will do: each node has a network of its own.
+#: Any port: each node has its own network.
 PORT = 5005
 _UNIT = """
 [Unit]

@@ -1,4 +1,4 @@
-"""System monitors that observe each other, directly or by way of others."""
+"""System monitors that observe each other, directly or through others."""
 import signal
 
 import pytest
@@ -54,9 +54,15 @@ class Ring:
             client.create(source=f"marker {self._markers} of {number}", seconds=self._markers)
         sent = {f"marker {self._markers} of {number}" for number in range(len(self.services))}
         for client in self.clients:
-            # Not from the archive, where it may be replaced by what goes round.
+            # Not from the archive, where other reports may have replaced it.
             wait_until(lambda: {stored.stateNotification.source
                                 for stored in client.latest().stateList} >= sent, 20, f"{sent}")
+
+    def create(self, count, seconds):
+        """Creates that many reports at each monitor."""
+        for number, client in enumerate(self.clients):
+            for index in range(count):
+                client.create(source=f"s{index} of {number}", seconds=seconds)
 
     def wait_until_quiet(self):
         """Waits until nothing is stored but new markers and their copies."""
@@ -67,7 +73,7 @@ class Ring:
             for _ in range(passes):
                 self.pass_marker()
             grown = [next_index(client) - former for client, former in zip(self.clients, before)]
-            # Each marker and a copy of it; those of a former one may be late.
+            # Each marker and its copy; those of an earlier one may be late.
             return all(count <= (passes + 1) * 2 * len(self.services) for count in grown)
 
         wait_until(is_quiet, 120 if is_sanitized() else 30, "quiet")
@@ -87,9 +93,7 @@ class Ring:
 @pytest.mark.parametrize("size", [2, 3])
 def test_a_report_goes_round_once(start, size, seconds):
     ring = Ring(start, size)
-    for number, client in enumerate(ring.clients):
-        for count in range(20):
-            client.create(source=f"s{count} of {number}", seconds=seconds)
+    ring.create(20, seconds)
     ring.wait_until_quiet()
     for client in ring.clients:
         counts = copies(client)
@@ -110,9 +114,7 @@ def test_equal_reports_go_round_once_each(start):
 @pytest.mark.parametrize("size", [2, 3])
 def test_a_restart_in_the_circle_sends_nothing_round_for_ever(start, size, seconds):
     ring = Ring(start, size)
-    for number, client in enumerate(ring.clients):
-        for count in range(5):
-            client.create(source=f"s{count} of {number}", seconds=seconds)
+    ring.create(5, seconds)
     ring.wait_until_quiet()
     # Without a time, some ten thousand copies go round before it ends.
     for number in range(1 if is_sanitized() and not seconds else size):

@@ -1,4 +1,4 @@
-"""Whatever a peer of a system monitor sends, the monitor goes on, and so do its other peers."""
+"""Nothing that a peer sends stops a system monitor or the reports of its other peers."""
 import contextlib
 import re
 import threading
@@ -23,7 +23,7 @@ def elements(protos):
 
 @pytest.fixture
 def false_peer():
-    """Starts false peers that talk as told."""
+    """Starts false peers that behave as a test wants."""
     with contextlib.ExitStack() as running:
         yield lambda talk, **kwargs: running.enter_context(FalsePeer(talk, **kwargs))
 

@@ -1,4 +1,4 @@
-"""A system monitor ends in time, whatever its peers do at that moment."""
+"""A system monitor ends in time, regardless of its peers."""
 import contextlib
 import itertools
 import os

@@ -1,4 +1,4 @@
-"""A node monitor on a machine of its own, with the real systemd."""
+"""A node monitor on a separate machine with the real systemd."""
 import pytest
 
 from kit.node import Node

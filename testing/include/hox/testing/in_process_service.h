@@ -13,7 +13,7 @@
 namespace Hox::Testing {
 
 /// One capability in a server, started and ended as by the frame, with a
-/// configuration directory of its own. Its hooks cannot wait for a central store.
+/// private configuration directory. Its hooks cannot wait for a central store.
 class InProcessService {
 public:
     /// Parses the arguments with the capability's options and calls all start hooks. The service
