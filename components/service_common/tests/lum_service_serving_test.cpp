@@ -423,6 +423,8 @@ std::unique_ptr<Capability::Introspection::IntrospectionService::Stub> connect(C
         check(Testing::waitUntil([&] { return frame.calls().entered(); }), "not called");
         kill(getpid(), SIGTERM);
         check(Testing::waitUntil([&] { return frame.shutdownCount() == 1; }), "not stopping");
+        const auto& client = frame.service().getServiceCtx().getDiscoveryClient();
+        check(Testing::waitUntil([&] { return !client->isStarted(); }), "still on the network");
         frame.calls().release();
         caller.join();
     });

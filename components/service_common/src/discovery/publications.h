@@ -51,7 +51,8 @@ public:
     void lost();
 
     /// Stops the client and takes everything off the network for good; no event of the client is
-    /// reported any more. Takes about a second at most. On the owner's thread.
+    /// reported any more. Takes about a second at most. Called by one thread at a time that is none
+    /// of the client's; only the first call has an effect.
     void end();
 
 private:

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "discovery/daemon_wait_notice.h"
+#include "discovery/publications.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/log/logsystem.h"
@@ -186,6 +187,8 @@ void LumServiceInitializer::startShutdownThread() {
             const auto deadline = std::chrono::system_clock::now() + shutdownGrace;
             m_serverFront->close();
             m_ctx.getProxyObsTreeHelper().inProcessGate()->close();
+            // May last as long as the grace of the calls in flight, so it is a part of it.
+            m_ctx.getPublications().end();
             m_ctx.getGrpcServer()->Shutdown(deadline);
         }
     });

@@ -72,10 +72,10 @@ public:
     /// cannot be bound, and any exception of a capability.
     virtual void serverStart();
 
-    /// Requests the shutdown of the running server, with one second for calls in flight; without a
-    /// server, or after the first such call, only the shutdown descriptor is written. Called by the
-    /// signal handler; all other callers call it on the main thread. Asserts that the descriptor
-    /// could be written.
+    /// Requests the shutdown of the running server: it leaves the network at once, and calls in
+    /// flight have one second. Without a server, or after the first such call, only the shutdown
+    /// descriptor is written. Called by the signal handler; all other callers call it on the main
+    /// thread. Asserts that the descriptor could be written.
     virtual void serverShutdown();
 
 private:
