@@ -213,15 +213,15 @@ def test_a_connection_that_is_lost_again_and_again_is_made_again_each_time(start
     with Cable(peer.port) as cable:
         top = start(*observing(cable))
         client = top.client()
-        for number in range(1, 51):
+        for number in range(1, 21):
             wait_for_source(client, "old", number)
             cable.drop()
-        wait_for_source(client, "old", 51)
+        wait_for_source(client, "old", 21)
         wait_until_connected(client)
         peer.client().create(source="new")
         wait_for_source(client, "new")
-        assert len(reports(client)) == 52
-        assert error_lines(top) == [LOST.format(url(cable))] * 50
+        assert len(reports(client)) == 22
+        assert error_lines(top) == [LOST.format(url(cable))] * 20
 
 
 def test_a_stopped_peer_stays_connected_and_delays_nobody(start):

@@ -36,6 +36,9 @@ constexpr std::chrono::milliseconds endInterval{200};
 /// A connection that lasts longer is of use, even if the peer has nothing to send.
 constexpr std::chrono::seconds usefulDuration{1};
 
+/// From the loss of a connection that did not last as long to the next attempt.
+constexpr std::chrono::milliseconds pauseAfterBriefConnection{500};
+
 /// A text that contains data of a peer is cut in the log, to this number of bytes.
 constexpr std::size_t longestText = 2000;
 
@@ -94,8 +97,8 @@ void MonitorConnections::end() {
         connections.swap(m_connections);
     }
     for (auto& [url, connection] : connections) {
-        if (connection.thread) {
-            connection.thread->join();
+        if (connection.thread.joinable()) {
+            connection.thread.join();
         }
     }
     const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
@@ -163,7 +166,7 @@ void MonitorConnections::handleStatusChange(const Api::StateMonitorStatus& curre
     for (auto& entry : *status.mutable_statemonitorconnectionstatus()) {
         if (entry.connectstatus() == ConnectionStatus::NOT_CONNECTED) {
             entry.set_connectstatus(ConnectionStatus::CONNECTING);
-            startThread(entry.connectionurl(), tree);
+            connect(entry.connectionurl(), tree);
             isChanged = true;
         }
     }
@@ -182,40 +185,51 @@ void MonitorConnections::openProxies(const Api::StateMonitorStatus& status) {
     }
 }
 
-void MonitorConnections::startThread(const std::string& url, ObserverTree& tree) {
+/// The thread is created once: after a loss there may be no room for another one. A peer that
+/// closes each connection at once must not occupy a processor, so it has to wait, and not for its
+/// turn.
+void MonitorConnections::connect(const std::string& url, ObserverTree& tree) {
     const std::lock_guard<std::mutex> lock(m_connectionsMutex);
     auto& connection = m_connections.at(url);
-    {
-        const std::lock_guard<std::mutex> startLock(m_startMutex);
-        connection.turn = ++m_lastTurn;
-    }
-    // The previous thread may be the caller of this function: the new one waits for its end.
-    connection.thread =
-        std::make_unique<std::thread>([this, turn = connection.turn, proxy = connection.proxy,
-                                       &tree, url, former = std::move(connection.thread)] {
-            if (former) {
-                former->join();
-            }
-            runConnection(turn, proxy, tree, url);
+    const auto now = std::chrono::steady_clock::now();
+    const bool isBrief = now - connection.subscribedAt < usefulDuration;
+    std::unique_lock<std::mutex> startLock(m_startMutex);
+    auto& order = m_orders[url];
+    ++order.number;
+    order.due = isBrief ? now + pauseAfterBriefConnection : now;
+    order.turn = isBrief ? 0 : ++m_lastTurn;
+    startLock.unlock();
+    m_startCondition.notify_all();
+    if (!connection.thread.joinable()) {
+        connection.thread = std::thread([this, &order, proxy = connection.proxy, &tree, url] {
+            runConnection(order, proxy, tree, url);
         });
+    }
 }
 
-void MonitorConnections::runConnection(std::uint64_t turn, const std::shared_ptr<ProxyTree>& proxy,
+void MonitorConnections::runConnection(Order& order, const std::shared_ptr<ProxyTree>& proxy,
                                        ObserverTree& tree, const std::string& url) {
-    if (wait(turn)) {
+    for (auto number = waitForTurn(order, 0); number != 0; number = waitForTurn(order, number)) {
         const auto watch = handleStateMonitorConnection(proxy, tree, url);
         giveTurn();
         if (watch) {
-            watchConnection(turn, *watch, tree, url);
+            watchConnection(order, number, *watch, tree, url);
         }
     }
 }
 
-/// False if the thread must end.
-bool MonitorConnections::wait(std::uint64_t turn) {
+/// Returns the number of the order after the former one, or 0 if the thread must end.
+std::uint64_t MonitorConnections::waitForTurn(Order& order, std::uint64_t formerNumber) {
     std::unique_lock<std::mutex> lock(m_startMutex);
-    m_startCondition.wait(lock, [&] { return m_isEnding || (m_started && m_currentTurn == turn); });
-    return !m_isEnding;
+    m_startCondition.wait(
+        lock, [&] { return m_isEnding || (m_started && order.number != formerNumber); });
+    const auto due = order.due;
+    m_startCondition.wait_until(lock, due, [this] { return m_isEnding.load(); });
+    if (order.turn == 0) {
+        order.turn = ++m_lastTurn;
+    }
+    m_startCondition.wait(lock, [&] { return m_isEnding || m_currentTurn == order.turn; });
+    return m_isEnding ? 0 : order.number;
 }
 
 void MonitorConnections::giveTurn() {
@@ -259,12 +273,13 @@ bool MonitorConnections::waitForPeer(const ProxyTree& proxy) const {
 
 /// A stream does not always report the loss of its connection: it may already have ended, or may
 /// have been started too late to get a connection.
-void MonitorConnections::watchConnection(std::uint64_t turn, ChannelWatch& watch,
-                                         ObserverTree& tree, const std::string& url) {
-    while (isCurrent(turn, url)) {
+void MonitorConnections::watchConnection(const Order& order, std::uint64_t number,
+                                         ChannelWatch& watch, ObserverTree& tree,
+                                         const std::string& url) {
+    while (isCurrent(order, number)) {
         if (watch.waitForLoss()) {
             const std::lock_guard<std::mutex> capability(*m_capabilityMutex);
-            if (isCurrent(turn, url)) {
+            if (isCurrent(order, number)) {
                 lose(tree, url);
             }
             return;
@@ -272,11 +287,10 @@ void MonitorConnections::watchConnection(std::uint64_t turn, ChannelWatch& watch
     }
 }
 
-/// Whether the thread with this turn has not been replaced.
-bool MonitorConnections::isCurrent(std::uint64_t turn, const std::string& url) {
-    const std::lock_guard<std::mutex> lock(m_connectionsMutex);
-    const auto connection = m_connections.find(url);
-    return !m_isEnding && connection != m_connections.end() && connection->second.turn == turn;
+/// Whether the connection of this order has not been lost.
+bool MonitorConnections::isCurrent(const Order& order, std::uint64_t number) {
+    const std::lock_guard<std::mutex> lock(m_startMutex);
+    return !m_isEnding && order.number == number;
 }
 
 void MonitorConnections::onConnectionStatus(const ChangeSetType& changes,

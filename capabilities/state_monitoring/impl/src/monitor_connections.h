@@ -29,9 +29,9 @@ namespace Hox::Capability::StateMonitoring {
 /// its own tree as they arrive.
 ///
 /// The state of each connection is data of the tree, and changes of that data drive the
-/// connections: each address that is not connected gets a thread, which waits for the peer and then
-/// watches the connection. Peers are connected one at a time, in the order in which their
-/// connections were lost. Lock order: the capability's mutex, the locks of the tree,
+/// connections: each address has a thread, which waits for the peer and then watches the connection
+/// until it is lost. Peers are connected one at a time, in the order in which their connections
+/// were lost. Lock order: the capability's mutex, the locks of the tree,
 /// m_connectionsMutex, m_startMutex.
 class MonitorConnections {
 public:
@@ -56,8 +56,9 @@ public:
     void onConfChanged(const Hox::ObserverTree::ChangeSetType& changes,
                        Hox::ObserverTree::ObserverTree& tree);
 
-    /// For the observer of /status: has a thread connect to every address that is not connected.
-    /// Throws std::out_of_range for an address that is not in the first status.
+    /// For the observer of /status: has every address that is not connected connected by its
+    /// thread. Throws std::out_of_range for an address that is not in the first status, and
+    /// std::system_error if the first status has an address for which no thread can be created.
     void onStatusChanged(const Hox::ObserverTree::ChangeSetType& changes,
                          Hox::ObserverTree::ObserverTree& tree);
 
@@ -80,11 +81,17 @@ private:
         std::any observeHandle;
         std::any statusHandle;  // of the observation of the peer's own connections
         bool hasPeers = false;  // the peer observes others, maybe in a circle
-        std::unique_ptr<std::thread> thread;
-        std::uint64_t turn = 0;  // of the thread
+        std::thread thread;
         std::chrono::steady_clock::time_point subscribedAt;
         bool hasSent = false;  // since then
         bool isUselessLossLogged = false;
+    };
+
+    /// What a thread has to do. A new turn is given to it by the first status, and after each loss.
+    struct Order {
+        std::uint64_t number = 0;                   // how many orders there were
+        std::uint64_t turn = 0;                     // among all connections; 0 until it is due
+        std::chrono::steady_clock::time_point due;  // not tried before
     };
 
     /// What a peer can do wrong. Each fault is logged once per peer.
@@ -95,16 +102,16 @@ private:
                             const Api::StateMonitorStatus& previous,
                             Hox::ObserverTree::ObserverTree& tree);
     void openProxies(const Api::StateMonitorStatus& status);
-    void startThread(const std::string& url, Hox::ObserverTree::ObserverTree& tree);
-    void runConnection(std::uint64_t turn, const std::shared_ptr<ProxyTree>& proxy,
+    void connect(const std::string& url, Hox::ObserverTree::ObserverTree& tree);
+    void runConnection(Order& order, const std::shared_ptr<ProxyTree>& proxy,
                        Hox::ObserverTree::ObserverTree& tree, const std::string& url);
     std::unique_ptr<ChannelWatch> handleStateMonitorConnection(
         const std::shared_ptr<ProxyTree>& proxy, Hox::ObserverTree::ObserverTree& tree,
         const std::string& url);
     bool waitForPeer(const ProxyTree& proxy) const;
-    void watchConnection(std::uint64_t turn, ChannelWatch& watch,
+    void watchConnection(const Order& order, std::uint64_t number, ChannelWatch& watch,
                          Hox::ObserverTree::ObserverTree& tree, const std::string& url);
-    bool isCurrent(std::uint64_t turn, const std::string& url);
+    bool isCurrent(const Order& order, std::uint64_t number);
     void lose(Hox::ObserverTree::ObserverTree& tree, const std::string& url);
     void onConnectionStatus(const Hox::ObserverTree::ChangeSetType& changes,
                             const std::shared_ptr<ProxyTree>& proxy,
@@ -126,7 +133,7 @@ private:
                         Hox::ObserverTree::ObserverTree& tree, const std::string& url,
                         bool& isDone);
     bool isLossNews(const std::string& url);
-    bool wait(std::uint64_t turn);
+    std::uint64_t waitForTurn(Order& order, std::uint64_t formerNumber);
     void giveTurn();
     void logOnce(const std::string& url, Fault fault, const std::string& text);
 
@@ -146,9 +153,10 @@ private:
 
     std::mutex m_startMutex;
     std::condition_variable m_startCondition;
-    bool m_started = false;           // GUARDED_BY(m_startMutex)
-    std::uint64_t m_lastTurn = 0;     // GUARDED_BY(m_startMutex)
-    std::uint64_t m_currentTurn = 1;  // GUARDED_BY(m_startMutex)
+    bool m_started = false;                 // GUARDED_BY(m_startMutex)
+    std::map<std::string, Order> m_orders;  // of each address. GUARDED_BY(m_startMutex)
+    std::uint64_t m_lastTurn = 0;           // GUARDED_BY(m_startMutex)
+    std::uint64_t m_currentTurn = 1;        // GUARDED_BY(m_startMutex)
 };
 
 }  // namespace Hox::Capability::StateMonitoring
