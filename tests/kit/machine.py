@@ -130,7 +130,7 @@ class Machine:
         own_network = os.readlink("/proc/self/ns/net")
         pid = str(self._process.pid)
         wait_until(lambda: os.readlink(f"/proc/{pid}/ns/net") != own_network, what="a network")
-        cable, net = f"node{self._number}", f"10.77.{self._number}"
+        cable, net = self._cable, f"10.77.{self._number}"
         inside = ["nsenter", "-t", pid, "-n", "--"]
         for command in (
                 ["ip", "link", "add", cable, "type", "veth", "peer", "name", "eth0", "netns", pid],
@@ -140,6 +140,18 @@ class Machine:
                 [*inside, "ip", "link", "set", "eth0", "up"],
                 [*inside, "ip", "link", "set", "lo", "up"]):
             subprocess.run(command, check=True)
+
+    @property
+    def _cable(self):
+        return f"node{self._number}"
+
+    def unplug(self):
+        """Nothing arrives any more, on either side, and nobody is told."""
+        subprocess.run(["ip", "link", "set", self._cable, "down"], check=True)
+
+    def plug(self):
+        """Connects it again after unplug()."""
+        subprocess.run(["ip", "link", "set", self._cable, "up"], check=True)
 
     def _has_bus(self):
         first = self._first_process

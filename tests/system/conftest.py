@@ -21,6 +21,7 @@ signal.signal(signal.SIGHUP, signal.SIG_DFL)
 enter_private_network()
 
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
+from kit.node import Node  # noqa: E402
 from kit.paths import program  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
@@ -103,6 +104,14 @@ def client(service):
 def monitor(start):
     """A running system monitor."""
     return start("--sys_mon")
+
+
+@pytest.fixture
+def node(protos, tmp_path):
+    """A node monitor on a separate machine, whose boot waits."""
+    machine = Node(tmp_path, protos, "node")
+    yield machine
+    machine.close()
 
 
 @pytest.fixture

@@ -1,15 +1,7 @@
 """A node monitor on a separate machine with the real systemd."""
 import pytest
 
-from kit.node import Node
 from kit.wait import wait_until
-
-
-@pytest.fixture
-def node(tmp_path, protos):
-    machine = Node(tmp_path, protos, "node")
-    yield machine
-    machine.close()
 
 
 def reports(node):

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "hox/testing/log_capture.h"
+#include "product_oid.h"
 #include "udp_receiver.h"
 
 namespace Hox::Capability::StateMonitoring {
@@ -21,8 +22,7 @@ using ::testing::ThrowsMessage;
 
 constexpr const char* trapName = "HALVO-QHED-MIB::qhedTunerMissingSignalLock";
 
-/// The object identifier 1.3.6.1.4.1.32473.3.1.10 as it is sent.
-const std::string head = "\x2b\x06\x01\x04\x01\x81\xfd\x59\x03\x01\x0a";
+const std::string head = Fixture::productOid();
 
 std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -45,8 +45,8 @@ TEST_F(SnmpManagerTest, SendsTheFiveVariables) {
     const auto at = [&](const std::string& part) { return trap.find(part); };
     const auto upTime = at(std::string("\x06\x08\x2b\x06\x01\x02\x01\x01\x03\x00\x43", 11));
     const auto trapOid =
-        at(std::string("\x06\x0a\x2b\x06\x01\x06\x03\x01\x01\x04\x01\x00\x06\x0d", 14) + head +
-           std::string("\x00\x01", 2));
+        at(std::string("\x06\x0a\x2b\x06\x01\x06\x03\x01\x01\x04\x01\x00\x06", 13) +
+           static_cast<char>(head.size() + 2) + head + std::string("\x00\x01", 2));
     const auto severity = at(head + "\x02\x01\x02\x01\x02");
     const auto source = at(head + "\x02\x02\x04\x07tuner/1");
     const auto msg = at(head + "\x02\x03\x04\x07No lock");

@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <google/protobuf/util/time_util.h>
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 
@@ -454,6 +456,60 @@ TEST(StateMonObsHelper, KeepsTheConfiguration) {
     ASSERT_EQ(observed.size(), 1U);
     EXPECT_THAT(observed.front(), EqualsProto(update.statemonitorconf()));
     EXPECT_THAT(monitor.keys(), ElementsAre("/conf"));
+}
+
+/// The stored reports, newest first, without their times.
+std::vector<Api::StateNotification> storedReports(StateMon& monitor) {
+    const auto result = monitor.get({});
+    std::vector<Api::StateNotification> reports;
+    for (const auto& stored : result.message->statelist()) {
+        reports.push_back(stored.statenotification());
+        reports.back().clear_timestamp();
+    }
+    return reports;
+}
+
+TEST(StateMonObsHelper, ReportsTheStateOfAllConnectionsWhenItChanges) {
+    StateMon monitor;
+    const auto set = [&](Api::StateSeverity severity) {
+        monitor.helper().reportConnectState(severity, monitor.tree());
+    };
+    const auto report = [](Api::StateSeverity severity, const std::string& msg) {
+        return EqualsProto(withMsg(
+            notification("head-1", "Cap_StateMonitoring_StateMonConnects", "status", severity),
+            msg));
+    };
+    const auto good = report(OK, "All external connections are successfully established");
+    const auto bad = report(ERROR, "Error connection to one or more external state monitors");
+
+    // Nothing is connected at the start: that is no news.
+    set(ERROR);
+    EXPECT_THAT(storedReports(monitor), IsEmpty());
+    set(OK);
+    set(OK);
+    EXPECT_THAT(storedReports(monitor), ElementsAre(good));
+    EXPECT_EQ(monitor.currentState(), OK);
+    set(ERROR);
+    set(ERROR);
+    EXPECT_THAT(storedReports(monitor), ElementsAre(bad, good));
+    EXPECT_EQ(monitor.currentState(), ERROR);
+    set(OK);
+    EXPECT_THAT(storedReports(monitor), ElementsAre(good, bad, good));
+    EXPECT_EQ(monitor.currentState(), OK);
+    EXPECT_EQ(monitor.latest().message->statelist_size(), 1);
+}
+
+TEST(StateMonObsHelper, ReportsTheStateOfAllConnectionsWithTheTime) {
+    using google::protobuf::util::TimeUtil;
+    StateMon monitor;
+    const auto before = std::chrono::system_clock::now();
+    monitor.helper().reportConnectState(OK, monitor.tree());
+    const auto result = monitor.get({});
+    ASSERT_EQ(result.message->statelist_size(), 1);
+    const std::chrono::nanoseconds time(TimeUtil::TimestampToNanoseconds(
+        result.message->statelist(0).statenotification().timestamp()));
+    EXPECT_GE(time, before.time_since_epoch());
+    EXPECT_LE(time, std::chrono::system_clock::now().time_since_epoch());
 }
 
 TEST(StateMonObsHelper, RegistersOncePerTree) {

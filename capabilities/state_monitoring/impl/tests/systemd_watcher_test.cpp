@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "call_monitor.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/private_bus.h"
 #include "hox/testing/wait_until.h"
@@ -15,9 +16,15 @@
 namespace Hox::Capability::StateMonitoring {
 namespace {
 
+using Fixture::CallMonitor;
 using Fixture::SystemdStandIn;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+constexpr const char* managerName = "org.freedesktop.systemd1";
+
+/// The subscription and the question for the state: after both the watcher waits.
+constexpr int callsInVain = 2;
 
 constexpr const char* lostText = "The system bus is lost, connecting to it again";
 
@@ -92,15 +99,30 @@ TEST_F(SystemdWatcherTest, WaitsForTheManagersSignalsOnly) {
     SystemdStandIn systemd(m_bus, "running");
     startWatcher();
     ASSERT_TRUE(waitForState("running"));
-    ASSERT_TRUE(m_bus.hasName("org.freedesktop.systemd1"));
+    ASSERT_TRUE(m_bus.hasName(managerName));
     // One at the start, one for what the bus itself has sent.
     EXPECT_LE(systemd.questions(), 2);
 }
 
 TEST_F(SystemdWatcherTest, TellsNothingOfAMachineWithoutTheManager) {
+    CallMonitor monitor(m_bus, managerName);
     startWatcher();
-    EXPECT_LT(end(), std::chrono::seconds(3));
+    ASSERT_TRUE(Testing::waitUntil([&] { return monitor.calls() >= callsInVain; }));
+    EXPECT_LT(end(), std::chrono::milliseconds(900)) << "does not wait for the next attempt";
     EXPECT_THAT(states(), IsEmpty());
+    EXPECT_THAT(m_log.texts(), IsEmpty());
+}
+
+TEST_F(SystemdWatcherTest, FindsAManagerThatComesLater) {
+    CallMonitor monitor(m_bus, managerName);
+    startWatcher();
+    ASSERT_TRUE(Testing::waitUntil([&] { return monitor.calls() >= callsInVain; }));
+    EXPECT_THAT(states(), IsEmpty());
+    SystemdStandIn systemd(m_bus, "starting");
+    ASSERT_TRUE(waitForState("starting"));
+    EXPECT_EQ(systemd.subscriptions(), 1);
+    systemd.setState("running");
+    EXPECT_TRUE(waitForState("running"));
     EXPECT_THAT(m_log.texts(), IsEmpty());
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "hox/testing/log_capture.h"
+#include "product_oid.h"
 #include "state_mon_fixture.h"
 #include "udp_receiver.h"
 
@@ -36,7 +37,7 @@ protected:
     /// The last number of the trap that is received next, 0 if it is none of ours.
     int trapNumber() {
         const auto trap = m_receiver.receive();
-        const std::string notifications("\x81\xfd\x59\x03\x01\x0a\x00", 7);
+        const auto notifications = Fixture::productOid() + '\0';
         const auto at = trap.find(notifications);
         return at == std::string::npos ? 0 : trap.at(at + notifications.size());
     }
