@@ -23,6 +23,7 @@ using testing::IsEmpty;
 using TestKit::Observations;
 using TestKit::onUpdate;
 using TestKit::pattern;
+using TestKit::randomPath;
 using TestKit::update;
 using TestKit::value;
 
@@ -184,17 +185,6 @@ TEST_F(DefaultObserveHandler, LosesTheChangeSetForObserversBehindAPatternThatRai
     update(m_tree, "/", "/b");
     EXPECT_EQ(observed.take().size(), handles.size() + 1);
     EXPECT_THAT(reports.conditions(), ElementsAre("false"));
-}
-
-std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
-    std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
-        const auto last = static_cast<int>(choice.size()) - 1;
-        path +=
-            "/" +
-            choice.at(static_cast<std::size_t>(std::uniform_int_distribution<>(0, last)(random)));
-    }
-    return path.empty() ? "/" : path;
 }
 
 /// The keys that the matcher selects, "raises" or "malformed".

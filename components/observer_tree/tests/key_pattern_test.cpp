@@ -9,9 +9,12 @@
 #include <vector>
 
 #include "hox/observer_tree/path_error.h"
+#include "tree_test_kit.h"
 
 namespace Hox::ObserverTree {
 namespace {
+
+using TestKit::randomPath;
 
 KeyPatternShape shapeOf(const std::string& text) {
     return KeyPattern(PathManipulation(), text).shape();
@@ -48,15 +51,6 @@ TEST(KeyPattern, TellsKeysApartByTheLiteralsOfItsShape) {
     for (const char* key : {"", "/", "/a", "/ab", "/ab/x", "/ab/x/cd", "/abc/x/c", "/ab/x/cd/e"}) {
         EXPECT_EQ(shape.hashOf(key), std::nullopt) << key;
     }
-}
-
-std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
-    std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 5)(random); rest > 0; --rest) {
-        const auto last = choice.size() - 1;
-        path += "/" + choice.at(std::uniform_int_distribution<std::size_t>(0, last)(random));
-    }
-    return path.empty() ? "/" : path;
 }
 
 /// "yes", "no" or "raises".

@@ -12,6 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using TestKit::linesOf;
+using TestKit::randomPath;
 using TestKit::textOf;
 using TestKit::thrownBy;
 using TestKit::value;
@@ -101,16 +102,6 @@ TEST(RestrictedDataTree, RefusesMalformedKeys) {
     }
     EXPECT_TRUE(tree.empty());
     EXPECT_THAT(tree.takeChangeSet(), IsEmpty());
-}
-
-std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
-    std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
-        const auto last = static_cast<int>(choice.size()) - 1;
-        const auto pick = std::uniform_int_distribution<>(0, last)(random);
-        path += "/" + choice[static_cast<std::size_t>(pick)];
-    }
-    return path.empty() ? "/" : path;
 }
 
 /// The text of the exception that the call throws, without its location.

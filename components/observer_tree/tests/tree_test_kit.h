@@ -155,10 +155,10 @@ inline UnaryHandlerReturnType<StringValue> update(ObserverTree& tree, const std:
     return tree.callApiOp<UnaryOps::UPDATE, StringValue, StringValue>(address, message(text));
 }
 
-/// A key or a pattern of up to four components out of the choice.
+/// A key or a pattern of up to five components out of the choice.
 inline std::string randomPath(std::mt19937& random, const std::vector<std::string>& choice) {
     std::string path;
-    for (auto rest = std::uniform_int_distribution<>(0, 4)(random); rest > 0; --rest) {
+    for (auto rest = std::uniform_int_distribution<>(0, 5)(random); rest > 0; --rest) {
         const auto last = choice.size() - 1;
         path += "/" + choice.at(std::uniform_int_distribution<std::size_t>(0, last)(random));
     }
