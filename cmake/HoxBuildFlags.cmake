@@ -23,7 +23,8 @@ if(HALVO_SANITIZERS)
     add_compile_options(-fsanitize=${HALVO_SANITIZERS} -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${HALVO_SANITIZERS})
     # GCC's flow analysis misjudges instrumented code; the plain builds keep these warnings.
-    target_compile_options(hox_build_flags INTERFACE -Wno-maybe-uninitialized)
+    # Sources that are compiled as one may use a name for different things.
+    target_compile_options(hox_build_flags INTERFACE -Wno-maybe-uninitialized -Wno-shadow)
     if(HALVO_SANITIZERS MATCHES "thread")
         target_compile_options(hox_build_flags INTERFACE -Wno-tsan)
     endif()

@@ -39,7 +39,8 @@ function(hox_add_proto_library target)
     endforeach()
 
     add_library(${target} STATIC ${generated})
-    set_target_properties(${target} PROPERTIES HOX_PROTO_ROOTS "${roots}")
+    # Generated files use the same names for what is private to each of them.
+    set_target_properties(${target} PROPERTIES HOX_PROTO_ROOTS "${roots}" UNITY_BUILD OFF)
     target_include_directories(${target} SYSTEM PUBLIC ${out})
     target_link_libraries(${target} PUBLIC protobuf::libprotobuf ${ARG_DEPENDS})
     if(ARG_GRPC)

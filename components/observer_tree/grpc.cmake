@@ -91,3 +91,8 @@ if(HALVO_BUILD_TESTS)
         target_compile_definitions(hox_observer_tree_grpc_test PRIVATE HALVO_NON_POLLING_QUEUES)
     endif()
 endif()
+
+# Their private names are those of other sources, with which they cannot be compiled as one.
+set_source_files_properties(
+    tests/grpc/async_grpc_server_handler_test.cpp tests/grpc/async_grpc_server_limits_test.cpp
+    PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)

@@ -55,3 +55,7 @@ hox_add_test(hox_service_discovery_network_test
     LIBS hox_service_discovery_avahi hox_testing PkgConfig::AVAHI
     LABELS threads
     TIMEOUT 300)
+
+# Their private names are those of other sources, with which they cannot be compiled as one.
+set_source_files_properties(tests/avahi_service_discovery_client_test.cpp
+    PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
