@@ -4,11 +4,11 @@ hox_add_library(hox_observer_tree_persistence
         include/hox/observer_tree/persistence/node_data_file_hndlr.h
         include/hox/observer_tree/persistence/persistence_hndlr.h
         include/hox/observer_tree/persistence/store_node_data_return.h
+        include/hox/observer_tree/persistence/value_text.h
     SOURCES
         src/persistence/node_data_file_hndlr.cpp
         src/persistence/persistence_hndlr.cpp
         src/persistence/value_text.cpp
-        src/persistence/value_text.h
     PUBLIC hox_observer_tree
     PRIVATE hox_linux_cpp_utils)
 

@@ -1,10 +1,14 @@
 """The part of the demo with several machines: two nodes, each with the real systemd, a system monitor
-that observes them, and a network management system that gets its traps."""
+that observes them, a network management system that gets its traps, and a central store that keeps
+the monitor's configuration."""
+import contextlib
+import shutil
+
 from demo_show import check, headline
 from kit.head_end import HeadEnd
 from kit.monitors import connections, reports, wait_until_connected
 from kit.service import Service
-from kit.snmp_configuration import set_manager
+from kit.snmp_configuration import get_manager, set_manager
 from kit.trap_receiver import TrapReceiver
 from kit.wait import wait_until
 
@@ -50,21 +54,34 @@ def run_traps(nodes, client, receiver):
     check(all(name in "".join(trap) for name, trap in zip(names, receiver.traps())), "a wrong trap")
 
 
+def run_wipe(monitor, start_again):
+    headline("The monitor's disk is wiped: its configuration comes back from the central store")
+    manager = get_manager(monitor.client())
+    monitor.stop()
+    disk = monitor.folder / "config"
+    print(f"  removed {sum(path.is_file() for path in disk.rglob('*'))} files of the monitor")
+    shutil.rmtree(disk)
+    back = get_manager(start_again().client())
+    print(f"  traps go to {back.managerIp}:{back.trapPort} again")
+    check(back == manager, "another manager")
+
+
 def run(folder, protos):
-    nodes = HeadEnd(folder / "nodes", protos, 2)
-    receiver = monitor = None
-    try:
+    with contextlib.ExitStack() as running:
+        def start(name, *options):
+            service = Service(protos, folder / name, *options, service_id=name)
+            running.callback(service.close)
+            return service.wait_ready()
+
+        nodes = HeadEnd(folder / "nodes", protos, 2)
+        running.callback(nodes.close)
         receiver = TrapReceiver(folder / "receiver")
+        running.callback(receiver.close)
         receiver.start()
-        monitor = Service(protos, folder / "monitor", *nodes.options, service_id="system-monitor")
-        monitor.wait_ready()
+        store = start("central-store")
+        options = [*nodes.options, "--ccsaddr", store.address]
+        monitor = start("system-monitor", *options)
         client = monitor.client()
         run_head_end(nodes, client)
         run_traps(nodes, client, receiver)
-        monitor.stop()
-    finally:
-        if monitor is not None:
-            monitor.close()
-        if receiver is not None:
-            receiver.close()
-        nodes.close()
+        run_wipe(monitor, lambda: start("system-monitor-again", *options))

@@ -57,7 +57,8 @@ TEST(CreatePersistenceHandler, AddressesTheCapabilityOfThisNodeAndUsesTheFramesL
     LumServiceCtx ctx("program");
     ctx.setIdentity({"head-1", "0", "mb"});
     Hox::ObserverTree::ObserverTree tree;
-    const auto handler = createPersistenceHandler(ctx, tree, "snmp", "/snmp");
+    const auto handler =
+        createPersistenceHandler(ctx, std::make_shared<std::mutex>(), tree, "snmp", "/snmp");
     const auto store = std::make_shared<RecordingStore>(ctx);
     handler->setNodeDataHndlr(store);
     std::mutex mutex;
@@ -73,7 +74,8 @@ TEST(CreatePersistenceHandler, LeavesALockAloneThatIsNotThereOrNotHeld) {
     LumServiceCtx ctx("program");
     ctx.setIdentity({"head-1", "0", "mb"});
     Hox::ObserverTree::ObserverTree tree;
-    const auto handler = createPersistenceHandler(ctx, tree, "snmp", "/snmp");
+    const auto handler =
+        createPersistenceHandler(ctx, std::make_shared<std::mutex>(), tree, "snmp", "/snmp");
     const auto store = std::make_shared<RecordingStore>(ctx);
     handler->setNodeDataHndlr(store);
     handler->init(true, "");
@@ -101,7 +103,8 @@ TEST(CreatePersistenceHandler, KeepsTheSelectedKeysInFilesWithoutAStore) {
             }
             return Hox::ObserverTree::UnaryHandlerReturnType<StringValue>{nullptr, Status()};
         });
-    const auto handler = createPersistenceHandler(ctx, tree, "snmp", "/snmp");
+    const auto handler =
+        createPersistenceHandler(ctx, std::make_shared<std::mutex>(), tree, "snmp", "/snmp");
     handler->init(true, dir.path());
     tree.callApiOp<UnaryOps::UPDATE, StringValue, StringValue>("/", StringValue());
     const auto files = handler->nodeDataFile().readNodeData(dir.path());

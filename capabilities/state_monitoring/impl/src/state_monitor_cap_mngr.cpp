@@ -12,7 +12,6 @@
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
 #include "hox/service_common/service_initializer/service_kind.h"
 #include "hox/service_common/service_initializer/service_visibility.h"
-#include "own_address.h"
 #include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
 
@@ -34,11 +33,6 @@ bool isSystemMonitor(const Hox::Service::LumServiceCtx& ctx) {
     return ctx.optionCount(sysMon) > 0;
 }
 
-bool isThisService(const std::string& url, const Hox::Service::LumServiceCtx& ctx) {
-    return isOwnAddress(url, ctx.optionValue("port")) ||
-           (ctx.optionCount("extport") > 0 && isOwnAddress(url, ctx.optionValue("extport")));
-}
-
 /// Throws InitializationError if one of them leads to this process, which would observe itself for
 /// ever.
 std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
@@ -47,7 +41,7 @@ std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
     }
     auto urls = parseConnectUrls(ctx.optionValue(statemonServices));
     for (const auto& url : urls) {
-        if (isThisService(url, ctx)) {
+        if (ctx.isThisService(url)) {
             throw Hox::CppUtil::InitializationError(
                 "The state monitor at " + url + " is this service itself", __FILE__, __LINE__);
         }
@@ -74,6 +68,9 @@ void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::Obs
 }  // namespace
 
 StateMonitorCapMngr::~StateMonitorCapMngr() {
+    if (m_persistenceHndlr) {
+        m_persistenceHndlr->endCentralObserving();
+    }
     if (m_stateMonObsHelper) {
         m_stateMonObsHelper->end();
     }
@@ -127,7 +124,7 @@ void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& ctx) {
     m_asyncGrpcServerHandler->startCompletionQueueThread();
     if (isSystemMonitor(ctx)) {
         m_persistenceHndlr = Hox::Service::createPersistenceHandler(
-            ctx, *m_observerTree, Hox::Service::capabilityName(id()), "/snmp");
+            ctx, m_mutex, *m_observerTree, Hox::Service::capabilityName(id()), "/snmp");
     }
 }
 

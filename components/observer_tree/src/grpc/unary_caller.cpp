@@ -6,6 +6,7 @@
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_unary_call.h>
 
+#include <chrono>
 #include <utility>
 
 #include "grpc/non_polling_queue.h"
@@ -13,6 +14,13 @@
 namespace Hox::ObserverTree {
 
 using google::protobuf::Message;
+
+namespace {
+
+/// How often a call that can be ended early looks whether it must.
+constexpr std::chrono::milliseconds endInterval{200};
+
+}  // namespace
 
 UnaryCaller::UnaryCaller(std::shared_ptr<grpc::Channel> channel,
                          std::shared_ptr<InProcessGate> gate)
@@ -37,6 +45,29 @@ grpc::Status UnaryCaller::call(const OwnedRpcMethod& method, const Message& requ
     grpc::ClientContext context;
     return grpc::internal::BlockingUnaryCall<Message, Message>(m_channel.get(), method.method(),
                                                                &context, request, &response);
+}
+
+grpc::Status UnaryCaller::call(const OwnedRpcMethod& method, const Message& request,
+                               Message& response, const std::function<bool()>& mustEnd) {
+    grpc::CompletionQueue queue;
+    grpc::ClientContext context;
+    const std::unique_ptr<grpc::ClientAsyncResponseReader<Message>> reader(
+        grpc::internal::ClientAsyncResponseReaderHelper::Create<Message>(
+            m_channel.get(), &queue, method.method(), &context, request));
+    grpc::Status status;
+    reader->StartCall();
+    reader->Finish(&response, &status, this);
+    void* tag = nullptr;
+    bool ok = false;
+    while (queue.AsyncNext(&tag, &ok, std::chrono::system_clock::now() + endInterval) ==
+           grpc::CompletionQueue::TIMEOUT) {
+        if (mustEnd()) {
+            context.TryCancel();
+        }
+    }
+    queue.Shutdown();
+    queue.Next(&tag, &ok);  // gRPC requires Next() until the queue has ended
+    return status;
 }
 
 grpc::Status UnaryCaller::callInProcess(const OwnedRpcMethod& method, const Message& request,

@@ -7,8 +7,8 @@
 #include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/string/string_utils.h"
 #include "hox/linutils/files.h"
+#include "hox/observer_tree/persistence/value_text.h"
 #include "hox/observer_tree/utils.h"
-#include "persistence/value_text.h"
 
 namespace fs = std::filesystem;
 

@@ -3,6 +3,7 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <google/protobuf/wrappers.pb.h>
 
+#include <chrono>
 #include <map>
 #include <utility>
 
@@ -20,6 +21,9 @@ namespace {
 constexpr const char* observeAddress = "/.persist_observe_hndlr.";
 constexpr const char* updateAddress = "/.persist_upd_hndlr.";
 constexpr const char* stateIdKey = "/__csid";
+
+/// How often the wait for the central store looks whether the process is about to end.
+constexpr std::chrono::milliseconds endInterval{200};
 
 /// Keys of the tree that an update may still remove, with their values.
 using Candidates = std::map<std::string, DataTreeValPtr>;
@@ -134,8 +138,10 @@ PersistenceHndlr::PersistenceHndlr(ObserverTree& tree,
         });
 }
 
-void PersistenceHndlr::setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr) {
+void PersistenceHndlr::setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr,
+                                        std::function<bool()> isEnding) {
     m_nodeDataHndlr = std::move(nodeDataHndlr);
+    m_isEnding = std::move(isEnding);
 }
 
 void PersistenceHndlr::init(bool startPersisting, const std::string& persistDir,
@@ -189,7 +195,7 @@ void PersistenceHndlr::stopPersistingObsTree() {
 
 void PersistenceHndlr::startCentralObserving() {
     // Shared with the callback, which outlives this call.
-    const auto firstAnswer = std::make_shared<Hox::CppUtil::BinarySemaphore>();
+    const auto firstAnswer = std::make_shared<Hox::CppUtil::CountingSemaphore>();
     m_centralObserveHandle.reset();
     m_centralDataSeen = false;
     // A copy, because any change of the tree may replace the member once the lock is released.
@@ -200,12 +206,22 @@ void PersistenceHndlr::startCentralObserving() {
         [this, firstAnswer](const ChangeSetType& changes, const Status& status) {
             onCentralData(changes, status, *firstAnswer);
         });
-    firstAnswer->wait();
+    while (!firstAnswer->waitUntil(std::chrono::steady_clock::now() + endInterval) &&
+           !m_isEnding()) {
+    }
+}
+
+void PersistenceHndlr::endCentralObserving() {
+    m_centralObserveHandle.reset();
 }
 
 void PersistenceHndlr::onCentralData(const ChangeSetType& changes, const Status& status,
-                                     Hox::CppUtil::BinarySemaphore& firstAnswer) {
-    if (status.isOk()) {
+                                     Hox::CppUtil::CountingSemaphore& firstAnswer) {
+    if (status.statusCode() == ProtoStatus::ALREADY_EXISTS) {
+        m_storeCentrally = true;  // what is here is what the store has
+    } else if (status.statusCode() == ProtoStatus::CANCELLED) {
+        m_storedCount = 0;  // a store that comes back may have lost what was not saved
+    } else if (status.isOk()) {
         // Nobody may see the tree between the two steps.
         const auto lock = m_tree.lockHandlers();
         m_storeCentrally = false;

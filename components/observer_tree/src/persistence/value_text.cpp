@@ -1,4 +1,4 @@
-#include "persistence/value_text.h"
+#include "hox/observer_tree/persistence/value_text.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/io/coded_stream.h>

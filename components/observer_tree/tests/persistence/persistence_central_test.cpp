@@ -19,6 +19,7 @@ namespace Hox::ObserverTree {
 namespace {
 
 using Hox::Testing::LogCapture;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using TestKit::newKeys;
@@ -101,6 +102,43 @@ TEST_F(CentralPersistence, WritesEverythingToFilesAsWellWhenItSendsEverything) {
     std::filesystem::remove_all(m_dir / "keep/a");
     set("/keep/b", "2");
     EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=2"));
+}
+
+TEST_F(CentralPersistence, StoresChangesIfTheStoreHasTheSameContent) {
+    start({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    set("/keep/a", "1");
+    EXPECT_THAT(m_store->calls, Contains("|mb/0/cap|full"));
+    EXPECT_THAT(content(), ElementsAre("/__csid=id1", "/keep/a=1"));
+}
+
+TEST_F(CentralPersistence, SendsEverythingAgainAfterALoss) {
+    start({}, Status());
+    set("/keep/a", "1");
+    m_store->calls.clear();
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    EXPECT_THAT(content(), ElementsAre("/__csid=id1", "/keep/a=1")) << "a loss changes nothing";
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls,
+                ElementsAre("id1|mb/0/cap|full", "  /__csid: null -> id1", "  /keep/a: null -> 1",
+                            "  /keep/b: null -> 2", "id2|mb/0/cap|patch", "  /__csid: id1 -> id2"));
+}
+
+TEST_F(CentralPersistence, WaitsForTheFirstAnswerUntilTheProcessEnds) {
+    auto& persistence = handler();
+    int questions = 0;
+    persistence.setNodeDataHndlr(m_store, [&questions] { return ++questions == 2; });
+    persistence.init(true, "");
+    EXPECT_EQ(questions, 2);
+    set("/keep/a", "1");
+    EXPECT_THAT(m_store->calls, ElementsAre("observe |mb/0/cap"))
+        << "nothing is known of the store";
+}
+
+TEST_F(CentralPersistence, EndsTheObservationOnRequest) {
+    start({}, Status());
+    EXPECT_EQ(m_store->endedObservings, 0);
+    m_handler->endCentralObserving();
+    EXPECT_EQ(m_store->endedObservings, 1);
 }
 
 TEST_F(CentralPersistence, KeepsTheFileOfAKeyWhoseRemovalMadeItSendEverything) {

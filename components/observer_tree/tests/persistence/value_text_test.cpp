@@ -1,4 +1,4 @@
-#include "persistence/value_text.h"
+#include "hox/observer_tree/persistence/value_text.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/api.pb.h>

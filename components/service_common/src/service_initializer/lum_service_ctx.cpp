@@ -11,6 +11,8 @@
 #include "hox/cpputil/log/logger_name.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "service_initializer/own_address.h"
+#include "service_initializer/signal_block.h"
 
 namespace Hox::Service {
 
@@ -91,6 +93,15 @@ CapabilityPaths LumServiceCtx::getCapabilityPaths(const std::string& capabilityN
     paths.confPath = getConfigDir() + "/" + capabilityName;
     paths.statePath = getConfigDir() + "/state/" + capabilityName;
     return paths;
+}
+
+bool LumServiceCtx::isThisService(const std::string& address) const {
+    return isOwnAddress(address, optionValue("port")) ||
+           (optionCount("extport") > 0 && isOwnAddress(address, optionValue("extport")));
+}
+
+bool LumServiceCtx::isEnding() const {
+    return m_isEnding || SignalBlock::hasPending();
 }
 
 void LumServiceCtx::setIdentity(ServiceIdentity identity) {

@@ -174,6 +174,7 @@ void LumServiceInitializer::serverShutdown() {
     if (!m_ctx.getGrpcServer() || m_isShuttingDown.exchange(true)) {
         return;
     }
+    m_ctx.setEnding();
     sd_notify(0, "STOPPING=1");
     m_logger->log(Log::here(), spdlog::level::info, "Shutting down server");
     // Shutdown must not run in a signal handler.

@@ -19,6 +19,12 @@ sigset_t SignalBlock::signals() {
     return both;
 }
 
+bool SignalBlock::hasPending() {
+    sigset_t pending;
+    return sigpending(&pending) == 0 &&
+           (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1);
+}
+
 void SignalBlock::forever() {
     const sigset_t blocked = signals();
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);

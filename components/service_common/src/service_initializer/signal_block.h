@@ -17,6 +17,9 @@ public:
     /// The two signals.
     static sigset_t signals();
 
+    /// Whether one of them waits to be handled by the calling thread.
+    static bool hasPending();
+
     /// Blocks both on the calling thread for the rest of the thread's life.
     static void forever();
 

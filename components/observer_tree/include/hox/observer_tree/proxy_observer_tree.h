@@ -4,6 +4,7 @@
 #include <grpcpp/channel.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -78,11 +79,17 @@ public:
     Status callUnary(const std::string& key, UnaryOps operation,
                      const google::protobuf::Message& request,
                      google::protobuf::Message& response) {
-        const auto status =
-            m_unaryCaller.call(*m_unaryMethods.at({key, operation}), request, response);
-        return status.ok() ? Status()
-                           : Status(static_cast<ProtoStatus::StatusCode>(status.error_code()),
-                                    status.error_message());
+        return statusOf(
+            m_unaryCaller.call(*m_unaryMethods.at({key, operation}), request, response));
+    }
+
+    /// The same for a tree in another service, and cancels the call if `mustEnd` is true before the
+    /// answer arrives; asks several times a second, on the caller's thread. CANCELLED then.
+    Status callUnary(const std::string& key, UnaryOps operation,
+                     const google::protobuf::Message& request, google::protobuf::Message& response,
+                     const std::function<bool()>& mustEnd) {
+        return statusOf(
+            m_unaryCaller.call(*m_unaryMethods.at({key, operation}), request, response, mustEnd));
     }
 
     /// Whether the tree is served by this process.
@@ -121,6 +128,12 @@ public:
     }
 
 private:
+    static Status statusOf(const grpc::Status& status) {
+        return status.ok() ? Status()
+                           : Status(static_cast<ProtoStatus::StatusCode>(status.error_code()),
+                                    status.error_message());
+    }
+
     void endObservations() {
         std::vector<Handle> handles;
         const std::lock_guard<std::mutex> lock(m_mutex);

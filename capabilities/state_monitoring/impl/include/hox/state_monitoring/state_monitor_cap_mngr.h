@@ -18,7 +18,8 @@ class StateMonitorCapMngr : public Hox::Service::ICapMngr {
 public:
     StateMonitorCapMngr() = default;
 
-    /// Ends the connections to other monitors and the watch on the machine.
+    /// Ends the connections to the central store and to other monitors and the watch on the
+    /// machine.
     ~StateMonitorCapMngr() override;
     StateMonitorCapMngr(const StateMonitorCapMngr&) = delete;
     StateMonitorCapMngr(StateMonitorCapMngr&&) = delete;
@@ -35,11 +36,12 @@ public:
     /// is that of this service.
     void initCapability(Hox::Service::LumServiceCtx& ctx) override;
 
-    /// Starts serving. Asserts that initCapability() has run.
+    /// Starts serving. Asserts that initCapability() has run. Throws InitializationError if the
+    /// central store of a system monitor is this service.
     void serverStarted(Hox::Service::LumServiceCtx& ctx) override;
 
-    /// Loads the configuration of the traps, connects to the external state monitors and starts to
-    /// watch the machine, depending on the role.
+    /// Loads the configuration of the traps, and waits for that of the central store; connects to
+    /// the external state monitors and starts to watch the machine, depending on the role.
     void proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) override;
 
 private:

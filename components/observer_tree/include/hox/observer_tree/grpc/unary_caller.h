@@ -3,6 +3,7 @@
 #include <google/protobuf/message.h>
 #include <grpcpp/channel.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -37,6 +38,11 @@ public:
     /// any thread that holds no lock that the serving side needs.
     grpc::Status call(const OwnedRpcMethod& method, const google::protobuf::Message& request,
                       google::protobuf::Message& response);
+
+    /// The same on a channel to another process, and cancels the call if `mustEnd` is true before
+    /// the answer arrives; asks several times a second, on the caller's thread.
+    grpc::Status call(const OwnedRpcMethod& method, const google::protobuf::Message& request,
+                      google::protobuf::Message& response, const std::function<bool()>& mustEnd);
 
 private:
     grpc::Status callInProcess(const OwnedRpcMethod& method,

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "hox/cpputil/regex/bounded_regex.h"
-#include "hox/cpputil/semaphore/binary_semaphore.h"
+#include "hox/cpputil/semaphore/counting_semaphore.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/observer_tree/persistence/inode_data_hndlr.h"
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
@@ -39,8 +39,11 @@ public:
     PersistenceHndlr& operator=(const PersistenceHndlr&) = delete;
     PersistenceHndlr& operator=(PersistenceHndlr&&) = delete;
 
-    /// Attaches the central store. Must be called before persisting starts.
-    void setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr);
+    /// Attaches the central store. Must be called before persisting starts. `isEnding` ends the
+    /// wait for the store's first answer; it is called on the waiting thread.
+    void setNodeDataHndlr(
+        std::shared_ptr<INodeDataHndlr> nodeDataHndlr,
+        std::function<bool()> isEnding = [] { return false; });
 
     /// May change the values read from a directory before they are loaded.
     using LoadFilter = std::function<void(ChangeSetType&)>;
@@ -52,16 +55,21 @@ public:
     void init(bool startPersisting, const std::string& persistDir, const LoadFilter& onLoad = {});
 
     /// Stores every further change; with persistFirstChange also the current content of the tree,
-    /// before this call returns. With a central store it waits for the store's first answer and
-    /// releases the capability's lock meanwhile; then it must not be called from a handler or an
-    /// observer of the tree, because the answer needs the tree. Asserts that it is not persisting
-    /// already.
+    /// before this call returns. With a central store it waits for the store's first answer, or the
+    /// end of the process, and releases the capability's lock meanwhile; then it must not be called
+    /// from a handler or an observer of the tree, because the answer needs the tree. Asserts that
+    /// it is not persisting already.
     void startPersistingObsTree(const std::string& persistDir, bool persistFirstChange);
 
     /// Writes all persistent keys of the tree into the directory, for operations on whole
     /// directories. Runs inside a handler of the tree, which passes its data tree. Throws what
     /// NodeDataFileHndlr::saveNodeData throws; some values may have been written then.
     void writeAll(const DataTree& tree, const std::filesystem::path& directory);
+
+    /// Ends the observation of the central store; nothing is stored there any more. Waits for a
+    /// delivery that is running, so the caller holds neither the capability's mutex nor a lock of
+    /// the tree, which still exists.
+    void endCentralObserving();
 
     /// Ends persisting. The content of the central store continues to replace the persistent part
     /// of the tree, until the next start observes the store again.
@@ -84,7 +92,7 @@ private:
                                                   DataTree& tree) const;
     void startCentralObserving();
     void onCentralData(const ChangeSetType& changes, const Status& status,
-                       Hox::CppUtil::BinarySemaphore& firstAnswer);
+                       Hox::CppUtil::CountingSemaphore& firstAnswer);
     void onTreeChanged(const ChangeSetType& changes, const Status& status,
                        const std::string& persistDir);
     void storeCentrally(ChangeSetType& changes);
@@ -105,6 +113,7 @@ private:
     NodeDataFileHndlr m_nodeDataFile;
     bool m_persistFirstChange = false;
     std::shared_ptr<INodeDataHndlr> m_nodeDataHndlr;
+    std::function<bool()> m_isEnding;
     std::string m_confStateId;
     bool m_storeCentrally = false;
     int m_storedCount = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -81,6 +82,15 @@ public:
     /// The locations of the data of the capability of this name.
     CapabilityPaths getCapabilityPaths(const std::string& capabilityName) const;
 
+    /// Whether the address leads to this service, judging by its text.
+    bool isThisService(const std::string& address) const;
+
+    /// Whether the end of the process has been requested: whoever waits gives up. On any thread; on
+    /// the main thread also true while such a signal waits for the end of the start.
+    bool isEnding() const;
+    /// The end has been requested. For the frame, also in a signal handler.
+    void setEnding() { m_isEnding = true; }
+
     /// The identity of this service.
     const ServiceIdentity& getIdentity() const { return m_identity; }
     /// Replaces the identity.
@@ -131,6 +141,7 @@ public:
     void setGrpcServer(std::unique_ptr<grpc::Server> grpcServer);
 
 private:
+    std::atomic<bool> m_isEnding{false};
     CapabilityLock m_capabilityLock;
     std::shared_ptr<Discovery::IServiceDiscoveryClient> m_discoveryClient;
     std::shared_ptr<Publications> m_publications;

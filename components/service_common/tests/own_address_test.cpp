@@ -1,11 +1,11 @@
-#include "own_address.h"
+#include "service_initializer/own_address.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 
-namespace Hox::Capability::StateMonitoring {
+namespace Hox::Service {
 namespace {
 
 TEST(OwnAddress, IsKnownByAddressAndPort) {
@@ -40,4 +40,4 @@ TEST(OwnAddress, IsNoOther) {
 }
 
 }  // namespace
-}  // namespace Hox::Capability::StateMonitoring
+}  // namespace Hox::Service

@@ -1,4 +1,4 @@
-#include "own_address.h"
+#include "service_initializer/own_address.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -14,7 +14,7 @@
 #include <memory>
 #include <utility>
 
-namespace Hox::Capability::StateMonitoring {
+namespace Hox::Service {
 
 namespace {
 
@@ -104,19 +104,19 @@ std::pair<std::string, std::string> hostAndPort(std::string url) {
 
 }  // namespace
 
-bool isOwnAddress(const std::string& url, const std::string& ownPort) {
-    if (url == "inprocess") {
+bool isOwnAddress(const std::string& address, const std::string& ownPort) {
+    if (address == "inprocess") {
         return true;
     }
-    const auto [host, port] = hostAndPort(url);
+    const auto [host, port] = hostAndPort(address);
     if (std::strtoul(port.c_str(), nullptr, 10) != std::strtoul(ownPort.c_str(), nullptr, 10)) {
         return false;
     }
-    in6_addr address{};
-    if (!parse(host, address)) {
+    in6_addr number{};
+    if (!parse(host, number)) {
         return isSameName(host, "localhost") || isSameName(host, hostName());
     }
-    return isLoopbackOrAny(address) || isOnAnInterface(address);
+    return isLoopbackOrAny(number) || isOnAnInterface(number);
 }
 
-}  // namespace Hox::Capability::StateMonitoring
+}  // namespace Hox::Service
