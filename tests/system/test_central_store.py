@@ -1,4 +1,5 @@
 """A system monitor that keeps its configuration in the configuration service of another process."""
+import json
 import signal
 import threading
 
@@ -136,6 +137,45 @@ def test_a_setting_waits_for_a_store_that_is_away(start):
     assert "192.0.2.2" in stored(central)["/snmp"]
 
 
+def test_a_store_that_has_lost_everything_gets_it_again(start):
+    central = start()
+    monitor = start(*options(central))
+    set_manager(monitor.client(), "192.0.2.1")
+    central.signal(signal.SIGKILL)  # nobody has saved
+    central.process.wait(3)
+    central.exit_status = central.process.returncode
+    central = start(port=central.port)
+    wait_until(lambda: "Updating system configuration" in central.stdout, 20, "the whole picture")
+    assert manager_ip(monitor.client()) == "192.0.2.1"
+    monitor.stop()
+    assert "192.0.2.1" in stored(central)["/snmp"]
+
+
+def test_a_refused_setting_gives_way_to_what_others_have_stored(start):
+    central = start()
+    monitor = start(*options(central))
+    client = monitor.client()
+    set_manager(client, "192.0.2.1")
+    other = Slice(central.client(), CAPABILITY)
+    text = ('{"@type":"type.googleapis.com/Hox.Capability.StateMonitoring.Api.SnmpConfiguration",'
+            '"managerIp":"192.0.2.9","trapPort":"162"}')
+    save(central.client())
+    other.state_id = saved_state_id(central)
+    other.update({"/snmp": text})
+    set_manager(client, "192.0.2.2")
+    assert "Store node data centrally failed" in monitor.stdout
+    wait_for_manager(client, "192.0.2.9")
+    set_manager(client, "192.0.2.3")
+    monitor.stop()
+    assert "192.0.2.3" in stored(central)["/snmp"]
+
+
+def saved_state_id(central):
+    """The state id of the slice in the saved copy."""
+    file = central.folder / "config/configuration/sys/conf/mb/0" / CAPABILITY / "__csid/data"
+    return json.loads(json.loads(file.read_text())["value"])["value"]
+
+
 def frozen(start):
     central = start()
     central.signal(signal.SIGSTOP)
@@ -187,6 +227,7 @@ def test_a_setting_that_waits_for_the_stores_answer_can_be_ended(start, thawed):
     wait_until(lambda: f"{WAITING[1]}{central.address}" in monitor.stdout)
     # What need not ask the state monitor is served meanwhile.
     assert texts(Slice(client).observe().next()) == {}
+    assert client.configuration.getSysConf(client.protos.configuration.GetSysConfReq()).sysConfData
     monitor.stop()
     ended.join(20)
     assert not ended.is_alive()

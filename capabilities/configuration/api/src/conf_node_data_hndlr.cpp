@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "conf_observe_struct.h"
+#include "hox/configuration/storable_key.h"
 #include "hox/cpputil/error/error.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
@@ -56,6 +57,11 @@ void ConfNodeDataHndlr::Slices::stored(const Api::ConfId& slice, const std::stri
     ++state.storeCount;
 }
 
+void ConfNodeDataHndlr::Slices::refused(const Api::ConfId& slice) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_slices[slice.SerializeAsString()].refusals;
+}
+
 SliceState ConfNodeDataHndlr::Slices::get(const Api::ConfId& slice) const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_slices.find(slice.SerializeAsString());
@@ -98,6 +104,8 @@ StoreNodeDataReturn ConfNodeDataHndlr::send(const Api::UpdateCapConfReq& request
                                          request, response, [&wait] { return wait.mustEnd(); });
     if (status.isOk()) {
         m_slices.stored(request.confid(), response.capconfstateid());
+    } else if (status.statusCode() == ProtoStatus::FAILED_PRECONDITION) {
+        m_slices.refused(request.confid());
     }
     return {std::move(status), response.capconfstateid()};
 }
@@ -123,6 +131,12 @@ std::any ConfNodeDataHndlr::observeNodeData(const std::string& lastStateId,
 void ConfNodeDataHndlr::deliver(const Api::ConfId& slice, const ChangeSetType& changes,
                                 const Status& status, const Callback& callback) {
     if (!status.isOk()) {
+        if (status.statusCode() != ProtoStatus::ALREADY_EXISTS &&
+            status.statusCode() != ProtoStatus::CANCELLED) {
+            m_logger->log(Hox::Log::here(), spdlog::level::err, "{} refuses to be observed: {} {}",
+                          m_storeName, static_cast<int>(status.statusCode()),
+                          status.errorMessage().substr(0, longestText));
+        }
         callback({}, status);
         return;
     }
@@ -138,8 +152,8 @@ void ConfNodeDataHndlr::deliver(const Api::ConfId& slice, const ChangeSetType& c
         callback({}, Status(ProtoStatus::FAILED_PRECONDITION, error.what()));
         return;
     }
+    m_slices.observed(slice, stateId);  // first: the callback may store something
     callback(std::move(converted), status);
-    m_slices.observed(slice, stateId);
 }
 
 }  // namespace Hox::Capability::Configuration

@@ -58,7 +58,7 @@ std::any ConfObserveStruct::observe() {
     m_request.set_lastcapconfstateid(slice.stateId);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_storeCount = slice.storeCount;
+        m_slice = slice;
         m_hasAnswered = false;
         m_isLost = false;
     }
@@ -79,7 +79,7 @@ void ConfObserveStruct::onChanges(const ChangeSetType& changes, const Status& st
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_hasAnswered = true;
-        m_isLost = isToBeRepeated || status.statusCode() == ProtoStatus::CANCELLED;
+        m_isLost = m_isLost || isToBeRepeated || status.statusCode() == ProtoStatus::CANCELLED;
     }
     m_changed.notify_all();
 }
@@ -88,14 +88,14 @@ void ConfObserveStruct::onChanges(const ChangeSetType& changes, const Status& st
 bool ConfObserveStruct::isOutdated(const Status& status) {
     const auto storeCount = m_surroundings.slice().storeCount;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return status.isOk() && !m_hasAnswered && storeCount != m_storeCount;
+    return status.isOk() && !m_hasAnswered && storeCount != m_slice.storeCount;
 }
 
 void ConfObserveStruct::waitForLoss() {
     StoreWait wait(m_surroundings.logger, "the answer of " + m_surroundings.storeName,
                    [this] { return isEnding(); });
     std::unique_lock<std::mutex> lock(m_mutex);
-    while (!m_isLost && !isEnding()) {
+    while (!m_isLost && !isEnding() && m_surroundings.slice().refusals == m_slice.refusals) {
         if (!m_hasAnswered && wait.mustEnd()) {
             return;
         }

@@ -68,9 +68,9 @@ private:
     std::atomic<bool> m_isEnding{false};
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::uint64_t m_storeCount = 0;  // when the observation began. GUARDED_BY(m_mutex)
-    bool m_hasAnswered = false;      // the store, since then. GUARDED_BY(m_mutex)
-    bool m_isLost = false;           // GUARDED_BY(m_mutex)
+    SliceState m_slice;          // when the observation began. GUARDED_BY(m_mutex)
+    bool m_hasAnswered = false;  // the store, since then. GUARDED_BY(m_mutex)
+    bool m_isLost = false;       // GUARDED_BY(m_mutex)
     std::thread m_thread;
 };
 

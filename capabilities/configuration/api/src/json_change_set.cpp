@@ -5,6 +5,7 @@
 #include <memory>
 #include <utility>
 
+#include "hox/configuration/storable_key.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/observer_tree/path_manipulation.h"
@@ -49,6 +50,14 @@ DataTreeValPtr fromJson(const DataTreeValPtr& value, const std::string& key) {
     return std::make_shared<const DataTreeVal>(std::move(packed));
 }
 
+DataTreeValPtr fromJsonIfReadable(const DataTreeValPtr& value, const std::string& key) {
+    try {
+        return fromJson(value, key);
+    } catch (const InvalidArgumentError&) {
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 ObsTreeObserveChangeSet changeSetToJson(const ChangeSetType& changes) {
@@ -76,12 +85,13 @@ ChangeSetType changeSetFromJson(const ChangeSetType& changes) {
         // The text of the assertion. NOLINTNEXTLINE(readability-container-size-empty)
         HOX_ASSERT(changeSetEntry.second.size());
         const auto& key = changeSetEntry.first;
-        if (!path.isKey(key)) {
-            throw InvalidArgumentError("No key: " + key, __FILE__, __LINE__);
+        const auto refusal = path.isKey(key) ? whyNotStorable(key) : "No key: " + shown(key);
+        if (!refusal.empty()) {
+            throw InvalidArgumentError(refusal, __FILE__, __LINE__);
         }
         const auto& change = changeSetEntry.second.front();
-        addToChangeSet(result, key, fromJson(change.current, key), fromJson(change.previous, key),
-                       0);
+        addToChangeSet(result, key, fromJson(change.current, key),
+                       fromJsonIfReadable(change.previous, key), 0);
     }
     return result;
 }

@@ -1,7 +1,6 @@
 #include "hox/configuration/conf_node_data_hndlr.h"
 
 #include <gmock/gmock.h>
-#include <google/protobuf/duration.pb.h>
 #include <google/protobuf/wrappers.pb.h>
 #include <grpcpp/create_channel.h>
 #include <grpcpp/security/credentials.h>
@@ -13,17 +12,18 @@
 #include "hox/observer_tree/utils.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/wait_until.h"
+#include "sample_values.h"
 #include "scripted_store.h"
 
 namespace Hox::Capability::Configuration {
 namespace {
 
 using Fixture::ScriptedStore;
-using google::protobuf::Duration;
+using Fixture::seconds;
+using Fixture::twoSeconds;
 using google::protobuf::StringValue;
 using Hox::ObserverTree::AsyncGrpcProxyObsTreeBuilder;
 using Hox::ObserverTree::ChangeSetType;
-using Hox::ObserverTree::DataTreeVal;
 using Hox::ObserverTree::DataTreeValPtr;
 using Hox::ObserverTree::ObsTreeObserveChangeSet;
 using Hox::ObserverTree::ProtoStatus;
@@ -34,15 +34,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-
-constexpr const char* twoSeconds =
-    R"({"@type":"type.googleapis.com/google.protobuf.Duration","value":"2s"})";
-
-DataTreeValPtr seconds(int value) {
-    Duration message;
-    message.set_seconds(value);
-    return std::make_shared<const DataTreeVal>(std::move(message));
-}
 
 ChangeSetType change(const std::string& key, DataTreeValPtr current) {
     ChangeSetType changes;
@@ -266,6 +257,33 @@ TEST_F(ConfNodeDataHndlrTest, AsksAgainIfItHasStoredSomethingBeforeTheFirstAnswe
     EXPECT_TRUE(store(change("/a", seconds(2))).status.isOk());
     m_store.send(content("11"));
     EXPECT_TRUE(waitForNumber(2)) << "later elements come after the changes";
+}
+
+TEST_F(ConfNodeDataHndlrTest, ObservesAgainIfOthersHaveChangedTheSlice) {
+    m_store.start();
+    observe("7");
+    m_store.send(content("8"));
+    ASSERT_TRUE(waitForNumber(1));
+    m_store.answerWith({grpc::StatusCode::FAILED_PRECONDITION, "ConfState identifier didnt match"},
+                       "");
+    EXPECT_FALSE(store(change("/a", seconds(2))).status.isOk());
+    ASSERT_TRUE(waitForObservations(2));
+    EXPECT_EQ(m_store.observations().back().lastcapconfstateid(), "8");
+    m_store.send(content("9"));
+    EXPECT_TRUE(waitForNumber(2));
+}
+
+TEST_F(ConfNodeDataHndlrTest, SaysIfTheStoreRefusesToBeObserved) {
+    m_store.start();
+    observe();
+    ObsTreeObserveChangeSet refusal;
+    refusal.mutable_observestatus()->set_statuscode(ProtoStatus::INVALID_ARGUMENT);
+    m_store.send(refusal);
+    ASSERT_TRUE(waitForNumber(1));
+    EXPECT_THAT(got(), ElementsAre(std::to_string(ProtoStatus::INVALID_ARGUMENT)));
+    EXPECT_THAT(m_log.textsAt(spdlog::level::err),
+                ElementsAre("the central data store at " + m_store.address() +
+                            " refuses to be observed: 3 "));
 }
 
 TEST_F(ConfNodeDataHndlrTest, ForgetsTheStateIdOfASliceThatIsGone) {

@@ -1,17 +1,19 @@
 #include "json_change_set.h"
 
 #include <gmock/gmock.h>
-#include <google/protobuf/duration.pb.h>
 #include <google/protobuf/wrappers.pb.h>
 
 #include <stdexcept>
 
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/observer_tree/utils.h"
+#include "sample_values.h"
 
 namespace Hox::Capability::Configuration {
 namespace {
 
+using Fixture::seconds;
+using Fixture::twoSeconds;
 using google::protobuf::Any;
 using google::protobuf::StringValue;
 using Hox::CppUtil::InvalidArgumentError;
@@ -25,12 +27,6 @@ using ::testing::ThrowsMessage;
 DataTreeValPtr text(const std::string& value) {
     StringValue message;
     message.set_value(value);
-    return std::make_shared<const DataTreeVal>(std::move(message));
-}
-
-DataTreeValPtr seconds(int value) {
-    google::protobuf::Duration message;
-    message.set_seconds(value);
     return std::make_shared<const DataTreeVal>(std::move(message));
 }
 
@@ -99,9 +95,6 @@ TEST(ChangeSetToJson, KeepsWhatJsonCannotRepresent) {
               unknown.SerializeAsString());
 }
 
-constexpr const char* twoSeconds =
-    R"({"@type":"type.googleapis.com/google.protobuf.Duration","value":"2s"})";
-
 TEST(ChangeSetFromJson, HasTheMessagesOfTheTexts) {
     const auto changes = changeSetFromJson(change("/a", text(twoSeconds), text(twoSeconds)));
     ASSERT_EQ(changes.size(), 1U);
@@ -117,10 +110,17 @@ TEST(ChangeSetFromJson, HasNoValueWhereTheStoreHasNone) {
 }
 
 TEST(ChangeSetFromJson, RefusesAValueThatIsNoText) {
-    for (const auto& changes :
-         {change("/a", seconds(1), nullptr), change("/a", nullptr, seconds(1))}) {
-        EXPECT_THAT([&] { changeSetFromJson(changes); },
-                    ThrowsMessage<InvalidArgumentError>(HasSubstr("The value of /a is no text")));
+    EXPECT_THAT([] { changeSetFromJson(change("/a", seconds(1), nullptr)); },
+                ThrowsMessage<InvalidArgumentError>(HasSubstr("The value of /a is no text")));
+}
+
+TEST(ChangeSetFromJson, LeavesAPreviousValueOutThatItCannotRead) {
+    for (const auto& previous : {seconds(1), text("{broken")}) {
+        for (const auto& current : {text(twoSeconds), DataTreeValPtr()}) {
+            const auto changes = changeSetFromJson(change("/a", current, previous));
+            EXPECT_EQ(changes.at("/a").at(0).current != nullptr, current != nullptr);
+            EXPECT_EQ(changes.at("/a").at(0).previous, nullptr);
+        }
     }
 }
 
@@ -140,6 +140,11 @@ TEST(ChangeSetFromJson, RefusesAKeyThatNoTreeTakes) {
                     ThrowsMessage<InvalidArgumentError>(HasSubstr("No key: ")))
             << key;
     }
+}
+
+TEST(ChangeSetFromJson, RefusesAKeyThatNoFileCanHold) {
+    EXPECT_THAT([] { changeSetFromJson(change("/a/data", text(twoSeconds), nullptr)); },
+                ThrowsMessage<InvalidArgumentError>(HasSubstr("Key has the reserved component")));
 }
 
 TEST(ChangeSetFromJsonDeathTest, AssertsThatEachKeyHasAChange) {

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "configuration.pb.h"
+#include "hox/configuration/storable_key.h"
 #include "hox/observer_tree/tree_types.h"
 
 namespace Hox::Capability::Configuration {
@@ -14,15 +15,6 @@ constexpr const char* confRoot = "/sys/conf";
 
 /// The position in each key at which the unique id of its slice begins.
 constexpr std::size_t uniqueIdStart = std::string_view(confRoot).size() + 1;
-
-/// A longer key is refused before its form is checked: no folder or package could hold it.
-constexpr std::size_t maxKeySize = 3000;
-
-/// A key with more components is refused: its folders would be nested too deep.
-constexpr std::size_t maxKeyComponents = 128;
-
-/// The key that holds the state id of a slice, inside the slice.
-constexpr const char* stateIdKey = "/__csid";
 
 /// The root of a slice: every key of the slice starts with this text.
 std::string capConfKey(const Api::ConfId& confId);
@@ -44,9 +36,6 @@ bool isLoaded(const std::string& key);
 
 /// Whether the key is the key of a slice's state id.
 bool isStateIdKey(const std::string& key);
-
-/// The reason why the file store cannot hold the key, or an empty text.
-std::string whyNotStorable(const std::string& key);
 
 /// The reason why no service could write the well-formed key, or an empty text.
 std::string whyNotWritable(const std::string& key);

@@ -217,10 +217,18 @@ void PersistenceHndlr::endCentralObserving() {
 
 void PersistenceHndlr::onCentralData(const ChangeSetType& changes, const Status& status,
                                      Hox::CppUtil::CountingSemaphore& firstAnswer) {
-    if (status.statusCode() == ProtoStatus::ALREADY_EXISTS) {
-        m_storeCentrally = true;  // what is here is what the store has
-    } else if (status.statusCode() == ProtoStatus::CANCELLED) {
+    const bool wasLost = m_isStoreLost;
+    m_isStoreLost = status.statusCode() == ProtoStatus::CANCELLED;
+    if (m_isStoreLost) {
         m_storedCount = 0;  // a store that comes back may have lost what was not saved
+    } else if (status.statusCode() == ProtoStatus::ALREADY_EXISTS) {
+        m_storeCentrally = true;
+        if (m_isStoreBehind) {
+            storeEverythingCentrally();
+        }
+    } else if (status.isOk() && wasLost && changes.empty() && !m_confStateId.empty()) {
+        // The store has lost what it had, as nobody had saved it.
+        storeEverythingCentrally();
     } else if (status.isOk()) {
         // Nobody may see the tree between the two steps.
         const auto lock = m_tree.lockHandlers();
@@ -228,6 +236,7 @@ void PersistenceHndlr::onCentralData(const ChangeSetType& changes, const Status&
         applyChangeSet({}, false, true);
         applyChangeSet(changes, false, true);
         m_storeCentrally = true;
+        m_isStoreBehind = false;
     }
     if (!m_centralDataSeen) {
         m_centralDataSeen = true;
@@ -248,12 +257,21 @@ void PersistenceHndlr::onTreeChanged(const ChangeSetType& changes, const Status&
     if (m_persistFirstChange && !filtered.empty()) {
         if (m_storeCentrally) {
             storeCentrally(filtered);
+        } else {
+            m_isStoreBehind = true;  // taken back if this is what the store has sent
         }
         if (!persistDir.empty()) {
             m_nodeDataFile.saveChangeSet(filtered, persistDir);
         }
     }
     m_persistFirstChange = true;
+}
+
+void PersistenceHndlr::storeEverythingCentrally() {
+    const auto lock = m_tree.lockHandlers();
+    m_storedCount = 0;
+    ChangeSetType everything;
+    storeCentrally(everything);
 }
 
 void PersistenceHndlr::storeCentrally(ChangeSetType& changes) {
@@ -265,6 +283,7 @@ void PersistenceHndlr::storeCentrally(ChangeSetType& changes) {
                                                        m_capabilityId, changes, isPatch);
     if (stored.status.isOk()) {
         ++m_storedCount;
+        m_isStoreBehind = false;
         m_confStateId = stored.stateId;
         google::protobuf::StringValue stateId;
         stateId.set_value(stored.stateId);
@@ -276,6 +295,7 @@ void PersistenceHndlr::storeCentrally(ChangeSetType& changes) {
         m_logger->log(Hox::Log::here(), spdlog::level::warn,
                       "Store node data centrally failed - status {}",
                       stored.status.proto().DebugString());
+        m_isStoreBehind = true;
     }
 }
 

@@ -123,6 +123,36 @@ TEST_F(CentralPersistence, SendsEverythingAgainAfterALoss) {
                             "  /keep/b: null -> 2", "id2|mb/0/cap|patch", "  /__csid: id1 -> id2"));
 }
 
+TEST_F(CentralPersistence, SendsEverythingIfAChangeWasNotStoredAndNobodyElseHasChangedTheStore) {
+    start({}, Status());
+    m_store->answers.push_back({Status(ProtoStatus::UNAVAILABLE, "gone"), ""});
+    set("/keep/a", "1");
+    m_store->calls.clear();
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    m_store->callback({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    EXPECT_THAT(m_store->calls, Contains("|mb/0/cap|full"));
+    m_store->calls.clear();
+    m_store->callback({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    EXPECT_THAT(m_store->calls, IsEmpty()) << "the store has everything";
+}
+
+TEST_F(CentralPersistence, SendsEverythingToAStoreThatHasLostIt) {
+    start({}, Status());
+    set("/keep/a", "1");
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    m_store->calls.clear();
+    m_store->callback({}, Status());
+    EXPECT_THAT(m_store->calls, Contains("id1|mb/0/cap|full"));
+    EXPECT_THAT(content(), ElementsAre("/__csid=id2", "/keep/a=1"));
+}
+
+TEST_F(CentralPersistence, IsEmptiedByAStoreThatIsThere) {
+    start({}, Status());
+    set("/keep/a", "1");
+    m_store->callback({}, Status());
+    EXPECT_THAT(content(), IsEmpty());
+}
+
 TEST_F(CentralPersistence, WaitsForTheFirstAnswerUntilTheProcessEnds) {
     auto& persistence = handler();
     int questions = 0;

@@ -32,7 +32,8 @@ public:
 
     /// Sends the changes and returns the store's answer, with the status of the call.
     /// ALREADY_EXISTS, with nothing sent, if there is no change but that of the state id;
-    /// UNAVAILABLE if the process is about to end, CANCELLED if it is meanwhile. Blocks its caller,
+    /// UNAVAILABLE if the process is about to end, CANCELLED if it is meanwhile. If the store refuses
+    /// the state id, the slice is observed anew. Blocks its caller,
     /// which holds the locks of the tree. Asserts that the store is connected within an hour.
     /// Throws what the values' conversion throws: std::out_of_range for a key without changes.
     Hox::ObserverTree::StoreNodeDataReturn storeNodeData(
@@ -43,7 +44,8 @@ public:
     /// Returns at once; the store is awaited on a thread of the observation, which asserts that it
     /// is connected within an hour. After a loss of the store the observation begins anew with the
     /// last state id that is known by then. The callback gets what the store says, and CANCELLED at
-    /// a loss. What cannot be read is logged and delivered as FAILED_PRECONDITION without changes.
+    /// a loss. What cannot be read is logged and delivered as FAILED_PRECONDITION without changes;
+    /// any other status that is neither OK nor ALREADY_EXISTS is logged as well.
     ///
     /// The handle is dropped before this object, under no lock that the callback takes; that waits
     /// for a running callback. Throws std::system_error if no thread can be created.
@@ -62,6 +64,7 @@ private:
     public:
         void observed(const Api::ConfId& slice, const std::string& stateId);
         void stored(const Api::ConfId& slice, const std::string& stateId);
+        void refused(const Api::ConfId& slice);
         SliceState get(const Api::ConfId& slice) const;
 
     private:

@@ -96,6 +96,7 @@ private:
     void onTreeChanged(const ChangeSetType& changes, const Status& status,
                        const std::string& persistDir);
     void storeCentrally(ChangeSetType& changes);
+    void storeEverythingCentrally();
     ChangeSetType readWholePicture();
 
     // Constant, or self-synchronised.
@@ -117,6 +118,8 @@ private:
     std::string m_confStateId;
     bool m_storeCentrally = false;
     int m_storedCount = 0;
+    bool m_isStoreBehind = false;  // a change is only here
+    bool m_isStoreLost = false;    // since its last answer
     std::any m_centralObserveHandle;
     bool m_centralDataSeen = false;
 };
