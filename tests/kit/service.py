@@ -7,11 +7,13 @@ import subprocess
 import time
 
 from kit.client import Client
+from kit.memory import is_sanitized
 from kit.namespaces import free_port, own_log
 from kit.paths import program
 
-#: The maximum time of a stop, from SIGTERM to the end of the process.
-STOP_SECONDS = 3.0
+#: The maximum time of a stop, from SIGTERM to the end of the process. A sanitizer makes everything
+#: several times as slow.
+STOP_SECONDS = 9.0 if is_sanitized() else 3.0
 
 #: A service id that no other service of this process has: two with the same one collide.
 OWN_ID = object()

@@ -60,6 +60,31 @@ TEST(SignalBlock, LeavesTheMaskAsItFoundIt) {
     });
 }
 
+TEST(SignalBlock, KnowsASignalThatWaits) {
+    onAnotherThread([] {
+        const auto former = std::signal(SIGTERM, SIG_IGN);
+        SignalBlock::note();
+        EXPECT_FALSE(SignalBlock::hasPending()) << "nothing is held back";
+        std::signal(SIGTERM, [](int /*number*/) {});
+        {
+            const SignalBlock block;
+            EXPECT_FALSE(SignalBlock::hasPending());
+            pthread_kill(pthread_self(), SIGTERM);
+            EXPECT_TRUE(SignalBlock::hasPending());
+        }
+        {
+            const SignalBlock block;
+            EXPECT_FALSE(SignalBlock::hasPending());
+            SignalBlock::note();
+            EXPECT_TRUE(SignalBlock::hasPending());
+            onAnotherThread([] { EXPECT_TRUE(SignalBlock::hasPending()); });
+        }
+        { const SignalBlock next; }
+        EXPECT_FALSE(SignalBlock::hasPending());
+        std::signal(SIGTERM, former);
+    });
+}
+
 TEST(SignalBlock, MayLastForever) {
     onAnotherThread([] {
         SignalBlock::forever();

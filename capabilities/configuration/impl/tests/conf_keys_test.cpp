@@ -15,7 +15,6 @@ namespace Hox::Capability::Configuration {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 Api::ConfId confId(const std::string& type, const std::string& id, const std::string& capability) {
     Api::ConfId result;

@@ -209,9 +209,7 @@ void LumServiceInitializer::endShutdownThread() {
 void LumServiceInitializer::handleSignal(int signalNumber) {
     const int formerErrno = errno;
     if (LumServiceInitializer* service = instance) {
-        if (service->m_isStarting) {
-            service->m_ctx.setEnding();  // whoever waits gives up, whatever thread it is on
-        }
+        SignalBlock::note();  // the object may be gone, unless this is the main thread
         if (pthread_equal(pthread_self(), mainThread) != 0) {
             service->serverShutdown();
         } else {
@@ -326,7 +324,6 @@ void LumServiceInitializer::startCapabilities(const std::string& internalAddress
         throw CppUtil::InitializationError(
             "Unable to start gRPC server on address " + internalAddress, __FILE__, __LINE__);
     }
-    m_isStarting = true;
     m_serverFront->open();
     callCapabilities("serverStarted", &ICapMngr::serverStarted);
     callCapabilities("proxyObsTreesReady", &ICapMngr::proxyObsTreesReady);

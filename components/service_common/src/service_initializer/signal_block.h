@@ -5,7 +5,8 @@
 namespace Hox::Service {
 
 /// Blocks SIGINT and SIGTERM on the calling thread during its lifetime. Signals that arrive
-/// meanwhile are handled when it is destroyed. Constructed and destroyed on one thread.
+/// meanwhile are handled when it is destroyed. Constructed and destroyed on one thread; at most one
+/// exists at a time.
 class SignalBlock {
 public:
     SignalBlock();
@@ -17,7 +18,12 @@ public:
     /// The two signals.
     static sigset_t signals();
 
-    /// Whether one of them waits to be handled by the calling thread.
+    /// One of them has reached another thread, which passes it on. In a signal handler; without an
+    /// object it has no effect.
+    static void note();
+
+    /// Whether one of them waits for the end of the object, as far as the calling thread knows: on
+    /// the object's thread always, on others after note().
     static bool hasPending();
 
     /// Blocks both on the calling thread for the rest of the thread's life.

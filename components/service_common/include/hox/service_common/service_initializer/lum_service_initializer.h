@@ -118,7 +118,6 @@ private:
     std::vector<std::unique_ptr<ICapMngr>> m_capabilities;
     /// Created before readiness, because at shutdown it may not be possible to create a thread.
     std::unique_ptr<std::thread> m_shutdownThread;
-    std::atomic<bool> m_isStarting{false};  // there is a server, and a signal ends the process
     std::atomic<bool> m_isShuttingDown{false};     // used by the main thread only, until it posts
     CppUtil::BinarySemaphore m_shutdownRequested;  // also posted at the end of this object
 };
