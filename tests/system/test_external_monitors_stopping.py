@@ -82,6 +82,7 @@ def test_stops_at_random_moments_are_clean_and_in_time(start, elements):
             peers.happen(chance)
             time.sleep(chance.random() * 0.02)
             service.stop()
+            assert service.stop_seconds < 3  # also with a sanitizer
             service.close()
             assert service.stderr == ""
 

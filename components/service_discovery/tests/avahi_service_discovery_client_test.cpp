@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "discovery_fixture.h"
 #include "events.h"
@@ -141,17 +142,26 @@ TEST_F(AvahiServiceDiscoveryClientTest, CancelEndsAllWaitsOfStartForGood) {
 
 TEST_F(AvahiServiceDiscoveryClientTest, CancelEndsAStartThatASilentDaemonHoldsUp) {
     m_host->startDaemon();
-    AvahiServiceDiscoveryClient client;
-    client.start();
-    client.stop();
+    constexpr int moments = 40;
+    std::vector<AvahiServiceDiscoveryClient> clients(moments);
+    for (auto& client : clients) {
+        client.start();
+        client.stop();
+    }
     m_host->pauseDaemon();
-    auto started = std::async(std::launch::async, [&] { return client.start(); });
     // At any moment: before start asks the daemon, or while it waits for the answer.
-    std::this_thread::yield();
-    const auto before = std::chrono::steady_clock::now();
-    client.cancel();
-    EXPECT_FALSE(started.get());
-    EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(2));
+    for (int moment = 0; moment < moments; ++moment) {
+        auto& client = clients[static_cast<std::size_t>(moment)];
+        const auto begin = std::chrono::steady_clock::now();
+        auto started = std::async(std::launch::async, [&] { return client.start(); });
+        while (std::chrono::steady_clock::now() - begin < std::chrono::microseconds(moment * moment * 10)) {
+            std::this_thread::yield();
+        }
+        const auto before = std::chrono::steady_clock::now();
+        client.cancel();
+        EXPECT_FALSE(started.get()) << moment;
+        ASSERT_LT(std::chrono::steady_clock::now() - before, seconds(2)) << moment;
+    }
     m_host->resumeDaemon();
 }
 

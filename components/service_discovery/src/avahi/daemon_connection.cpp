@@ -53,6 +53,7 @@ DaemonConnection::~DaemonConnection() {
 void DaemonConnection::connect() {
     waitForBus();
     for (int rest = connectAttempts; !m_client && rest > 0; --rest) {
+        forgetSocket();  // of the former attempt: only one can be cut
         m_client.reset(
             avahi_client_new(&m_poll, AVAHI_CLIENT_NO_FAIL, clientCallback, this, nullptr));
     }
