@@ -154,7 +154,8 @@ TEST_F(AvahiServiceDiscoveryClientTest, CancelEndsAStartThatASilentDaemonHoldsUp
         auto& client = clients[static_cast<std::size_t>(moment)];
         const auto begin = std::chrono::steady_clock::now();
         auto started = std::async(std::launch::async, [&] { return client.start(); });
-        while (std::chrono::steady_clock::now() - begin < std::chrono::microseconds(moment * moment * 10)) {
+        while (std::chrono::steady_clock::now() - begin <
+               std::chrono::microseconds(moment * moment * 10)) {
             std::this_thread::yield();
         }
         const auto before = std::chrono::steady_clock::now();

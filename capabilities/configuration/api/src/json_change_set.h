@@ -19,8 +19,8 @@ Hox::ObserverTree::ObsTreeObserveChangeSet changeSetToJson(
 
 /// The reverse for what the store has sent. Asserts that each key has a change. Throws
 /// InvalidArgumentError, which says why, for a key that no tree or file takes and for a current
-/// value that is not such a text; a previous value like that is left out, because the store may have
-/// got a good one in its place.
+/// value that is not such a text; a previous value like that is left out, because the store may
+/// have got a good one in its place.
 Hox::ObserverTree::ChangeSetType changeSetFromJson(const Hox::ObserverTree::ChangeSetType& changes);
 
 }  // namespace Hox::Capability::Configuration

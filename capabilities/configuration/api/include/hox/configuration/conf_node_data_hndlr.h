@@ -32,10 +32,10 @@ public:
 
     /// Sends the changes and returns the store's answer, with the status of the call.
     /// ALREADY_EXISTS, with nothing sent, if there is no change but that of the state id;
-    /// UNAVAILABLE if the process is about to end, CANCELLED if it is meanwhile. If the store refuses
-    /// the state id, the slice is observed anew. Blocks its caller,
-    /// which holds the locks of the tree. Asserts that the store is connected within an hour.
-    /// Throws what the values' conversion throws: std::out_of_range for a key without changes.
+    /// UNAVAILABLE if the process is about to end, CANCELLED if it is meanwhile. If the store
+    /// refuses the state id, the slice is observed anew. Blocks its caller, which holds the locks
+    /// of the tree. Asserts that the store is connected within an hour. Throws what the values'
+    /// conversion throws: std::out_of_range for a key without changes.
     Hox::ObserverTree::StoreNodeDataReturn storeNodeData(
         const std::string& lastStateId, const std::string& nodeType, const std::string& nodeId,
         const std::string& capabilityId, const Hox::ObserverTree::ChangeSetType& changes,
