@@ -163,7 +163,7 @@ def test_a_refused_setting_gives_way_to_what_others_have_stored(start):
     other.state_id = saved_state_id(central)
     other.update({"/snmp": text})
     set_manager(client, "192.0.2.2")
-    assert "Store node data centrally failed" in monitor.stdout
+    wait_until(lambda: "Store node data centrally failed" in monitor.stdout)
     wait_for_manager(client, "192.0.2.9")
     set_manager(client, "192.0.2.3")
     monitor.stop()
@@ -259,8 +259,9 @@ def test_content_that_cannot_be_read_changes_nothing(start, text):
     owner.update({"/snmp": text})
     again = start(*options(central), "--configdir", str(monitor.folder / "config"))
     assert manager_ip(again.client()) == "192.0.2.1"
-    assert [line for line in again.stdout.splitlines() if "[error]" in line][0].count(
-        f"Content of the central data store at {central.address} left out, nothing is changed: ") == 1
+    record = f"Content of the central data store at {central.address} left out, nothing is changed: "
+    wait_until(lambda: record in again.stdout)
+    assert again.stdout.count("[error]") == 1
 
 
 def test_keys_of_nobody_are_ignored(start):
