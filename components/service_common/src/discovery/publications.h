@@ -51,8 +51,8 @@ public:
     void lost();
 
     /// Stops the client and takes everything off the network for good; no event of the client is
-    /// reported any more. Takes about a second at most. Called by one thread at a time that is none
-    /// of the client's; only the first call has an effect.
+    /// reported any more. Takes about a second at most. Only the first call has an effect. Must
+    /// not be called by two threads at the same time, nor on a thread of the client.
     void end();
 
 private:
