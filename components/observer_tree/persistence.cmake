@@ -8,6 +8,8 @@ hox_add_library(hox_observer_tree_persistence
     SOURCES
         src/persistence/node_data_file_hndlr.cpp
         src/persistence/persistence_hndlr.cpp
+        src/persistence/data_tree_update.cpp
+        src/persistence/unstored_keys.cpp
         src/persistence/value_text.cpp
     PUBLIC hox_observer_tree
     PRIVATE hox_linux_cpp_utils)

@@ -29,13 +29,26 @@ class Call:
         self.arguments = arguments
 
     @property
+    def folder(self):
+        """The path of the open folder that a relative path starts at; else empty."""
+        opened = re.match(r'\d+<([^>]*)>, "(?!/)', self.arguments)
+        return opened.group(1) if opened and "at" in self.name else ""
+
+    @property
     def path(self):
         """The first path among the arguments, or the path of the open file in the first argument.
         """
         opened = re.match(r"\d+<([^>]*)>", self.arguments)
-        if opened and not self.name.endswith("at"):
+        if opened and (not self.name.endswith("at") or ', "",' in self.arguments):
             return opened.group(1)
-        return re.search(r'"([^"]*)"', self.arguments).group(1)
+        name = re.search(r'"([^"]*)"', self.arguments).group(1)
+        return f"{self.folder}/{name}" if self.folder else name
+
+    @property
+    def place(self):
+        """The path by which strace finds the call; it does so for all relative paths of a folder.
+        """
+        return self.folder or self.path
 
     @property
     def changes(self):
@@ -103,6 +116,13 @@ class Strace:
         """The calls in order, after strace has ended."""
         matches = map(_LINE.match, self._file.read_text(errors="replace").splitlines())
         return [Call(*match.groups()) for match in matches if match]
+
+
+def ordinal(call, calls):
+    """Which of the calls of its name and place the call is, from 1."""
+    same = [other for other in calls if other.name == call.name
+            and call.place in (other.place, other.path)]
+    return same.index(call) + 1
 
 
 def all_faults():

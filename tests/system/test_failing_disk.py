@@ -5,7 +5,7 @@ import grpc
 import pytest
 
 from kit.configuration import (Slice, clear, discard, export_package, import_package, save)
-from kit.faults import ALL_FILE_CALLS, ERRORS, Strace, all_faults
+from kit.faults import ALL_FILE_CALLS, ERRORS, Strace, all_faults, ordinal
 from kit.wait import wait_until
 
 UNPACK = "Unable to unpack to filesystem - Error "
@@ -15,7 +15,8 @@ REASONS = {"ENOSPC": "No space left on device", "EIO": "Input/output error",
            "EACCES": "Permission denied", "EROFS": "Read-only file system",
            "EMFILE": "Too many open files", "EDQUOT": "Disk quota exceeded"}
 
-VALUE = "sys/conf/mb/0/tuner/a/b/data"
+FOLDER = "sys/conf/mb/0/tuner/a"  # opened by the store, for what it does in it
+VALUE = f"{FOLDER}/b/data"
 
 
 class Store:
@@ -72,25 +73,26 @@ def store(start):
 
 
 @pytest.mark.parametrize("operation, call, path, error, code", [
-    ("save", "openat", "configuration.temp", "EMFILE", 9),
-    ("save", "mkdir", "configuration.temp", "ENOSPC", 9),
-    ("save", "mkdir", "configuration.temp/sys/conf/mb/0/tuner/a", "EDQUOT", 9),
-    ("save", "openat", f"configuration.temp/{VALUE}~", "EROFS", 9),
+    ("save", "openat:when=1", "configuration.temp", "EMFILE", 9),
+    ("save", "mkdirat", "configuration.temp", "ENOSPC", 9),
+    ("save", "mkdirat:when=1", f"configuration.temp/{FOLDER}", "EDQUOT", 9),
+    ("save", "mkdirat:when=2", f"configuration.temp/{FOLDER}", "ENOSPC", 9),  # of the value
+    ("save", "openat:when=2", f"configuration.temp/{FOLDER}", "EROFS", 9),  # of the value
     ("save", "write", f"configuration.temp/{VALUE}~", "ENOSPC", 9),
     ("save", "close", f"configuration.temp/{VALUE}~", "EIO", 9),
-    ("save", "rename", f"configuration.temp/{VALUE}~", "EACCES", 9),
+    ("save", "renameat", f"configuration.temp/{FOLDER}", "EACCES", 9),
     ("save", "syncfs", "configuration.temp", "EIO", 9),
-    ("import", "mkdir", "configuration.temp", "EIO", 9),
-    ("import", "mkdir", "configuration.temp/sys/conf/mb/0", "ENOSPC", 13),
+    ("import", "mkdirat", "configuration.temp", "EIO", 9),
+    ("import", "mkdirat", "configuration.temp/sys/conf/mb/0", "ENOSPC", 13),
     ("import", "openat", f"configuration.temp/{VALUE}", "EMFILE", 13),
     ("import", "write", f"configuration.temp/{VALUE}", "EDQUOT", 13),
     ("import", "close", f"configuration.temp/{VALUE}", "EIO", 13),
-    ("import", "openat:when=2", f"configuration.temp/{VALUE}", "EACCES", 9),  # to be examined
+    ("import", "openat", f"configuration.temp/{FOLDER}/b", "EACCES", 9),  # to be examined
     ("import", "read", f"configuration.temp/{VALUE}", "EIO", 9),
     ("import", "syncfs", "configuration.temp", "ENOSPC", 9),
-    ("clear", "mkdir", "configuration.temp", "EROFS", 9),
+    ("clear", "mkdirat", "configuration.temp", "EROFS", 9),
     ("clear", "syncfs", "configuration.temp", "EIO", 9),
-    ("discard", "openat", f"configuration/{VALUE}", "EMFILE", 9),
+    ("discard", "openat", f"configuration/{FOLDER}/b", "EMFILE", 9),
     ("discard", "read", f"configuration/{VALUE}", "EIO", 9),
     ("discard", "openat", "configuration", "EACCES", 9),
     ("export", "openat", f"configuration/{VALUE}", "EIO", 13),
@@ -120,10 +122,10 @@ def test_a_disk_that_fails_is_told_in_the_answer(store, operation, call, path, e
 
 def test_an_old_copy_that_cannot_be_removed_is_worth_a_warning(store):
     # Its folder has been renamed by then.
-    with Strace(store.service, "openat:error=EIO:when=3", path=store.scratch):
+    with Strace(store.service, "openat:error=EIO:when=2", path=store.scratch):
         save(store.client)
     assert store.scratch.exists()
-    wait_until(lambda: "Left over: filesystem error: cannot remove: Input/output error" in
+    wait_until(lambda: "Left over: filesystem error: cannot open: Input/output error" in
                store.service.stdout)
     store.tuner.update({"/f": "4"})
     discard(store.client)
@@ -139,13 +141,13 @@ def faults(calls, operation):
     for call in calls:
         if call.path.startswith("/") and "/config/" in call.path + "/":
             seen.setdefault((call.name, call.path), call)
-    places = list(seen)
+    places = list(seen.values())
     if all_faults():
-        return [(name, path, error) for name, path in places for error in ERRORS]
+        return [(call, error) for call in places for error in ERRORS]
     step = max(len(places) // 4, 1)
     offset = len(operation) % step
-    return [(*place, ERRORS[number % len(ERRORS)])
-            for number, place in enumerate(places[offset::step])]
+    return [(call, ERRORS[number % len(ERRORS)])
+            for number, call in enumerate(places[offset::step])]
 
 
 @pytest.mark.parametrize("operation", ["save", "import", "clear", "discard", "export"])
@@ -153,16 +155,17 @@ def test_whatever_fails_an_operation_is_done_or_has_changed_nothing(store, opera
     with Strace(store.service, calls=ALL_FILE_CALLS) as strace:
         store.run(operation)
     done = store.files()
-    chosen = faults([call for call in strace.calls() if call.name != "renameat2"
-                     and call.name != "sync"], operation)
+    calls = strace.calls()
+    chosen = faults([call for call in calls if call.name not in ("renameat2", "sync")], operation)
     assert chosen
     refused = 0
-    for name, path, error in chosen:
+    for call, error in chosen:
         store.reset()
         before = store.state()
-        with Strace(store.service, f"{name}:error={error}:when=1", path=path):
+        inject = f"{call.name}:error={error}:when={ordinal(call, calls)}"
+        with Strace(store.service, inject, path=call.place):
             answer, text = store.answer(operation)
-        case = (name, path, error, answer, text)
+        case = (call, error, answer, text)
         if answer == "OK":
             assert set(store.files()) == set(done), case
             assert operation == "export" or store.client.current_state() == "OK", case

@@ -1,16 +1,8 @@
 #include "hox/linutils/files.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstddef>
-#include <cstdio>
-#include <memory>
 #include <system_error>
 
-#include "hox/linutils/raii_filedescriptors.h"
+#include "hox/linutils/open_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -18,139 +10,100 @@ namespace Hox::LinuxCppUtil {
 
 namespace {
 
-constexpr mode_t folderMode = 0750;
-constexpr mode_t fileMode = 0640;
-
-[[noreturn]] void fail(const char* what, const std::string& path, int error) {
-    throw fs::filesystem_error(what, path, std::error_code(error, std::generic_category()));
-}
-
-void require(bool condition, const char* what, const std::string& path) {
-    if (!condition) {
-        fail(what, path, errno);
-    }
-}
-
-/// Repeats a call that a signal interrupts.
-template <typename Call>
-auto uninterrupted(const Call& call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
-
-OwnedFileDescriptor open(const std::string& file, int flags) {
-    return ownFileDescriptor(uninterrupted(
-        [&file, flags] { return ::open(file.c_str(), flags | O_CLOEXEC, fileMode); }));
-}
-
-enum class Made { Yes, WasThere, NoParent };
-
-Made makeFolder(const std::string& folder) {
-    if (::mkdir(folder.c_str(), folderMode) == 0) {
-        require(::chmod(folder.c_str(), folderMode) == 0, "cannot set rights of", folder);
-        return Made::Yes;
-    }
-    // An entry that exists but is not a folder shows as soon as something is created in it.
-    require(errno == EEXIST || errno == ENOENT, "cannot make folder", folder);
-    return errno == EEXIST ? Made::WasThere : Made::NoParent;
-}
+using Made = OpenFolder::Made;
 
 /// Gives the owner the rights to remove the content of the folder.
 void giveRights(const std::string& folder) {
-    const auto give = [](const fs::path& path) {
-        fs::permissions(path, fs::perms::owner_all, fs::perm_options::add);
-    };
-    give(folder);
-    forEachEntry(folder, [&give](const fs::directory_entry& entry) {
-        if (entry.is_directory() && !entry.is_symlink()) {
-            give(entry.path());
+    fs::permissions(folder, fs::perms::owner_all, fs::perm_options::add);
+    for (const auto& entry : OpenFolder(folder).list()) {
+        if (entry.type == fs::file_type::directory) {
+            giveRights(folder + '/' + entry.name);
         }
-    });
+    }
+}
+
+void removeContent(const OpenFolder& folder) {
+    for (const auto& entry : folder.list()) {
+        if (entry.type == fs::file_type::directory) {
+            removeContent(folder.below(entry.name));
+            folder.removeEmptyFolder(entry.name);
+        } else {
+            folder.removeFile(entry.name);
+        }
+    }
+}
+
+void removeWhole(const std::string& path) {
+    const auto type = fs::symlink_status(path).type();
+    if (type == fs::file_type::directory) {
+        removeContent(OpenFolder(path));
+        OpenFolder().removeEmptyFolder(path);
+    } else if (type != fs::file_type::not_found) {
+        OpenFolder().removeFile(path);
+    }
+}
+
+/// `where`: the path of the folder, relative to the one that the visit began with.
+void readBelow(const OpenFolder& folder, const std::string& where, const std::string& name,
+               const FileVisit& visit) {
+    const auto entries = folder.list();
+    for (const auto& entry : entries) {
+        if (entry.name == name && entry.type != fs::file_type::directory &&
+            (entry.type == fs::file_type::regular || folder.isRegularFile(name))) {
+            visit(where, folder.readFile(name));
+        }
+    }
+    for (const auto& entry : entries) {
+        if (entry.type == fs::file_type::directory) {
+            readBelow(folder.below(entry.name), where + '/' + entry.name, name, visit);
+        }
+    }
 }
 
 }  // namespace
 
 bool makeFolders(const std::string& folder) {
-    Made made = makeFolder(folder);
+    const OpenFolder working;
+    Made made = working.makeFolder(folder);
     if (made == Made::NoParent) {
         const fs::path parent = fs::path(folder).parent_path();
         if (!parent.empty()) {
             makeFolders(parent.native());
         }
-        made = makeFolder(folder);
-        require(made != Made::NoParent, "cannot make folder", folder);
+        made = working.makeFolder(folder);
+        if (made == Made::NoParent) {
+            throw fs::filesystem_error("cannot make folder", folder,
+                                       std::make_error_code(std::errc::no_such_file_or_directory));
+        }
     }
     return made == Made::Yes;
 }
 
 void writeFile(const std::string& file, std::string_view text) {
-    auto target = open(file, O_WRONLY | O_CREAT | O_TRUNC);
-    require(target != nullptr, "cannot open for writing", file);
-    require(::fchmod(*target, fileMode) == 0, "cannot set rights of", file);
-    while (!text.empty()) {
-        const auto written =
-            uninterrupted([&] { return ::write(*target, text.data(), text.size()); });
-        require(written >= 0, "cannot write", file);
-        if (written == 0) {
-            fail("cannot write all of", file, EIO);
-        }
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    // Some file systems report only now that there is no space.
-    const std::unique_ptr<int> number(target.release());
-    require(::close(*number) == 0, "cannot close", file);
+    OpenFolder().writeFile(file, text);
 }
 
 void renameFile(const std::string& from, const std::string& to) {
-    require(::rename(from.c_str(), to.c_str()) == 0, "cannot rename", from);
+    OpenFolder().rename(from, to);
 }
 
 std::string readFile(const std::string& file) {
-    const auto source = open(file, O_RDONLY | O_NONBLOCK);  // no wait for a pipe's writer
-    require(source != nullptr, "cannot open", file);
-    struct stat status {};
-    require(::fstat(*source, &status) == 0, "cannot get size of", file);
-    std::string content(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t size = 0;
-    while (size < content.size()) {
-        const auto count = uninterrupted(
-            [&] { return ::read(*source, content.data() + size, content.size() - size); });
-        require(count >= 0, "cannot read", file);
-        if (count == 0) {
-            fail("cannot read all of", file, EIO);
-        }
-        size += static_cast<std::size_t>(count);
-    }
-    return content;
+    return OpenFolder().readFile(file);
 }
 
-void forEachEntry(const std::string& folder,
-                  const std::function<void(const fs::directory_entry&)>& visit) {
-    std::error_code error;
-    std::string last = folder;
-    fs::recursive_directory_iterator entry(folder, error);
-    while (!error && entry != fs::recursive_directory_iterator()) {
-        last = entry->path().native();
-        visit(*entry);
-        entry.increment(error);
-    }
-    if (error) {
-        fail("cannot list", last, error.value());
-    }
+void readFilesNamed(const std::string& name, const std::string& folder, const FileVisit& visit) {
+    readBelow(OpenFolder(folder), "", name, visit);
 }
 
 void removeFolder(const std::string& folder) {
-    std::error_code error;
-    fs::remove_all(folder, error);
-    if (error == std::errc::permission_denied) {
+    try {
+        removeWhole(folder);
+    } catch (const fs::filesystem_error& error) {
+        if (error.code() != std::errc::permission_denied) {
+            throw;
+        }
         giveRights(folder);
-        fs::remove_all(folder, error);
-    }
-    if (error) {
-        fail("cannot remove", folder, error.value());
+        removeWhole(folder);
     }
 }
 

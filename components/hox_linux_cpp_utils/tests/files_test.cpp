@@ -23,7 +23,6 @@ namespace {
 using Hox::Testing::Fault;
 using Hox::Testing::FileCalls;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 /// Sets the umask during its lifetime.
@@ -112,8 +111,8 @@ TEST_F(Files, TellWhatCannotBeDoneAndWhy) {
                   (m_file / "below/it").string() + "]");
     EXPECT_EQ(errorOf([&] { writeFile("/dev/full", "x"); }),
               "filesystem error: cannot write: No space left on device [/dev/full]");
-    EXPECT_EQ(errorOf([&] { forEachEntry(missing, {}); }),
-              "filesystem error: cannot list: No such file or directory [" + missing + "]");
+    EXPECT_EQ(errorOf([&] { readFilesNamed("x", missing, {}); }),
+              "filesystem error: cannot open: No such file or directory [" + missing + "]");
 }
 
 /// Fails every call of the action, one after the other.
@@ -161,28 +160,46 @@ TEST_P(FailingFileCalls, ShowInReading) {
 TEST_P(FailingFileCalls, ShowInTheMakingOfFolders) {
     const fs::path folder = m_dir / "a/b";
     const auto make = [&folder] { makeFolders(folder); };
-    EXPECT_THAT(errorsFor("mkdir", make),
+    EXPECT_THAT(errorsFor("mkdirat", make),
                 ElementsAre(text("cannot make folder", folder),
                             text("cannot make folder", folder.parent_path()),
                             text("cannot make folder", folder)));
-    EXPECT_THAT(errorsFor("chmod", make),
+    EXPECT_THAT(errorsFor("fchmodat", make),
                 ElementsAre(text("cannot set rights of", folder.parent_path()),
                             text("cannot set rights of", folder)));
 }
 
-TEST_P(FailingFileCalls, ShowInListing) {
-    makeFolders(m_dir / "b/c");
-    const auto list = [this] {
-        forEachEntry(m_dir.path(), [](const fs::directory_entry& /*entry*/) {});
+TEST_P(FailingFileCalls, ShowInReadingAllOfAName) {
+    const fs::path b = m_dir / "b";
+    makeFolders(b / "c");
+    writeFile(b / "c/data", "text");
+    const auto read = [&b] { readFilesNamed("data", b, [](const auto&, const auto&) {}); };
+    EXPECT_THAT(errorsFor("openat", read),
+                ElementsAre(text("cannot open", b), text("cannot open", b / "c"),
+                            text("cannot open", b / "c/data")));
+    EXPECT_THAT(errorsFor("getdents64", read),
+                ElementsAre(text("cannot list", b), text("cannot list", b),
+                            text("cannot list", b / "c"), text("cannot list", b / "c")));
+}
+
+TEST_P(FailingFileCalls, ShowInRemoving) {
+    const fs::path a = m_dir / "a";
+    const auto remove = [&a] {
+        makeFolders(a / "b");
+        writeFile(a / "b/file", "text");
+        removeFolder(a);
     };
-    for (const char* call : {"openat", "getdents64"}) {
-        const auto errors = errorsFor(call, list);
-        ASSERT_GE(errors.size(), 3U) << call;
-        for (const auto& error : errors) {
-            EXPECT_THAT(error, StartsWith(text("cannot list", "").substr(0, 30)));
-            EXPECT_THAT(error, HasSubstr("[" + m_dir.path().string()));
-        }
-    }
+    const bool isTriedAgain = GetParam() == EACCES;  // with rights
+    const auto told = [&](const fs::path& path) {
+        return isTriedAgain ? "no error" : text("cannot remove", path);
+    };
+    EXPECT_THAT(errorsFor("unlinkat", remove), ElementsAre(told(a / "b/file"), told(a / "b"),
+                                                           told(a)));
+    const auto listed = [&](const fs::path& path) {
+        return isTriedAgain ? "no error" : text("cannot list", path);
+    };
+    EXPECT_THAT(errorsFor("getdents64", remove),
+                ElementsAre(listed(a), listed(a), listed(a / "b"), listed(a / "b")));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FailingFileCalls,
@@ -208,17 +225,23 @@ TEST_F(Files, AreWrittenWholeWhereTheSystemTakesAPart) {
     FAIL() << "nothing written";
 }
 
-TEST_F(Files, AreVisitedWithEachFolderAheadOfItsContent) {
-    makeFolders(m_dir / "a/b");
-    writeFile(m_dir / "a/b/file", "x");
+TEST_F(Files, AreReadByNameAtAnyDepthInTheOrderOfTheNames) {
+    makeFolders(m_dir / "a/b/data");
+    makeFolders(m_dir / "a-b");
+    for (const char* file : {"data", "a/data", "a/b/data/data", "a-b/data", "a/b/other"}) {
+        writeFile(m_dir / file, file);
+    }
     fs::create_directory_symlink(m_dir / "a", m_dir / "a/b/link");
+    makeFolders(m_dir / "linked");
+    fs::create_symlink(m_dir / "a/data", m_dir / "linked/data");
+    makeFolders(m_dir / "lost");
+    fs::create_symlink(m_dir / "nothing", m_dir / "lost/data");
     std::vector<std::string> seen;
-    forEachEntry(m_dir.path(), [&](const fs::directory_entry& entry) {
-        seen.push_back(entry.path().lexically_relative(m_dir.path()).string());
+    readFilesNamed("data", m_dir.path(), [&](const std::string& where, const std::string& text) {
+        seen.push_back(where + " " + text);
     });
-    ASSERT_EQ(seen.size(), 4U) << "a link is not followed";
-    EXPECT_EQ(seen[0], "a");
-    EXPECT_EQ(seen[1], "a/b");
+    EXPECT_THAT(seen, ElementsAre(" data", "/a a/data", "/a/b/data a/b/data/data", "/a-b a-b/data",
+                                  "/linked a/data"));
 }
 
 TEST_F(Files, GoWithTheirFolder) {

@@ -75,7 +75,7 @@ Status ConfObstreeHandler::saveSysConfData(const std::string& data) {
     } catch (const std::exception& error) {
         return refused("Import", error);
     }
-    replaceWorkingCopy(content);
+    replaceWorkingCopy(std::move(content));
     return {};
 }
 
@@ -103,18 +103,18 @@ Status ConfObstreeHandler::discardChanges() {
     } catch (const std::exception& error) {
         return refused("Discard", error);
     }
-    replaceWorkingCopy(content);
+    replaceWorkingCopy(std::move(content));
     return {};
 }
 
 /// From here until the next update of any slice, the observers of slices get changes.
-void ConfObstreeHandler::replaceWorkingCopy(const ChangeSetType& content) {
+void ConfObstreeHandler::replaceWorkingCopy(ChangeSetType content) {
     m_logger->log(Hox::Log::here(), spdlog::level::info, "Discarding unsaved changes");
     notify(StateMonitoring::Api::OK, "Sysconf discard changes");
     HOX_ASSERT(m_persistHndlr.get());
     m_hasUnsavedChanges = false;
     m_ignoreTreeChanges = false;
-    m_persistHndlr->applyChangeSet(content, false, false);
+    m_persistHndlr->applyChangeSet(std::move(content), false, false);
 }
 
 Status ConfObstreeHandler::clearSysConfData() {

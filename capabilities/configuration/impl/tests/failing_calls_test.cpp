@@ -141,7 +141,7 @@ protected:
     /// The call that opens the scratch folder after its creation.
     std::size_t scratchMade() const {
         const std::size_t made = find([this](const FileCall& call) {
-            return call.name == "mkdir" && call.path == m_store.scratch();
+            return call.name == "mkdirat" && call.path == m_store.scratch();
         });
         return find([this, made](const FileCall& call) {
             return &call - m_calls.data() > static_cast<std::ptrdiff_t>(made) &&

@@ -1,12 +1,13 @@
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
 
-#include <string_view>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
-#include "hox/cpputil/string/string_utils.h"
 #include "hox/linutils/files.h"
+#include "hox/linutils/open_folder.h"
 #include "hox/observer_tree/persistence/value_text.h"
 #include "hox/observer_tree/utils.h"
 
@@ -16,8 +17,8 @@ namespace Hox::ObserverTree {
 
 namespace {
 
-constexpr const char* dataName = "/data";
-constexpr const char* temporaryName = "/data~";
+constexpr const char* dataName = "data";
+constexpr const char* temporaryName = "data~";
 
 std::string nodeDirectory(const fs::path& workingDir, const std::string& key) {
     std::string directory = workingDir.native();
@@ -28,6 +29,41 @@ std::string nodeDirectory(const fs::path& workingDir, const std::string& key) {
     return directory;
 }
 
+/// Writes values one after the other. The parent of the last one stays open, because most keys have
+/// the same parent as their predecessor. It must not be removed meanwhile.
+class ValueWriter {
+public:
+    explicit ValueWriter(spdlog::logger& logger) : m_logger(logger) {}
+
+    void write(const fs::path& workingDir, const std::string& key,
+               const google::protobuf::Any& data) {
+        if (m_logger.should_log(spdlog::level::trace)) {
+            m_logger.log(Hox::Log::here(), spdlog::level::trace,
+                         "Saving node data - workingDir {} key: {}, data {}", workingDir.string(),
+                         key, data.DebugString());
+        }
+        const std::string text = textOfValue(data);
+        const auto slash = key.rfind('/');
+        const std::string name = key.size() > 1 ? key.substr(slash + 1) : ".";
+        open(nodeDirectory(workingDir, key.substr(0, slash)));
+        m_parent.makeFolder(name);
+        const std::string temporary = name + '/' + temporaryName;
+        m_parent.writeFile(temporary, text);
+        m_parent.rename(temporary, name + '/' + dataName);
+    }
+
+private:
+    void open(const std::string& directory) {
+        if (!directory.empty() && m_parent.path() != directory) {
+            Hox::LinuxCppUtil::makeFolders(directory);
+            m_parent = Hox::LinuxCppUtil::OpenFolder(directory);
+        }
+    }
+
+    spdlog::logger& m_logger;
+    Hox::LinuxCppUtil::OpenFolder m_parent;
+};
+
 }  // namespace
 
 NodeDataFileHndlr::NodeDataFileHndlr()
@@ -35,23 +71,13 @@ NodeDataFileHndlr::NodeDataFileHndlr()
 
 void NodeDataFileHndlr::saveNodeData(const fs::path& workingDir, const std::string& key,
                                      const google::protobuf::Any& data) {
-    if (m_logger->should_log(spdlog::level::trace)) {
-        m_logger->log(Hox::Log::here(), spdlog::level::trace,
-                      "Saving node data - workingDir {} key: {}, data {}", workingDir.string(), key,
-                      data.DebugString());
-    }
-    const std::string directory = nodeDirectory(workingDir, key);
-    const std::string temporary = directory + temporaryName;
-    const std::string text = textOfValue(data);
-    Hox::LinuxCppUtil::makeFolders(directory);
-    Hox::LinuxCppUtil::writeFile(temporary, text);
-    Hox::LinuxCppUtil::renameFile(temporary, directory + dataName);
+    ValueWriter(*m_logger).write(workingDir, key, data);
 }
 
 void NodeDataFileHndlr::removeNodeData(const fs::path& workingDir, const std::string& key) {
     m_logger->log(Hox::Log::here(), spdlog::level::trace, "Removing node data - key: {}", key);
     fs::path directory = nodeDirectory(workingDir, key);
-    fs::remove(directory.native() + dataName);
+    fs::remove(directory / dataName);
     while (fs::exists(directory) && fs::is_empty(directory)) {
         fs::remove(directory);
         directory = directory.parent_path();
@@ -59,11 +85,16 @@ void NodeDataFileHndlr::removeNodeData(const fs::path& workingDir, const std::st
 }
 
 void NodeDataFileHndlr::saveChangeSet(const ChangeSetType& changes, const fs::path& workingDir) {
+    std::optional<ValueWriter> writer;
     for (const auto& [key, keyChanges] : changes) {
         const auto& current = keyChanges.at(0).current;
         if (current) {
-            saveNodeData(workingDir, key, *current->toAny());
+            if (!writer) {
+                writer.emplace(*m_logger);
+            }
+            writer->write(workingDir, key, *current->toAny());
         } else {
+            writer.reset();  // it may have open what is removed now
             removeNodeData(workingDir, key);
         }
     }
@@ -71,27 +102,19 @@ void NodeDataFileHndlr::saveChangeSet(const ChangeSetType& changes, const fs::pa
 
 ChangeSetType NodeDataFileHndlr::readNodeData(const fs::path& workingDir) {
     ChangeSetType result;
-    const std::size_t prefixLength = workingDir.native().size();
-    Hox::LinuxCppUtil::forEachEntry(workingDir, [&](const fs::directory_entry& entry) {
-        const std::string& file = entry.path().native();
-        if (!Hox::CppUtil::str_ends_with(dataName, file) || !entry.is_regular_file()) {
-            return;
-        }
-        std::string key = file.substr(0, file.size() - std::string_view(dataName).size());
-        key.erase(0, prefixLength);
-        if (!key.empty() && key.front() != '/') {
-            key.insert(key.begin(), '/');
-        }
+    const auto add = [&](const std::string& where, const std::string& text) {
         google::protobuf::Any packed;
-        if (!valueFromText(Hox::LinuxCppUtil::readFile(file), packed)) {
+        if (!valueFromText(text, packed)) {
             // The key itself is kept.
             m_logger->log(Hox::Log::here(), spdlog::level::warn,
                           "Loading an empty value, as there is no JSON of a known type in {}",
-                          file);
+                          nodeDirectory(workingDir, where) + '/' + dataName);
         }
-        addToChangeSet(result, key, std::make_shared<const DataTreeVal>(std::move(packed)), nullptr,
-                       0);
-    });
+        std::vector<ChangeSetMapVal> changes(1);
+        changes.front().current = std::make_shared<const DataTreeVal>(std::move(packed));
+        result.emplace_hint(result.end(), where, std::move(changes));
+    };
+    Hox::LinuxCppUtil::readFilesNamed(dataName, workingDir, add);
     return result;
 }
 

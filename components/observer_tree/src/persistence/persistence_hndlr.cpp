@@ -1,6 +1,5 @@
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
 
-#include <google/protobuf/util/message_differencer.h>
 #include <google/protobuf/wrappers.pb.h>
 
 #include <chrono>
@@ -13,6 +12,9 @@
 #include "hox/linutils/files.h"
 #include "hox/observer_tree/change_set_conversion.h"
 #include "hox/observer_tree/utils.h"
+#include "persistence/data_tree_update.h"
+#include "persistence/key_expression.h"
+#include "persistence/unstored_keys.h"
 
 namespace Hox::ObserverTree {
 
@@ -24,56 +26,6 @@ constexpr const char* stateIdKey = "/__csid";
 
 /// How often the wait for the central store looks whether the process is about to end.
 constexpr std::chrono::milliseconds endInterval{200};
-
-/// Keys of the tree that an update may still remove, with their values.
-using Candidates = std::map<std::string, DataTreeValPtr>;
-
-/// A key that is too long for an expression is not in the persistent part.
-bool matchesKey(Hox::CppUtil::BoundedRegex& expression, const std::string& key) {
-    return key.size() <= Hox::CppUtil::BoundedRegex::maxSubjectSize && expression.matches(key);
-}
-
-Candidates candidatesFor(const std::string& regex, const DataTree& tree) {
-    Candidates candidates;
-    if (regex.empty()) {
-        return candidates;
-    }
-    Hox::CppUtil::BoundedRegex expression(regex);
-    for (const auto& [key, value] : tree) {
-        if (matchesKey(expression, key)) {
-            candidates.emplace_hint(candidates.end(), key, value);
-        }
-    }
-    return candidates;
-}
-
-/// Keys that the changes have removed are no longer in the tree; keys that they have written are no
-/// longer among the candidates.
-void removeLeftOvers(const Candidates& candidates, DataTree& tree) {
-    for (const auto& [key, value] : candidates) {
-        if (!value->notPersisted()) {
-            tree.erase(key);
-        }
-    }
-}
-
-void applyEntry(const std::string& key, const ObsTreeDataNodePair& pair, bool doCompare,
-                Candidates& candidates, DataTree& tree) {
-    if (!pair.has_currentmessage()) {
-        tree.erase(key);
-        return;
-    }
-    const auto candidate = candidates.find(key);
-    const bool isEqual = candidate != candidates.end() && doCompare &&
-                         google::protobuf::util::MessageDifferencer::Equals(
-                             *candidate->second->toAny(), pair.currentmessage());
-    if (!isEqual) {
-        tree.insert_or_assign(key, std::make_shared<const DataTreeVal>(pair.currentmessage()));
-    }
-    if (candidate != candidates.end()) {
-        candidates.erase(candidate);
-    }
-}
 
 /// Releases a lock during its lifetime, if there is a lock and it is held.
 class Released {
@@ -124,7 +76,8 @@ PersistenceHndlr::PersistenceHndlr(ObserverTree& tree,
       m_nodeType(std::move(nodeType)),
       m_nodeId(std::move(nodeId)),
       m_capabilityId(std::move(capabilityId)),
-      m_persistKeyRegex(keyRegex + "|" + stateIdKey) {
+      m_persistKeyRegex(keyRegex + "|" + stateIdKey),
+      m_unstored(std::make_unique<UnstoredKeys>()) {
     m_logger->log(Hox::Log::here(), spdlog::level::trace,
                   "Starting Persistence handler with persistKeyRegex {}", m_persistKeyRegex);
     m_tree.registerDefaultRegExObserveHandler(observeAddress);
@@ -137,6 +90,8 @@ PersistenceHndlr::PersistenceHndlr(ObserverTree& tree,
             return read(request, dataTree);
         });
 }
+
+PersistenceHndlr::~PersistenceHndlr() = default;
 
 void PersistenceHndlr::setNodeDataHndlr(std::shared_ptr<INodeDataHndlr> nodeDataHndlr,
                                         std::function<bool()> isEnding) {
@@ -155,7 +110,7 @@ void PersistenceHndlr::init(bool startPersisting, const std::string& persistDir,
         if (onLoad) {
             onLoad(content);
         }
-        applyChangeSet(content, false, false);
+        applyChangeSet(std::move(content), false, false);
     }
     if (startPersisting) {
         startPersistingObsTree(persistDir, false);
@@ -176,17 +131,20 @@ void PersistenceHndlr::startPersistingObsTree(const std::string& persistDir,
         0);
     m_persistFirstChange = true;
     if (m_nodeDataHndlr) {
+        m_unstored->open(persistDir);
         startCentralObserving();
     }
 }
 
 void PersistenceHndlr::writeAll(const DataTree& tree, const std::filesystem::path& directory) {
-    Hox::CppUtil::BoundedRegex persistent(m_persistKeyRegex);
+    KeyExpression persistent(m_persistKeyRegex);
+    ChangeSetType values;
     for (const auto& [key, value] : tree) {
-        if (!value->notPersisted() && matchesKey(persistent, key)) {
-            m_nodeDataFile.saveNodeData(directory, key, *value->toAny());
+        if (!value->notPersisted() && persistent.matches(key)) {
+            values.emplace_hint(values.end(), key, std::vector<ChangeSetMapVal>{{value, nullptr}});
         }
     }
+    m_nodeDataFile.saveChangeSet(values, directory);
 }
 
 void PersistenceHndlr::stopPersistingObsTree() {
@@ -223,20 +181,24 @@ void PersistenceHndlr::onCentralData(const ChangeSetType& changes, const Status&
         m_storedCount = 0;  // a store that comes back may have lost what was not saved
     } else if (status.statusCode() == ProtoStatus::ALREADY_EXISTS) {
         m_storeCentrally = true;
-        if (m_isStoreBehind) {
+        if (!m_unstored->empty()) {
             storeEverythingCentrally();
         }
-    } else if (status.isOk() && wasLost && changes.empty() && !m_confStateId.empty()) {
-        // The store has lost what it had, as nobody had saved it.
+    } else if (status.isOk() && changes.empty() &&
+               ((wasLost && !m_confStateId.empty()) || !m_unstored->empty())) {
+        // The store has lost what it had, as nobody had saved it, or has never got it.
+        m_storeCentrally = true;
         storeEverythingCentrally();
     } else if (status.isOk()) {
         // Nobody may see the tree between the two steps.
         const auto lock = m_tree.lockHandlers();
         m_storeCentrally = false;
+        m_isTakingOver = true;
         applyChangeSet({}, false, true);
         applyChangeSet(changes, false, true);
+        m_isTakingOver = false;
         m_storeCentrally = true;
-        m_isStoreBehind = false;
+        m_unstored->clear();
     }
     if (!m_centralDataSeen) {
         m_centralDataSeen = true;
@@ -257,14 +219,26 @@ void PersistenceHndlr::onTreeChanged(const ChangeSetType& changes, const Status&
     if (m_persistFirstChange && !filtered.empty()) {
         if (m_storeCentrally) {
             storeCentrally(filtered);
-        } else {
-            m_isStoreBehind = true;  // taken back if this is what the store has sent
+        } else if (m_nodeDataHndlr && !m_isTakingOver) {
+            m_unstored->add(filtered, stateIdKey);
         }
         if (!persistDir.empty()) {
-            m_nodeDataFile.saveChangeSet(filtered, persistDir);
+            saveToFiles(std::move(filtered), persistDir);
         }
     }
     m_persistFirstChange = true;
+}
+
+/// Whenever the power fails, the state id is only there with all values to which it belongs:
+/// otherwise the store would say after the restart that nothing is missing.
+void PersistenceHndlr::saveToFiles(ChangeSetType changes, const std::string& persistDir) {
+    ChangeSetType stateId;
+    if (auto node = changes.extract(stateIdKey)) {
+        stateId.insert(std::move(node));
+    }
+    const bool isRemoval = !stateId.empty() && !stateId.begin()->second.at(0).current;
+    m_nodeDataFile.saveChangeSet(isRemoval ? stateId : changes, persistDir);
+    m_nodeDataFile.saveChangeSet(isRemoval ? changes : stateId, persistDir);
 }
 
 void PersistenceHndlr::storeEverythingCentrally() {
@@ -274,32 +248,79 @@ void PersistenceHndlr::storeEverythingCentrally() {
     storeCentrally(everything);
 }
 
+/// After a full send the changes are the whole picture and the removals, for the files.
 void PersistenceHndlr::storeCentrally(ChangeSetType& changes) {
     const bool isPatch = m_storedCount != 0;
+    ChangeSetType everything;
+    ChangeSetType removals;
     if (!isPatch) {
-        changes = readWholePicture();
+        everything = readWholePicture();
+        removals = removedFrom(everything, changes);
+        if (everything.empty() || (everything.size() == 1 && everything.count(stateIdKey) == 1)) {
+            everything.insert(removals.begin(), removals.end());  // or it would say nothing
+        }
     }
-    const auto stored = m_nodeDataHndlr->storeNodeData(m_confStateId, m_nodeType, m_nodeId,
-                                                       m_capabilityId, changes, isPatch);
+    const auto stored =
+        m_nodeDataHndlr->storeNodeData(m_confStateId, m_nodeType, m_nodeId, m_capabilityId,
+                                       isPatch ? changes : everything, isPatch);
     if (stored.status.isOk()) {
         ++m_storedCount;
-        m_isStoreBehind = false;
+        forgetUnstored(changes, isPatch);
         m_confStateId = stored.stateId;
         google::protobuf::StringValue stateId;
         stateId.set_value(stored.stateId);
         ChangeSetType stateIdChange;
         addToChangeSet(stateIdChange, stateIdKey,
                        std::make_shared<const DataTreeVal>(std::move(stateId)), nullptr, 0);
-        applyChangeSet(stateIdChange, true, false);
+        applyChangeSet(std::move(stateIdChange), true, false);
     } else if (stored.status.statusCode() != ProtoStatus::ALREADY_EXISTS) {
         m_logger->log(Hox::Log::here(), spdlog::level::warn,
                       "Store node data centrally failed - status {}",
                       stored.status.proto().DebugString());
-        m_isStoreBehind = true;
+        rememberFailure(stored.status, changes, isPatch);
+    }
+    if (!isPatch) {
+        changes = std::move(everything);
+        changes.merge(removals);
     }
 }
 
-ChangeSetType PersistenceHndlr::readWholePicture() {
+/// A refused change gives way to the store's content, which is asked for then; if it were
+/// remembered, a store that refuses each attempt would get one after each answer. Without an answer
+/// the store may have lost more than this change, so the next one takes everything along.
+void PersistenceHndlr::rememberFailure(const Status& status, const ChangeSetType& changes,
+                                       bool isPatch) {
+    if (status.statusCode() == ProtoStatus::FAILED_PRECONDITION) {
+        forgetUnstored(changes, isPatch);
+    } else {
+        m_unstored->add(changes, stateIdKey);
+    }
+    if (status.statusCode() == ProtoStatus::UNAVAILABLE) {
+        m_storedCount = 0;
+    }
+}
+
+void PersistenceHndlr::forgetUnstored(const ChangeSetType& changes, bool isPatch) {
+    if (isPatch) {
+        m_unstored->remove(changes);
+    } else {
+        m_unstored->clear();
+    }
+}
+
+/// What these changes and those that could not be stored have removed.
+ChangeSetType PersistenceHndlr::removedFrom(const ChangeSetType& picture,
+                                            const ChangeSetType& changes) const {
+    ChangeSetType removals = m_unstored->removedFrom(picture);
+    for (const auto& change : changes) {
+        if (picture.count(change.first) == 0) {
+            removals[change.first] = change.second;
+        }
+    }
+    return removals;
+}
+
+ChangeSetType PersistenceHndlr::readWholePicture() const {
     ReadDataTreeReq request;
     request.set_regex(m_persistKeyRegex);
     const auto result =
@@ -307,11 +328,13 @@ ChangeSetType PersistenceHndlr::readWholePicture() {
     return fromWire(result.message->changeset());
 }
 
-void PersistenceHndlr::applyChangeSet(const ChangeSetType& changes, bool isPatch, bool doCompare) {
+void PersistenceHndlr::applyChangeSet(ChangeSetType changes, bool isPatch, bool doCompare) {
     UpdateDataTreeReq request;
     request.set_do_compare(doCompare);
-    for (const auto& [key, keyChanges] : changes) {
-        toWire(keyChanges.at(0), (*request.mutable_node_change_map())[key]);
+    while (!changes.empty()) {
+        const auto change = changes.begin();
+        toWire(change->second.at(0), (*request.mutable_node_change_map())[change->first]);
+        changes.erase(change);
     }
     if (!isPatch) {
         request.set_node_remove_regex(m_persistKeyRegex);
@@ -324,14 +347,7 @@ void PersistenceHndlr::applyChangeSet(const ChangeSetType& changes, bool isPatch
 UnaryHandlerReturnType<UpdateDataTreeResp> PersistenceHndlr::update(
     const UpdateDataTreeReq& request, DataTree& tree) {
     auto response = std::make_unique<UpdateDataTreeResp>();
-    Candidates candidates = candidatesFor(request.node_remove_regex(), tree);
-    Hox::CppUtil::BoundedRegex persistent(m_persistKeyRegex);
-    for (const auto& [key, pair] : request.node_change_map()) {
-        if (matchesKey(persistent, key)) {
-            applyEntry(key, pair, request.do_compare(), candidates, tree);
-        }
-    }
-    removeLeftOvers(candidates, tree);
+    DataTreeUpdate(request, m_persistKeyRegex).applyTo(tree);
     response->set_conf_state_id(readStateId(tree));
     return {std::move(response), Status()};
 }
@@ -339,10 +355,10 @@ UnaryHandlerReturnType<UpdateDataTreeResp> PersistenceHndlr::update(
 UnaryHandlerReturnType<ReadDataTreeResp> PersistenceHndlr::read(const ReadDataTreeReq& request,
                                                                 DataTree& tree) const {
     auto response = std::make_unique<ReadDataTreeResp>();
-    Hox::CppUtil::BoundedRegex expression(request.regex());
+    KeyExpression expression(request.regex());
     auto& changeMap = *response->mutable_changeset()->mutable_node_change_map();
     for (const auto& [key, value] : tree) {
-        if (!value->notPersisted() && matchesKey(expression, key)) {
+        if (!value->notPersisted() && expression.matches(key)) {
             *changeMap[key].add_nodepairlist()->mutable_currentmessage() = *value->toAny();
         }
     }

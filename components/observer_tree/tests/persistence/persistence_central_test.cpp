@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "hox/linutils/files.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/wait_until.h"
 #include "persistence/persistence_kit.h"
@@ -22,6 +23,7 @@ using Hox::Testing::LogCapture;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
 using TestKit::newKeys;
 using TestKit::Observations;
 using TestKit::value;
@@ -35,6 +37,12 @@ protected:
         m_store->onObserve = [this, first, status] { m_store->callback(first, status); };
         persistence.init(true, dir);
         m_store->onObserve = nullptr;
+    }
+
+    std::filesystem::path unstoredFile() const { return m_dir.native() + ".unstored"; }
+
+    static StoreNodeDataReturn unavailable() {
+        return {Status(ProtoStatus::UNAVAILABLE, "gone"), ""};
     }
 
     std::shared_ptr<TestKit::FakeCentralStore> m_store =
@@ -171,13 +179,153 @@ TEST_F(CentralPersistence, EndsTheObservationOnRequest) {
     EXPECT_EQ(m_store->endedObservings, 1);
 }
 
-TEST_F(CentralPersistence, KeepsTheFileOfAKeyWhoseRemovalMadeItSendEverything) {
+TEST_F(CentralPersistence, RemovesTheFileOfAKeyWhoseRemovalMadeItSendEverything) {
     start(newKeys({"/keep/a", "/keep/b"}), Status(), m_dir);
+    m_store->calls.clear();
     remove("/keep/a");
-    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/a=/keep/a", "/keep/b=/keep/b"))
-        << "what is sent takes the place of the change";
+    EXPECT_THAT(m_store->calls, ElementsAre("|mb/0/cap|full", "  /keep/b: null -> /keep/b",
+                                            "id1|mb/0/cap|patch", "  /__csid: null -> id1"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/b=/keep/b"));
     remove("/keep/b");
-    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id2", "/keep/a=/keep/a"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id2"));
+}
+
+TEST_F(CentralPersistence, TellsTheStoreOfARemovalThatLeavesNothing) {
+    start(newKeys({"/keep/a"}), Status(), m_dir);
+    m_store->calls.clear();
+    remove("/keep/a");
+    EXPECT_THAT(m_store->calls, ElementsAre("|mb/0/cap|full", "  /keep/a: /keep/a -> null",
+                                            "id1|mb/0/cap|patch", "  /__csid: null -> id1"));
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1"));
+}
+
+TEST_F(CentralPersistence, TellsTheStoreWhenItIsBackOfARemovalThatCouldNotBeStored) {
+    start({}, Status(), m_dir);
+    set("/keep/a", "1");
+    m_store->answers.push_back(unavailable());
+    remove("/keep/a");
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1"));
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    m_store->calls.clear();
+    m_store->callback({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    EXPECT_THAT(m_store->calls, ElementsAre("id1|mb/0/cap|full", "  /__csid: null -> id1",
+                                            "  /keep/a: null -> null", "id2|mb/0/cap|patch",
+                                            "  /__csid: id1 -> id2"));
+}
+
+TEST_F(CentralPersistence, SendsWhatCouldNotBeStoredWithTheNextChange) {
+    start({}, Status());
+    set("/keep/a", "1");
+    m_store->answers.push_back(unavailable());
+    set("/keep/b", "2");
+    m_store->calls.clear();
+    set("/keep/c", "3");
+    EXPECT_THAT(m_store->calls, IsSupersetOf({"id1|mb/0/cap|full", "  /keep/b: null -> 2",
+                                              "  /keep/c: null -> 3"}));
+}
+
+TEST_F(CentralPersistence, RemembersInAFileWhatCouldNotBeStored) {
+    start({}, Status(), m_dir);
+    m_store->answers = {unavailable(), unavailable()};
+    set("/keep/b", "2");
+    set("/keep/a", "1");
+    const std::string two("/keep/a\0/keep/b\0", 16);
+    EXPECT_EQ(LinuxCppUtil::readFile(unstoredFile()), two);
+    set("/keep/c", "3");
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+    EXPECT_THAT(files(m_dir), ElementsAre("/__csid=id1", "/keep/a=1", "/keep/b=2", "/keep/c=3"));
+}
+
+TEST_F(CentralPersistence, RemembersWhatCouldNotBeStoredWithoutAnyFileOfAValue) {
+    start(newKeys({"/keep/a"}), Status(), m_dir);
+    m_store->callback({}, Status());
+    EXPECT_FALSE(std::filesystem::exists(m_dir));
+    m_store->answers.push_back(unavailable());
+    set("/keep/a", "1");
+    EXPECT_THAT(files(m_dir), ElementsAre("/keep/a=1"));
+    EXPECT_TRUE(std::filesystem::exists(unstoredFile()));
+}
+
+TEST_F(CentralPersistence, ForgetsARefusedChange) {
+    start({}, Status(), m_dir);
+    m_store->answers.push_back({Status(ProtoStatus::FAILED_PRECONDITION, "other state"), ""});
+    set("/keep/a", "1");
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+    m_store->callback({}, Status());
+    EXPECT_THAT(content(), IsEmpty()) << "the store's content replaces it";
+}
+
+TEST_F(CentralPersistence, DoesNotSendAgainAndAgainWhatTheStoreRefuses) {
+    start({}, Status(), m_dir);
+    m_store->answers = {unavailable(), {Status(ProtoStatus::FAILED_PRECONDITION, "bad key"), ""}};
+    set("/keep/a", "1");
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    m_store->callback({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+    m_store->calls.clear();
+    m_store->callback({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
+    EXPECT_THAT(m_store->calls, IsEmpty());
+}
+
+TEST_F(CentralPersistence, RemembersAChangeThatTheStoreNeverTakes) {
+    start({}, Status(), m_dir);
+    set("/keep/a", "1");
+    m_store->answers.push_back({Status(ProtoStatus::RESOURCE_EXHAUSTED, "too large"), ""});
+    set("/keep/b", "2");
+    m_store->calls.clear();
+    set("/keep/c", "3");
+    EXPECT_THAT(m_store->calls, Contains("id1|mb/0/cap|patch")) << "later ones get through";
+    EXPECT_EQ(LinuxCppUtil::readFile(unstoredFile()), std::string("/keep/b\0", 8));
+    set("/keep/b", "4");
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+}
+
+TEST_F(CentralPersistence, StoresAgainAfterALossBeforeTheFirstAnswer) {
+    ChangeSetType saved = newKeys({"/keep/a"});
+    saved["/__csid"] = {ChangeSetMapVal{value("7"), nullptr}};
+    NodeDataFileHndlr().saveChangeSet(saved, m_dir);
+    start({}, Status(ProtoStatus::CANCELLED, "Some error occured!"), m_dir);
+    m_store->callback({}, Status());
+    m_store->calls.clear();
+    set("/keep/b", "2");
+    EXPECT_THAT(m_store->calls, Contains("  /keep/b: null -> 2"));
+}
+
+TEST_F(CentralPersistence, StoresTheFirstSettingOfAllThoughTheStoreWasLostMeanwhile) {
+    start({}, Status(), m_dir);
+    m_store->answers.push_back(unavailable());
+    set("/keep/a", "1");
+    m_store->callback({}, Status(ProtoStatus::CANCELLED, "Some error occured!"));
+    m_store->calls.clear();
+    m_store->callback({}, Status());
+    EXPECT_THAT(m_store->calls, IsSupersetOf({"|mb/0/cap|full", "  /keep/a: null -> 1"}));
+    EXPECT_THAT(content(), ElementsAre("/__csid=id1", "/keep/a=1"));
+}
+
+TEST_F(CentralPersistence, StoresAfterARestartWhatCouldNotBeStoredBefore) {
+    NodeDataFileHndlr().saveChangeSet(newKeys({"/keep/a"}), m_dir);
+    LinuxCppUtil::writeFile(unstoredFile(), std::string("/keep/a\0/keep/gone\0", 19));
+    start({}, Status(ProtoStatus::ALREADY_EXISTS, ""), m_dir);
+    EXPECT_THAT(m_store->calls, Contains("|mb/0/cap|full"));
+    EXPECT_THAT(m_store->calls, Contains("  /keep/a: null -> /keep/a"));
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+}
+
+TEST_F(CentralPersistence, StoresAfterARestartARemovalThatLeftNothing) {
+    std::filesystem::create_directories(m_dir);
+    LinuxCppUtil::writeFile(unstoredFile(), std::string("/keep/gone\0", 11));
+    start({}, Status(ProtoStatus::ALREADY_EXISTS, ""), m_dir);
+    EXPECT_THAT(m_store->calls, IsSupersetOf({"|mb/0/cap|full", "  /keep/gone: null -> null"}));
+}
+
+TEST_F(CentralPersistence, ForgetsWhatCouldNotBeStoredWhenTheStoreHasOtherContent) {
+    start({}, Status(), m_dir);
+    m_store->answers.push_back(unavailable());
+    set("/keep/a", "1");
+    EXPECT_TRUE(std::filesystem::exists(unstoredFile()));
+    m_store->callback(newKeys({"/keep/x"}), Status());
+    EXPECT_FALSE(std::filesystem::exists(unstoredFile()));
+    EXPECT_THAT(content(), ElementsAre("/keep/x=/keep/x"));
 }
 
 TEST_F(CentralPersistence, SendsNothingBackOfALaterDelivery) {

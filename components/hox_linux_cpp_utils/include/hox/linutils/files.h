@@ -26,10 +26,14 @@ void renameFile(const std::string& from, const std::string& to);
 /// The whole content of a file. A pipe reads as empty.
 std::string readFile(const std::string& file);
 
-/// Calls `visit` for everything below the folder, for a folder before its content. Links are not
-/// followed. The path of a failure is that of the folder or of the entry visited last.
-void forEachEntry(const std::string& folder,
-                  const std::function<void(const std::filesystem::directory_entry&)>& visit);
+/// Gets the path of a folder, relative to the one that the visit began with: empty for that one,
+/// else with a leading slash; and the content of the file in it.
+using FileVisit = std::function<void(const std::string& where, std::string content)>;
+
+/// Calls `visit` for each file of this name in the folder and at any depth below it, in the order
+/// of the names, for a folder before its content. A link to a file is read, a link to a folder is
+/// not followed. As many folders are open at once as the files are deep.
+void readFilesNamed(const std::string& name, const std::string& folder, const FileVisit& visit);
 
 /// Removes the folder with its content, even if the owner has no rights in it but may grant them to
 /// itself. It is not an error if the folder does not exist.

@@ -152,7 +152,10 @@ private:
     static constexpr std::size_t maxSpareChanges = 8;
 
     ChangeSetMapVal& pendingChange(const KeyType& key) {
-        auto position = m_changeSet.lower_bound(key);
+        // Many writes in the order of the keys are common.
+        const bool isLast =
+            m_changeSet.empty() || m_changeSet.key_comp()(m_changeSet.rbegin()->first, key);
+        auto position = isLast ? m_changeSet.end() : m_changeSet.lower_bound(key);
         if (position == m_changeSet.end() || m_changeSet.key_comp()(key, position->first)) {
             position = insertChange(position, key);
         }

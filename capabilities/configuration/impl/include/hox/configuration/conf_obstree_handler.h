@@ -77,7 +77,7 @@ private:
     Hox::ObserverTree::Status saveChanges(const Hox::ObserverTree::DataTree& tree);
     Hox::ObserverTree::Status discardChanges();
     Hox::ObserverTree::Status clearSysConfData();
-    void replaceWorkingCopy(const Hox::ObserverTree::ChangeSetType& content);
+    void replaceWorkingCopy(Hox::ObserverTree::ChangeSetType content);
     Hox::ObserverTree::Status refused(const char* operation, const std::exception& error) const;
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {

@@ -18,6 +18,8 @@
 
 namespace Hox::ObserverTree {
 
+class UnstoredKeys;
+
 /// Persists the keys of a tree that an expression selects, in a directory, in a central store, or
 /// in both.
 ///
@@ -33,7 +35,7 @@ public:
     PersistenceHndlr(ObserverTree& tree, std::unique_ptr<std::unique_lock<std::mutex>>& lock,
                      std::string nodeType, std::string nodeId, std::string capabilityId,
                      const std::string& keyRegex);
-    virtual ~PersistenceHndlr() = default;
+    virtual ~PersistenceHndlr();
     PersistenceHndlr(const PersistenceHndlr&) = delete;
     PersistenceHndlr(PersistenceHndlr&&) = delete;
     PersistenceHndlr& operator=(const PersistenceHndlr&) = delete;
@@ -76,8 +78,9 @@ public:
     void stopPersistingObsTree();
 
     /// Writes the changes to the tree. Without isPatch all other selected keys are removed; with
-    /// doCompare equal values cause no change.
-    void applyChangeSet(const ChangeSetType& changes, bool isPatch, bool doCompare);
+    /// doCompare equal values cause no change. Large changes should be moved in: each is released
+    /// as soon as the request has it.
+    void applyChangeSet(ChangeSetType changes, bool isPatch, bool doCompare);
 
     /// The file store, for operations on whole directories.
     NodeDataFileHndlr& nodeDataFile() { return m_nodeDataFile; }
@@ -95,9 +98,13 @@ private:
                        Hox::CppUtil::CountingSemaphore& firstAnswer);
     void onTreeChanged(const ChangeSetType& changes, const Status& status,
                        const std::string& persistDir);
+    void saveToFiles(ChangeSetType changes, const std::string& persistDir);
     void storeCentrally(ChangeSetType& changes);
+    void rememberFailure(const Status& status, const ChangeSetType& changes, bool isPatch);
+    void forgetUnstored(const ChangeSetType& changes, bool isPatch);
     void storeEverythingCentrally();
-    ChangeSetType readWholePicture();
+    ChangeSetType removedFrom(const ChangeSetType& picture, const ChangeSetType& changes) const;
+    ChangeSetType readWholePicture() const;
 
     // Constant, or self-synchronised.
     const std::shared_ptr<spdlog::logger> m_logger;
@@ -118,8 +125,9 @@ private:
     std::string m_confStateId;
     bool m_storeCentrally = false;
     int m_storedCount = 0;
-    bool m_isStoreBehind = false;  // a change is only here
-    bool m_isStoreLost = false;    // since its last answer
+    bool m_isTakingOver = false;  // the content of the store
+    bool m_isStoreLost = false;   // since its last answer
+    const std::unique_ptr<UnstoredKeys> m_unstored;
     std::any m_centralObserveHandle;
     bool m_centralDataSeen = false;
 };
