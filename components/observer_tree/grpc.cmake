@@ -26,6 +26,7 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/async_grpc_server_handler.cpp
         src/grpc/async_method_desc.cpp
         src/grpc/client_text.cpp
+        src/grpc/connection_watch.cpp
         src/grpc/in_process_gate.cpp
         src/grpc/non_polling_queue.cpp
         src/grpc/owned_rpc_method.cpp
@@ -50,6 +51,7 @@ if(HALVO_BUILD_TESTS)
         tests/grpc/item_tree.cpp
         tests/grpc/observe_client.cpp
         tests/grpc/system_calls.cpp
+        tests/grpc/told.cpp
         tests/grpc/unary_call.cpp)
     target_include_directories(hox_observer_tree_grpc_test_support PUBLIC tests)
     target_link_libraries(hox_observer_tree_grpc_test_support
@@ -87,6 +89,22 @@ if(HALVO_BUILD_TESTS)
         LIBS hox_observer_tree_grpc_test_support
         LABELS threads
         TIMEOUT 600)
+
+    add_executable(hox_observer_tree_test_peer tests/grpc/peer/main.cpp)
+    target_link_libraries(hox_observer_tree_test_peer
+        PRIVATE hox_build_flags hox_observer_tree_test_proto)
+
+    hox_add_test(hox_observer_tree_loss_test
+        SOURCES
+            tests/grpc/captured_logging.cpp
+            tests/grpc/connection_loss_test.cpp
+        LIBS hox_observer_tree_grpc_test_support
+        LABELS threads
+        TIMEOUT 300)
+    add_dependencies(hox_observer_tree_loss_test hox_observer_tree_test_peer)
+    target_compile_definitions(hox_observer_tree_loss_test
+        PRIVATE HOX_TEST_PEER="$<TARGET_FILE:hox_observer_tree_test_peer>")
+
     if(HALVO_NON_POLLING_QUEUES)
         target_compile_definitions(hox_observer_tree_grpc_test PRIVATE HALVO_NON_POLLING_QUEUES)
     endif()

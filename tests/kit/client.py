@@ -10,13 +10,18 @@ from kit.protos import streaming_methods
 CALL_TIMEOUT = 20
 
 
-def open_channel(address):
+#: The option of a channel that tries twice a second to connect to a service that is down.
+EAGER = [(f"grpc.{which}_reconnect_backoff_ms", 500) for which in ("initial", "min", "max")]
+
+
+def open_channel(address, options=()):
     """A channel with its own connection and no limit on received messages."""
     return grpc.insecure_channel(address, options=[
         ("grpc.use_local_subchannel_pool", 1),
         ("grpc.enable_http_proxy", 0),
         ("grpc.max_receive_message_length", -1),
         ("grpc.max_send_message_length", -1),
+        *options,
     ])
 
 
@@ -51,9 +56,9 @@ class Stub:
 class Client:
     """All services of one listener of the program."""
 
-    def __init__(self, protos, address):
+    def __init__(self, protos, address, options=()):
         self.protos = protos
-        self.channel = open_channel(address)
+        self.channel = open_channel(address, options)
         self.state = Stub(self.channel,
                           protos.service(protos.state, "StateMonitoringService"))
         self.configuration = Stub(self.channel,

@@ -6,6 +6,7 @@ import select
 import socket
 import struct
 import threading
+import time
 
 import grpc
 
@@ -202,11 +203,14 @@ def _read_frame(connection):
 
 
 class Cable:
-    """Passes on TCP connections to a port, by default of this machine, until it is cut."""
+    """Passes on TCP connections to a port, by default of this machine, until it is cut. A long one
+    passes everything on so many seconds late.
+    """
 
-    def __init__(self, to, host="127.0.0.1"):
+    def __init__(self, to, host="127.0.0.1", seconds=0):
         self.port = free_port()
         self._to = (host, to)
+        self._seconds = seconds
         self._listener = None
         self._thread = None
         self._ends = []
@@ -247,8 +251,7 @@ class Cable:
             self._ends += [near, far]
             threading.Thread(target=self._pass_on, args=(near, far), daemon=True).start()
 
-    @staticmethod
-    def _pass_on(near, far):
+    def _pass_on(self, near, far):
         other = {near: far, far: near}
         with near, far, contextlib.suppress(OSError):
             while True:
@@ -256,6 +259,7 @@ class Cable:
                     data = end.recv(1 << 16)
                     if not data:
                         return
+                    time.sleep(self._seconds)
                     other[end].sendall(data)
 
     def __enter__(self):

@@ -137,6 +137,74 @@ def test_a_setting_waits_for_a_store_that_is_away(start):
     assert "192.0.2.2" in stored(central)["/snmp"]
 
 
+def killed(central):
+    """The store is gone; what was not saved is lost."""
+    central.signal(signal.SIGKILL)
+    central.exit_status = central.process.wait()
+
+
+def again_at_its_place(start, service, *arguments):
+    return start(*arguments, "--configdir", str(service.folder / "config"), port=service.port)
+
+
+def wait_until_saved(central, folder, ip):
+    """Looks at the saved copy in the folder: the slice cannot be observed, as its owner does."""
+    value = folder / "config/configuration/sys/conf/mb/0/state_monitoring_uservice/snmp/data"
+
+    def is_saved():
+        save(central.client())
+        return ip in value.read_text() if ip else not value.exists()
+    wait_until(is_saved)
+
+
+@pytest.mark.parametrize("ip", ["192.0.2.2", None], ids=["set", "removed"])
+@pytest.mark.parametrize("is_frozen", [True, False], ids=["frozen", "gone"])
+def test_a_change_that_could_not_be_stored_is_stored_when_the_store_is_back(start, is_frozen, ip):
+    central = start()
+    monitor = start(*options(central))
+    client = monitor.client()
+    set_manager(client, "192.0.2.1")
+    save(central.client())
+    if is_frozen:
+        central.signal(signal.SIGSTOP)
+    else:
+        killed(central)
+    change = threading.Thread(target=lambda: set_manager(client, ip) if ip
+                              else remove_manager(client))
+    change.start()
+    if is_frozen:
+        wait_until(lambda: "Waiting for the answer of the central data store" in monitor.stdout)
+        killed(central)
+    back = again_at_its_place(start, central)
+    change.join(20)
+    assert manager_ip(client) == ip
+    wait_until_saved(back, central.folder, ip)
+
+
+@pytest.mark.parametrize("ip", ["192.0.2.2", None], ids=["set", "removed"])
+def test_a_change_that_could_not_be_stored_survives_a_restart_of_both(start, ip):
+    central = start()
+    monitor = start(*options(central))
+    client = monitor.client()
+    set_manager(client, "192.0.2.1")
+    save(central.client())
+    central.signal(signal.SIGSTOP)
+    change = threading.Thread(target=lambda: set_manager(client, ip) if ip
+                              else remove_manager(client))
+    change.start()
+    wait_until(lambda: "Waiting for the answer of the central data store" in monitor.stdout)
+    killed(central)
+    change.join(20)
+    assert manager_ip(client) == ip
+    monitor.stop()
+    assert list(monitor.folder.rglob("*.unstored"))
+    back = again_at_its_place(start, central)
+    again = again_at_its_place(start, monitor, *options(back))
+    assert manager_ip(again.client()) == ip
+    wait_until_saved(back, central.folder, ip)
+    assert not list(monitor.folder.rglob("*.unstored"))
+
+
 def test_a_store_that_has_lost_everything_gets_it_again(start):
     central = start()
     monitor = start(*options(central))

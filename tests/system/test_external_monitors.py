@@ -224,6 +224,15 @@ def test_a_connection_that_is_lost_again_and_again_is_made_again_each_time(start
         assert error_lines(top) == [LOST.format(url(cable))] * 20
 
 
+def test_a_peer_at_the_end_of_a_slow_line_is_connected(start):
+    peer = start()
+    with Cable(peer.port, seconds=0.7) as cable:
+        client = start(*observing(cable)).client()
+        wait_until_connected(client)
+        peer.client().create(source="distant")
+        wait_for_source(client, "distant")
+
+
 def test_a_stopped_peer_stays_connected_and_delays_nobody(start):
     stopped, other = start(), start()
     top = start(*observing(stopped, other))

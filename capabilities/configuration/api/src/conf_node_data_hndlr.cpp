@@ -90,7 +90,7 @@ StoreNodeDataReturn ConfNodeDataHndlr::storeNodeData(const std::string& lastStat
     }
     m_logger->log(Hox::Log::here(), spdlog::level::debug, "Connecting to central data store");
     StoreWait wait(m_logger, m_storeName, m_isEnding);
-    if (!StoreConnection::await(*m_confProxy, wait)) {
+    if (!StoreConnection::await(*m_confProxy, wait, StoreConnection::neededWithin)) {
         return {Status(ProtoStatus::UNAVAILABLE, "The process is about to end"), ""};
     }
     m_logger->log(Hox::Log::here(), spdlog::level::debug, "Connected to central data store");

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "hox/cpputil/assertion/assertion.h"
+#include "hox/configuration/storable_key.h"
 #include "hox/cpputil/log/source_location.h"
 #include "store_connection.h"
 
@@ -17,6 +17,12 @@ namespace {
 
 /// From the loss of the store to the next observation.
 constexpr std::chrono::milliseconds pause{500};
+
+/// Whether the store has nothing of the slice.
+bool isGone(const ChangeSetType& changes) {
+    const auto stateId = changes.find(stateIdKey);
+    return stateId == changes.end() || stateId->second.empty() || !stateId->second.front().current;
+}
 
 }  // namespace
 
@@ -49,15 +55,16 @@ void ConfObserveStruct::run() {
 /// start depends on it.
 bool ConfObserveStruct::waitForStore(bool isFirst) {
     StoreWait wait(m_surroundings.logger, m_surroundings.storeName, [this] { return isEnding(); });
-    return isFirst ? StoreConnection::await(*m_surroundings.store, wait)
-                   : StoreConnection::awaitForEver(*m_surroundings.store, wait);
+    return StoreConnection::await(
+        *m_surroundings.store, wait,
+        isFirst ? StoreConnection::neededWithin : StoreConnection::noLimit);
 }
 
 std::any ConfObserveStruct::observe() {
     const auto slice = m_surroundings.slice();
-    m_request.set_lastcapconfstateid(slice.stateId);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        m_request.set_lastcapconfstateid(m_asksForContent ? "" : slice.stateId);
         m_slice = slice;
         m_hasAnswered = false;
         m_isLost = false;
@@ -76,19 +83,26 @@ void ConfObserveStruct::onChanges(const ChangeSetType& changes, const Status& st
     if (!isToBeRepeated) {
         m_callback(changes, status);
     }
+    const bool isLost = status.statusCode() == ProtoStatus::CANCELLED;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!isLost) {  // otherwise the question remains
+            m_asksForContent = isToBeRepeated && m_hasAnswered && isGone(changes);
+        }
         m_hasAnswered = true;
-        m_isLost = m_isLost || isToBeRepeated || status.statusCode() == ProtoStatus::CANCELLED;
+        m_isLost = m_isLost || isToBeRepeated || isLost;
     }
     m_changed.notify_all();
 }
 
-/// The first answer says what the slice was before a change that has been stored meanwhile.
+/// What the store sends may say what the slice was before a change that has been stored meanwhile:
+/// the owner gets no news of its own changes, and what an operator has done may have left the state
+/// id as it was. So the slice is observed anew. If it was gone, the store has accepted the change
+/// whatever it is based on, and may have less than this service: then the store's content decides.
 bool ConfObserveStruct::isOutdated(const Status& status) {
     const auto storeCount = m_surroundings.slice().storeCount;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return status.isOk() && !m_hasAnswered && storeCount != m_slice.storeCount;
+    return status.isOk() && storeCount != m_slice.storeCount;
 }
 
 void ConfObserveStruct::waitForLoss() {

@@ -71,6 +71,8 @@ private:
     SliceState m_slice;          // when the observation began. GUARDED_BY(m_mutex)
     bool m_hasAnswered = false;  // the store, since then. GUARDED_BY(m_mutex)
     bool m_isLost = false;       // GUARDED_BY(m_mutex)
+    /// The next observation gets the content, whatever state is known. GUARDED_BY(m_mutex)
+    bool m_asksForContent = false;
     std::thread m_thread;
 };
 

@@ -1,25 +1,13 @@
 #include "store_connection.h"
 
-#include <chrono>
-
 #include "hox/cpputil/assertion/assertion.h"
 
 namespace Hox::Capability::Configuration::StoreConnection {
 
-namespace {
-
-constexpr std::chrono::hours limit{1};
-
-/// Whether the store is connected after one step.
-bool isConnected(const Hox::ObserverTree::GrpcProxyObserverTree& store) {
-    return store.waitForConnected(std::chrono::system_clock::now() + StoreWait::step);
-}
-
-}  // namespace
-
-bool await(const Hox::ObserverTree::GrpcProxyObserverTree& store, StoreWait& wait) {
+bool await(const Hox::ObserverTree::GrpcProxyObserverTree& store, StoreWait& wait,
+           std::chrono::steady_clock::duration limit) {
     while (!wait.mustEnd()) {
-        if (isConnected(store)) {
+        if (store.waitForConnected(std::chrono::system_clock::now() + StoreWait::step)) {
             return true;
         }
         // The text of the one call that these steps stand for.
@@ -28,15 +16,6 @@ bool await(const Hox::ObserverTree::GrpcProxyObserverTree& store, StoreWait& wai
             "m_confProxy->waitForConnected(std::chrono::system_clock::now() + "
             "std::chrono::hours(1))",
             __FILE__, __LINE__);
-    }
-    return false;
-}
-
-bool awaitForEver(const Hox::ObserverTree::GrpcProxyObserverTree& store, StoreWait& wait) {
-    while (!wait.mustEnd()) {
-        if (isConnected(store)) {
-            return true;
-        }
     }
     return false;
 }

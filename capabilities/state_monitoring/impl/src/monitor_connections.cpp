@@ -106,7 +106,8 @@ void MonitorConnections::end() {
         connection.observeHandle.reset();
         connection.statusHandle.reset();
     }
-    // The proxies are destroyed without the capability's mutex, which their threads need.
+    // The proxies are destroyed without the capability's mutex, which their threads need. Without
+    // handles their watches expire together, not one after the other.
 }
 
 void MonitorConnections::onConfChanged(const ChangeSetType& changes, ObserverTree& tree) {

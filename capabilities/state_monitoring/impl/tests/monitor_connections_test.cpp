@@ -162,7 +162,6 @@ protected:
         [this](const std::string& url) {
             grpc::ChannelArguments arguments;
             arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
-            arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 100);
             arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 100);
             auto channel =
                 grpc::CreateCustomChannel(url, grpc::InsecureChannelCredentials(), arguments);

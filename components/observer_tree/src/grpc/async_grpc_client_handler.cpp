@@ -10,6 +10,7 @@
 #include <utility>
 #include <variant>
 
+#include "grpc/connection_watch.h"
 #include "grpc/non_polling_queue.h"
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/log/logsystem.h"
@@ -25,9 +26,8 @@ using UnaryReader = grpc::ClientAsyncResponseReader<Message>;
 
 constexpr std::chrono::milliseconds pollInterval{500};
 
-// A lost connection ends its streams and makes its channel idle, in no particular order.
-constexpr std::chrono::milliseconds lossInterval{10};
-constexpr std::chrono::seconds lossPeriod{1};
+// A lost connection ends its streams and changes the state of its channel, in no particular order.
+constexpr std::uint64_t eventsUntilLeftAlone = 4;
 
 }  // namespace
 
@@ -56,8 +56,12 @@ struct AsyncGrpcClientHandler::CallData {
     /// Protects the callback from the end of the handle, whose deleter shares the mutex. Recursive:
     /// the callback may end its own handle.
     std::shared_ptr<std::recursive_mutex> callMutex;
-    /// The channel of the ended call is checked again until this time.
-    std::chrono::steady_clock::time_point lossDeadline{};
+    /// The watch on the channel, as long as the call may be told as lost; null in-process.
+    std::shared_ptr<ConnectionWatch> watch;
+    /// The losses of the channel's connection before the call was started.
+    std::uint64_t lossesBefore = 0;
+    /// The events of the watch before the call ended.
+    std::uint64_t eventsBeforeEnd = 0;
 
     bool isHandleHeld() const {
         const std::lock_guard<std::recursive_mutex> lock(*callMutex);
@@ -71,11 +75,14 @@ struct AsyncGrpcClientHandler::CallData {
         }
     }
 
-    bool mayBeLeftAlone() const {
+    // REQUIRES(m_mutex)
+    bool isConnectionLost() const {
         // The channel of an in-process call has no state to query.
-        return status.ok() && isHandleHeld() &&
-               (inProcess || channel->GetState(false) != GRPC_CHANNEL_IDLE);
+        return watch && (watch->losses() != lossesBefore || watch->isIdle());
     }
+
+    /// Whether the handle has been dropped, which may be about to happen elsewhere.
+    bool isCancelled() const { return context.use_count() == 1; }
 
     Reader& stream() { return *std::get<std::unique_ptr<Reader>>(reader); }
 };
@@ -118,6 +125,7 @@ void AsyncGrpcClientHandler::freeCalls() {
     m_leftAlone.clear();
     decltype(m_calls) calls;
     const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    m_waiting.clear();
     calls.swap(m_calls);  // freed without the lock: captures of callbacks may end calls
 }
 
@@ -146,7 +154,7 @@ AsyncGrpcClientHandler::CallMethodRaiiHandleType AsyncGrpcClientHandler::callMet
     std::unique_ptr<CallData> owned(new CallData{
         ClientRequestState::STREAM_STARTING, std::make_shared<grpc::ClientContext>(), rpcMethod,
         grpc::Status(), std::unique_ptr<Message>(prototype->New()), callback, std::move(channel),
-        std::monostate(), inProcess, std::make_shared<std::recursive_mutex>()});
+        std::monostate(), inProcess, std::make_shared<std::recursive_mutex>(), nullptr, 0, 0});
     CallData& callData = *owned;
     m_logger->log(Hox::Log::here(), spdlog::level::debug,
                   "Calling Streaming Method, callData object {} created", fmt::ptr(&callData));
@@ -156,8 +164,65 @@ AsyncGrpcClientHandler::CallMethodRaiiHandleType AsyncGrpcClientHandler::callMet
         std::unique_ptr<Reader>(grpc::internal::ClientAsyncReaderFactory<Message>::Create(
             callData.channel.get(), m_completionQueue.get(), callData.rpcMethod,
             callData.context.get(), request, false, nullptr));
-    callData.stream().StartCall(&callData);
+    if (inProcess) {
+        callData.stream().StartCall(&callData);
+    } else {
+        callData.watch = watchFor(callData.channel);
+        callData.watch->arm(true);
+        startOrWait(callData);
+    }
     return handle;
+}
+
+std::shared_ptr<ConnectionWatch> AsyncGrpcClientHandler::watchFor(
+    const std::shared_ptr<grpc::Channel>& channel) {
+    auto& watch = m_watches[channel.get()];
+    if (!watch) {
+        watch = std::make_shared<ConnectionWatch>(channel, *m_completionQueue);
+    }
+    return watch;
+}
+
+void AsyncGrpcClientHandler::startOrWait(CallData& call) {
+    using Readiness = ConnectionWatch::Readiness;
+    auto& watch = *call.watch;
+    const auto readiness = watch.readiness();
+    if (readiness == Readiness::NotYet && !call.isCancelled()) {
+        m_waiting.push_back(&call);
+        return;
+    }
+    // What is not watched counts as lost when it ends.
+    call.lossesBefore = watch.losses() - (readiness == Readiness::Unwatched ? 1 : 0);
+    call.stream().StartCall(&call);
+}
+
+void AsyncGrpcClientHandler::watchOn(ConnectionWatch& watch) {
+    const auto ofThis = std::stable_partition(
+        m_waiting.begin(), m_waiting.end(),
+        [&watch](const CallData* call) { return call->watch.get() != &watch; });
+    const std::vector<CallData*> waiting(ofThis, m_waiting.end());
+    m_waiting.erase(ofThis, m_waiting.end());
+    watch.arm(!waiting.empty());
+    for (auto* call : waiting) {
+        startOrWait(*call);
+    }
+}
+
+bool AsyncGrpcClientHandler::takeAsWatchEvent(const void* tag, bool isChanged) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const auto found = std::find_if(m_watches.begin(), m_watches.end(), [&](const auto& watch) {
+        return watch.second->take(tag, isChanged);
+    });
+    if (found == m_watches.end()) {
+        return false;
+    }
+    // The map itself holds the watch once; without another owner no call needs it.
+    if (!m_isShuttingDown && found->second.use_count() > 1) {
+        watchOn(*found->second);
+    } else if (!found->second->isPending()) {
+        m_watches.erase(found);
+    }
+    return true;
 }
 
 const grpc::internal::RpcMethod& AsyncGrpcClientHandler::rpcMethodFor(
@@ -190,14 +255,17 @@ void AsyncGrpcClientHandler::startProcessingCompletionQueue() {
     void* tag = nullptr;
     bool ok = false;
     for (;;) {
-        const auto wait = m_justEnded.empty() ? pollInterval : lossInterval;
-        const auto outcome =
-            m_completionQueue->AsyncNext(&tag, &ok, std::chrono::system_clock::now() + wait);
+        const auto outcome = m_completionQueue->AsyncNext(
+            &tag, &ok, std::chrono::system_clock::now() + pollInterval);
+        if (outcome == grpc::CompletionQueue::GOT_EVENT && takeAsWatchEvent(tag, ok)) {
+            afterWatchEvent(ok);
+            continue;
+        }
         const std::lock_guard<std::mutex> capabilityLock(*m_capabilityMutex);
         if (outcome == grpc::CompletionQueue::SHUTDOWN) {
             break;
         }
-        lookAfterEndedCalls();
+        removeDroppedCalls();
         if (outcome == grpc::CompletionQueue::GOT_EVENT) {
             auto& callData = callOf(tag);
             m_logger->log(Hox::Log::here(), spdlog::level::trace,
@@ -292,34 +360,63 @@ void AsyncGrpcClientHandler::processOkUnaryEvent(CallData& callData) {
 
 void AsyncGrpcClientHandler::processNotOkEvent(const CallData& callData) {
     auto call = takeOut(callData);
-    call->lossDeadline = std::chrono::steady_clock::now() + lossPeriod;
+    call->eventsBeforeEnd = eventsOfWatch(*call);
     leaveAloneOrTellLoss(std::move(call));
 }
 
-void AsyncGrpcClientHandler::leaveAloneOrTellLoss(std::unique_ptr<CallData> call) {
-    if (call->mayBeLeftAlone()) {
-        const bool mayStillBeLost =
-            !call->inProcess && std::chrono::steady_clock::now() < call->lossDeadline;
-        if (!mayStillBeLost && !call->inProcess) {
-            m_logger->log(Hox::Log::here(), spdlog::level::warn,
-                          "{} of {} has ended, but its connection remains: nothing more arrives",
-                          call->rpcMethod.name(), call->context->peer());
-        }
-        (mayStillBeLost ? m_justEnded : m_leftAlone).push_back(std::move(call));
-        return;
-    }
-    m_logger->log(Hox::Log::here(), spdlog::level::debug,
-                  "CompletionQueue returned not ok! StatusCode {} ",
-                  static_cast<int>(call->status.error_code()));
-    call->callBackIfHeld(nullptr, grpc::Status(grpc::StatusCode::CANCELLED, "Some error occured!"));
+bool AsyncGrpcClientHandler::isConnectionLost(const CallData& call) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return !m_isShuttingDown && call.isConnectionLost();  // stop() itself has cancelled the call
 }
 
-void AsyncGrpcClientHandler::lookAfterEndedCalls() {
+std::uint64_t AsyncGrpcClientHandler::eventsOfWatch(const CallData& call) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    return call.watch ? call.watch->events() : 0;
+}
+
+void AsyncGrpcClientHandler::leaveAloneOrTellLoss(std::unique_ptr<CallData> call) {
+    if (!call->status.ok() || !call->isHandleHeld() || isConnectionLost(*call)) {
+        m_logger->log(Hox::Log::here(), spdlog::level::debug,
+                      "CompletionQueue returned not ok! StatusCode {} ",
+                      static_cast<int>(call->status.error_code()));
+        call->callBackIfHeld(nullptr,
+                             grpc::Status(grpc::StatusCode::CANCELLED, "Some error occured!"));
+    } else if (!call->watch) {
+        m_leftAlone.push_back(std::move(call));
+    } else if (eventsOfWatch(*call) < call->eventsBeforeEnd + eventsUntilLeftAlone) {
+        m_justEnded.push_back(std::move(call));
+    } else {
+        m_logger->log(Hox::Log::here(), spdlog::level::warn,
+                      "{} of {} has ended, but its connection remains: nothing more arrives",
+                      call->rpcMethod.name(), call->context->peer());
+        unwatch(*call);
+        m_leftAlone.push_back(std::move(call));
+    }
+}
+
+void AsyncGrpcClientHandler::unwatch(CallData& call) {
+    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    call.watch.reset();
+}
+
+/// Waits for the capability's mutex only if there may be a loss to tell: who holds it may be making
+/// calls on the same channel, and whatever happens to that must not be missed.
+void AsyncGrpcClientHandler::afterWatchEvent(bool isChanged) {
+    std::unique_lock<std::mutex> capabilityLock(*m_capabilityMutex, std::defer_lock);
+    if (isChanged && !m_justEnded.empty()) {
+        capabilityLock.lock();
+    } else if (!capabilityLock.try_lock()) {
+        return;
+    }
     for (auto& call : std::exchange(m_justEnded, {})) {
         if (call->isHandleHeld()) {
             leaveAloneOrTellLoss(std::move(call));
         }
     }
+    removeDroppedCalls();
+}
+
+void AsyncGrpcClientHandler::removeDroppedCalls() {
     m_leftAlone.erase(std::remove_if(m_leftAlone.begin(), m_leftAlone.end(),
                                      [](const auto& call) { return !call->isHandleHeld(); }),
                       m_leftAlone.end());

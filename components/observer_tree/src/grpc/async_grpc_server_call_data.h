@@ -8,8 +8,8 @@
 #include <any>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
@@ -31,7 +31,8 @@ struct AsyncGrpcServerHandler::ObserveStream {
     grpc::ServerAsyncWriter<google::protobuf::Message> writer;
     /// Writes in flight plus writes queued. Wide enough for any queue that fits into memory.
     std::atomic<uint32_t> pendingWrites{0};
-    std::deque<std::function<void()>> delayedWrites;  // GUARDED_BY(handler's m_writeMutex)
+    /// A list, because an empty one takes no memory. GUARDED_BY(handler's m_writeMutex)
+    std::list<std::function<void()>> delayedWrites;
     /// Nothing is written any more. GUARDED_BY(handler's m_writeMutex)
     bool isFinishing = false;
     /// gRPC has reported that the call is done.

@@ -5,6 +5,8 @@
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "grpc/told.h"
+#include "hox/linutils/raii_filedescriptors.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/wait_until.h"
 #include "obstree.pb.h"
@@ -64,55 +68,10 @@ private:
     std::atomic<int> m_running{0};
 };
 
-/// Records the calls of a callback: the key of a message, or code and text of a failure.
-class Told {
-public:
-    AsyncGrpcClientHandler::CallBackMethodType callback() {
-        return [this, token = m_token](const std::unique_ptr<google::protobuf::Message>& message,
-                                       const grpc::Status& status) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            if (message) {
-                const auto& element = dynamic_cast<const ObsTreeObserveChangeSet&>(*message);
-                m_lines.push_back(element.node_change_map().begin()->first);
-                EXPECT_TRUE(status.ok());
-            } else {
-                m_lines.push_back(std::to_string(status.error_code()) + " " +
-                                  status.error_message());
-            }
-        };
-    }
-    std::vector<std::string> lines() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
-    bool waitFor(std::size_t count) const {
-        return waitUntil([&] { return lines().size() >= count; });
-    }
-
-    /// How many callbacks still exist.
-    long callbacks() const { return m_token.use_count() - 1; }
-
-private:
-    std::shared_ptr<int> m_token = std::make_shared<int>();
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
-
-const google::protobuf::MethodDescriptor& observeItems() {
-    return *google::protobuf::DescriptorPool::generated_pool()
-                ->FindServiceByName(TestService::service_full_name())
-                ->FindMethodByName("observeItems");
-}
-
 class ClientHandlerFixture {
 protected:
     explicit ClientHandlerFixture(bool inProcess) : m_inProcess(inProcess) {
-        grpc::ServerBuilder builder;
-        int port = 0;
-        builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
-        builder.RegisterService(&m_service);
-        m_server = builder.BuildAndStart();
-        m_address = "127.0.0.1:" + std::to_string(port);
+        startServer();
         m_channel = newChannel();
         m_handler->startThread();
     }
@@ -121,9 +80,22 @@ protected:
         shutdownServer();
     }
 
+    /// At the same address each time.
+    void startServer() {
+        grpc::ServerBuilder builder;
+        int port = 0;
+        builder.AddListeningPort(m_address, grpc::InsecureServerCredentials(), &port);
+        builder.RegisterService(&m_service);
+        m_server = builder.BuildAndStart();
+        m_address = "127.0.0.1:" + std::to_string(port);
+    }
+
+    /// Tries often to connect to a server that is down.
     std::shared_ptr<grpc::Channel> newChannel() const {
         grpc::ChannelArguments arguments;
         arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
+        arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 100);
         return m_inProcess ? m_server->InProcessChannel(arguments)
                            : grpc::CreateCustomChannel(
                                  m_address, grpc::InsecureChannelCredentials(), arguments);
@@ -147,7 +119,7 @@ protected:
     bool m_inProcess;
     ScriptedService m_service;
     std::unique_ptr<grpc::Server> m_server;
-    std::string m_address;
+    std::string m_address = "127.0.0.1:0";
     std::shared_ptr<grpc::Channel> m_channel;
     std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
     std::shared_ptr<AsyncGrpcClientHandler> m_handler =
@@ -166,6 +138,28 @@ bool sawTheEndsOfCalls(const LogCapture& log, std::ptrdiff_t count) {
     });
 }
 
+/// A port at which a connection is made, but nobody answers.
+class SilentListener {
+public:
+    SilentListener()
+        : m_socket(
+              LinuxCppUtil::ownFileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))) {
+        EXPECT_EQ(::listen(*m_socket, 1), 0);  // at a free port of all addresses
+    }
+
+    std::shared_ptr<grpc::Channel> newChannel() const {
+        sockaddr_in name{};
+        socklen_t size = sizeof(name);
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the interface of sockets
+        EXPECT_EQ(::getsockname(*m_socket, reinterpret_cast<sockaddr*>(&name), &size), 0);
+        return grpc::CreateChannel("127.0.0.1:" + std::to_string(ntohs(name.sin_port)),
+                                   grpc::InsecureChannelCredentials());
+    }
+
+private:
+    LinuxCppUtil::OwnedFileDescriptor m_socket;
+};
+
 /// Over a connection and in-process.
 class ClientHandler : public ClientHandlerFixture, public ::testing::TestWithParam<bool> {
 protected:
@@ -176,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Channels, ClientHandler, ::testing::Bool(),
                          [](const auto& kind) { return kind.param ? "InProcess" : "Remote"; });
 
 TEST_P(ClientHandler, EndsACallWithoutAWordWhenItsHandleIsDropped) {
-    auto handle = start("stay", m_told.callback());
+    auto handle = start("stay", m_told.elementCallback());
     ASSERT_TRUE(m_told.waitFor(1));
     handle.reset();
     EXPECT_TRUE(waitUntil([this] { return m_service.running() == 0; }));
@@ -194,19 +188,19 @@ std::shared_ptr<grpc::Channel> channelToNobody() {
 
 TEST_P(ClientHandler, LeavesCallsAloneWhoseChannelIsNotLost) {
     std::vector<Handle> handles;
-    handles.push_back(start("end", m_told.callback()));
-    handles.push_back(start("fail", m_told.callback()));
+    handles.push_back(start("end", m_told.elementCallback()));
+    handles.push_back(start("fail", m_told.elementCallback()));
     if (m_inProcess) {
-        handles.push_back(start("stay", m_told.callback()));
+        handles.push_back(start("stay", m_told.elementCallback()));
         ASSERT_TRUE(m_told.waitFor(3));
         shutdownServer();
     } else {
-        handles.push_back(start("nobody", m_told.callback(), channelToNobody()));
+        handles.push_back(start("nobody", m_told.elementCallback(), channelToNobody()));
     }
-    ASSERT_TRUE(sawTheEndsOfCalls(m_log, 3));
+    ASSERT_TRUE(sawTheEndsOfCalls(m_log, m_inProcess ? 3 : 2));
     passEvent();
     const std::size_t elements = m_inProcess ? 3 : 2;
-    // The channels of ended calls are checked again for a second.
+    // The loss of a connection may become known a little after the end of its calls.
     EXPECT_FALSE(waitUntil([&] { return m_told.lines().size() > elements; },
                            std::chrono::milliseconds(1200)));
     EXPECT_THAT(m_told.lines(), IsSupersetOf({"/end", "/fail"}));
@@ -214,22 +208,22 @@ TEST_P(ClientHandler, LeavesCallsAloneWhoseChannelIsNotLost) {
     handles.clear();
     EXPECT_FALSE(m_log.contains(callGone));
     EXPECT_TRUE(m_log.contains("Finishing streaming call, RAII style"));
-    EXPECT_TRUE(waitUntil([this] { return m_told.callbacks() == 0; }));
+    EXPECT_TRUE(waitUntil([this] { return m_told.elementCallbacks() == 0; }));
 }
 
 TEST_P(ClientHandler, KeepsACallThatTheServerEndedAsLongAsItsHandle) {
-    auto handle = start("end", m_told.callback());
+    auto handle = start("end", m_told.elementCallback());
     ASSERT_TRUE(sawTheEndsOfCalls(m_log, 1));
     passEvent();
-    EXPECT_EQ(m_told.callbacks(), 1);
+    EXPECT_EQ(m_told.elementCallbacks(), 1);
     handle.reset();
-    EXPECT_TRUE(waitUntil([this] { return m_told.callbacks() == 0; }));
+    EXPECT_TRUE(waitUntil([this] { return m_told.elementCallbacks() == 0; }));
 }
 
 TEST_P(ClientHandler, FreesEveryCallWhoseHandleIsDroppedAboutWhenItEnds) {
     for (int round = 0; round < 400; ++round) {
         std::promise<void> told;
-        auto handle = start("end", [&told, record = m_told.callback()](
+        auto handle = start("end", [&told, record = m_told.elementCallback()](
                                        std::unique_ptr<google::protobuf::Message> message,
                                        const grpc::Status& status) {
             record(std::move(message), status);
@@ -243,19 +237,28 @@ TEST_P(ClientHandler, FreesEveryCallWhoseHandleIsDroppedAboutWhenItEnds) {
         }
         handle.reset();
     }
-    EXPECT_TRUE(waitUntil([this] { return m_told.callbacks() == 0; }));
+    EXPECT_TRUE(waitUntil([this] { return m_told.elementCallbacks() == 0; }));
     EXPECT_THAT(m_told.lines(), Each("/end"));
 }
 
 TEST_P(ClientHandler, HandlesOfEndedCallsMayOutliveIt) {
-    const auto handle = start("end", m_told.callback());
+    const auto handle = start("end", m_told.elementCallback());
     ASSERT_TRUE(sawTheEndsOfCalls(m_log, 1));
     m_handler.reset();
-    EXPECT_EQ(m_told.callbacks(), 0);
+    EXPECT_EQ(m_told.elementCallbacks(), 0);
+    EXPECT_THAT(m_told.lines(), ElementsAre("/end"));
+}
+
+TEST_P(ClientHandler, EndsRunningCallsWithoutAWordWhenItIsStopped) {
+    const auto handle = start("stay", m_told.elementCallback());
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_handler->stop();
+    EXPECT_EQ(m_told.elementCallbacks(), 0);
+    EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
 }
 
 TEST_P(ClientHandler, TellsTheLossOfAConnectionButNotOfItsOwnProcess) {
-    const auto handle = start("stay", m_told.callback());
+    const auto handle = start("stay", m_told.elementCallback());
     ASSERT_TRUE(m_told.waitFor(1));
     shutdownServer();
     ASSERT_TRUE(sawTheEndsOfCalls(m_log, 1));
@@ -290,16 +293,16 @@ TEST_F(RemoteClientHandler, KeepsLaterCallsWhenHandlesOfLostOnesAreDropped) {
                 ++elements;
             } else {
                 // May get the address of the record that was freed before.
-                kept.push_back(start("later", later.callback(), channel));
+                kept.push_back(start("later", later.elementCallback(), channel));
             }
         }));
     }
     ASSERT_TRUE(waitUntil([&] { return elements == callCount; }));
     shutdownServer();
-    ASSERT_TRUE(sawTheEndsOfCalls(m_log, 2 * callCount));
+    ASSERT_TRUE(sawTheEndsOfCalls(m_log, callCount));
     passEvent();
     lost.clear();
-    EXPECT_EQ(later.callbacks(), callCount);
+    EXPECT_EQ(later.elementCallbacks(), callCount);
     EXPECT_THAT(later.lines(), IsEmpty());
 }
 
@@ -324,7 +327,7 @@ TEST_P(ClientHandler, NeverTellsAnythingOnceTheHandleHasBeenDropped) {
 TEST_P(ClientHandler, DropsAMessageThatArrivedAheadOfTheEndOfItsHandle) {
     // The capability's mutex holds the handler's thread at the event of the message.
     std::unique_lock<std::mutex> lock(*m_mutex);
-    auto handle = start("stay", m_told.callback());
+    auto handle = start("stay", m_told.elementCallback());
     ASSERT_TRUE(waitUntil([this] { return m_service.running() == 1; }));
     handle.reset();
     lock.unlock();
@@ -350,8 +353,9 @@ TEST_P(ClientHandler, StartsNothingOnceItGoes) {
     const auto handle =
         start("stay", [&](const std::unique_ptr<google::protobuf::Message>&, const grpc::Status&) {
             entered.set_value();
-            while (const auto other = handler->callMethodServerStreaming(
-                       ObserveReq(), observeItems(), m_channel, m_inProcess, m_told.callback())) {
+            while (const auto other =
+                       handler->callMethodServerStreaming(ObserveReq(), observeItems(), m_channel,
+                                                          m_inProcess, m_told.elementCallback())) {
                 std::this_thread::yield();
             }
             refused.set_value();
@@ -386,10 +390,66 @@ TEST_P(ClientHandler, WaitsForACallbackThatRunsWhileTheHandlerGoesElsewhere) {
     gone.get();
 }
 
+TEST_F(RemoteClientHandler, StartsACallAsSoonAsThereIsAPeer) {
+    shutdownServer();
+    const auto handle = start("stay", m_told.elementCallback(), newChannel());
+    EXPECT_FALSE(
+        waitUntil([this] { return !m_told.lines().empty(); }, std::chrono::milliseconds(300)));
+    startServer();
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
+}
+
+TEST_F(RemoteClientHandler, FreesACallThatWaitsForItsConnectionWithItsHandle) {
+    const SilentListener nobodyAnswers;
+    auto handle = start("stay", m_told.elementCallback(), nobodyAnswers.newChannel());
+    EXPECT_EQ(m_told.elementCallbacks(), 1);
+    handle.reset();
+    EXPECT_TRUE(waitUntil([this] { return m_told.elementCallbacks() == 0; }));
+    EXPECT_THAT(m_told.lines(), IsEmpty());
+}
+
+TEST_F(RemoteClientHandler, MayEndWhileACallWaitsForItsConnection) {
+    const SilentListener nobodyAnswers;
+    const auto handle = start("stay", m_told.elementCallback(), nobodyAnswers.newChannel());
+    m_handler->stop();
+    EXPECT_EQ(m_told.elementCallbacks(), 0);
+    EXPECT_THAT(m_told.lines(), IsEmpty());
+}
+
+TEST_F(RemoteClientHandler, LogsThatNothingMoreArrivesFromAPeerThatHasEndedItsStream) {
+    const auto handle = start("end", m_told.elementCallback());
+    ASSERT_TRUE(waitUntil([this] { return !m_log.textsAt(spdlog::level::warn).empty(); }));
+    EXPECT_THAT(m_log.textsAt(spdlog::level::warn),
+                ElementsAre(MatchesRegex(".*observeItems of ipv4:127.0.0.1:[0-9]+ has ended, but "
+                                         "its connection remains: nothing more arrives")));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/end"));
+}
+
+TEST_F(RemoteClientHandler, TellsALossIfItWasHeldUpForTooLongToKnow) {
+    std::unique_lock<std::mutex> lock(*m_mutex);
+    const auto handle = start("end", m_told.elementCallback());
+    // Until all events of the watch have expired.
+    EXPECT_FALSE(waitUntil([] { return false; }, std::chrono::milliseconds(600)));
+    lock.unlock();
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/end", "1 Some error occured!"));
+}
+
+TEST_F(RemoteClientHandler, FreesACallThatItHasLeftAloneBesideARunningOne) {
+    Told ended;
+    const auto running = start("stay", m_told.elementCallback());
+    auto handle = start("end", ended.elementCallback());
+    ASSERT_TRUE(waitUntil([this] { return !m_log.textsAt(spdlog::level::warn).empty(); }));
+    handle.reset();
+    EXPECT_TRUE(waitUntil([&] { return ended.elementCallbacks() == 0; }));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/stay"));
+}
+
 TEST_P(ClientHandler, ServesAnyNumberOfChannelsInTurn) {
     for (int round = 0; round < 20; ++round) {
         Told told;
-        const auto handle = start("stay", told.callback(), newChannel());
+        const auto handle = start("stay", told.elementCallback(), newChannel());
         EXPECT_TRUE(told.waitFor(1));
     }
 }
@@ -425,7 +485,7 @@ TEST_P(ClientHandler, LogsTheLifeOfACall) {
     const std::string address = "0x[0-9a-f]+";
     const std::string event = address + " Received Call Data on Client Queue ";
     {
-        auto handle = start("stay", m_told.callback());
+        auto handle = start("stay", m_told.elementCallback());
         ASSERT_TRUE(m_told.waitFor(1));
         handle.reset();
         ASSERT_TRUE(waitUntil([this] { return m_log.contains(callGone); }));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "grpc/served_tree.h"
+#include "grpc/told.h"
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 #include "hox/testing/log_capture.h"
 #include "hox/testing/reserved_port.h"
@@ -17,39 +18,6 @@
 #include "test_service.grpc.pb.h"
 
 namespace Hox::ObserverTree::Test {
-
-/// Records what an observer was told; callable from any thread.
-class Told {
-public:
-    void add(const std::string& line) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(line);
-    }
-    std::vector<std::string> lines() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
-    bool waitFor(std::size_t count) const {
-        return Hox::Testing::waitUntil([&] { return lines().size() >= count; });
-    }
-
-    /// "<code> <text> <key>=<count>..."
-    ObserverCallback callback() {
-        return [this](const ChangeSetType& changes, const Status& status) {
-            std::string line = std::to_string(status.statusCode()) + " " + status.errorMessage();
-            for (const auto& [key, keyChanges] : changes) {
-                const auto& current = keyChanges.at(0).current;
-                line += " " + key + "=" +
-                        (current ? std::to_string(current->get<Item>().count()) : "gone");
-            }
-            add(line);
-        };
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
 
 /// A proxy with its capability's mutex, used as a capability does.
 class ProxyClient {

@@ -14,6 +14,10 @@ namespace {
 /// starts has it within a second.
 constexpr int attemptInterval = 500;
 
+/// The longest time of one attempt, in milliseconds: a distant or busy peer takes more than a
+/// second to say that it is there, and one whose machine is down is soon asked again.
+constexpr int attemptLimit = 5000;
+
 /// As servers of this house do it: a peer that is gone without a word is known within a minute.
 constexpr int pingInterval = 30'000;
 constexpr int pingTimeout = 20'000;
@@ -25,7 +29,7 @@ constexpr int largestElement = 64 * 1024 * 1024;
 std::shared_ptr<grpc::Channel> networkChannel(const std::string& address) {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, attemptInterval);
-    arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, attemptInterval);
+    arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, attemptLimit);
     arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, attemptInterval);
     arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, pingInterval);
     arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, pingTimeout);

@@ -8,6 +8,7 @@
 #include <spdlog/logger.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,12 +22,15 @@
 
 namespace Hox::ObserverTree {
 
+class ConnectionWatch;
+
 /// Runs the client end of server-streaming calls on one completion queue with one thread.
 ///
-/// Knows nothing of trees. Does not reconnect or retry: after the callback with a failed status the
-/// call is over. The handler owns the records of all calls; its thread frees each, with the
-/// callback, soon after the call has ended and its handle is dropped. Lock order: the capability's
-/// mutex, a call's mutex, locks that a callback takes, m_mutex.
+/// Knows nothing of trees. A call starts as soon as its channel is connected and the connection is
+/// watched, so that no loss of it is missed. The handler does not reconnect or retry: after the
+/// callback with a failed status the call is over. The handler owns the records of all calls; its
+/// thread frees each, with the callback, soon after the call has ended and its handle is dropped.
+/// Lock order: the capability's mutex, a call's mutex, locks that a callback takes, m_mutex.
 class AsyncGrpcClientHandler {
 public:
     /// Gets each message of a stream with an OK status, or null with a failed one. Runs on the
@@ -57,13 +61,13 @@ public:
     void startThread();
 
     /// Cancels running calls, ends the thread and frees all calls; no call can start afterwards.
-    /// The caller does not hold the capability's mutex and is not the handler's thread. The
-    /// captures of the callbacks of calls that were still running are freed here, without that
-    /// mutex.
+    /// May take 0.4 s, as gRPC does not end its watches on channels earlier. The caller does not
+    /// hold the capability's mutex and is not the handler's thread. The captures of the callbacks
+    /// of calls that were still running are freed here, without that mutex.
     void stop();
 
-    /// Starts a call of a server-streaming method; asserts that it is one. Callable from any
-    /// thread.
+    /// Starts a call of a server-streaming method; asserts that it is one. With inProcess the
+    /// channel is one inside the process, and only then. Callable from any thread.
     CallMethodRaiiHandleType callMethodServerStreaming(
         const google::protobuf::Message& request,
         const google::protobuf::MethodDescriptor& methodDesc,
@@ -77,6 +81,13 @@ private:
     const grpc::internal::RpcMethod& rpcMethodFor(const std::shared_ptr<grpc::Channel>& channel,
                                                   const google::protobuf::MethodDescriptor& method);
     CallMethodRaiiHandleType handleFor(const CallData& callData) const;
+    // REQUIRES(m_mutex)
+    std::shared_ptr<ConnectionWatch> watchFor(const std::shared_ptr<grpc::Channel>& channel);
+    void startOrWait(CallData& call);  // REQUIRES(m_mutex)
+    /// Renews the watch, and starts the calls that waited for it. REQUIRES(m_mutex)
+    void watchOn(ConnectionWatch& watch);
+    /// Returns false if the event belongs to a call.
+    bool takeAsWatchEvent(const void* tag, bool isChanged);
     void startProcessingCompletionQueue();
     bool isShuttingDown();
     /// The call that belongs to a tag of the queue; waits until the thread that starts the call has
@@ -84,11 +95,15 @@ private:
     CallData& callOf(void* tag);
     /// Takes over a call that gets no further event.
     std::unique_ptr<CallData> takeOut(const CallData& callData);
-    void processOkEvent(CallData& callData);                    // REQUIRES(*m_capabilityMutex)
-    void processOkUnaryEvent(CallData& callData);               // REQUIRES(*m_capabilityMutex)
-    void processNotOkEvent(const CallData& callData);           // REQUIRES(*m_capabilityMutex)
+    void processOkEvent(CallData& callData);           // REQUIRES(*m_capabilityMutex)
+    void processOkUnaryEvent(CallData& callData);      // REQUIRES(*m_capabilityMutex)
+    void processNotOkEvent(const CallData& callData);  // REQUIRES(*m_capabilityMutex)
+    bool isConnectionLost(const CallData& call);
+    void unwatch(CallData& call);
     void leaveAloneOrTellLoss(std::unique_ptr<CallData> call);  // REQUIRES(*m_capabilityMutex)
-    void lookAfterEndedCalls();                                 // REQUIRES(*m_capabilityMutex)
+    std::uint64_t eventsOfWatch(const CallData& call);
+    void afterWatchEvent(bool isChanged);
+    void removeDroppedCalls();  // REQUIRES(*m_capabilityMutex)
     void readNext(CallData& callData);
     /// Used by stop() after the thread has ended.
     void freeCalls();
@@ -111,9 +126,14 @@ private:
         m_rpcMethods;
     /// Calls that wait for an event. GUARDED_BY(m_mutex)
     std::map<const CallData*, std::unique_ptr<CallData>> m_calls;
+    /// Calls that start as soon as their connection is watched. GUARDED_BY(m_mutex)
+    std::vector<CallData*> m_waiting;
+    /// Shared with the calls that need it. GUARDED_BY(m_mutex)
+    std::map<const grpc::Channel*, std::shared_ptr<ConnectionWatch>> m_watches;
 
     // Used by the handler's thread only, and by stop() after that thread has ended.
-    /// Calls that ended while their channel did not look lost yet; the channel is checked again.
+    /// Calls that ended while the loss of their connection was not known; looked at again with the
+    /// next events of the watch.
     std::vector<std::unique_ptr<CallData>> m_justEnded;
     /// Calls that have ended and whose handle still exists.
     std::vector<std::unique_ptr<CallData>> m_leftAlone;
