@@ -57,15 +57,21 @@ def _start(bus, *options):
                             env={**os.environ, **bus.environment, "LC_ALL": "C.UTF-8"})
 
 
-def browse_all(bus, kinds):
+def browse_all(bus, kinds, seconds=60):
     """All instances of each type that are on the network now, resolved, sorted by their names.
-    Takes a second."""
+    Takes a second. seconds: the limit; the tool does not end if an instance vanishes while it is
+    resolved."""
     processes = {kind: _start(bus, "-t", kind) for kind in kinds}
-    return {kind: _instances(process) for kind, process in processes.items()}
+    return {kind: _instances(process, seconds) for kind, process in processes.items()}
 
 
-def _instances(process):
-    output, _ = process.communicate(timeout=60)
+def _instances(process, seconds):
+    try:
+        output, _ = process.communicate(timeout=seconds)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.communicate()
+        raise AssertionError(f"avahi-browse did not end within {seconds} s") from None
     assert process.returncode == 0, f"avahi-browse has ended with status {process.returncode}"
     seen = collections.defaultdict(list)
     for line in output.splitlines():
@@ -78,9 +84,9 @@ def _instances(process):
     return sorted(found, key=lambda instance: instance.name)
 
 
-def browse(bus, kind=CAPABILITY):
+def browse(bus, kind=CAPABILITY, seconds=60):
     """The same for one type."""
-    return browse_all(bus, [kind])[kind]
+    return browse_all(bus, [kind], seconds)[kind]
 
 
 class Browser:

@@ -15,16 +15,22 @@ class Protos:
     wire; introspection: log levels.
     """
 
-    def __init__(self, out):
-        """Compiles all proto files into the folder and imports them. Once per process."""
-        files = [str(file) for root in PROTO_ROOTS for file in sorted(root.rglob("*.proto"))]
-        includes = [f"-I{root}" for root in PROTO_ROOTS]
-        subprocess.run(["protoc", *includes, f"--python_out={out}", *files], check=True)
+    def __init__(self, out, is_compiled=False):
+        """Compiles all proto files into the folder, unless another process has done so, and imports
+        them. Once per process."""
+        self.folder = out
+        if not is_compiled:
+            self._compile()
         sys.path.insert(0, str(out))
         self.tree = importlib.import_module("obstree_pb2")
         self.state = importlib.import_module("state_monitoring_pb2")
         self.configuration = importlib.import_module("configuration_pb2")
         self.introspection = importlib.import_module("introspection_pb2")
+
+    def _compile(self):
+        files = [str(file) for root in PROTO_ROOTS for file in sorted(root.rglob("*.proto"))]
+        includes = [f"-I{root}" for root in PROTO_ROOTS]
+        subprocess.run(["protoc", *includes, f"--python_out={self.folder}", *files], check=True)
 
     def service(self, module, name):
         """The ServiceDescriptor of a module's service."""

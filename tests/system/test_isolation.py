@@ -31,9 +31,9 @@ def send_from_many(service, path, request, count):
 def slow_filters(service, client):
     """Calls of the state monitor that take about a tenth of a second each."""
     for number in range(1000):
-        client.create(type="a" * 700 + str(number))
+        client.create(type="a" * 950 + str(number))
     request = client.protos.state.GetStateNotificationsReq(typeRegEx="a*[bc]")
-    assert seconds(lambda: client_answers(client, request)) > 0.02, "the filter is no work"
+    assert seconds(lambda: client_answers(client, request)) > 0.01, "the filter is no work"
     return send_from_many(service, FILTERED, request, 50)
 
 
