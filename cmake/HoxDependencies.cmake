@@ -7,6 +7,7 @@ find_package(Protobuf REQUIRED) # before gRPC, whose configuration uses its targ
 find_package(gRPC CONFIG REQUIRED)
 # The proto files of gRPC's standard services.
 find_path(GRPC_PROTO_ROOT grpc/health/v1/health.proto PATHS /usr/share/grpc-proto REQUIRED)
+find_package(CLI11 REQUIRED)
 find_package(cxxopts REQUIRED)
 find_package(LibArchive REQUIRED)
 find_package(ZLIB REQUIRED)

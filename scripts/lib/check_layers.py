@@ -14,7 +14,7 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PRODUCT = ("app", "components", "capabilities")
+PRODUCT = ("app", "components", "capabilities", "tools")
 ROW = re.compile(r"^\|\s*(\d+)\s*\|([^|]*)\|[^|]*\|([^|]*)\|$", re.MULTILINE)
 INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
 FLAGS = "hox_build_flags"

@@ -20,6 +20,7 @@ signal.signal(signal.SIGHUP, signal.SIG_DFL)
 # Before the first thread of gRPC, which the next import starts.
 enter_private_network()
 
+from kit.ctl import Ctl  # noqa: E402
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
 from kit.node import Node  # noqa: E402
 from kit.paths import program  # noqa: E402
@@ -98,6 +99,14 @@ def service(start):
 def client(service):
     """A client of the running service."""
     return service.client()
+
+
+@pytest.fixture
+def ctl(service):
+    """The operator's tool for the running service."""
+    tool = Ctl(service.address)
+    yield tool
+    tool.close()
 
 
 @pytest.fixture

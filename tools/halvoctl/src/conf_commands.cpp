@@ -1,0 +1,204 @@
+#include "conf_commands.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "call_error.h"
+#include "clock_text.h"
+#include "conf_client.h"
+#include "ctl_error.h"
+#include "input_text.h"
+#include "output.pb.h"
+#include "output_file.h"
+#include "package.h"
+#include "printable.h"
+#include "report_table.h"
+#include "state_client.h"
+
+namespace Hox::Ctl {
+
+namespace {
+
+SavingStatusList savingStatus(const Connection& connection) {
+    const StateClient client(connection);
+    SavingStatusList list;
+    const auto latest = savingReports(client.latest());
+    if (latest.empty()) {
+        return list;
+    }
+    StateClient::Query query;
+    query.set_typeregex("^" + latest.front().statenotification().type() + "$");
+    const auto archived = savingReports(client.archived(query));
+    for (const auto& stored : latest) {
+        const auto& report = stored.statenotification();
+        auto& status = *list.add_services();
+        status.set_service_id(report.service_id());
+        status.set_is_saved(severityRank(report.severity()) == 0);
+        *status.mutable_since() = report.timestamp();
+        // Every change is reported: the first report of the last run of equal ones tells since
+        // when.
+        bool isInRun = false;
+        for (const auto& earlier : archived) {
+            const auto& former = earlier.statenotification();
+            if (former.service_id() != report.service_id()) {
+                continue;
+            }
+            const bool isEqual = former.severity() == report.severity();
+            if (isEqual && !isInRun) {
+                *status.mutable_since() = former.timestamp();
+            }
+            isInRun = isEqual;
+        }
+    }
+    return list;
+}
+
+bool isAllSaved(const SavingStatusList& list) {
+    return std::all_of(list.services().begin(), list.services().end(),
+                       [](const auto& status) { return status.is_saved(); });
+}
+
+/// A package without the changes of today surprises its owner. Silent if the service does not say.
+void noteUnsaved(const Session& session, const Connection& connection) {
+    try {
+        if (!isAllSaved(savingStatus(connection))) {
+            session.note("the package is without the unsaved changes");
+        }
+    } catch (const CtlError& error) {
+        if (error.code() == ExitCode::Interrupted) {
+            throw;
+        }
+    }
+}
+
+/// Asks on the error output; throws CtlError unless the answer is yes.
+void askFor(const Session& session, bool isSure, const std::string& what) {
+    if (isSure) {
+        return;
+    }
+    auto& surroundings = session.surroundings();
+    if (!surroundings.isInTerminal) {
+        throw CtlError(ExitCode::Usage, "not sent: there is no terminal to ask at",
+                       "--yes does it without asking");
+    }
+    surroundings.err << what << " at " << session.options().endpoints.front() << "? [y/N] "
+                     << std::flush;
+    std::string answer;
+    std::getline(surroundings.in, answer);
+    if (answer != "y" && answer != "yes") {
+        throw CtlError(ExitCode::Usage, "not sent");
+    }
+}
+
+/// Nothing for a package that cannot be read: the service has the last word.
+std::optional<Package> tryRead(const std::string& bytes) {
+    try {
+        return Package(bytes);
+    } catch (const CtlError&) {
+        return std::nullopt;
+    }
+}
+
+/// Why the service may have refused the package, empty if that cannot be found out.
+std::string identityHint(const ConfClient& client, const Package& package) {
+    std::string hint = "made for " + printable(package.identity());
+    try {
+        hint += "; this machine is " + printable(Package(client.exportPackage()).identity());
+    } catch (const CtlError&) {
+        return hint;
+    }
+    return hint;
+}
+
+}  // namespace
+
+ExitCode showSaving(Session& session) {
+    const auto connection = session.connect();
+    const auto list = savingStatus(*connection);
+    const auto code = isAllSaved(list) ? ExitCode::Done : ExitCode::No;
+    if (session.isJson()) {
+        session.print(list);
+        return code;
+    }
+    for (const auto& status : list.services()) {
+        StateClient::Report report;
+        *report.mutable_timestamp() = status.since();
+        session.out() << printable(status.service_id()) << ": "
+                      << (status.is_saved() ? "saved" : "unsaved") << " since "
+                      << sinceText(timeOf(report), session.now()) << '\n';
+    }
+    if (list.services().empty()) {
+        session.out() << "saved: nothing has been changed since the start\n";
+    }
+    return code;
+}
+
+ExitCode saveConf(Session& session) {
+    ConfClient(*session.connect()).save();
+    return ExitCode::Done;
+}
+
+ExitCode revertConf(Session& session, bool isSure) {
+    const auto connection = session.connect();
+    askFor(session, isSure, "Discard all unsaved changes");
+    ConfClient(*connection).revert();
+    return ExitCode::Done;
+}
+
+ExitCode clearConf(Session& session, bool isSure) {
+    const auto connection = session.connect();
+    askFor(session, isSure, "Remove the whole configuration, also the saved one,");
+    ConfClient(*connection).clear();
+    return ExitCode::Done;
+}
+
+ExitCode exportConf(Session& session, const std::string& path) {
+    if (path == "-" && session.surroundings().isOutTerminal) {
+        throw CtlError(ExitCode::Usage, "a package is not for a terminal",
+                       "name a file, or send the output to one");
+    }
+    const auto connection = session.connect();
+    const auto package = ConfClient(*connection).exportPackage();
+    if (path == "-") {
+        session.out() << package;
+    } else {
+        writeWholeFile(path, package);
+    }
+    noteUnsaved(session, *connection);
+    return ExitCode::Done;
+}
+
+ExitCode importConf(Session& session, const std::string& path) {
+    const auto bytes = readInput(session.surroundings().in, path);
+    const auto package = tryRead(bytes);
+    if (package && package->slices().empty()) {
+        throw CtlError(ExitCode::Usage, "not sent: the package has no configuration",
+                       "halvoctl conf clear removes the whole configuration");
+    }
+    const auto connection = session.connect();
+    const ConfClient client(*connection);
+    try {
+        client.importPackage(bytes);
+    } catch (const CallError& error) {
+        if (error.statusCode() != grpc::StatusCode::INVALID_ARGUMENT || !package) {
+            throw;
+        }
+        throw error.withHint(identityHint(client, *package));
+    }
+    Imported imported;
+    if (package) {
+        imported.set_keys(static_cast<std::uint32_t>(package->keyCount()));
+        imported.set_slices(static_cast<std::uint32_t>(package->slices().size()));
+    }
+    if (session.isJson()) {
+        session.print(imported);
+    } else {
+        session.out() << fmt::format("Imported {} keys in {} slices.\n", imported.keys(),
+                                     imported.slices());
+    }
+    return ExitCode::Done;
+}
+
+}  // namespace Hox::Ctl

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace Hox::Ctl {
+
+/// Writes a whole file: first FILE.part, which is flushed to the disk and then renamed, so that
+/// FILE is always a complete one. Throws CtlError if that fails; then FILE is as before, and
+/// FILE.part is removed.
+void writeWholeFile(const std::string& path, const std::string& content);
+
+}  // namespace Hox::Ctl

@@ -1,0 +1,78 @@
+#include "session.h"
+
+#include <utility>
+
+#include "ctl_error.h"
+#include "json_text.h"
+#include "known_files.h"
+#include "reflection.h"
+
+namespace Hox::Ctl {
+
+using google::protobuf::Message;
+
+Session::Session(Surroundings& surroundings, GlobalOptions options)
+    : m_surroundings(surroundings), m_options(std::move(options)), m_painter(m_options.hasColor) {}
+
+void Session::note(const std::string& text) const {
+    if (!m_options.isQuiet) {
+        m_surroundings.err << "halvoctl: " << text << std::endl;
+    }
+}
+
+void Session::print(const Message& message) const {
+    const JsonText json(*message.GetDescriptor()->file()->pool());
+    if (m_options.format == GlobalOptions::Format::Json) {
+        out() << json.indented(message);
+    } else {
+        out() << json.line(message) << '\n';
+    }
+}
+
+std::unique_ptr<Connection> Session::connectTo(const std::string& endpoint,
+                                               Interrupt& interrupt) const {
+    auto trace = [this](const std::string& path, const Message& request) {
+        if (m_options.isVerbose) {
+            const JsonText json(*request.GetDescriptor()->file()->pool());
+            m_surroundings.err << "> " << path << " " << json.line(request) << std::endl;
+        }
+    };
+    return std::make_unique<Connection>(endpoint, m_surroundings.channel(endpoint), interrupt,
+                                        m_options.timeout, trace);
+}
+
+std::unique_ptr<Connection> Session::connect() const {
+    if (m_options.endpoints.size() != 1) {
+        throw CtlError(ExitCode::Usage, "this command has one endpoint");
+    }
+    return connectTo(m_options.endpoints.front(), m_surroundings.interrupt);
+}
+
+std::vector<std::unique_ptr<Connection>> Session::connectAll() const {
+    return connectAll(m_surroundings.interrupt);
+}
+
+std::vector<std::unique_ptr<Connection>> Session::connectAll(Interrupt& interrupt) const {
+    std::vector<std::unique_ptr<Connection>> connections;
+    for (const auto& endpoint : m_options.endpoints) {
+        connections.push_back(connectTo(endpoint, interrupt));
+    }
+    return connections;
+}
+
+std::unique_ptr<ServiceModel> Session::modelOf(const Connection& connection) const {
+    if (m_options.protoset.empty()) {
+        return std::make_unique<ServiceModel>(std::make_unique<Reflection>(connection));
+    }
+    auto files = std::make_unique<KnownFiles>();
+    files->addSet(m_options.protoset);
+    return std::make_unique<ServiceModel>(std::move(files));
+}
+
+void Session::checkInterrupt() const {
+    if (m_surroundings.interrupt.isRequested()) {
+        throw CtlError(ExitCode::Interrupted, "");
+    }
+}
+
+}  // namespace Hox::Ctl
