@@ -19,10 +19,13 @@ namespace Hox::Benchmarks {
 /// Measures the cost of gRPC itself: the measured methods of the state monitor and the
 /// configuration store, on one completion queue and one thread. Messages are parsed and answered,
 /// nothing is stored.
+///
+/// With reports it has a second queue and thread for the configuration store, which makes one call
+/// inside the process per update, as the service does.
 class BareServer {
 public:
     /// Listens on the address. Throws std::runtime_error on failure.
-    BareServer(const std::string& address, int snapshotKeys);
+    BareServer(const std::string& address, int snapshotKeys, bool hasReports);
     ~BareServer();
     BareServer(const BareServer&) = delete;
     BareServer(BareServer&&) = delete;
@@ -46,13 +49,18 @@ private:
 
     grpc::ServerBuilder& listen(const std::string& address);
     void tellObservers(const Api::StateNotification& notification);
+    void report();
+    static void serve(grpc::CompletionQueue& queue, const volatile std::sig_atomic_t& isToEnd);
+    static void drain(grpc::CompletionQueue& queue);
 
     const BareAnswers m_answers;
     MonitorService m_monitorService;
     ConfigurationService m_configurationService;
     grpc::ServerBuilder m_builder;
     std::unique_ptr<grpc::ServerCompletionQueue> m_queue;
+    std::unique_ptr<grpc::ServerCompletionQueue> m_reportingQueue;
     std::unique_ptr<grpc::Server> m_server;
+    std::unique_ptr<Api::StateMonitoringService::Stub> m_reports;
     NotificationStreams m_streams;
     const SliceStreams m_sliceStreams;
     const CreateCall::Method m_create;

@@ -1,6 +1,7 @@
 #include "load_client/cases.h"
 
 #include <algorithm>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -8,7 +9,6 @@
 #include "common/require.h"
 #include "common/sample_notifications.h"
 #include "load_client/measuring.h"
-#include "load_client/observer_group.h"
 #include "load_client/unary_load.h"
 #include "load_client/wire_bytes.h"
 #include "obstree.pb.h"
@@ -40,7 +40,9 @@ Cases::Cases(const CaseOptions& options) : m_options(options), m_meter(options.p
 Figures Cases::run(const std::string& name) {
     const std::map<std::string, Figures (Cases::*)()> cases{
         {"fill", &Cases::fill},
+        {"fill-configuration", &Cases::fillConfiguration},
         {"create", &Cases::create},
+        {"arrivals", &Cases::arrivals},
         {"create-paced", &Cases::createPaced},
         {"current-state", &Cases::currentState},
         {"notifications", &Cases::notifications},
@@ -69,6 +71,26 @@ std::shared_ptr<grpc::Channel> Cases::connectTo(const std::string& target) {
     require(channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(20)),
             "No connection to the server");
     return channel;
+}
+
+std::vector<std::shared_ptr<grpc::Channel>> Cases::connectIdle() const {
+    std::vector<std::shared_ptr<grpc::Channel>> channels;
+    std::generate_n(std::back_inserter(channels), m_options.connections,
+                    [this] { return connect(); });
+    return channels;
+}
+
+/// On one connection, or each on its own.
+std::vector<std::unique_ptr<ObserverGroup>> Cases::openSilentObservers() {
+    std::vector<std::unique_ptr<ObserverGroup>> groups;
+    const auto size = m_options.isApart ? std::size_t{1} : m_options.observers;
+    for (std::size_t first = 0; first < m_options.observers; first += size) {
+        groups.push_back(std::make_unique<ObserverGroup>(
+            m_loop, connect(), methodName(observeMethod),
+            [] { throw std::runtime_error("A silent observer got a change"); }));
+        groups.back()->open(markerRequests(first, size));
+    }
+    return groups;
 }
 
 std::vector<grpc::ByteBuffer> Cases::createRequests() const {
@@ -121,10 +143,27 @@ Figures Cases::measureUnary(const char* method, std::vector<grpc::ByteBuffer> re
 }
 
 Figures Cases::create() {
+    const auto idle = connectIdle();
+    const auto silent = openSilentObservers();
+    auto figures = measureUnary("createStateNotification", createRequests());
+    for (const auto& group : silent) {
+        group->close();
+    }
+    return figures;
+}
+
+/// Observers come one after the other, with a change after each.
+Figures Cases::arrivals() {
     ObserverGroup silent(m_loop, connect(), methodName(observeMethod),
                          [] { throw std::runtime_error("A silent observer got a change"); });
-    silent.open(markerRequests(0, m_options.observers));
-    auto figures = measureUnary("createStateNotification", createRequests());
+    UnaryLoad writer(m_loop, connect(), methodName("createStateNotification"), createRequests());
+    writer.callOnce();
+    const Stopwatch stopwatch(m_meter);
+    for (std::size_t i = 0; i < m_options.observers; ++i) {
+        silent.open(markerRequests(i, 1));
+        writer.callOnce();
+    }
+    auto figures = stopwatch.per(m_options.observers, "per_second");
     silent.close();
     return figures;
 }

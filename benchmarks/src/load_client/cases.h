@@ -10,6 +10,7 @@
 
 #include "load_client/event_loop.h"
 #include "load_client/measuring.h"
+#include "load_client/observer_group.h"
 #include "load_client/server_meter.h"
 
 namespace Hox::Benchmarks {
@@ -23,6 +24,8 @@ struct CaseOptions {
     int process = 0;                      ///< the server's process id
     std::size_t outstanding = 1;          ///< number of concurrent calls
     std::size_t observers = 0;            ///< number of streams
+    std::size_t connections = 0;          ///< connections that are open and idle
+    bool isApart = false;                 ///< whether each observer has a connection of its own
     int origins = 100;                    ///< number of origins that report in turn
     int settings = 10;                    ///< keys of an update of the configuration
     bool isSaving = false;                ///< whether the configuration is saved again and again
@@ -41,7 +44,9 @@ public:
 
 private:
     Figures fill();
+    Figures fillConfiguration();
     Figures create();
+    Figures arrivals();
     Figures createPaced();
     Figures currentState();
     Figures notifications();
@@ -55,6 +60,8 @@ private:
 
     std::shared_ptr<grpc::Channel> connect() const;
     static std::shared_ptr<grpc::Channel> connectTo(const std::string& target);
+    std::vector<std::shared_ptr<grpc::Channel>> connectIdle() const;
+    std::vector<std::unique_ptr<ObserverGroup>> openSilentObservers();
     std::vector<grpc::ByteBuffer> createRequests() const;
     std::vector<grpc::ByteBuffer> markerRequests(std::size_t first, std::size_t count) const;
     Figures measureUnary(const char* method, std::vector<grpc::ByteBuffer> requests);

@@ -14,10 +14,12 @@ using Hox::Benchmarks::CaseOptions;
 
 constexpr auto usage =
     "Usage: halvo-load-client <case> --target <address> --process <id> [--outstanding <n>]\n"
-    "           [--observers <n>] [--origins <n>] [--markers <n>] [--settings <n>]\n"
-    "           [--saving <0|1>] [--time <milliseconds>] [--writer <address>]\n"
+    "           [--observers <n>] [--apart <0|1>] [--connections <n>] [--origins <n>]\n"
+    "           [--markers <n>] [--settings <n>] [--saving <0|1>] [--time <milliseconds>] "
+    "[--writer <address>]\n"
     "           [--type <type of the reports>] [--rate <calls per second>]\n"
-    "Cases: fill create create-paced current-state notifications delay deliveries snapshot\n"
+    "Cases: fill fill-configuration create arrivals create-paced current-state notifications delay "
+    "deliveries snapshot\n"
     "       memory update-configuration configuration-snapshot create-delay\n"
     "Prints the figures as one line of JSON.\n";
 
@@ -31,6 +33,8 @@ CaseOptions parseOptions(int argc, char** argv) {
         {"--process", [&](const auto& value) { options.process = std::stoi(value); }},
         {"--outstanding", [&](const auto& value) { options.outstanding = std::stoul(value); }},
         {"--observers", [&](const auto& value) { options.observers = std::stoul(value); }},
+        {"--connections", [&](const auto& value) { options.connections = std::stoul(value); }},
+        {"--apart", [&](const auto& value) { options.isApart = std::stoi(value) != 0; }},
         {"--origins", [&](const auto& value) { options.origins = std::stoi(value); }},
         {"--settings", [&](const auto& value) { options.settings = std::stoi(value); }},
         {"--saving", [&](const auto& value) { options.isSaving = std::stoi(value) != 0; }},

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,6 +17,7 @@
 #include "common/temporary_folder.h"
 #include "hox/archive/archive.h"
 #include "hox/configuration/conf_obstree_handler.h"
+#include "hox/linutils/raii_filedescriptors.h"
 #include "store_benchmark/naive_store.h"
 
 namespace fs = std::filesystem;
@@ -118,6 +120,9 @@ private:
     }
 
     void putInForce(const fs::path& scratch) const {
+        const auto folder =
+            Hox::LinuxCppUtil::openFileDescriptor(scratch, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        require(::syncfs(*folder) == 0, "The files could not be flushed");
         require(::renameat2(0, scratch.c_str(), 0, m_folder.c_str(), RENAME_EXCHANGE) == 0,
                 "The folders could not be exchanged");
         fs::remove_all(scratch);
@@ -127,12 +132,13 @@ private:
     fs::path m_folder;
 };
 
-void run(const fs::path& parent, int keys, int rounds, double aim) {
+void run(const fs::path& parent, int keys, int rounds) {
     const std::string count = std::to_string(keys) + " keys: ms";
-    Comparison saving("save, " + count, aim);
-    Comparison discarding("discard, " + count, aim);
-    Comparison exporting("export, " + count, aim);
-    Comparison importing("import, " + count, aim);
+    const bool isLarge = keys >= 10000;
+    Comparison saving("save, " + count, isLarge ? 0.75 : 0.8);
+    Comparison discarding("discard, " + count, isLarge ? 1.0 : 1.2);
+    Comparison exporting("export, " + count, 1.2);
+    Comparison importing("import, " + count, 1.3);
     const TemporaryFolder folder(parent);
     const fs::path saved = folder / "ours";
     Store store(saved);
@@ -142,7 +148,7 @@ void run(const fs::path& parent, int keys, int rounds, double aim) {
     const auto content = Tree::NodeDataFileHndlr().readNodeData(saved);
     std::string package = pack(saved);
     // The limit of a package is between a thousand and ten thousand keys.
-    const bool fits = keys <= 1000;
+    const bool fits = !isLarge;
     for (int round = 0; round < rounds; ++round) {
         saving.measure([&] { store.save(); }, [&] { bare.save(content); });
         discarding.measure([&] { store.discard(); }, [&] { NaiveStore::load(saved); });
@@ -173,7 +179,7 @@ int main(int argc, char** argv) {
         Hox::Benchmarks::Comparison::printHeading("store", "bare");
         for (const int keys : {100, 1000, 10000}) {
             Hox::Benchmarks::run(argc > 1 ? argv[1] : "/dev/shm", keys,
-                                 argc > 2 ? std::stoi(argv[2]) : 9, 2.0);
+                                 argc > 2 ? std::stoi(argv[2]) : 9);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
