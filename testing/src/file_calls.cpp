@@ -19,11 +19,14 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "hox/linutils/raii_filedescriptors.h"
+#include "hox/testing/wait_until.h"
 #include "known_calls.h"
 
 namespace Hox::Testing {
@@ -44,6 +47,33 @@ OwnedFileDescriptor descriptor(int number, const char* what) {
         fail(what);
     }
     return LinuxCppUtil::ownFileDescriptor(number);
+}
+
+/// What the system tells of a process that should have ended: its state, and the call that it waits
+/// in with its arguments.
+std::string standstill(pid_t child) {
+    const std::string folder = "/proc/" + std::to_string(child);
+    std::string text;
+    for (const char* const name : {"/syscall", "/wchan", "/status"}) {
+        std::ifstream file(folder + name);
+        text.append("\n").append(name + 1).append(": ");
+        text.append(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    return text;
+}
+
+/// Whether all other threads of this process wait for something.
+bool areOthersAsleep() {
+    const auto own = std::to_string(syscall(SYS_gettid));
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "stat");
+        const std::string text{std::istreambuf_iterator<char>(file), {}};
+        const auto name = text.rfind(") ");  // the state comes after the name
+        if (task.path().filename() != own && name != std::string::npos && text[name + 2] != 'S') {
+            return false;
+        }
+    }
+    return true;
 }
 
 std::string readWhole(const OwnedFileDescriptor& file) {
@@ -195,7 +225,9 @@ public:
             pollfd events = {*listener, POLLIN, 0};
             const int ready = poll(&events, 1, timeLimit);
             if (ready == 0) {
-                throw std::runtime_error("a watched child did not end in time");
+                throw std::runtime_error("a watched child did not end in time, after " +
+                                         std::to_string(run.calls.size()) + " calls" +
+                                         standstill(m_child));
             }
             if ((events.revents & POLLIN) != 0) {
                 answerNext(*listener, run);
@@ -310,6 +342,11 @@ WatchedRun runWatched(const std::function<std::string()>& action, FileCalls list
     }
     const auto own = descriptor(pair[0], "socketpair");
     auto theirs = descriptor(pair[1], "socketpair");
+    // A child inherits the locks of threads that it does not have: of the allocator, for example,
+    // if one of them has just started.
+    if (!waitUntil(areOthersAsleep)) {
+        throw std::runtime_error("another thread does not rest");
+    }
     const pid_t id = fork();
     if (id < 0) {
         fail("fork");

@@ -63,8 +63,9 @@ using AtCall = std::function<void(std::size_t number, const FileCall& call)>;
 /// atCall gets the number and the call before the call is made; the content of the disk at that
 /// moment is what a kill at this entry leaves.
 ///
-/// Call it in a process without other threads. A child that takes longer than 20 seconds is killed.
-/// Throws std::system_error if the kernel refuses, and std::runtime_error after 20 seconds.
+/// Call it in a process whose other threads, if any, rest: it waits until they do. A child that
+/// takes longer than 20 seconds is killed. Throws std::system_error if the kernel refuses, and
+/// std::runtime_error after 20 seconds.
 WatchedRun runWatched(const std::function<std::string()>& action, FileCalls listed,
                       const std::optional<Fault>& fault = std::nullopt, const AtCall& atCall = {});
 
