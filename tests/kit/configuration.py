@@ -1,4 +1,6 @@
 """A foreign service that keeps its configuration in the store."""
+import json
+
 from google.protobuf import wrappers_pb2
 
 from kit.client import Stream
@@ -36,10 +38,19 @@ class Slice:
 
     def content(self):
         """All values of the slice except its state id, as a new observer gets them."""
+        found = self._everything()
+        found.pop(STATE_ID, None)
+        return found
+
+    def learn(self):
+        """Takes over the state id of the store, so that the next update is not refused."""
+        self.state_id = json.loads(self._everything()[STATE_ID])["value"]
+        return self
+
+    def _everything(self):
         stream = self.observe("no such id")
         found = texts(stream.next())
         stream.cancel()
-        found.pop(STATE_ID, None)
         return found
 
 

@@ -39,17 +39,18 @@ class Result:
 
 
 class Ctl:
-    """The tool for one endpoint, by default that of a service."""
+    """The tool for one endpoint, by default that of a service. variables: of its environment."""
 
-    def __init__(self, endpoint):
+    def __init__(self, endpoint, **variables):
         self.endpoint = endpoint
+        self.variables = variables
         self._running = []
 
     def __call__(self, *words, given=None, seconds=20, **variables):
         """One run to its end. given: what it reads."""
         return Result(subprocess.run(
             command("-e", self.endpoint, *words), input=given, capture_output=True, text=True,
-            timeout=seconds, env=environment(**variables), check=False))
+            timeout=seconds, env=environment(**{**self.variables, **variables}), check=False))
 
     def ok(self, *words, **kwargs):
         """One run that must succeed without notes; returns its result."""

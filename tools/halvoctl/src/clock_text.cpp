@@ -31,15 +31,18 @@ std::string elapsedText(std::int64_t seconds) {
 
 }  // namespace
 
-std::string sinceText(std::chrono::system_clock::time_point time,
-                      std::chrono::system_clock::time_point now) {
+std::string timeText(std::chrono::system_clock::time_point time,
+                     std::chrono::system_clock::time_point now) {
     const auto then = localTime(time);
     const auto today = localTime(now);
     const bool isToday = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
+    return isToday ? fmt::format("{:%H:%M:%S}", then) : fmt::format("{:%Y-%m-%d %H:%M:%S}", then);
+}
+
+std::string sinceText(std::chrono::system_clock::time_point time,
+                      std::chrono::system_clock::time_point now) {
     const auto ago = std::chrono::duration_cast<std::chrono::seconds>(now - time).count();
-    return (isToday ? fmt::format("{:%H:%M:%S}", then)
-                    : fmt::format("{:%Y-%m-%d %H:%M:%S}", then)) +
-           " (" + elapsedText(ago) + ")";
+    return timeText(time, now) + " (" + elapsedText(ago) + ")";
 }
 
 }  // namespace Hox::Ctl

@@ -18,4 +18,7 @@ void addLogWords(CLI::App& app, Command& command);
 void addConfWords(CLI::App& app, Command& command);
 ///@}
 
+/// Adds those of `conf` that change the configuration for some time to its words.
+void addConfirmWords(CLI::App& conf, Command& command);
+
 }  // namespace Hox::Ctl

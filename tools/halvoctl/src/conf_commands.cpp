@@ -3,16 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <optional>
 
-#include "call_error.h"
+#include "ask_first.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "ctl_error.h"
 #include "input_text.h"
 #include "output.pb.h"
 #include "output_file.h"
-#include "package.h"
+#include "package_import.h"
 #include "printable.h"
 #include "report_table.h"
 #include "state_client.h"
@@ -73,45 +72,6 @@ void noteUnsaved(const Session& session, const Connection& connection) {
     }
 }
 
-/// Asks on the error output; throws CtlError unless the answer is yes.
-void askFor(const Session& session, bool isSure, const std::string& what) {
-    if (isSure) {
-        return;
-    }
-    auto& surroundings = session.surroundings();
-    if (!surroundings.isInTerminal) {
-        throw CtlError(ExitCode::Usage, "not sent: there is no terminal to ask at",
-                       "--yes does it without asking");
-    }
-    surroundings.err << what << " at " << session.options().endpoints.front() << "? [y/N] "
-                     << std::flush;
-    std::string answer;
-    std::getline(surroundings.in, answer);
-    if (answer != "y" && answer != "yes") {
-        throw CtlError(ExitCode::Usage, "not sent");
-    }
-}
-
-/// Nothing for a package that cannot be read: the service has the last word.
-std::optional<Package> tryRead(const std::string& bytes) {
-    try {
-        return Package(bytes);
-    } catch (const CtlError&) {
-        return std::nullopt;
-    }
-}
-
-/// Why the service may have refused the package, empty if that cannot be found out.
-std::string identityHint(const ConfClient& client, const Package& package) {
-    std::string hint = "made for " + printable(package.identity());
-    try {
-        hint += "; this machine is " + printable(Package(client.exportPackage()).identity());
-    } catch (const CtlError&) {
-        return hint;
-    }
-    return hint;
-}
-
 }  // namespace
 
 ExitCode showSaving(Session& session) {
@@ -142,14 +102,14 @@ ExitCode saveConf(Session& session) {
 
 ExitCode revertConf(Session& session, bool isSure) {
     const auto connection = session.connect();
-    askFor(session, isSure, "Discard all unsaved changes");
+    askFirst(session, isSure, "Discard all unsaved changes");
     ConfClient(*connection).revert();
     return ExitCode::Done;
 }
 
 ExitCode clearConf(Session& session, bool isSure) {
     const auto connection = session.connect();
-    askFor(session, isSure, "Remove the whole configuration, also the saved one,");
+    askFirst(session, isSure, "Remove the whole configuration, also the saved one,");
     ConfClient(*connection).clear();
     return ExitCode::Done;
 }
@@ -171,27 +131,12 @@ ExitCode exportConf(Session& session, const std::string& path) {
 }
 
 ExitCode importConf(Session& session, const std::string& path) {
-    const auto bytes = readInput(session.surroundings().in, path);
-    const auto package = tryRead(bytes);
-    if (package && package->slices().empty()) {
-        throw CtlError(ExitCode::Usage, "not sent: the package has no configuration",
-                       "halvoctl conf clear removes the whole configuration");
-    }
+    const PackageImport package(readInput(session.surroundings().in, path));
     const auto connection = session.connect();
-    const ConfClient client(*connection);
-    try {
-        client.importPackage(bytes);
-    } catch (const CallError& error) {
-        if (error.statusCode() != grpc::StatusCode::INVALID_ARGUMENT || !package) {
-            throw;
-        }
-        throw error.withHint(identityHint(client, *package));
-    }
+    package.send(ConfClient(*connection));
     Imported imported;
-    if (package) {
-        imported.set_keys(static_cast<std::uint32_t>(package->keyCount()));
-        imported.set_slices(static_cast<std::uint32_t>(package->slices().size()));
-    }
+    imported.set_keys(package.keys());
+    imported.set_slices(package.slices());
     if (session.isJson()) {
         session.print(imported);
     } else {

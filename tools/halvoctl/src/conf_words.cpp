@@ -47,8 +47,7 @@ void addConfWords(CLI::App& app, Command& command) {
               clearConf);
     addWithFile(*conf, command, "export", "write the saved configuration to a package",
                 "the package, - for the output", exportConf);
-    addWithFile(*conf, command, "import", "replace the whole configuration by a package",
-                "the package, - for the input", importConf);
+    addConfirmWords(*conf, command);
 }
 
 }  // namespace Hox::Ctl

@@ -41,6 +41,14 @@ milliseconds parseDuration(const std::string& text) {
     return unit->second * std::int64_t{count};
 }
 
+milliseconds parseTimeLimit(const std::string& text) {
+    const auto time = parseDuration(text);
+    if (time.count() == 0) {
+        throw CtlError(ExitCode::Usage, "\"" + text + "\" is no time to wait");
+    }
+    return time;
+}
+
 std::string ageText(milliseconds age) {
     const auto seconds =
         std::max<std::int64_t>(0, std::chrono::duration_cast<std::chrono::seconds>(age).count());

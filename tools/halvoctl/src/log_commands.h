@@ -2,22 +2,15 @@
 
 #include <cstddef>
 #include <string>
-#include <vector>
 
 #include "exit_code.h"
 #include "session.h"
 
 namespace Hox::Ctl {
 
-/// The names of the levels of a logger, the lowest first.
-std::vector<std::string> logLevelNames();
-
 /// Prints the loggers whose short or whole name matches the pattern of a shell, with their levels.
 /// Throws CtlError if there is none.
 ExitCode listLoggers(Session& session, const std::string& pattern);
-
-/// Sets the level of these loggers, and prints each whose level is another one now.
-ExitCode setLogLevel(Session& session, const std::string& pattern, const std::string& level);
 
 /// Which part of a log is printed.
 struct TailWords {

@@ -4,10 +4,27 @@
 
 #include "command_words.h"
 #include "log_commands.h"
+#include "log_level_command.h"
+#include "logger_client.h"
 
 namespace Hox::Ctl {
 
 namespace {
+
+void addSet(CLI::App& log, Command& command) {
+    auto options = std::make_shared<LogLevelCommand::Options>();
+    auto* const words = log.add_subcommand(
+        "set", "set the level of loggers until the service ends, or for some time");
+    words->add_option("GLOB", options->pattern, "a pattern as in a shell")->required();
+    words->add_option("LEVEL", options->level, "the least severe records that are logged")
+        ->required()
+        ->check(CLI::IsMember(logLevelNames()));
+    words->add_option("--for", options->time, "put the levels of before back after this time")
+        ->type_name("TIME");
+    words->callback([options, &command] {
+        command = [options](Session& session) { return LogLevelCommand(*options).run(session); };
+    });
+}
 
 void addTail(CLI::App& log, Command& command) {
     auto tail = std::make_shared<TailWords>();
@@ -29,22 +46,12 @@ void addLogWords(CLI::App& app, Command& command) {
         app.add_subcommand("log", "the loggers, their levels and the log of this machine");
     log->require_subcommand(1);
     auto pattern = std::make_shared<std::string>("*");
-    auto level = std::make_shared<std::string>();
     auto* const list = log->add_subcommand("ls", "list the loggers with their levels");
     list->add_option("GLOB", *pattern, "a pattern as in a shell")->capture_default_str();
     list->callback([pattern, &command] {
         command = [pattern](Session& session) { return listLoggers(session, *pattern); };
     });
-    auto* const set = log->add_subcommand("set", "set the level of loggers until the service ends");
-    set->add_option("GLOB", *pattern, "a pattern as in a shell")->required();
-    set->add_option("LEVEL", *level, "the least severe records that are logged")
-        ->required()
-        ->check(CLI::IsMember(logLevelNames()));
-    set->callback([pattern, level, &command] {
-        command = [pattern, level](Session& session) {
-            return setLogLevel(session, *pattern, *level);
-        };
-    });
+    addSet(*log, command);
     addTail(*log, command);
 }
 

@@ -159,15 +159,23 @@ std::set<std::string> Package::slices() const {
     return found;
 }
 
-std::size_t Package::keyCount() const {
-    std::size_t count = 0;
+std::map<std::string, std::string> Package::values() const {
+    std::map<std::string, std::string> found;
     for (const auto& [path, content] : m_files) {
         const auto key = keyOf(path);
         if (!key.empty() && key.back() != "__csid") {
-            ++count;
+            found[joined(key)] = content;
         }
     }
-    return count;
+    return found;
+}
+
+std::size_t Package::keyCount() const {
+    return values().size();
+}
+
+bool Package::hasSameValues(const Package& other) const {
+    return values() == other.values();
 }
 
 }  // namespace Hox::Ctl

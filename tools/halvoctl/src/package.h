@@ -23,7 +23,12 @@ public:
     /// How many keys it has, without state ids.
     std::size_t keyCount() const;
 
+    /// Whether the other one has the same keys with the same values, state ids left out.
+    bool hasSameValues(const Package& other) const;
+
 private:
+    std::map<std::string, std::string> values() const;
+
     std::map<std::string, std::string> m_files;
 };
 

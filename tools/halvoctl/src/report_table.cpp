@@ -27,7 +27,10 @@ void printReports(const Session& session, const std::vector<StateClient::Stored>
 }
 
 system_clock::time_point timeOf(const StateClient::Report& report) {
-    const auto& stamp = report.timestamp();
+    return timeOf(report.timestamp());
+}
+
+system_clock::time_point timeOf(const google::protobuf::Timestamp& stamp) {
     constexpr std::int64_t year2262 = 9214646400;  // where nanoseconds in 64 bits end
     if (stamp.seconds() < 0 || stamp.seconds() > year2262) {
         return {};

@@ -14,6 +14,12 @@ using google::protobuf::Message;
 Session::Session(Surroundings& surroundings, GlobalOptions options)
     : m_surroundings(surroundings), m_options(std::move(options)), m_painter(m_options.hasColor) {}
 
+Session Session::withEndpoint(const std::string& endpoint) const {
+    auto options = m_options;
+    options.endpoints = {endpoint};
+    return {m_surroundings, std::move(options)};
+}
+
 void Session::note(const std::string& text) const {
     if (!m_options.isQuiet) {
         m_surroundings.err << "halvoctl: " << text << std::endl;

@@ -24,6 +24,9 @@ public:
     /// What the user has chosen.
     const GlobalOptions& options() const { return m_options; }
 
+    /// The same session with this endpoint instead of what the user has named.
+    Session withEndpoint(const std::string& endpoint) const;
+
     /// Whether results are JSON.
     bool isJson() const { return m_options.format != GlobalOptions::Format::Table; }
 

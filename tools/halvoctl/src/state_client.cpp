@@ -61,4 +61,15 @@ std::vector<StateClient::Stored> savingReports(const std::vector<StateClient::St
     return found;
 }
 
+std::set<std::string> unsavedServices(const std::vector<StateClient::Stored>& latest) {
+    std::set<std::string> found;
+    for (const auto& stored : savingReports(latest)) {
+        const auto& report = stored.statenotification();
+        if (severityRank(report.severity()) > 0) {
+            found.insert(report.service_id());
+        }
+    }
+    return found;
+}
+
 }  // namespace Hox::Ctl

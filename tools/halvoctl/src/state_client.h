@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,5 +38,8 @@ private:
 
 /// The reports about whether the configuration of a service is saved, one for each service id.
 std::vector<StateClient::Stored> savingReports(const std::vector<StateClient::Stored>& latest);
+
+/// The ids of the services that have reported unsaved changes last.
+std::set<std::string> unsavedServices(const std::vector<StateClient::Stored>& latest);
 
 }  // namespace Hox::Ctl

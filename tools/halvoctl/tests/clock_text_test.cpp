@@ -30,6 +30,11 @@ TEST(ClockText, TodayHasNoDate) {
     EXPECT_EQ(sinceText(evening(), evening() - std::chrono::seconds(5)), "18:39:23 (0 s)");
 }
 
+TEST(ClockText, ATimeAloneIsTheSame) {
+    EXPECT_EQ(timeText(evening(), evening() - std::chrono::minutes(5)), "18:39:23");
+    EXPECT_EQ(timeText(evening(), evening() - std::chrono::hours(50)), "2026-11-21 18:39:23");
+}
+
 TEST(ClockText, AnotherDayHasItsDate) {
     EXPECT_EQ(sinceText(evening(), evening() + std::chrono::hours(50)),
               "2026-11-21 18:39:23 (2 d)");

@@ -34,6 +34,11 @@ TEST(Duration, AnAgeIsInItsLargestUnit) {
     EXPECT_EQ(ageText(std::chrono::hours(49)), "2d");
 }
 
+TEST(Duration, ATimeLimitIsNotOver) {
+    EXPECT_EQ(parseTimeLimit("1ms"), std::chrono::milliseconds(1));
+    EXPECT_THROW(parseTimeLimit("0s"), CtlError);
+}
+
 }  // namespace
 
 }  // namespace Hox::Ctl

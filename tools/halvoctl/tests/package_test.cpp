@@ -54,6 +54,16 @@ TEST(Package, HasIdentityKeysAndSlices) {
     EXPECT_EQ(package.slices(), (std::set<std::string>{"mb/0/tuner", "mb/1/net"}));
 }
 
+TEST(Package, HasTheSameValuesWhateverItsStateIds) {
+    const Package package(packed({{"partno", "1"},
+                                  {"sys/conf/mb/0/tuner/__csid/data", "one"},
+                                  {"sys/conf/mb/0/tuner/a/data", "x"}}));
+    EXPECT_TRUE(package.hasSameValues(Package(packed(
+        {{"./sys/conf/mb/0/tuner/a/data", "x"}, {"sys/conf/mb/0/tuner/__csid/data", "two"}}))));
+    EXPECT_FALSE(package.hasSameValues(Package(packed({{"sys/conf/mb/0/tuner/a/data", "y"}}))));
+    EXPECT_FALSE(package.hasSameValues(Package(packed({}))));
+}
+
 TEST(Package, WithoutIdentityIsForTheDefaultMachine) {
     EXPECT_EQ(Package(packed({{"a", "b"}})).identity(), "QAM part 0");
     EXPECT_EQ(Package(packed({})).keyCount(), 0U);

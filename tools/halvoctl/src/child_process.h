@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Hox::Ctl {
+
+/// Runs a program, found on the path unless its name has a slash, without input and output, to its
+/// end. Returns its exit status, or 127 if it cannot be run and 128 and its signal if that ended
+/// it.
+int runQuietly(const std::vector<std::string>& words);
+
+/// Starts a program that outlives this process and its terminal: in a session of its own, in the
+/// root folder, without input, output and files, except that it inherits `keptFile` and so the lock
+/// on it. It ignores SIGHUP if this process does. Throws CtlError if it cannot be started.
+void startDetached(const std::vector<std::string>& words, int keptFile);
+
+}  // namespace Hox::Ctl

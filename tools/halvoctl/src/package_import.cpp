@@ -1,0 +1,61 @@
+#include "package_import.h"
+
+#include <utility>
+
+#include "call_error.h"
+#include "ctl_error.h"
+#include "printable.h"
+
+namespace Hox::Ctl {
+
+namespace {
+
+std::optional<Package> tryRead(const std::string& bytes) {
+    try {
+        return Package(bytes);
+    } catch (const CtlError&) {
+        return std::nullopt;
+    }
+}
+
+/// Why the service may have refused the package.
+std::string identityHint(const ConfClient& client, const Package& package) {
+    std::string hint = "made for " + printable(package.identity());
+    try {
+        hint += "; this machine is " + printable(Package(client.exportPackage()).identity());
+    } catch (const CtlError&) {
+        return hint;
+    }
+    return hint;
+}
+
+}  // namespace
+
+PackageImport::PackageImport(std::string bytes)
+    : m_bytes(std::move(bytes)), m_package(tryRead(m_bytes)) {
+    if (m_package && m_package->slices().empty()) {
+        throw CtlError(ExitCode::Usage, "not sent: the package has no configuration",
+                       "halvoctl conf clear removes the whole configuration");
+    }
+}
+
+void PackageImport::send(const ConfClient& client) const {
+    try {
+        client.importPackage(m_bytes);
+    } catch (const CallError& error) {
+        if (error.statusCode() != grpc::StatusCode::INVALID_ARGUMENT || !m_package) {
+            throw;
+        }
+        throw error.withHint(identityHint(client, *m_package));
+    }
+}
+
+std::uint32_t PackageImport::keys() const {
+    return m_package ? static_cast<std::uint32_t>(m_package->keyCount()) : 0;
+}
+
+std::uint32_t PackageImport::slices() const {
+    return m_package ? static_cast<std::uint32_t>(m_package->slices().size()) : 0;
+}
+
+}  // namespace Hox::Ctl

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "surroundings.h"
+
+namespace Hox::Ctl {
+
+/// What reverts the change of a record when its time is over: a timer of systemd where that is the
+/// system manager and lets the user have one, otherwise a process of its own.
+class RevertTimer {
+public:
+    /// Of the record with this id, in this folder.
+    RevertTimer(std::string id, std::string folder);
+
+    /// Starts it. It needs nothing of this process, whose end it does not notice. Throws CtlError
+    /// if that fails.
+    void start(const Surroundings& surroundings, std::chrono::milliseconds time) const;
+
+    /// Whether it waits for its time, or reverts.
+    bool isThere() const;
+
+    /// Ends it, unless its time is over.
+    void stop() const;
+
+private:
+    bool startUnit(const Surroundings& surroundings, std::chrono::milliseconds time) const;
+    void startProcess(std::chrono::milliseconds time) const;
+    std::string unit(const std::string& kind) const;
+
+    std::string m_id;
+    std::string m_folder;
+};
+
+}  // namespace Hox::Ctl
