@@ -7,6 +7,8 @@
 
 #include "command.h"
 #include "command_words.h"
+#include "completion.h"
+#include "completion_command.h"
 #include "ctl_error.h"
 #include "duration.h"
 #include "hox/cpputil/error/error.h"
@@ -34,9 +36,9 @@ const std::map<std::string, GlobalOptions::Format>& formats() {
 
 void addGlobalOptions(CLI::App& app, GlobalTexts& texts) {
     app.add_option("-e,--endpoint", texts.endpoints,
-                   "where the service listens; ping, state and watch take several "
-                   "(HALVO_ENDPOINT, otherwise localhost:5005)")
-        ->type_name("HOST:PORT")
+                   "where the service listens, or what it is on the network; ping, state and watch "
+                   "take several (HALVO_ENDPOINT, otherwise localhost:5005)")
+        ->type_name("HOST:PORT|mdns:CAPABILITY[/ID]")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("-o,--output", texts.format, "how results are printed")
@@ -83,19 +85,51 @@ ExitCode report(const CtlError& error, std::ostream& err) {
     return error.code();
 }
 
-/// Parses and runs; throws CtlError.
-ExitCode parseAndRun(std::vector<std::string> words, Surroundings& surroundings) {
-    CLI::App app("The operator's tool for the services of a head-end", "halvoctl");
+void addAllWords(CLI::App& app, GlobalTexts& texts, Command& command) {
     app.require_subcommand(1);
     app.fallthrough();
-    GlobalTexts texts;
     addGlobalOptions(app, texts);
-    Command command;
     addServiceWords(app, command);
     addWatchWords(app, command);
     addStateWords(app, command);
     addConfWords(app, command);
     addLogWords(app, command);
+    addSnmpWords(app, command);
+    addCompletionWords(app, command);
+}
+
+/// Prints what may come at the end of the line; silent whatever happens.
+ExitCode completeLine(const std::string& line, Surroundings& surroundings) {
+    try {
+        auto words = splitLine(line);
+        words.erase(words.begin());  // the tool itself
+        GlobalTexts texts;
+        Command unused;
+        CLI::App app;
+        addAllWords(app, texts, unused);
+        auto completion = complete(app, words);
+        CLI::App global;
+        GlobalTexts given;
+        addGlobalOptions(global, given);
+        std::reverse(completion.global.begin(), completion.global.end());
+        global.parse(completion.global);
+        printCompletion(Session(surroundings, globalOptions(given, surroundings)), completion);
+    } catch (const std::exception&) {
+        return ExitCode::Done;
+    }
+    return ExitCode::Done;
+}
+
+/// Parses and runs; throws CtlError.
+ExitCode parseAndRun(std::vector<std::string> words, Surroundings& surroundings) {
+    constexpr std::size_t wordsOfCompletion = 2;
+    if (words.size() == wordsOfCompletion && words.front() == completionWord) {
+        return completeLine(words.back(), surroundings);
+    }
+    CLI::App app("The operator's tool for the services of a head-end", "halvoctl");
+    GlobalTexts texts;
+    Command command;
+    addAllWords(app, texts, command);
     try {
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));

@@ -15,6 +15,8 @@ void addServiceWords(CLI::App& app, Command& command);
 void addWatchWords(CLI::App& app, Command& command);
 void addStateWords(CLI::App& app, Command& command);
 void addLogWords(CLI::App& app, Command& command);
+void addSnmpWords(CLI::App& app, Command& command);
+void addCompletionWords(CLI::App& app, Command& command);
 void addConfWords(CLI::App& app, Command& command);
 ///@}
 

@@ -4,6 +4,7 @@
 
 #include "call_command.h"
 #include "command_words.h"
+#include "discover_command.h"
 #include "service_commands.h"
 
 namespace Hox::Ctl {
@@ -33,6 +34,9 @@ void addServiceWords(CLI::App& app, Command& command) {
     });
     app.add_subcommand("services", "list the methods with operation and address")
         ->callback([&command] { command = listMethods; });
+    app.add_subcommand("discover", "list the capabilities on the network")->callback([&command] {
+        command = discover;
+    });
     auto symbol = std::make_shared<std::string>();
     auto* const words = app.add_subcommand("describe", "print the proto text of a name");
     words->add_option("SYMBOL", *symbol, "a service, method, message, enum or proto file")

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "ctl_error.h"
+#include "discovery.h"
 #include "json_text.h"
 #include "known_files.h"
 #include "reflection.h"
@@ -43,7 +44,8 @@ std::unique_ptr<Connection> Session::connectTo(const std::string& endpoint,
             m_surroundings.err << "> " << path << " " << json.line(request) << std::endl;
         }
     };
-    return std::make_unique<Connection>(endpoint, m_surroundings.channel(endpoint), interrupt,
+    const auto address = resolveEndpoint(endpoint, interrupt, m_options.timeout);
+    return std::make_unique<Connection>(address, m_surroundings.channel(address), interrupt,
                                         m_options.timeout, trace);
 }
 

@@ -48,6 +48,24 @@ void StateClient::report(const Report& report) const {
     m_connection.call(statePath("createStateNotification"), request, response);
 }
 
+std::optional<StateClient::Manager> StateClient::manager() const {
+    Api::GetSnmpConfResp response;
+    m_connection.call(statePath("getSnmpConf"), Api::GetSnmpConfReq(), response);
+    return response.has_conf() ? std::optional(response.conf()) : std::nullopt;
+}
+
+void StateClient::setManager(const Manager& manager) const {
+    Api::SetSnmpConfReq request;
+    *request.mutable_conf() = manager;
+    Api::SetSnmpConfResp response;
+    m_connection.call(statePath("setSnmpConf"), request, response);
+}
+
+void StateClient::clearManager() const {
+    Api::RemoveSnmpConfResp response;
+    m_connection.call(statePath("removeSnmpConf"), Api::RemoveSnmpConfReq(), response);
+}
+
 std::vector<StateClient::Stored> savingReports(const std::vector<StateClient::Stored>& latest) {
     namespace Configuration = Hox::Capability::Configuration::Api;
     const auto& type = Configuration::StateNotificationTypes_Name(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@ class StateClient {
 public:
     using Stored = Hox::Capability::StateMonitoring::Api::StoredNotification;
     using Report = Hox::Capability::StateMonitoring::Api::StateNotification;
+    using Manager = Hox::Capability::StateMonitoring::Api::SnmpConfiguration;
     using Query = Hox::Capability::StateMonitoring::Api::GetStateNotificationsReq;
 
     /// The connection must outlive this object.
@@ -31,6 +33,15 @@ public:
 
     /// Stores a report, unless it must not be sent.
     void report(const Report& report) const;
+
+    /// The manager that gets the traps, nothing if there is none.
+    std::optional<Manager> manager() const;
+
+    /// Sends the traps to this manager from now on.
+    void setManager(const Manager& manager) const;
+
+    /// Sends no more traps.
+    void clearManager() const;
 
 private:
     const Connection& m_connection;
