@@ -1,7 +1,6 @@
 """Starts a service with a bus and an mDNS daemon of its own, finds it on the network, reports the
 package log of this machine to it and shows the result; then takes the machine's configuration files
 through the store, and at last puts a small head-end together."""
-import collections
 import json
 import os
 import pathlib
@@ -20,13 +19,12 @@ import demo_configuration  # noqa: E402
 import demo_discovery  # noqa: E402
 import demo_head_end  # noqa: E402
 import package_log  # noqa: E402
-from demo_show import check, headline, start_process  # noqa: E402
+from demo_show import Operator, check, headline, start_process  # noqa: E402
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
 from kit.protos import Protos  # noqa: E402
 from kit.service import Service  # noqa: E402
 
 SHOWN = 8
-RANK = {"ERROR": 0, "WARN": 1, "BOOTING": 2, "OK": 3}
 
 
 def clock(seconds):
@@ -68,25 +66,15 @@ def show_stream(lines, reports):
         former[origin] = report.severity
 
 
-def show_current_state(client, reports):
-    headline("Current state")
-    state = client.current_state()
-    print(f"  {state}")
-    check(state == expected_state(reports), f"it should be {expected_state(reports)}")
+def show_state(operator, reports):
+    headline("What the operator sees")
+    state = operator("state")
+    check(state.out.startswith(f"{expected_state(reports):<7}"),
+          f"it should be {expected_state(reports)}")
 
 
-def show_latest(client, reports):
+def check_latest(client, reports):
     answer = client.latest()
-    table = [entry.stateNotification for entry in answer.stateList]
-    names = client.protos.state.StateSeverity.Name
-    counts = collections.Counter(names(note.severity) for note in table)
-    headline(f"Latest table: {len(table)} origins, " + ", ".join(
-        f"{counts[name]} {name}" for name in RANK if counts[name]))
-    for note in sorted(table, key=lambda note: RANK[names(note.severity)])[:SHOWN]:
-        print(f"  {names(note.severity):<7}  {clock(note.timeStamp.seconds)}  "
-              f"{note.type}  {note.source}")
-    if len(table) > SHOWN:
-        print(f"  ... {len(table) - SHOWN} more ...")
     check(answer.latestStateNotificationIndex == len(reports), "a wrong index")
     check({(entry.stateNotification.type, entry.stateNotification.source): entry.index
            for entry in answer.stateList} == expected_latest(reports), "a wrong latest table")
@@ -94,17 +82,11 @@ def show_latest(client, reports):
           "the table came again although nothing was new")
 
 
-def show_last_reports(client, reports):
-    headline("Last reports, newest first")
-    stored = client.notifications(index=-SHOWN)
-    for entry in stored:
-        note = entry.stateNotification
-        print(f"  #{entry.index:<4} {clock(note.timeStamp.seconds)}  "
-              f"{client.protos.state.StateSeverity.Name(note.severity):<7}  {note.msg}")
-    wanted = [(index, reports[index].text, reports[index].seconds)
-              for index in range(len(reports) - 1, -1, -1)][:SHOWN]
-    check([(entry.index, entry.stateNotification.msg, entry.stateNotification.timeStamp.seconds)
-           for entry in stored] == wanted, "wrong last reports")
+def show_last_reports(operator, reports):
+    lines = operator("state", "list", "--last", SHOWN).lines[1:]
+    wanted = [report.text for report in reports[-SHOWN:]]
+    check(len(lines) == len(wanted) and all(map(str.endswith, map(str.rstrip, lines), wanted)),
+          "wrong last reports")
 
 
 def run_reports(folder, protos, bus, count):
@@ -127,9 +109,10 @@ def run_reports(folder, protos, bus, count):
         changes, _ = watcher.communicate(timeout=60)
         lines = (snapshot + changes).splitlines()
         show_stream([json.loads(line) for line in lines], reports)
-        show_current_state(client, reports)
-        show_latest(client, reports)
-        show_last_reports(client, reports)
+        operator = Operator(service)
+        show_state(operator, reports)
+        show_last_reports(operator, reports)
+        check_latest(client, reports)
         demo_discovery.show_end(service, bus)
     finally:
         if watcher is not None and watcher.poll() is None:

@@ -2,10 +2,11 @@
 import json
 
 from demo_owner import CAPABILITY
-from demo_show import check, headline, start_process
-from kit.configuration import Slice, clear, discard, export_package, import_package, save
+from demo_show import Operator, check, headline, start_process
+from kit.configuration import Slice
 from kit.protos import Protos
 from kit.service import Service
+from kit.wait import wait_until
 
 import machine_files
 
@@ -18,15 +19,15 @@ def saved_files(service):
             for path in sorted(root.rglob("*")) if path.is_file()}
 
 
-class Operator:
-    """Drives a service through its restarts, and watches its state."""
+class Store:
+    """A service with its restarts, its owner and its operator."""
 
     def __init__(self, protos, folder):
         self.protos = protos
         self.folder = folder
         self.service = None
         self.client = None
-        self.watcher = None
+        self.operator = None
         self.processes = []
 
     def start(self):
@@ -37,7 +38,7 @@ class Operator:
         (self.folder / "notify").unlink(missing_ok=True)
         self.service = Service(self.protos, self.folder, service_id="demo-1").wait_ready()
         self.client = self.service.client()
-        self.watcher = self.client.observe("/state/notifications/latest/**")
+        self.operator = Operator(self.service)
 
     def owner(self, *args):
         """Starts the foreign service as a separate process."""
@@ -51,15 +52,10 @@ class Operator:
         print(f"  owner     pushes {line['keys']} files of /etc, gets state id {line['state_id']}")
         return line["state_id"]
 
-    def tell_state(self, expected, text):
-        """Prints the state of the unsaved changes as the operator sees it."""
-        pairs = list(self.watcher.next().node_change_map.values())
-        stored = self.protos.state.StoredNotification()
-        check(pairs[0].nodePairList[0].currentMessage.Unpack(stored), "a report of another type")
-        state = self.client.current_state()
-        print(f"  operator  sees \"{stored.stateNotification.msg}\", state {state}")
-        check((state, stored.stateNotification.msg) == (expected, text),
-              f"it should be {expected}, \"{text}\"")
+    def status(self, is_saved):
+        """Lets the operator look whether all is saved."""
+        said = self.operator("conf", "status", status=0 if is_saved else 4).out
+        check((": saved since " in said) == is_saved, "a wrong status")
 
     def keys(self):
         return len(Slice(self.client, CAPABILITY).content())
@@ -73,54 +69,54 @@ class Operator:
             self.service.close()
 
 
-def show_restarts(operator):
+def show_restarts(store):
     headline("Configuration: what a restart keeps")
-    operator.start()
-    operator.push()
-    operator.tell_state("WARN", "Sysconf cap update")
-    operator.start()
-    print(f"  restart   without saving: {operator.keys()} keys")
-    check(operator.keys() == 0, "nothing was saved")
-    state_id = operator.push()
-    operator.tell_state("WARN", "Sysconf cap update")
-    save(operator.client)
-    operator.tell_state("OK", "Sysconf saved")
-    operator.start()
-    print(f"  restart   after saving: {operator.keys()} keys")
-    check(operator.keys() == len(machine_files.read(KEYS)), "all of them were saved")
+    store.start()
+    store.push()
+    store.status(False)
+    store.start()
+    print(f"  restart   without saving: {store.keys()} keys")
+    check(store.keys() == 0, "nothing was saved")
+    state_id = store.push()
+    store.operator("conf", "save")
+    store.status(True)
+    store.start()
+    print(f"  restart   after saving: {store.keys()} keys")
+    check(store.keys() == len(machine_files.read(KEYS)), "all of them were saved")
     return state_id
 
 
-def show_discard(operator, state_id):
-    watcher = operator.owner("watch", state_id)
+def show_revert(store, state_id):
+    watcher = store.owner("watch", state_id)
     line = json.loads(watcher.stdout.readline())
     print("  owner     comes back with its state id and is up to date")
     check(line == {"up_to_date": True}, f"the owner was told {line}")
-    other = Slice(operator.client, CAPABILITY)
+    other = Slice(store.client, CAPABILITY)
     other.update({"/hostname": "tampered-with"}, state_id=state_id)
     print("  stranger  overwrites /hostname")
-    operator.tell_state("WARN", "Sysconf cap update")
-    discard(operator.client)
-    operator.tell_state("OK", "Sysconf discard changes")
+    store.status(False)
+    store.operator("conf", "revert", "--yes")
+    store.status(True)
     line = json.loads(watcher.stdout.readline())
     print(f"  owner     hears all {line['keys']} keys of its slice again, as it pushed them")
     check(line["same"] and not line["up_to_date"], f"the owner was told {line}")
     return watcher
 
 
-def show_package(operator, watcher):
+def show_package(store, watcher):
     headline("Configuration: one package out, everything wiped, the same package in")
-    package = export_package(operator.client)
-    before = saved_files(operator.service)
+    package = store.folder / "demo.hpk"
+    store.operator("conf", "export", package)
+    before = saved_files(store.service)
     print(f"  export    {len(before)} files, {sum(map(len, before.values()))} bytes, "
-          f"as a package of {len(package)} bytes")
-    clear(operator.client)
+          f"as a package of {package.stat().st_size} bytes")
+    store.operator("conf", "clear", "--yes")
     line = json.loads(watcher.stdout.readline())
-    print(f"  wipe      {len(saved_files(operator.service))} files; "
+    print(f"  wipe      {len(saved_files(store.service))} files; "
           f"the owner hears of {line['gone']} keys that are gone")
-    check(saved_files(operator.service) == {} and line["keys"] == 0, "something was left")
-    import_package(operator.client, package)
-    after = saved_files(operator.service)
+    check(saved_files(store.service) == {} and line["keys"] == 0, "something was left")
+    store.operator("conf", "import", package)
+    after = saved_files(store.service)
     line = json.loads(watcher.stdout.readline())
     print(f"  import    {len(after)} files; the owner hears of {line['keys']} keys")
     check(after == before, "the files are not what they were")
@@ -128,16 +124,28 @@ def show_package(operator, watcher):
     print("  compare   every file is what it was, byte for byte; every value is its file in /etc")
 
 
+def show_confirmation(store):
+    headline("Configuration: an import that nobody confirms reverts by itself")
+    late = Slice(store.client, "other")
+    late.update({"/late": "1"})
+    store.operator("conf", "save")
+    store.operator("conf", "import", store.folder / "demo.hpk", "--confirm", "2s")
+    check(late.content() == {}, "the package was not imported")
+    wait_until(lambda: late.content() == {"/late": "1"}, what="the rollback")
+    store.operator("conf", "pending")
+
+
 def run(folder):
     """Runs this part of the demo with its own service below the folder."""
     generated = folder / "generated-configuration"
     generated.mkdir()
-    operator = Operator(Protos(generated), folder / "store")
+    store = Store(Protos(generated), folder / "store")
     try:
-        state_id = show_restarts(operator)
-        watcher = show_discard(operator, state_id)
-        show_package(operator, watcher)
+        state_id = show_restarts(store)
+        watcher = show_revert(store, state_id)
+        show_package(store, watcher)
         watcher.kill()
-        operator.service.stop()
+        show_confirmation(store)
+        store.service.stop()
     finally:
-        operator.close()
+        store.close()

@@ -1,5 +1,5 @@
 """The part of the demo that finds the service on the network, as another program would."""
-from demo_show import check, headline
+from demo_show import Operator, check, headline
 from kit.dns_sd import Browser, browse, instance_names
 
 
@@ -15,6 +15,7 @@ def show_instances(service, bus):
           "each capability must be found once")
     check(all((instance.address, instance.port) == ("127.0.0.1", service.port)
               for instance in found), "a wrong address")
+    Operator(service)("discover")
 
 
 def show_end(service, bus):

@@ -4,19 +4,17 @@ the monitor's configuration."""
 import contextlib
 import shutil
 
-from demo_show import check, headline
+from demo_show import Operator, check, headline
 from kit.head_end import HeadEnd
 from kit.monitors import connections, reports, wait_until_connected
 from kit.service import Service
-from kit.snmp_configuration import get_manager, set_manager
 from kit.trap_receiver import TrapReceiver
 from kit.wait import wait_until
 
 
-def show_state(client, wanted):
+def show_state(operator, client, wanted):
     wait_until(lambda: client.current_state() == wanted, what=wanted)
-    last = reports(client)[-1]
-    print(f"  {wanted:<7}  {last.service_id}: {last.msg}")
+    check(operator("state").out.startswith(wanted), f"it should be {wanted}")
 
 
 def show_traps(receiver, count):
@@ -27,23 +25,23 @@ def show_traps(receiver, count):
         print()
 
 
-def run_head_end(nodes, client):
+def run_head_end(nodes, operator, client):
     headline("A head-end: the system monitor and its nodes")
     wait_until_connected(client)
     for url, state in connections(client):
         print(f"  {url}  {state}")
     nodes.continue_boot()
     wait_until(lambda: len(reports(client)) == len(nodes.nodes), what="the boots")
-    show_state(client, "OK")
+    show_state(operator, client, "OK")
     nodes.nodes[1].fail()
-    show_state(client, "ERROR")
+    show_state(operator, client, "ERROR")
     nodes.nodes[1].mend()
-    show_state(client, "OK")
+    show_state(operator, client, "OK")
 
 
-def run_traps(nodes, client, receiver):
+def run_traps(nodes, operator, receiver):
     headline("A tuner of the first node loses its signal: the traps as snmptrapd prints them")
-    set_manager(client, trap_port=receiver.port)
+    operator("snmp", "set", "127.0.0.1", "--port", receiver.port)
     node = nodes.nodes[0].client
     kind = "Cap_RFInput_TunerConfedNotLocked"
     node.create("node-1", kind, "tuner/1", "ERROR", "Tuner 1 is not locked")
@@ -56,13 +54,12 @@ def run_traps(nodes, client, receiver):
 
 def run_wipe(monitor, start_again):
     headline("The monitor's disk is wiped: its configuration comes back from the central store")
-    manager = get_manager(monitor.client())
+    manager = Operator(monitor)("snmp", "show").out
     monitor.stop()
     disk = monitor.folder / "config"
     print(f"  removed {sum(path.is_file() for path in disk.rglob('*'))} files of the monitor")
     shutil.rmtree(disk)
-    back = get_manager(start_again().client())
-    print(f"  traps go to {back.managerIp}:{back.trapPort} again")
+    back = Operator(start_again())("snmp", "show").out
     check(back == manager, "another manager")
 
 
@@ -82,6 +79,7 @@ def run(folder, protos):
         options = [*nodes.options, "--ccsaddr", store.address]
         monitor = start("system-monitor", *options)
         client = monitor.client()
-        run_head_end(nodes, client)
-        run_traps(nodes, client, receiver)
+        operator = Operator(monitor)
+        run_head_end(nodes, operator, client)
+        run_traps(nodes, operator, receiver)
         run_wipe(monitor, lambda: start("system-monitor-again", *options))

@@ -1,8 +1,10 @@
-"""The common functions of the demo: headings, checks, other processes."""
+"""The common functions of the demo: headings, checks, the operator, other processes."""
 import os
 import pathlib
 import subprocess
 import sys
+
+from kit.ctl import Ctl
 
 
 def check(condition, what):
@@ -13,6 +15,28 @@ def check(condition, what):
 
 def headline(text):
     print(f"\n{text}\n{'-' * len(text)}")
+
+
+class Operator:
+    """The operator of a service: his tool, with what he sees.
+
+    lines: of a long result only so many lines are shown."""
+
+    def __init__(self, service, lines=10):
+        self._ctl = Ctl(service.address, XDG_STATE_HOME=str(service.folder / "operator"))
+        self._lines = lines
+
+    def __call__(self, *words, status=0):
+        """Runs the tool, which must end with this status; returns its result."""
+        print(f"  $ halvoctl {' '.join(map(str, words))}")
+        result = self._ctl(*words)
+        lines = (result.out + result.err).splitlines()
+        for line in lines[:self._lines]:
+            print(f"  {line.rstrip()}")
+        if len(lines) > self._lines:
+            print(f"  ... {len(lines) - self._lines} more ...")
+        check(result.status == status, f"halvoctl has ended with status {result.status}")
+        return result
 
 
 def start_process(script, folder, service, *args):
