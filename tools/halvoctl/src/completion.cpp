@@ -28,9 +28,9 @@ bool isOption(const std::string& word) {
 }
 
 /// Reads the words one after the other.
-class Reader {
+class LineReader {
 public:
-    explicit Reader(const CLI::App& app) : m_app(&app) {}
+    explicit LineReader(const CLI::App& app) : m_app(&app) {}
 
     void read(const std::string& word) {
         if (m_option != nullptr) {
@@ -135,7 +135,7 @@ private:
 }  // namespace
 
 Completion complete(const CLI::App& app, const std::vector<std::string>& words) {
-    Reader reader(app);
+    LineReader reader(app);
     for (std::size_t index = 0; index + 1 < words.size(); ++index) {
         reader.read(words[index]);
     }

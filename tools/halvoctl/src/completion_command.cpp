@@ -13,7 +13,7 @@ namespace Hox::Ctl {
 
 namespace {
 
-constexpr std::chrono::milliseconds longest(300);
+constexpr std::chrono::milliseconds longestWait(300);
 
 const std::string bashScript = R"sh(# Completion of halvoctl: eval "$(halvoctl completion bash)"
 _halvoctl() {
@@ -44,7 +44,7 @@ class TimeLimit {
 public:
     explicit TimeLimit(Interrupt& interrupt)
         : m_thread([this, &interrupt] {
-              if (!m_end.waitFor(longest)) {
+              if (!m_end.waitFor(longestWait)) {
                   interrupt.request();
               }
           }) {}

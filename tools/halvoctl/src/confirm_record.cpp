@@ -34,7 +34,7 @@ std::string contentFile(const std::string& folder) {
     return folder + "/record.json";
 }
 
-[[noreturn]] void fail(const std::string& path) {
+[[noreturn]] void failWriting(const std::string& path) {
     const int error = errno;
     throw CtlError(ExitCode::Usage,
                    "cannot write " + path + ": " + std::generic_category().message(error));
@@ -44,7 +44,7 @@ void flushFolder(const std::string& path) {
     const auto folder =
         LinuxCppUtil::ownFileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder || ::fsync(*folder) != 0) {
-        fail(path);
+        failWriting(path);
     }
 }
 
@@ -54,7 +54,7 @@ bool makeFolder(const std::filesystem::path& path) {
         if (errno == EEXIST) {
             return false;
         }
-        fail(path);
+        failWriting(path);
     }
     flushFolder(path.parent_path());
     return true;
@@ -87,7 +87,7 @@ void lockFolder(int folder, const Interrupt& interrupt) {
     constexpr std::chrono::milliseconds pause(50);
     while (::flock(folder, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK) {
-            fail("the lock of the record");
+            failWriting("the lock of the record");
         }
         if (interrupt.waitFor(pause)) {
             throw CtlError(ExitCode::Interrupted, "");
@@ -118,7 +118,7 @@ std::unique_ptr<ConfirmRecord> ConfirmRecord::create(const Surroundings& surroun
         }
         auto lock = openFolder(folder);
         if (!lock) {
-            fail(folder);
+            failWriting(folder);
         }
         std::unique_ptr<ConfirmRecord> record(new ConfirmRecord(folder, std::move(lock)));
         lockFolder(*record->m_lock, surroundings.interrupt);
@@ -195,7 +195,7 @@ void ConfirmRecord::keepNewPackage(const std::string& bytes) const {
 void ConfirmRecord::remove() {
     // At first what makes it count, so that nobody finds a part of it.
     if (::unlink(contentFile(m_folder).c_str()) != 0) {
-        fail(m_folder);
+        failWriting(m_folder);
     }
     flushFolder(m_folder);
     m_isKept = false;

@@ -15,19 +15,19 @@ namespace Discovery = Service::Discovery;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 const std::string mark = "mdns:";
 
 /// Waits for the future in steps, so that the user can end it. Throws CtlError at the deadline.
 template <typename T>
-T waitFor(std::future<T>& future, const Interrupt& interrupt, Clock::time_point deadline) {
+T waitFor(std::future<T>& future, const Interrupt& interrupt, SteadyClock::time_point deadline) {
     constexpr std::chrono::milliseconds step(20);
     while (future.wait_for(step) != std::future_status::ready) {
         if (interrupt.isRequested()) {
             throw CtlError(ExitCode::Interrupted, "");
         }
-        if (Clock::now() >= deadline) {
+        if (SteadyClock::now() >= deadline) {
             throw CtlError(ExitCode::Unreachable, "the mDNS daemon does not answer");
         }
     }
@@ -37,7 +37,7 @@ T waitFor(std::future<T>& future, const Interrupt& interrupt, Clock::time_point 
 /// The connection to the daemon, which is there when it has been made.
 class Daemon {
 public:
-    Daemon(const Interrupt& interrupt, Clock::time_point deadline) {
+    Daemon(const Interrupt& interrupt, SteadyClock::time_point deadline) {
         // Without a daemon the start waits for ever.
         auto started = std::async(std::launch::async, [this] { return m_client.start(); });
         try {
@@ -55,7 +55,7 @@ private:
 };
 
 std::vector<FoundCapability> ask(Daemon& daemon, const Interrupt& interrupt,
-                                 Clock::time_point deadline) {
+                                 SteadyClock::time_point deadline) {
     auto browsing = daemon.resolver().browse(Discovery::NetworkServiceType("capability"), -1);
     const auto [outcome, seen] = waitFor(browsing.content(), interrupt, deadline);
     if (outcome != Discovery::ServiceFound) {
@@ -102,7 +102,7 @@ FoundCapability readCapability(const Discovery::NetworkService& service) {
 
 std::vector<FoundCapability> findCapabilities(Interrupt& interrupt,
                                               std::chrono::milliseconds time) {
-    const auto deadline = Clock::now() + time;
+    const auto deadline = SteadyClock::now() + time;
     try {
         Daemon daemon(interrupt, deadline);
         auto found = ask(daemon, interrupt, deadline);

@@ -9,7 +9,7 @@
 
 namespace Hox::Ctl {
 
-namespace Api = Hox::Capability::Introspection;
+namespace Introspection = Hox::Capability::Introspection;
 
 namespace {
 
@@ -50,31 +50,31 @@ LoggerClient::Loggers LoggerClient::matching(const std::string& pattern) const {
 }
 
 void LoggerClient::setLevel(const std::string& name, Level level) const {
-    Api::SetLogLevelReq request;
+    Introspection::SetLogLevelReq request;
     request.set_name(name);
     request.set_level(level);
-    Api::SetLogLevelResp response;
+    Introspection::SetLogLevelResp response;
     m_connection.call(introspectionPath("setLogLevel"), request, response);
 }
 
 std::vector<std::string> logLevelNames() {
     std::vector<std::string> names;
-    for (int index = 0; index < Api::LogLevel_descriptor()->value_count(); ++index) {
-        names.push_back(Api::LogLevel_descriptor()->value(index)->name());
+    for (int index = 0; index < Introspection::LogLevel_descriptor()->value_count(); ++index) {
+        names.push_back(Introspection::LogLevel_descriptor()->value(index)->name());
     }
     return names;
 }
 
 LoggerClient::Level parseLogLevel(const std::string& name) {
     LoggerClient::Level level{};
-    if (!Api::LogLevel_Parse(name, &level)) {
+    if (!Introspection::LogLevel_Parse(name, &level)) {
         throw CtlError(ExitCode::Usage, "\"" + name + "\" is no level");
     }
     return level;
 }
 
 std::string logLevelText(LoggerClient::Level level) {
-    const auto& name = Api::LogLevel_Name(level);
+    const auto& name = Introspection::LogLevel_Name(level);
     return name.empty() ? std::to_string(static_cast<int>(level)) : name;
 }
 

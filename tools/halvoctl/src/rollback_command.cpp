@@ -16,7 +16,7 @@ namespace Hox::Ctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 /// How often a waiting process looks whether there is still something to wait for.
 constexpr std::chrono::milliseconds step(500);
@@ -57,12 +57,12 @@ ExitCode RollbackCommand::runAtTimeOut(const Session& session) const {
     if (!waitForTime(session)) {
         return ExitCode::Done;
     }
-    const auto deadline = Clock::now() + retry;
+    const auto deadline = SteadyClock::now() + retry;
     for (;;) {
         try {
             return tryOnce(session);
         } catch (const CtlError& error) {
-            if (error.code() != ExitCode::Unreachable || Clock::now() >= deadline) {
+            if (error.code() != ExitCode::Unreachable || SteadyClock::now() >= deadline) {
                 throw;
             }
         }
@@ -76,9 +76,10 @@ ExitCode RollbackCommand::runAtTimeOut(const Session& session) const {
 /// then.
 bool RollbackCommand::waitForTime(const Session& session) const {
     const auto folder = confirmFolder(session.surroundings()) + "/" + m_options.id;
-    const auto end = Clock::now() + parseDuration(m_options.after);
+    const auto end = SteadyClock::now() + parseDuration(m_options.after);
     while (ConfirmRecord::read(folder)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - SteadyClock::now());
         if (left.count() <= 0) {
             return true;
         }
