@@ -18,4 +18,9 @@ void addLogWords(CLI::App& app, Command& command);
 void addConfWords(CLI::App& app, Command& command);
 ///@}
 
+/// The same for the words below `conf`.
+///@{
+void addPackageWords(CLI::App& conf, Command& command);
+///@}
+
 }  // namespace Hox::Ctl

@@ -49,6 +49,7 @@ void addConfWords(CLI::App& app, Command& command) {
                 "the package, - for the output", exportConf);
     addWithFile(*conf, command, "import", "replace the whole configuration by a package",
                 "the package, - for the input", importConf);
+    addPackageWords(*conf, command);
 }
 
 }  // namespace Hox::Ctl

@@ -1,44 +1,13 @@
 #include "package.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <utility>
-#include <vector>
-
 #include "ctl_error.h"
+#include "make_package.h"
 
 namespace Hox::Ctl {
 
 namespace {
-
-using Files = std::vector<std::pair<std::string, std::string>>;
-
-/// A compressed tar archive of these files.
-std::string packed(const Files& files) {
-    std::string bytes(std::size_t{1} << 20, '\0');
-    std::size_t used = 0;
-    const std::unique_ptr<archive, int (*)(archive*)> writer(archive_write_new(),
-                                                             archive_write_free);
-    archive_write_add_filter_gzip(writer.get());
-    archive_write_set_format_pax_restricted(writer.get());
-    archive_write_open_memory(writer.get(), bytes.data(), bytes.size(), &used);
-    for (const auto& [name, content] : files) {
-        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(),
-                                                                             archive_entry_free);
-        archive_entry_set_pathname(entry.get(), name.c_str());
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_perm(entry.get(), 0640);
-        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(content.size()));
-        archive_write_header(writer.get(), entry.get());
-        archive_write_data(writer.get(), content.data(), content.size());
-    }
-    archive_write_close(writer.get());
-    bytes.resize(used);
-    return bytes;
-}
 
 TEST(Package, HasIdentityKeysAndSlices) {
     const Package package(packed({{"swvariant", "output:COFDM\n"},
@@ -52,6 +21,27 @@ TEST(Package, HasIdentityKeysAndSlices) {
     EXPECT_EQ(package.identity(), "COFDM part 100003");
     EXPECT_EQ(package.keyCount(), 3U);
     EXPECT_EQ(package.slices(), (std::set<std::string>{"mb/0/tuner", "mb/1/net"}));
+}
+
+TEST(Package, HasEntriesFilesAndValues) {
+    const Package package(packed({{"./a/", ""}, {"./sys//conf/x/data", "1"}, {"b", "2"}}));
+    EXPECT_EQ(package.entries().size(), 3U);
+    EXPECT_EQ(package.entries()[0].kind, PackageEntry::Kind::Folder);
+    EXPECT_EQ(package.entries()[1].name, "./sys//conf/x/data");
+    EXPECT_EQ(*package.file("b"), "2");
+    EXPECT_EQ(package.file("a"), nullptr);
+    EXPECT_EQ(package.values(), (std::map<std::string, std::string>{{"/sys/conf/x", "1"}}));
+}
+
+TEST(Package, KnowsSlicesAndStateIds) {
+    EXPECT_EQ(sliceOf("/sys/conf/mb/0/tuner/in/3"), "mb/0/tuner");
+    for (const auto* const key :
+         {"/sys/conf/mb/0/tuner", "/sys/conf/a", "/sys/other/a/b/c/d", ""}) {
+        EXPECT_EQ(sliceOf(key), "") << key;
+        EXPECT_FALSE(isStateId(key));
+    }
+    EXPECT_TRUE(isStateId("/sys/conf/mb/0/tuner/__csid"));
+    EXPECT_FALSE(isStateId("/sys/conf/mb/0/tuner/a/__csid"));
 }
 
 TEST(Package, WithoutIdentityIsForTheDefaultMachine) {
