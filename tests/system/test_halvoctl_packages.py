@@ -141,3 +141,40 @@ def test_the_largest_package_takes_little_time(tmp_path):
                              check=False)
         print(f"conf {words[0]}: {(time.monotonic() - begin) * 1000:.0f} ms")
         assert run.returncode == status, run
+
+
+def test_the_owner_of_a_key_is_found_on_the_network(start, network):
+    service = start(bus=network)
+    ctl = Ctl(service.address)
+    key = "/sys/conf/mb/0/state_monitoring_uservice/snmp"
+    owner = ctl.ok("conf", "owner", key, "-o", "json", **network.environment).json
+    assert service.service_id in owner.pop("service_ids")
+    assert owner == {"key": key, "node_type": "mb", "node_id": "0",
+                     "capability": "state_monitoring_uservice"}
+    table = ctl.ok("conf", "owner", key, **network.environment).lines
+    assert table[1].startswith("mb         0        state_monitoring_uservice  ")
+    unknown = ctl.ok("conf", "owner", "/sys/conf/mb/0/state_monitoring/x", **network.environment)
+    assert unknown.lines[1].endswith("  -")
+
+
+def test_an_owner_is_printed_without_a_daemon(tmp_path):
+    ctl = Ctl("localhost:1")
+    nobody = f"unix:path={tmp_path}/none"
+    assert ctl.ok("conf", "owner", "/sys/conf/mb/0/tuner/x", DBUS_SYSTEM_BUS_ADDRESS=nobody).lines[
+        1] == "mb         0        tuner       -"
+
+
+def test_the_status_names_the_slices_in_the_log(start):
+    service = start(log_to_file=True)
+    ctl = Ctl(service.address)
+    client = service.client()
+    Slice(client, "saved").update({"/a": "1"})
+    save(client)
+    assert ctl("conf", "status", "--log", service.log_file).lines[1:] == []
+    Slice(client).update({"/a": "1"})
+    Slice(client, "network").update({"/a": "1"})
+    status = ctl("conf", "status", "--log", service.log_file)
+    assert (status.status, status.lines[1:]) == (4, ["  mb/0/network", "  mb/0/tuner"])
+    assert ctl("conf", "status", "-o", "json", "--log", service.log_file).json["slices_in_log"] == [
+        "mb/0/network", "mb/0/tuner"]
+    assert ctl("conf", "status", "--log", service.folder / "none").status == 1

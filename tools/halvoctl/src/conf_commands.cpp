@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "call_error.h"
+#include "changed_slices.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "ctl_error.h"
@@ -114,9 +115,14 @@ std::string identityHint(const ConfClient& client, const Package& package) {
 
 }  // namespace
 
-ExitCode showSaving(Session& session) {
+ExitCode showSaving(Session& session, const std::optional<std::string>& log) {
     const auto connection = session.connect();
-    const auto list = savingStatus(*connection);
+    auto list = savingStatus(*connection);
+    if (log) {
+        for (const auto& slice : changedSlices(linesOfLog(*log))) {
+            list.add_slices_in_log(printable(slice));
+        }
+    }
     const auto code = isAllSaved(list) ? ExitCode::Done : ExitCode::No;
     if (session.isJson()) {
         session.print(list);
@@ -131,6 +137,9 @@ ExitCode showSaving(Session& session) {
     }
     if (list.services().empty()) {
         session.out() << "saved: nothing has been changed since the start\n";
+    }
+    for (const auto& slice : list.slices_in_log()) {
+        session.out() << "  " << slice << '\n';
     }
     return code;
 }

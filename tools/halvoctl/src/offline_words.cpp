@@ -3,6 +3,7 @@
 #include <string>
 
 #include "command_words.h"
+#include "key_owner.h"
 #include "package_commands.h"
 
 namespace Hox::Ctl {
@@ -80,6 +81,15 @@ void addVerify(CLI::App& conf, Command& command) {
     });
 }
 
+void addOwner(CLI::App& conf, Command& command) {
+    auto given = std::make_shared<PlaceWords>();
+    auto* const words = conf.add_subcommand("owner", "print to what a key belongs");
+    words->add_option("KEY", given->key, "a key below /sys/conf")->required();
+    words->callback([given, &command] {
+        command = [given](Session& session) { return showOwner(session, given->key); };
+    });
+}
+
 }  // namespace
 
 void addPackageWords(CLI::App& conf, Command& command) {
@@ -88,6 +98,7 @@ void addPackageWords(CLI::App& conf, Command& command) {
     addDiff(conf, command);
     addLint(conf, command);
     addVerify(conf, command);
+    addOwner(conf, command);
 }
 
 }  // namespace Hox::Ctl
