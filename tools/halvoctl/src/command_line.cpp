@@ -34,7 +34,7 @@ const std::map<std::string, GlobalOptions::Format>& formats() {
 
 void addGlobalOptions(CLI::App& app, GlobalTexts& texts) {
     app.add_option("-e,--endpoint", texts.endpoints,
-                   "where the service listens; ping, state and watch take several "
+                   "where the service listens; ping, state, watch, doctor and metrics take several "
                    "(HALVO_ENDPOINT, otherwise localhost:5005)")
         ->type_name("HOST:PORT")
         ->expected(1)
@@ -96,6 +96,7 @@ ExitCode parseAndRun(std::vector<std::string> words, Surroundings& surroundings)
     addStateWords(app, command);
     addConfWords(app, command);
     addLogWords(app, command);
+    addDoctorWords(app, command);
     try {
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));

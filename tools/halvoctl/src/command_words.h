@@ -16,6 +16,7 @@ void addWatchWords(CLI::App& app, Command& command);
 void addStateWords(CLI::App& app, Command& command);
 void addLogWords(CLI::App& app, Command& command);
 void addConfWords(CLI::App& app, Command& command);
+void addDoctorWords(CLI::App& app, Command& command);
 ///@}
 
 /// The same for the words below `conf`.

@@ -181,9 +181,13 @@ private:
 
 }  // namespace
 
-std::size_t exportEstimate(const Package& package) {
+std::size_t exportEstimate(std::size_t bytesOfFiles, std::size_t folders) {
     constexpr std::size_t perFolder = 32;
     constexpr std::size_t reserve = 1536;
+    return bytesOfFiles + std::max<std::size_t>(folders, 1) * perFolder + reserve;
+}
+
+std::size_t exportEstimate(const Package& package) {
     std::map<std::string, std::size_t> sizes;  // a later entry replaces an earlier one
     for (const auto& entry : package.entries()) {
         if (entry.kind == PackageEntry::Kind::File) {
@@ -194,7 +198,7 @@ std::size_t exportEstimate(const Package& package) {
     for (const auto& [path, size] : sizes) {
         bytes += size;
     }
-    return bytes + std::max<std::size_t>(foldersOf(package).size(), 1) * perFolder + reserve;
+    return exportEstimate(bytes, foldersOf(package).size());
 }
 
 FindingList findingsIn(const Package& package) {
