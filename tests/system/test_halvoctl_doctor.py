@@ -234,6 +234,7 @@ def test_a_support_file_of_a_service_that_is_gone(tmp_path):
     assert "FAIL endpoint: " in content_of(path)["doctor.txt"]
     refused = Ctl("localhost:1")("support", tmp_path / "none/support.tar.gz")
     assert refused.status == 1 and not refused.out
+    assert Ctl("localhost:1")("support", "-").status == 1
 
 
 def samples(text):

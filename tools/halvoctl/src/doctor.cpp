@@ -22,7 +22,8 @@ bool isThisMachine(const std::string& host) {
     constexpr std::size_t longest = 256;
     std::string own(longest, '\0');
     ::gethostname(own.data(), own.size() - 1);
-    return names.count(host) > 0 || host.compare(0, 4, "127.") == 0 || host == own.c_str();
+    return names.count(host) > 0 || host.compare(0, 4, "127.") == 0 ||
+           host == own.substr(0, own.find('\0'));
 }
 
 std::string joined(const std::set<pid_t>& processes) {

@@ -22,8 +22,8 @@ constexpr const char* notLoaded = "FAILED_PRECONDITION";
 constexpr const char* accepted = "";
 
 /// What a service unpacks at most.
-constexpr std::size_t mostEntries = 40000;
-constexpr std::size_t mostBytes = std::size_t{8} << 20;
+constexpr std::size_t unpackedEntries = 40000;
+constexpr std::size_t unpackedBytes = std::size_t{8} << 20;
 constexpr std::size_t longestName = 4096;
 constexpr std::size_t longestComponent = 255;
 
@@ -157,10 +157,10 @@ private:
         for (const auto& entry : m_package.entries()) {
             bytes += entry.content.size();
         }
-        if (m_package.entries().size() > mostEntries) {
+        if (m_package.entries().size() > unpackedEntries) {
             add("", "more than 40,000 entries", notUnpacked);
         }
-        if (bytes > mostBytes) {
+        if (bytes > unpackedBytes) {
             add("", "more than 8 MiB when it is unpacked", notUnpacked);
         }
         const auto estimate = exportEstimate(m_package);

@@ -15,7 +15,7 @@ namespace Hox::Ctl {
 
 namespace {
 
-[[noreturn]] void refuse(const std::string& reason) {
+[[noreturn]] void refuseKey(const std::string& reason) {
     throw CtlError(ExitCode::Usage, printable(reason));
 }
 
@@ -25,15 +25,15 @@ KeyOwner ownerOf(const std::string& key) {
         const ObserverTree::PathManipulation paths;
         paths.parsePath(ObserverTree::PathType::Key, key);
     } catch (const ObserverTree::PathError& error) {
-        refuse(reasonOf(error));
+        refuseKey(reasonOf(error));
     }
     const auto slice = componentsOf(sliceOf(key));
     if (slice.size() != 3) {
-        refuse("Key is in no slice: " + key);
+        refuseKey("Key is in no slice: " + key);
     }
     const auto reason = Hox::Capability::Configuration::whyNotStorable(key);
     if (!reason.empty()) {
-        refuse(reason);
+        refuseKey(reason);
     }
     KeyOwner owner;
     owner.set_key(key);

@@ -35,9 +35,9 @@ bool isThere(const fs::path& path) {
 /// A new empty folder that is removed with its content.
 class ProbeFolder {
 public:
-    explicit ProbeFolder(const fs::path& parent) : m_path((parent / "halvoctl-XXXXXX").string()) {
-        m_isMade = ::mkdtemp(m_path.data()) != nullptr;
-    }
+    explicit ProbeFolder(const fs::path& parent)
+        : m_path((parent / "halvoctl-XXXXXX").string()),
+          m_isMade(::mkdtemp(m_path.data()) != nullptr) {}
     ~ProbeFolder() {
         std::error_code error;
         if (m_isMade) {
@@ -62,7 +62,7 @@ public:
 
 private:
     std::string m_path;
-    bool m_isMade = false;
+    bool m_isMade;
 };
 
 /// The size of an export of this folder by the estimate of a service.

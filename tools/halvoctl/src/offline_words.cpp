@@ -21,7 +21,7 @@ struct PlaceWords {
     bool isOn = false;
 };
 
-void addList(CLI::App& conf, Command& command) {
+void addLs(CLI::App& conf, Command& command) {
     auto given = std::make_shared<PlaceWords>();
     auto* const words = conf.add_subcommand("ls", "list the keys of a package");
     words->add_option("FILE", given->place, placeText)->capture_default_str();
@@ -93,7 +93,7 @@ void addOwner(CLI::App& conf, Command& command) {
 }  // namespace
 
 void addPackageWords(CLI::App& conf, Command& command) {
-    addList(conf, command);
+    addLs(conf, command);
     addGet(conf, command);
     addDiff(conf, command);
     addLint(conf, command);

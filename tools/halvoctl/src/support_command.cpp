@@ -75,6 +75,9 @@ void SupportCommand::attempt(const std::string& name, const std::function<std::s
 }
 
 ExitCode SupportCommand::run(const std::string& path) {
+    if (path == "-") {
+        throw CtlError(ExitCode::Usage, "a support file is not for the output", "name a file");
+    }
     const auto connection = m_session.connect();
     const Doctor doctor(m_session, m_words, connection->endpoint());
     learnSecrets(*connection, doctor);

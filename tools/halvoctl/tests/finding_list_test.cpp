@@ -20,7 +20,7 @@ using Seen = std::vector<std::string>;
 Seen seen(const PackageFiles& files, const PackageFiles& links = {}) {
     auto all = identity;
     all.insert(all.end(), files.begin(), files.end());
-    const auto list = findingsIn(Package(packed(all, links)));
+    const auto list = findingsIn(Package(makePackage(all, links)));
     Seen result;
     for (const auto& finding : list.findings()) {
         result.push_back(finding.where() + ": " + finding.text() + "|" + finding.refused_as());
@@ -34,8 +34,8 @@ std::string valueAt(const std::string& key) {
 
 TEST(FindingList, IsEmptyForAnExport) {
     EXPECT_EQ(seen({{"sys/", ""},
-                    {valueAt("in/3/freq"), saved("474000")},
-                    {valueAt("__csid"), saved("id")},
+                    {valueAt("in/3/freq"), savedText("474000")},
+                    {valueAt("__csid"), savedText("id")},
                     {valueAt("bytes"), R"({"@type":"x/My.Own","@bytes":"AAE="})"},
                     {valueAt("foreign"), R"({"@type":"x/My.Own","field":1})"},
                     {"notes", "other files are no keys"}}),
@@ -55,35 +55,35 @@ TEST(FindingList, HasNamesThatAreNoText) {
 
 TEST(FindingList, HasKeysThatNobodyCanWrite) {
     for (const auto* const place : {"sys/conf/a/data", "sys/conf/mb/0/tuner/data"}) {
-        const auto found = seen({{place, saved("x")}});
+        const auto found = seen({{place, savedText("x")}});
         ASSERT_EQ(found.size(), 1U);
         EXPECT_NE(found[0].find(": a value outside of a slice|FAILED_PRECONDITION"),
                   std::string::npos);
     }
     for (const auto* const name : {"data", "data~"}) {
-        EXPECT_EQ(seen({{valueAt(std::string("in/") + name + "/a"), saved("x")}}),
+        EXPECT_EQ(seen({{valueAt(std::string("in/") + name + "/a"), savedText("x")}}),
                   Seen{std::string("/sys/conf/mb/0/tuner/in/") + name +
                        "/a: Key has the reserved component " + name + "|FAILED_PRECONDITION"});
     }
-    EXPECT_EQ(seen({{valueAt("*"), saved("x")}}).size(), 1U);
+    EXPECT_EQ(seen({{valueAt("*"), savedText("x")}}).size(), 1U);
 }
 
 TEST(FindingList, HasKeysThatAreTooLong) {
-    const auto component = seen({{valueAt(std::string(256, 'k')), saved("x")}});
+    const auto component = seen({{valueAt(std::string(256, 'k')), savedText("x")}});
     ASSERT_EQ(component.size(), 1U);
     EXPECT_NE(component[0].find(": the name is too long|INTERNAL"), std::string::npos);
     std::string key;
     for (int count = 0; count < 15; ++count) {
         key += (key.empty() ? "" : "/") + std::string(200, 'k');
     }
-    const auto whole = seen({{valueAt(key), saved("x")}});
+    const auto whole = seen({{valueAt(key), savedText("x")}});
     ASSERT_EQ(whole.size(), 1U);
     EXPECT_NE(whole[0].find(": Key is longer than 3000 bytes|FAILED"), std::string::npos);
     std::string deep = "a";
     for (int count = 1; count < 124; ++count) {
         deep += "/a";
     }
-    const auto components = seen({{valueAt(deep), saved("x")}});
+    const auto components = seen({{valueAt(deep), savedText("x")}});
     ASSERT_EQ(components.size(), 2U);
     EXPECT_NE(components[0].find(": the name is too long|INTERNAL"), std::string::npos);
     EXPECT_NE(components[1].find(": Key has more than 128 components|FAILED"), std::string::npos);
@@ -102,7 +102,7 @@ TEST(FindingList, HasValuesThatAreLost) {
 }
 
 TEST(FindingList, HasAMissingIdentity) {
-    const auto list = findingsIn(Package(packed({{valueAt("a"), saved("x")}})));
+    const auto list = findingsIn(Package(makePackage({{valueAt("a"), savedText("x")}})));
     ASSERT_EQ(list.findings_size(), 2);
     EXPECT_EQ(list.findings(0).where(), "swvariant");
     EXPECT_EQ(list.findings(1).where(), "partno");
@@ -110,9 +110,9 @@ TEST(FindingList, HasAMissingIdentity) {
 }
 
 TEST(FindingList, HasSlicesOfWhichOneWipesTheOther) {
-    EXPECT_EQ(seen({{"sys/conf/mb/0/net/a/data", saved("x")},
-                    {"sys/conf/mb/0/network/a/data", saved("x")},
-                    {"sys/conf/mb/1/network2/a/data", saved("x")}}),
+    EXPECT_EQ(seen({{"sys/conf/mb/0/net/a/data", savedText("x")},
+                    {"sys/conf/mb/0/network/a/data", savedText("x")},
+                    {"sys/conf/mb/1/network2/a/data", savedText("x")}}),
               Seen{"/sys/conf/mb/0/net: replacing it also wipes /sys/conf/mb/0/network|"});
 }
 
@@ -121,7 +121,7 @@ TEST(FindingList, HasAnEstimateAboveTheLimit) {
     const auto sized = [](std::size_t size) {
         auto files = identity;
         files.push_back({"folder/file", std::string(size, 'x')});
-        return findingsIn(Package(packed(files)));
+        return findingsIn(Package(makePackage(files)));
     };
     const auto fits = sized(exportLimit - reserve);
     EXPECT_EQ(fits.estimate(), exportLimit);
@@ -137,7 +137,7 @@ TEST(FindingList, HasAnEstimateAboveTheLimit) {
 
 TEST(FindingList, CountsFoldersOnce) {
     const auto estimate = [](const PackageFiles& files) {
-        return exportEstimate(Package(packed(files)));
+        return exportEstimate(Package(makePackage(files)));
     };
     EXPECT_EQ(estimate({}), 1536U + 32 + 13);
     EXPECT_EQ(estimate({{"a/b/x", "1"}, {"a/b/y", "1"}, {"./a/", ""}}), 1536U + 64 + 13 + 2);

@@ -55,7 +55,7 @@ TEST_F(MachineIdentityTest, ASerialFileThatEndsTheServiceIsAnError) {
 TEST(PackageVerdict, IsThatOfAServiceOnTheMachine) {
     const MachineIdentity machine{HeadendSWVariant::COFDM, 100003};
     const auto verdict = [&machine](const PackageFiles& files, bool isOverridden = false) {
-        const auto result = verdictOf(Package(packed(files)), machine, isOverridden);
+        const auto result = verdictOf(Package(makePackage(files)), machine, isOverridden);
         return (result.is_accepted() ? "accepted: " : result.code() + ": ") + result.reason();
     };
     const std::pair<std::string, std::string> variant{"swvariant", "output:COFDM\n"};
@@ -76,10 +76,10 @@ TEST(PackageVerdict, IsThatOfAServiceOnTheMachine) {
 }
 
 TEST(PackageVerdict, AMachineOfUnknownVariantDoesNotAcceptItsOwnExports) {
-    const Package exported(packed({{"swvariant", ""}, {"partno", "0\n"}}));
+    const Package exported(makePackage({{"swvariant", ""}, {"partno", "0\n"}}));
     EXPECT_EQ(identityText(exporterOf(exported)), "UNKNOWN part 0");
     EXPECT_FALSE(verdictOf(exported, exporterOf(exported), false).is_accepted());
-    const Package other(packed({{"swvariant", "output:XYZ\n"}, {"partno", "0\n"}}));
+    const Package other(makePackage({{"swvariant", "output:XYZ\n"}, {"partno", "0\n"}}));
     EXPECT_TRUE(verdictOf(other, exporterOf(exported), false).is_accepted());
 }
 

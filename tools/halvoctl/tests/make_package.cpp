@@ -29,7 +29,7 @@ void add(archive* writer, const std::string& name, const std::string& content, b
 
 }  // namespace
 
-std::string packed(const PackageFiles& files, const PackageFiles& links) {
+std::string makePackage(const PackageFiles& files, const PackageFiles& links) {
     std::string bytes(std::size_t{4} << 20, '\0');
     std::size_t used = 0;
     const std::unique_ptr<archive, int (*)(archive*)> writer(archive_write_new(),
@@ -49,7 +49,7 @@ std::string packed(const PackageFiles& files, const PackageFiles& links) {
     return bytes;
 }
 
-std::string saved(const std::string& text) {
+std::string savedText(const std::string& text) {
     return R"({"@type":"type.googleapis.com/google.protobuf.StringValue","value":")" + text + "\"}";
 }
 

@@ -18,8 +18,10 @@ namespace {
 class PackageCommandsTest : public ::testing::Test {
 protected:
     PackageCommandsTest() {
-        write(m_old, {{"freq", saved("474000")}, {"gone", saved("x")}, {"__csid", saved("1")}});
-        write(m_new, {{"freq", saved("482000")}, {"late", "{}"}, {"__csid", saved("2")}});
+        write(
+            m_old,
+            {{"freq", savedText("474000")}, {"gone", savedText("x")}, {"__csid", savedText("1")}});
+        write(m_new, {{"freq", savedText("482000")}, {"late", "{}"}, {"__csid", savedText("2")}});
     }
 
     void write(const std::string& path, const PackageFiles& values) {
@@ -27,7 +29,7 @@ protected:
         for (const auto& [key, text] : values) {
             files.emplace_back("sys/conf/mb/0/tuner/" + key + "/data", text);
         }
-        std::ofstream(path, std::ios::binary) << packed(files);
+        std::ofstream(path, std::ios::binary) << makePackage(files);
     }
 
     ToolRun run(std::vector<std::string> words) {
@@ -99,7 +101,7 @@ TEST_F(PackageCommandsTest, DifferencesAreOldAndNewValues) {
 }
 
 TEST_F(PackageCommandsTest, ADifferentMachineIsNoted) {
-    std::ofstream(m_new, std::ios::binary) << packed({{"swvariant", "output:COFDM\n"}});
+    std::ofstream(m_new, std::ios::binary) << makePackage({{"swvariant", "output:COFDM\n"}});
     EXPECT_EQ(run({"diff", m_old, m_new}).err,
               "halvoctl: the packages are for different machines: QAM part 0 and COFDM part 0\n");
 }
@@ -137,12 +139,12 @@ TEST_F(PackageCommandsTest, WhatCannotBeReadIsAnError) {
 }
 
 TEST_F(PackageCommandsTest, APackageMayComeFromTheInput) {
-    m_tool.in = packed({{"sys/conf/mb/0/tuner/a/data", saved("x")}});
+    m_tool.in = makePackage({{"sys/conf/mb/0/tuner/a/data", savedText("x")}});
     EXPECT_EQ(run({"ls", "-"}).out, "/sys/conf/mb/0/tuner/a\n");
 }
 
 TEST_F(PackageCommandsTest, TextsOfAPackageCannotControlTheTerminal) {
-    write(m_old, {{"a\x1b[2J", saved("\\u001b[2J")}, {"b", "\x1b[2J"}});
+    write(m_old, {{"a\x1b[2J", savedText("\\u001b[2J")}, {"b", "\x1b[2J"}});
     for (const auto* const command : {"ls", "lint"}) {
         EXPECT_EQ(run({command, m_old}).out.find('\x1b'), std::string::npos) << command;
     }
@@ -153,7 +155,7 @@ TEST_F(PackageCommandsTest, TextsOfAPackageCannotControlTheTerminal) {
 TEST_F(PackageCommandsTest, TheLargestPackageTakesLittleTime) {
     PackageFiles values;
     for (int number = 0; number < 4500; ++number) {
-        values.emplace_back("input/" + std::to_string(number), saved(std::to_string(number)));
+        values.emplace_back("input/" + std::to_string(number), savedText(std::to_string(number)));
     }
     write(m_old, values);
     values.resize(4490);

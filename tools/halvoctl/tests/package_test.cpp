@@ -10,21 +10,21 @@ namespace Hox::Ctl {
 namespace {
 
 TEST(Package, HasIdentityKeysAndSlices) {
-    const Package package(packed({{"swvariant", "output:COFDM\n"},
-                                  {"./partno", "100003\n"},
-                                  {"sys/conf/mb/0/tuner/__csid/data", "id"},
-                                  {"./sys/conf/mb/0/tuner/in/3/data", "x"},
-                                  {"sys/conf/mb/0/tuner/in/data/data", "x"},
-                                  {"sys/conf/mb/1/net/a/data", "x"},
-                                  {"sys/conf/mb/1/net/a/data~", "x"},
-                                  {"sys/conf/a/data", "x"}}));
+    const Package package(makePackage({{"swvariant", "output:COFDM\n"},
+                                       {"./partno", "100003\n"},
+                                       {"sys/conf/mb/0/tuner/__csid/data", "id"},
+                                       {"./sys/conf/mb/0/tuner/in/3/data", "x"},
+                                       {"sys/conf/mb/0/tuner/in/data/data", "x"},
+                                       {"sys/conf/mb/1/net/a/data", "x"},
+                                       {"sys/conf/mb/1/net/a/data~", "x"},
+                                       {"sys/conf/a/data", "x"}}));
     EXPECT_EQ(package.identity(), "COFDM part 100003");
     EXPECT_EQ(package.keyCount(), 3U);
     EXPECT_EQ(package.slices(), (std::set<std::string>{"mb/0/tuner", "mb/1/net"}));
 }
 
 TEST(Package, HasEntriesFilesAndValues) {
-    const Package package(packed({{"./a/", ""}, {"./sys//conf/x/data", "1"}, {"b", "2"}}));
+    const Package package(makePackage({{"./a/", ""}, {"./sys//conf/x/data", "1"}, {"b", "2"}}));
     EXPECT_EQ(package.entries().size(), 3U);
     EXPECT_EQ(package.entries()[0].kind, PackageEntry::Kind::Folder);
     EXPECT_EQ(package.entries()[1].name, "./sys//conf/x/data");
@@ -45,19 +45,20 @@ TEST(Package, KnowsSlicesAndStateIds) {
 }
 
 TEST(Package, WithoutIdentityIsForTheDefaultMachine) {
-    EXPECT_EQ(Package(packed({{"a", "b"}})).identity(), "QAM part 0");
-    EXPECT_EQ(Package(packed({})).keyCount(), 0U);
+    EXPECT_EQ(Package(makePackage({{"a", "b"}})).identity(), "QAM part 0");
+    EXPECT_EQ(Package(makePackage({})).keyCount(), 0U);
     EXPECT_EQ(Package("").keyCount(), 0U);
 }
 
 TEST(Package, AnotherFileCannotBeRead) {
     EXPECT_THROW(Package("no package"), CtlError);
-    const auto whole = packed({{"sys/conf/mb/0/tuner/a/data", std::string(5000, 'x')}});
+    const auto whole = makePackage({{"sys/conf/mb/0/tuner/a/data", std::string(5000, 'x')}});
     EXPECT_THROW(Package(whole.substr(0, whole.size() / 2)), CtlError);
 }
 
 TEST(Package, OneThatUnpacksToTooMuchIsNotRead) {
-    EXPECT_THROW(Package(packed({{"a", std::string((std::size_t{64} << 20) + 1, 'x')}})), CtlError);
+    EXPECT_THROW(Package(makePackage({{"a", std::string((std::size_t{64} << 20) + 1, 'x')}})),
+                 CtlError);
 }
 
 }  // namespace

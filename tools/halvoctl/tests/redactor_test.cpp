@@ -52,10 +52,10 @@ TEST(Redactor, KnowsSavedConfigurationsOfTraps) {
         nested += (character == '"' ? "\\" : "") + std::string(1, character);
     }
     Redactor central;
-    central.addSaved(saved(nested));
+    central.addSaved(savedText(nested));
     EXPECT_EQ(central.redacted("hidden"), "***");
     Redactor other;
-    other.addSaved(saved("hidden"));
+    other.addSaved(savedText("hidden"));
     other.addSaved("no json");
     EXPECT_EQ(other.redacted("hidden"), "hidden");
 }
