@@ -67,7 +67,8 @@ def test_the_status_as_json_is_since_the_first_unsaved_change(ctl, service, tune
 
 def test_a_service_without_changes_is_saved(ctl):
     assert ctl.ok("conf", "status").out == "saved: nothing has been changed since the start\n"
-    assert ctl.ok("conf", "status", "-o", "json").json == {"services": []}
+    assert ctl.ok("conf", "status", "-o", "json").json == {
+        "services": [], "slices_in_log": []}
 
 
 def test_packages_go_through_pipes(ctl, client, service, tuner):

@@ -193,8 +193,8 @@ TEST_P(FailingFileCalls, ShowInRemoving) {
     const auto told = [&](const fs::path& path) {
         return isTriedAgain ? "no error" : text("cannot remove", path);
     };
-    EXPECT_THAT(errorsFor("unlinkat", remove), ElementsAre(told(a / "b/file"), told(a / "b"),
-                                                           told(a)));
+    EXPECT_THAT(errorsFor("unlinkat", remove),
+                ElementsAre(told(a / "b/file"), told(a / "b"), told(a)));
     const auto listed = [&](const fs::path& path) {
         return isTriedAgain ? "no error" : text("cannot list", path);
     };

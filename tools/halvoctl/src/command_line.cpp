@@ -36,8 +36,8 @@ const std::map<std::string, GlobalOptions::Format>& formats() {
 
 void addGlobalOptions(CLI::App& app, GlobalTexts& texts) {
     app.add_option("-e,--endpoint", texts.endpoints,
-                   "where the service listens, or what it is on the network; ping, state and watch "
-                   "take several (HALVO_ENDPOINT, otherwise localhost:5005)")
+                   "where the service listens, or what it is on the network; ping, state, watch, "
+                   "doctor and metrics take several (HALVO_ENDPOINT, otherwise localhost:5005)")
         ->type_name("HOST:PORT|mdns:CAPABILITY[/ID]")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -95,6 +95,7 @@ void addAllWords(CLI::App& app, GlobalTexts& texts, Command& command) {
     addConfWords(app, command);
     addLogWords(app, command);
     addSnmpWords(app, command);
+    addDoctorWords(app, command);
     addCompletionWords(app, command);
 }
 

@@ -18,6 +18,12 @@ void addLogWords(CLI::App& app, Command& command);
 void addSnmpWords(CLI::App& app, Command& command);
 void addCompletionWords(CLI::App& app, Command& command);
 void addConfWords(CLI::App& app, Command& command);
+void addDoctorWords(CLI::App& app, Command& command);
+///@}
+
+/// The same for the words below `conf`.
+///@{
+void addPackageWords(CLI::App& conf, Command& command);
 ///@}
 
 /// Adds those of `conf` that change the configuration for some time to its words.

@@ -5,6 +5,8 @@
 #include <algorithm>
 
 #include "ask_first.h"
+#include "call_error.h"
+#include "changed_slices.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "ctl_error.h"
@@ -14,50 +16,12 @@
 #include "package_import.h"
 #include "printable.h"
 #include "report_table.h"
+#include "saving_status.h"
 #include "state_client.h"
 
 namespace Hox::Ctl {
 
 namespace {
-
-SavingStatusList savingStatus(const Connection& connection) {
-    const StateClient client(connection);
-    SavingStatusList list;
-    const auto latest = savingReports(client.latest());
-    if (latest.empty()) {
-        return list;
-    }
-    StateClient::Query query;
-    query.set_typeregex("^" + latest.front().statenotification().type() + "$");
-    const auto archived = savingReports(client.archived(query));
-    for (const auto& stored : latest) {
-        const auto& report = stored.statenotification();
-        auto& status = *list.add_services();
-        status.set_service_id(report.service_id());
-        status.set_is_saved(severityRank(report.severity()) == 0);
-        *status.mutable_since() = report.timestamp();
-        // Every change is reported: the first report of the last run of equal ones tells since
-        // when.
-        bool isInRun = false;
-        for (const auto& earlier : archived) {
-            const auto& former = earlier.statenotification();
-            if (former.service_id() != report.service_id()) {
-                continue;
-            }
-            const bool isEqual = former.severity() == report.severity();
-            if (isEqual && !isInRun) {
-                *status.mutable_since() = former.timestamp();
-            }
-            isInRun = isEqual;
-        }
-    }
-    return list;
-}
-
-bool isAllSaved(const SavingStatusList& list) {
-    return std::all_of(list.services().begin(), list.services().end(),
-                       [](const auto& status) { return status.is_saved(); });
-}
 
 /// A package without the changes of today surprises its owner. Silent if the service does not say.
 void noteUnsaved(const Session& session, const Connection& connection) {
@@ -74,9 +38,14 @@ void noteUnsaved(const Session& session, const Connection& connection) {
 
 }  // namespace
 
-ExitCode showSaving(Session& session) {
+ExitCode showSaving(Session& session, const std::optional<std::string>& log) {
     const auto connection = session.connect();
-    const auto list = savingStatus(*connection);
+    auto list = savingStatus(*connection);
+    if (log) {
+        for (const auto& slice : changedSlices(linesOfLog(*log))) {
+            list.add_slices_in_log(printable(slice));
+        }
+    }
     const auto code = isAllSaved(list) ? ExitCode::Done : ExitCode::No;
     if (session.isJson()) {
         session.print(list);
@@ -91,6 +60,9 @@ ExitCode showSaving(Session& session) {
     }
     if (list.services().empty()) {
         session.out() << "saved: nothing has been changed since the start\n";
+    }
+    for (const auto& slice : list.slices_in_log()) {
+        session.out() << "  " << slice << '\n';
     }
     return code;
 }

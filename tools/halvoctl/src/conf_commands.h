@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "exit_code.h"
@@ -7,9 +8,10 @@
 
 namespace Hox::Ctl {
 
-/// Prints for each service that has reported it whether its configuration is saved, and since when.
-/// Returns No if one is not.
-ExitCode showSaving(Session& session);
+/// Prints for each service that has reported it whether its configuration is saved, and since when;
+/// with a log on this machine also which slices have been changed since. Returns No if one is not
+/// saved.
+ExitCode showSaving(Session& session, const std::optional<std::string>& log);
 
 /// Saves the configuration in force.
 ExitCode saveConf(Session& session);

@@ -1,7 +1,9 @@
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "changed_slices.h"
 #include "command_words.h"
 #include "conf_commands.h"
 
@@ -32,13 +34,33 @@ void addWithFile(CLI::App& conf, Command& command, const char* name, const char*
     });
 }
 
+void addStatus(CLI::App& conf, Command& command) {
+    auto log = std::make_shared<std::string>();
+    auto* const words =
+        conf.add_subcommand("status", "print whether all is saved; exit status 4 if it is not");
+    auto* const option =
+        words
+            ->add_option("--log", *log,
+                         "also the slices that have been changed since the last save, by a log on "
+                         "this machine (" +
+                             std::string(defaultLog) + ")")
+            ->type_name("[FILE]")
+            ->expected(0, 1);
+    words->callback([log, option, &command] {
+        std::optional<std::string> path;
+        if (option->count() > 0) {
+            path = log->empty() ? defaultLog : *log;
+        }
+        command = [path](Session& session) { return showSaving(session, path); };
+    });
+}
+
 }  // namespace
 
 void addConfWords(CLI::App& app, Command& command) {
     auto* const conf = app.add_subcommand("conf", "the configuration of all services");
     conf->require_subcommand(1);
-    conf->add_subcommand("status", "print whether all is saved; exit status 4 if it is not")
-        ->callback([&command] { command = showSaving; });
+    addStatus(*conf, command);
     conf->add_subcommand("save", "save the configuration in force")->callback([&command] {
         command = saveConf;
     });
@@ -48,6 +70,7 @@ void addConfWords(CLI::App& app, Command& command) {
     addWithFile(*conf, command, "export", "write the saved configuration to a package",
                 "the package, - for the output", exportConf);
     addConfirmWords(*conf, command);
+    addPackageWords(*conf, command);
 }
 
 }  // namespace Hox::Ctl

@@ -1,105 +1,16 @@
 #include "package.h"
 
-#include <archive.h>
-#include <archive_entry.h>
-
-#include <array>
-#include <memory>
-#include <new>
+#include <algorithm>
 #include <sstream>
-#include <vector>
-
-#include "ctl_error.h"
 
 namespace Hox::Ctl {
 
 namespace {
 
-constexpr std::size_t mostBytes = std::size_t{64} << 20;
-constexpr std::size_t mostEntries = 100000;
+const std::string keyRoot = "/sys/conf/";
 
-/// The folders before the content of a slice: /sys/conf, node type, node id, capability.
-constexpr std::size_t sliceDepth = 5;
-
-struct ReadFree {
-    void operator()(archive* handle) const { archive_read_free(handle); }
-};
-using Reader = std::unique_ptr<archive, ReadFree>;
-
-[[noreturn]] void refuse(const std::string& reason) {
-    throw CtlError(ExitCode::Usage, "the package cannot be read: " + reason);
-}
-
-[[noreturn]] void refuse(archive* reader) {
-    const char* const text = archive_error_string(reader);
-    refuse(text == nullptr ? "unknown error" : text);
-}
-
-Reader open(const std::string& bytes) {
-    Reader reader(archive_read_new());
-    if (!reader) {
-        throw std::bad_alloc();
-    }
-    archive_read_support_filter_all(reader.get());
-    archive_read_support_format_all(reader.get());
-    if (archive_read_open_memory(reader.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
-        refuse(reader.get());
-    }
-    return reader;
-}
-
-std::string contentOf(archive* reader, std::size_t& left) {
-    constexpr std::size_t blockSize = 65536;
-    std::vector<char> block(blockSize);
-    std::string content;
-    for (;;) {
-        const auto count = archive_read_data(reader, block.data(), block.size());
-        if (count < 0) {
-            refuse(reader);
-        }
-        if (count == 0) {
-            return content;
-        }
-        const auto size = static_cast<std::size_t>(count);
-        if (size > left) {
-            refuse("it unpacks to more than 64 MiB");
-        }
-        left -= size;
-        content.append(block.data(), size);
-    }
-}
-
-/// The components of a path, without those that are empty or a dot.
-std::vector<std::string> componentsOf(const std::string& path) {
-    std::vector<std::string> components;
-    std::istringstream stream(path);
-    std::string component;
-    while (std::getline(stream, component, '/')) {
-        if (!component.empty() && component != ".") {
-            components.push_back(component);
-        }
-    }
-    return components;
-}
-
-std::string joined(const std::vector<std::string>& components) {
-    std::string path;
-    for (const auto& component : components) {
-        path += (path.empty() ? "" : "/") + component;
-    }
-    return path;
-}
-
-/// The components of the key that the file holds, empty if it holds none.
-std::vector<std::string> keyOf(const std::string& path) {
-    auto components = componentsOf(path);
-    if (components.size() < sliceDepth + 1 || components.back() != "data" ||
-        components[0] != "sys" || components[1] != "conf") {
-        return {};
-    }
-    components.pop_back();
-    return components;
-}
+/// The name of the file in the folder of a key that has the value.
+const std::string valueFile = "/data";
 
 /// The name after the last "output:" at the start of a line.
 std::string variantOf(const std::string& text) {
@@ -115,67 +26,92 @@ std::string variantOf(const std::string& text) {
     return variant;
 }
 
+/// The key whose value the file holds, empty if it holds none.
+std::string keyOf(const std::string& path) {
+    const auto key = "/" + path;
+    const bool isValue =
+        key.size() > keyRoot.size() + valueFile.size() &&
+        key.compare(0, keyRoot.size(), keyRoot) == 0 &&
+        key.compare(key.size() - valueFile.size(), valueFile.size(), valueFile) == 0;
+    return isValue ? key.substr(0, key.size() - valueFile.size()) : "";
+}
+
+/// Where the slice of a key ends, npos if the key is in none.
+std::size_t sliceEnd(const std::string& key) {
+    if (key.compare(0, keyRoot.size(), keyRoot) != 0) {
+        return std::string::npos;
+    }
+    auto end = keyRoot.size() - 1;
+    for (int components = 0; components < 3 && end != std::string::npos; ++components) {
+        end = key.find('/', end + 1);
+    }
+    return end;
+}
+
 }  // namespace
 
-Package::Package(const std::string& archive) {
-    const auto reader = open(archive);
-    ::archive_entry* entry = nullptr;
-    std::size_t entries = 0;
-    auto left = mostBytes;
-    int result = ARCHIVE_OK;
-    while ((result = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK ||
-           result == ARCHIVE_WARN) {
-        if (++entries > mostEntries) {
-            refuse("it has more than 100,000 entries");
+Package::Package(const std::string& archive) : m_entries(readPackageEntries(archive)) {
+    for (std::size_t place = 0; place < m_entries.size(); ++place) {
+        const auto& entry = m_entries[place];
+        if (entry.kind != PackageEntry::Kind::File) {
+            continue;
         }
-        const char* const name = archive_entry_pathname(entry);
-        if (name != nullptr && archive_entry_filetype(entry) == AE_IFREG) {
-            m_files[joined(componentsOf(name))] = contentOf(reader.get(), left);
+        m_files[entry.path] = place;
+        const auto key = keyOf(entry.path);
+        if (!key.empty()) {
+            m_values[key] = entry.content;
         }
-    }
-    if (result != ARCHIVE_EOF) {
-        refuse(reader.get());
     }
 }
 
+const std::string* Package::file(const std::string& path) const {
+    const auto found = m_files.find(path);
+    return found == m_files.end() ? nullptr : &m_entries[found->second].content;
+}
+
 std::string Package::identity() const {
-    const auto variant = m_files.find("swvariant");
-    const auto partNumber = m_files.find("partno");
-    std::string number = "0";
-    if (partNumber != m_files.end()) {
-        number = partNumber->second.substr(0, partNumber->second.find('\n'));
-    }
-    return (variant == m_files.end() ? "QAM" : variantOf(variant->second)) + " part " + number;
+    const auto* const variant = file("swvariant");
+    const auto* const partNumber = file("partno");
+    return (variant == nullptr ? "QAM" : variantOf(*variant)) + " part " +
+           (partNumber == nullptr ? "0" : partNumber->substr(0, partNumber->find('\n')));
 }
 
 std::set<std::string> Package::slices() const {
     std::set<std::string> found;
-    for (const auto& [path, content] : m_files) {
-        const auto key = keyOf(path);
-        if (!key.empty()) {
-            found.insert(key[2] + "/" + key[3] + "/" + key[4]);
-        }
+    for (const auto& [key, value] : m_values) {
+        found.insert(sliceOf(key));
     }
+    found.erase("");
     return found;
 }
 
-std::map<std::string, std::string> Package::values() const {
-    std::map<std::string, std::string> found;
-    for (const auto& [path, content] : m_files) {
-        const auto key = keyOf(path);
-        if (!key.empty() && key.back() != "__csid") {
-            found[joined(key)] = content;
-        }
+bool Package::hasSameValues(const Package& other) const {
+    return valuesWithoutStateIds() == other.valuesWithoutStateIds();
+}
+
+std::map<std::string, std::string> Package::valuesWithoutStateIds() const {
+    auto found = m_values;
+    for (auto value = found.begin(); value != found.end();) {
+        value = isStateId(value->first) ? found.erase(value) : std::next(value);
     }
     return found;
 }
 
 std::size_t Package::keyCount() const {
-    return values().size();
+    return static_cast<std::size_t>(
+        std::count_if(m_values.begin(), m_values.end(), [](const auto& saved) {
+            return !sliceOf(saved.first).empty() && !isStateId(saved.first);
+        }));
 }
 
-bool Package::hasSameValues(const Package& other) const {
-    return values() == other.values();
+std::string sliceOf(const std::string& key) {
+    const auto end = sliceEnd(key);
+    return end == std::string::npos ? "" : key.substr(keyRoot.size(), end - keyRoot.size());
+}
+
+bool isStateId(const std::string& key) {
+    const auto end = sliceEnd(key);
+    return end != std::string::npos && key.compare(end, std::string::npos, "/__csid") == 0;
 }
 
 }  // namespace Hox::Ctl

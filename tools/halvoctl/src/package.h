@@ -4,6 +4,9 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
+
+#include "package_entry.h"
 
 namespace Hox::Ctl {
 
@@ -14,8 +17,17 @@ public:
     /// Reads the archive. Throws CtlError if it cannot be read.
     explicit Package(const std::string& archive);
 
+    /// Everything in the archive, in its order.
+    const std::vector<PackageEntry>& entries() const { return m_entries; }
+
+    /// The content of the file at this place, null if there is none.
+    const std::string* file(const std::string& path) const;
+
     /// For which machine it was made, as in "QAM part 100001".
     std::string identity() const;
+
+    /// The saved values as text, by key, with state ids and with keys that are in no slice.
+    const std::map<std::string, std::string>& values() const { return m_values; }
 
     /// The slices as nodeType/nodeId/capability.
     std::set<std::string> slices() const;
@@ -27,9 +39,17 @@ public:
     bool hasSameValues(const Package& other) const;
 
 private:
-    std::map<std::string, std::string> values() const;
+    std::map<std::string, std::string> valuesWithoutStateIds() const;
 
-    std::map<std::string, std::string> m_files;
+    std::vector<PackageEntry> m_entries;
+    std::map<std::string, std::size_t> m_files;  // places in m_entries
+    std::map<std::string, std::string> m_values;
 };
+
+/// The slice of a key, as nodeType/nodeId/capability; empty if it is in none.
+std::string sliceOf(const std::string& key);
+
+/// Whether the key has the state id of a slice, which differs after each change.
+bool isStateId(const std::string& key);
 
 }  // namespace Hox::Ctl

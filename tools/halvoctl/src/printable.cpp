@@ -17,11 +17,11 @@ bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & continuationMask) == continuationMark;
 }
 
-/// The bytes of the character at the start, 0 if it is not UTF-8 or must not be printed.
-std::size_t plainSize(std::string_view text) {
+/// The bytes of the character at the start, 0 if it is not UTF-8.
+std::size_t characterSize(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
     if (first < 0x80) {
-        return first >= 0x20 && first != 0x7F ? 1 : 0;
+        return 1;
     }
     const std::size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
     if (first < 0xC2 || first > 0xF4 || text.size() < size ||
@@ -30,10 +30,16 @@ std::size_t plainSize(std::string_view text) {
         return 0;
     }
     const auto second = static_cast<unsigned char>(text[1]);
-    const bool isControl = first == 0xC2 && second < 0xA0;
     const bool isTooLong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
     const bool isOutside = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
-    return isControl || isTooLong || isOutside ? 0 : size;
+    return isTooLong || isOutside ? 0 : size;
+}
+
+/// Whether the character at the start must not be printed.
+bool isControl(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text.front());
+    return first < 0x20 || first == 0x7F ||
+           (first == 0xC2 && text.size() > 1 && static_cast<unsigned char>(text[1]) < 0xA0);
 }
 
 }  // namespace
@@ -41,7 +47,7 @@ std::size_t plainSize(std::string_view text) {
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
-        const auto size = plainSize(text);
+        const auto size = isControl(text) ? 0 : characterSize(text);
         if (size == 0) {
             result += text.front() == '\n' ? "\\n"
                       : text.front() == '\t'
@@ -53,6 +59,17 @@ std::string printable(std::string_view text) {
         text.remove_prefix(std::max<std::size_t>(size, 1));
     }
     return result;
+}
+
+bool isUtf8(std::string_view text) {
+    while (!text.empty()) {
+        const auto size = characterSize(text);
+        if (size == 0) {
+            return false;
+        }
+        text.remove_prefix(size);
+    }
+    return true;
 }
 
 std::size_t characters(std::string_view text) {

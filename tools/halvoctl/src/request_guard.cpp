@@ -7,6 +7,7 @@
 #include "ctl_error.h"
 #include "hox/observer_tree/path_error.h"
 #include "obstree.pb.h"
+#include "path_reason.h"
 #include "printable.h"
 #include "state_monitoring.pb.h"
 
@@ -34,14 +35,6 @@ std::optional<T> as(const Message& request) {
         return std::nullopt;
     }
     return known;
-}
-
-/// The text of the error without its class and the place in the source.
-std::string reasonOf(const ObserverTree::PathError& error) {
-    std::string text = error.what();
-    text.erase(text.rfind('('));
-    const std::string prefix = "PathError: ";
-    return text.compare(0, prefix.size(), prefix) == 0 ? text.substr(prefix.size()) : text;
 }
 
 }  // namespace

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "doctor.pb.h"
+
+namespace Hox::Ctl {
+
+/// The three outcomes of a check. The text is for the operator, on one line.
+///@{
+Check passed(const std::string& name, const std::string& text);
+Check warned(const std::string& name, const std::string& text);
+Check failed(const std::string& name, const std::string& text);
+///@}
+
+}  // namespace Hox::Ctl

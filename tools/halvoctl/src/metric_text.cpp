@@ -1,0 +1,47 @@
+#include "metric_text.h"
+
+#include <fmt/format.h>
+
+#include "printable.h"
+
+namespace Hox::Ctl {
+
+namespace {
+
+/// A label's value is any UTF-8; three characters are escaped.
+std::string escaped(const std::string& text) {
+    std::string result;
+    for (const char character : isUtf8(text) ? text : printable(text)) {
+        if (character == '\n') {
+            result += "\\n";
+            continue;
+        }
+        if (character == '\\' || character == '"') {
+            result += '\\';
+        }
+        result += character;
+    }
+    return result;
+}
+
+}  // namespace
+
+std::string metricText(const MetricList& list) {
+    std::string text;
+    std::string family;
+    for (const auto& metric : list.metrics()) {
+        if (metric.name() != family) {
+            family = metric.name();
+            text += fmt::format("# HELP {} {}\n# TYPE {} gauge\n", family, metric.help(), family);
+        }
+        std::string labels;
+        for (const auto& label : metric.labels()) {
+            labels += fmt::format("{}{}=\"{}\"", labels.empty() ? "" : ",", label.name(),
+                                  escaped(label.value()));
+        }
+        text += fmt::format("{}{{{}}} {}\n", metric.name(), labels, metric.value());
+    }
+    return text;
+}
+
+}  // namespace Hox::Ctl

@@ -1,0 +1,115 @@
+#include "redactor.h"
+
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/stubs/strutil.h>
+#include <google/protobuf/util/json_util.h>
+#include <google/protobuf/wrappers.pb.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "hox/observer_tree/persistence/value_text.h"
+#include "saved_value.h"
+#include "state_monitoring.pb.h"
+
+namespace Hox::Ctl {
+
+namespace {
+
+const std::string mask = "***";
+
+/// The text as it is inside of a JSON text.
+std::string jsonForm(const std::string& text) {
+    google::protobuf::StringValue value;
+    value.set_value(text);
+    std::string json;
+    static_cast<void>(google::protobuf::util::MessageToJsonString(value, &json));
+    return json.size() < 2 ? text : json.substr(1, json.size() - 2);
+}
+
+bool isWordPart(const std::string& text, std::size_t position) {
+    return position < text.size() && std::isalnum(static_cast<unsigned char>(text[position])) != 0;
+}
+
+/// Replaces the secret; a short one only where it is a word of its own, because it may be a part of
+/// any word.
+void replaceAll(std::string& text, const std::string& secret) {
+    constexpr std::size_t shortest = 4;
+    for (auto found = text.find(secret); found != std::string::npos;
+         found = text.find(secret, found)) {
+        const bool isInWord =
+            (found > 0 && isWordPart(text, found - 1)) || isWordPart(text, found + secret.size());
+        if (secret.size() < shortest && isInWord) {
+            found += secret.size();
+            continue;
+        }
+        text.replace(found, secret.size(), mask);
+        found += mask.size();
+    }
+}
+
+/// Where the text that starts at the position behind this quote ends; a quote may be escaped.
+std::size_t endOfQuoted(const std::string& text, std::size_t start, const std::string& quote) {
+    auto end = text.find(quote, start);
+    while (end != std::string::npos && quote.size() == 1 && end > start && text[end - 1] == '\\') {
+        end = text.find(quote, end + 1);
+    }
+    return std::min({end, text.find('\n', start), text.size()});
+}
+
+/// The position behind all of these characters that start at the position.
+std::size_t skip(const std::string& text, std::size_t start, const char* characters) {
+    return std::min(text.find_first_not_of(characters, start), text.size());
+}
+
+/// Replaces what is in quotes behind the word and a colon.
+void replaceBehind(std::string& text, const std::string& word) {
+    for (auto found = text.find(word); found != std::string::npos; found = text.find(word, found)) {
+        found = skip(text, found + word.size(), "\\\"");
+        const auto colon = skip(text, found, " ");
+        if (text.compare(colon, 1, ":") != 0) {
+            continue;
+        }
+        const auto opening = skip(text, colon + 1, " ");
+        const auto mark = skip(text, opening, "\\");
+        if (text.compare(mark, 1, "\"") != 0) {
+            continue;
+        }
+        const auto quote = text.substr(opening, mark + 1 - opening);
+        const auto value = mark + 1;
+        text.replace(value, endOfQuoted(text, value, quote) - value, mask);
+        found = value;
+    }
+}
+
+}  // namespace
+
+void Redactor::add(const std::string& secret) {
+    if (secret.empty()) {
+        return;
+    }
+    const auto json = jsonForm(secret);
+    m_forms.insert({secret, json, jsonForm(json), google::protobuf::CEscape(secret)});
+}
+
+void Redactor::addSaved(const std::string& text) {
+    const google::protobuf::LogSilencer silencer;
+    google::protobuf::Any value;
+    Hox::Capability::StateMonitoring::Api::SnmpConfiguration configuration;
+    // A central store has it as a text with the JSON form.
+    for (const auto& form : {text, plainValue(text)}) {
+        if (ObserverTree::valueFromText(form, value) && value.UnpackTo(&configuration)) {
+            add(configuration.community());
+        }
+    }
+}
+
+std::string Redactor::redacted(std::string text) const {
+    replaceBehind(text, "community");
+    for (auto form = m_forms.rbegin(); form != m_forms.rend(); ++form) {
+        replaceAll(text, *form);
+    }
+    return text;
+}
+
+}  // namespace Hox::Ctl
