@@ -34,7 +34,8 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/unary_caller.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
-    PUBLIC hox_observer_tree gRPC::grpc++)
+    PUBLIC hox_observer_tree gRPC::grpc++
+    SDK Service)
 if(HALVO_NON_POLLING_QUEUES)
     target_compile_definitions(hox_observer_tree_grpc PRIVATE HALVO_NON_POLLING_QUEUES)
 endif()
