@@ -2,6 +2,7 @@ hox_add_library(hox_observer_tree_grpc
     HEADERS
         include/hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h
         include/hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h
+        include/hox/observer_tree/builders/check_bindings.h
         include/hox/observer_tree/builders/obs_tree_build_error.h
         include/hox/observer_tree/builders/proto_obs_tree_builder.h
         include/hox/observer_tree/builders/service_traits.h
@@ -19,6 +20,7 @@ hox_add_library(hox_observer_tree_grpc
     SOURCES
         src/builders/async_grpc_proxy_obs_tree_builder.cpp
         src/builders/async_grpc_server_obs_tree_builder.cpp
+        src/builders/check_bindings.cpp
         src/builders/proto_obs_tree_builder.cpp
         src/builders/service_traits.cpp
         src/grpc/async_grpc_client_handler.cpp
@@ -63,6 +65,7 @@ if(HALVO_BUILD_TESTS)
         SOURCES
             tests/builders/async_grpc_proxy_obs_tree_builder_test.cpp
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
+            tests/builders/check_bindings_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
             tests/builders/service_traits_test.cpp
             tests/grpc/captured_logging.cpp
