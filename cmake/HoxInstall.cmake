@@ -80,11 +80,28 @@ function(_hox_install_protoset)
     install(FILES ${protoset} DESTINATION ${HOX_SDK_DATA_DIR} COMPONENT sdk)
 endfunction()
 
+# The flags to compile and link with the SDK, for builds without CMake. The archives refer to each
+# other, so they form a group.
+function(_hox_install_pkg_config)
+    set(HOX_SDK_LIBS)
+    foreach(part Tree GoogleApi Service)
+        get_property(targets GLOBAL PROPERTY HOX_SDK_${part})
+        foreach(target IN LISTS targets)
+            string(APPEND HOX_SDK_LIBS " -l${target}")
+        endforeach()
+    endforeach()
+    set(folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+    file(RELATIVE_PATH HOX_SDK_PREFIX /${folder} /)
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/sdk/halvo.pc.in ${PROJECT_BINARY_DIR}/sdk/halvo.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/sdk/halvo.pc DESTINATION ${folder} COMPONENT sdk)
+endfunction()
+
 # hox_install_packages()
 #
-# Installs the CMake package and the descriptions of the protos. Called once, after all targets exist.
+# Installs the CMake package, halvo.pc and the descriptions of the protos. Called once, after all targets exist.
 function(hox_install_packages)
     _hox_install_protoset()
+    _hox_install_pkg_config()
     add_custom_target(halvo_sdk DEPENDS halvo_protoset) # all that the component "sdk" needs
     foreach(part IN LISTS HOX_SDK_PARTS)
         get_property(targets GLOBAL PROPERTY HOX_SDK_${part})
@@ -105,8 +122,9 @@ function(hox_install_packages)
     install(FILES
             ${PROJECT_BINARY_DIR}/sdk/halvoConfig.cmake
             ${PROJECT_BINARY_DIR}/sdk/halvoConfigVersion.cmake
-            ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoProtoSources.cmake
+            ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoCheckObstree.cmake
             ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoGenerateObstree.cmake
+            ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoProtoSources.cmake
         DESTINATION ${HOX_SDK_CMAKE_DIR} COMPONENT sdk)
     install(FILES docs/operations.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo COMPONENT doc)
 endfunction()
