@@ -15,6 +15,7 @@ hox_add_library(hox_observer_tree_grpc
         include/hox/observer_tree/grpc/irequest_wrapper_service.h
         include/hox/observer_tree/grpc/owned_rpc_method.h
         include/hox/observer_tree/grpc/standby_poller.h
+        include/hox/observer_tree/grpc/steady_observer.h
         include/hox/observer_tree/grpc/unary_caller.h
         include/hox/observer_tree/proxy_observer_tree.h
     SOURCES
@@ -33,6 +34,7 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/non_polling_queue.cpp
         src/grpc/owned_rpc_method.cpp
         src/grpc/standby_poller.cpp
+        src/grpc/steady_observer.cpp
         src/grpc/unary_caller.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
@@ -87,6 +89,7 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/proxy_observer_tree_threads_test.cpp
             tests/grpc/standby_poller_test.cpp
+            tests/grpc/steady_observer_test.cpp
             tests/grpc/unary_caller_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp
