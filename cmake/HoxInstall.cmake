@@ -1,6 +1,6 @@
 # What `cmake --install` puts below the prefix, by components: "system" (the service), "tools" (the
 # programs of an operator), "sdk" (libraries, headers, protos and the CMake package for the authors of
-# other services) and "doc".
+# other services), "python" (the module halvo) and "doc".
 #
 # The SDK has parts, each with a CMake file of its targets. "Tree" needs no gRPC; "GoogleApi" can be
 # replaced by the author's own library; "Service" is the rest of what runs in a service; "Testing" is
@@ -12,6 +12,7 @@ set(HOX_SDK_PARTS Tree GoogleApi Service Testing)
 set(HOX_SDK_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/halvo) # the only include root of the SDK
 set(HOX_SDK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/halvo)
 set(HOX_SDK_DATA_DIR ${CMAKE_INSTALL_DATADIR}/halvo)
+set(HOX_SDK_PYTHON_DIR lib/python3/dist-packages) # as on Debian
 set(HOX_SDK_PROTO_DIR ${HOX_SDK_DATA_DIR}/proto)
 
 # hox_install_library(<target> <part>)
@@ -78,6 +79,8 @@ function(_hox_install_protoset)
         VERBATIM)
     add_custom_target(halvo_protoset ALL DEPENDS ${protoset})
     install(FILES ${protoset} DESTINATION ${HOX_SDK_DATA_DIR} COMPONENT sdk)
+    install(FILES ${PROJECT_SOURCE_DIR}/python/halvo/__init__.py ${protoset}
+        DESTINATION ${HOX_SDK_PYTHON_DIR}/halvo COMPONENT python)
 endfunction()
 
 # The flags to compile and link with the SDK, for builds without CMake. The archives refer to each
@@ -126,5 +129,10 @@ function(hox_install_packages)
             ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoGenerateObstree.cmake
             ${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoProtoSources.cmake
         DESTINATION ${HOX_SDK_CMAKE_DIR} COMPONENT sdk)
-    install(FILES docs/operations.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo COMPONENT doc)
+    install(FILES docs/authors.md docs/operations.md
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo COMPONENT doc)
+    install(DIRECTORY examples/lamp
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo/examples COMPONENT doc)
+    install(FILES examples/observer.py
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/halvo/examples COMPONENT doc)
 endfunction()

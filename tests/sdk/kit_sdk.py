@@ -27,7 +27,7 @@ def fresh(name):
     return folder
 
 
-def install(name, components=("system", "tools", "sdk", "doc")):
+def install(name, components=("system", "tools", "sdk", "python", "doc")):
     """A fresh prefix with these components."""
     prefix = fresh(name)
     for component in components:

@@ -14,7 +14,7 @@ def files_below(folder):
 
 def test_the_components_do_not_overlap(prefix):
     seen = {}
-    for component in ("system", "tools", "sdk", "doc"):
+    for component in ("system", "tools", "sdk", "python", "doc"):
         folder = install(f"component-{component}", [component])
         for path in files_below(folder):
             assert seen.setdefault(path.relative_to(folder), component) == component
