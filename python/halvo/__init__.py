@@ -296,11 +296,11 @@ class Slice:
     def _values(self, element):
         """Pairs of key and value; keeps the state id."""
         for key, packed in _changes(element):
-            text = None if packed is None else _unpack(packed).value
+            value = packed and json.loads(_unpack(packed).value)
             if key != _STATE_ID_KEY:
-                yield key, None if text is None else json.loads(text)
-            elif text:
-                self._state_id = text
+                yield key, value
+            elif value:
+                self._state_id = value["value"]
 
 
 _add([descriptor_pb2.FileDescriptorProto.FromString(wrappers_pb2.DESCRIPTOR.serialized_pb)])

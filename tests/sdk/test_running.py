@@ -152,6 +152,9 @@ try:
 except grpc.RpcError as error:
     print(error.code().name)
 print(other.load())
+other.set("/d", report)
+mine.load()
+mine.remove("/d")
 for name in ("getNothing", "set"):
     try:
         client.method(name)
