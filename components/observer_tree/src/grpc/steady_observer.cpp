@@ -32,12 +32,12 @@ bool areEqual(const DataTreeValPtr& one, const DataTreeValPtr& other) {
 
 SteadyObserver::SteadyObserver(std::shared_ptr<GrpcProxyObserverTree> tree,
                                std::shared_ptr<std::mutex> mutex, std::string address,
-                               const std::string& keyPattern, Callback callback)
+                               std::string keyPattern, Callback callback)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(std::move(tree)),
       m_mutex(std::move(mutex)),
       m_address(std::move(address)),
-      m_keyPattern(keyPattern),
+      m_keyPattern(std::move(keyPattern)),
       m_callback(std::move(callback)),
       m_thread([this] { run(); }) {}
 
@@ -88,7 +88,7 @@ bool SteadyObserver::observeUntilLoss() {
     }
     waitFor([this] { return m_isLost; });
     const std::lock_guard<std::mutex> lock(m_stateMutex);
-    return m_isProbed;
+    return m_isProbed || m_hasContent;
 }
 
 SteadyObserver::Handle SteadyObserver::observe(const std::string& keyPattern,
@@ -133,10 +133,10 @@ void SteadyObserver::onElement(const ChangeSetType& changes, const Status& statu
             content.emplace(key, pairs.back().current);
         }
     }
-    replaceContent(std::move(content));
+    replaceContent(content);
 }
 
-void SteadyObserver::replaceContent(Content content) {
+void SteadyObserver::replaceContent(const Content& content) {
     for (auto known = m_content.begin(); known != m_content.end();) {
         const auto& key = (known++)->first;  // the element is removed by the change
         if (content.count(key) == 0) {

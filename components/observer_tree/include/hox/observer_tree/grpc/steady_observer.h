@@ -41,7 +41,7 @@ public:
     /// proxy was created, `address` that of the observe method. A malformed pattern is logged, and
     /// nothing is ever reported.
     SteadyObserver(std::shared_ptr<GrpcProxyObserverTree> tree, std::shared_ptr<std::mutex> mutex,
-                   std::string address, const std::string& keyPattern, Callback callback);
+                   std::string address, std::string keyPattern, Callback callback);
 
     /// Ends the observation and waits for a callback that is running. The caller does not hold the
     /// capability's mutex.
@@ -59,7 +59,7 @@ private:
     bool observeUntilLoss();
     Handle observe(const std::string& keyPattern, ObserverCallback callback);
     void onElement(const ChangeSetType& changes, const Status& status);  // REQUIRES(*m_mutex)
-    void replaceContent(Content content);                                // REQUIRES(*m_mutex)
+    void replaceContent(const Content& content);                         // REQUIRES(*m_mutex)
     void change(const std::string& key, const DataTreeValPtr& current);  // REQUIRES(*m_mutex)
     void setState(bool& flag);
     template <typename Condition>
