@@ -1,13 +1,21 @@
-# hox_add_proto_library(<target> ROOT <folder> PROTOS <file>... [GRPC] [DEPENDS <proto target>...])
+include(${PROJECT_SOURCE_DIR}/cmake/sdk/HalvoProtoSources.cmake)
+
+# hox_add_proto_library(<target> ROOT <folder> PROTOS <file>... [GRPC] [DEPENDS <proto target>...]
+#                       [SDK <part> [ARCHIVE_ONLY]])
 #
 # Generates and compiles the C++ code of the named proto files below ROOT, whose folder is also
 # their import root. GRPC adds the service code. DEPENDS names other targets created by this
-# function.
+# function. SDK installs the library, and unless ARCHIVE_ONLY its protos and generated headers.
 function(hox_add_proto_library target)
-    cmake_parse_arguments(ARG "GRPC" "ROOT" "PROTOS;DEPENDS" ${ARGN})
+    cmake_parse_arguments(ARG "GRPC;ARCHIVE_ONLY" "ROOT;SDK" "PROTOS;DEPENDS" ${ARGN})
     cmake_path(ABSOLUTE_PATH ARG_ROOT NORMALIZE)
+    cmake_path(APPEND_STRING ARG_ROOT "/")
+    cmake_path(GET ARG_ROOT PARENT_PATH ARG_ROOT) # without a slash at its end
     set(out ${CMAKE_CURRENT_BINARY_DIR}/gen)
-    file(MAKE_DIRECTORY ${out})
+    set(grpc)
+    if(ARG_GRPC)
+        set(grpc GRPC)
+    endif()
 
     set(roots ${ARG_ROOT})
     foreach(dependency IN LISTS ARG_DEPENDS)
@@ -15,35 +23,22 @@ function(hox_add_proto_library target)
         list(APPEND roots ${dependency_roots})
     endforeach()
     list(REMOVE_DUPLICATES roots)
-    list(TRANSFORM roots PREPEND "-I" OUTPUT_VARIABLE includes)
 
-    set(generated)
-    foreach(proto IN LISTS ARG_PROTOS)
-        cmake_path(REMOVE_EXTENSION proto LAST_ONLY OUTPUT_VARIABLE stem)
-        set(outputs ${out}/${stem}.pb.cc ${out}/${stem}.pb.h)
-        set(options --cpp_out=${out})
-        if(ARG_GRPC)
-            # In protoc's order: Ninja requires the first name in its dependency file to be the
-            # first here.
-            list(PREPEND outputs ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
-            list(APPEND options --grpc_out=${out} --plugin=protoc-gen-grpc=$<TARGET_FILE:gRPC::grpc_cpp_plugin>)
-        endif()
-        add_custom_command(
-            OUTPUT ${outputs}
-            COMMAND protobuf::protoc ${includes} ${options} --dependency_out=${out}/${stem}.d ${proto}
-            DEPENDS ${ARG_ROOT}/${proto} protobuf::protoc
-            DEPFILE ${out}/${stem}.d  # lists the imports
-            COMMENT "Generating ${proto}"
-            VERBATIM)
-        list(APPEND generated ${outputs})
-    endforeach()
-
+    halvo_proto_sources(generated OUT ${out} ROOT ${ARG_ROOT} PROTOS ${ARG_PROTOS}
+        IMPORTS ${roots} ${grpc})
     add_library(${target} STATIC ${generated})
     # Generated files use the same names for what is private to each of them.
     set_target_properties(${target} PROPERTIES HOX_PROTO_ROOTS "${roots}" UNITY_BUILD OFF)
-    target_include_directories(${target} SYSTEM PUBLIC ${out})
+    target_include_directories(${target} SYSTEM PUBLIC
+        $<BUILD_INTERFACE:${out}> $<INSTALL_INTERFACE:${HOX_SDK_INCLUDE_DIR}>)
     target_link_libraries(${target} PUBLIC protobuf::libprotobuf ${ARG_DEPENDS})
     if(ARG_GRPC)
         target_link_libraries(${target} PUBLIC gRPC::grpc++)
+    endif()
+    if(ARG_SDK)
+        hox_install_library(${target} ${ARG_SDK})
+        if(NOT ARG_ARCHIVE_ONLY)
+            hox_install_protos(${ARG_ROOT} ${out} GRPC ${ARG_GRPC} PROTOS ${ARG_PROTOS})
+        endif()
     endif()
 endfunction()

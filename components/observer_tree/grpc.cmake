@@ -2,6 +2,7 @@ hox_add_library(hox_observer_tree_grpc
     HEADERS
         include/hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h
         include/hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h
+        include/hox/observer_tree/builders/check_bindings.h
         include/hox/observer_tree/builders/obs_tree_build_error.h
         include/hox/observer_tree/builders/proto_obs_tree_builder.h
         include/hox/observer_tree/builders/service_traits.h
@@ -14,11 +15,13 @@ hox_add_library(hox_observer_tree_grpc
         include/hox/observer_tree/grpc/irequest_wrapper_service.h
         include/hox/observer_tree/grpc/owned_rpc_method.h
         include/hox/observer_tree/grpc/standby_poller.h
+        include/hox/observer_tree/grpc/steady_observer.h
         include/hox/observer_tree/grpc/unary_caller.h
         include/hox/observer_tree/proxy_observer_tree.h
     SOURCES
         src/builders/async_grpc_proxy_obs_tree_builder.cpp
         src/builders/async_grpc_server_obs_tree_builder.cpp
+        src/builders/check_bindings.cpp
         src/builders/proto_obs_tree_builder.cpp
         src/builders/service_traits.cpp
         src/grpc/async_grpc_client_handler.cpp
@@ -31,10 +34,12 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/non_polling_queue.cpp
         src/grpc/owned_rpc_method.cpp
         src/grpc/standby_poller.cpp
+        src/grpc/steady_observer.cpp
         src/grpc/unary_caller.cpp
         src/grpc/unmatchable_pattern.cpp
         src/grpc/wire_message_memo.cpp
-    PUBLIC hox_observer_tree gRPC::grpc++)
+    PUBLIC hox_observer_tree gRPC::grpc++
+    SDK Service)
 if(HALVO_NON_POLLING_QUEUES)
     target_compile_definitions(hox_observer_tree_grpc PRIVATE HALVO_NON_POLLING_QUEUES)
 endif()
@@ -62,6 +67,7 @@ if(HALVO_BUILD_TESTS)
         SOURCES
             tests/builders/async_grpc_proxy_obs_tree_builder_test.cpp
             tests/builders/async_grpc_server_obs_tree_builder_test.cpp
+            tests/builders/check_bindings_test.cpp
             tests/builders/proto_obs_tree_builder_test.cpp
             tests/builders/service_traits_test.cpp
             tests/grpc/captured_logging.cpp
@@ -83,6 +89,7 @@ if(HALVO_BUILD_TESTS)
             tests/grpc/proxy_observer_tree_test.cpp
             tests/grpc/proxy_observer_tree_threads_test.cpp
             tests/grpc/standby_poller_test.cpp
+            tests/grpc/steady_observer_test.cpp
             tests/grpc/unary_caller_test.cpp
             tests/grpc/unmatchable_pattern_test.cpp
             tests/grpc/wire_message_memo_test.cpp

@@ -12,7 +12,8 @@ hox_add_library(hox_observer_tree_persistence
         src/persistence/unstored_keys.cpp
         src/persistence/value_text.cpp
     PUBLIC hox_observer_tree
-    PRIVATE hox_linux_cpp_utils)
+    PRIVATE hox_linux_cpp_utils
+    SDK Service)
 
 if(HALVO_BUILD_TESTS)
     hox_add_test(hox_observer_tree_persistence_test

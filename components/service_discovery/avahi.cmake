@@ -15,7 +15,8 @@ hox_add_library(hox_service_discovery_avahi
         src/avahi_resolver_callbacks.cpp
         src/avahi_service_discovery_client.cpp
     PUBLIC hox_service_discovery
-    PRIVATE PkgConfig::AVAHI PkgConfig::SYSTEMD)
+    PRIVATE PkgConfig::AVAHI PkgConfig::SYSTEMD
+    SDK Service)
 
 # Without a daemon.
 hox_add_test(hox_service_discovery_avahi_test

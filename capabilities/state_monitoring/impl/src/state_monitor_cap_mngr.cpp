@@ -5,20 +5,14 @@
 #include <vector>
 
 #include "connect_urls.h"
-#include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/service_common/capability/lum_capabilities.h"
 #include "hox/service_common/service_initializer/create_persistence_handler.h"
 #include "hox/service_common/service_initializer/lum_service_ctx.h"
-#include "hox/service_common/service_initializer/service_kind.h"
-#include "hox/service_common/service_initializer/service_visibility.h"
-#include "state_monitoring.grpc.pb.h"
 #include "state_monitoring_internals.pb.h"
 
 namespace Hox::Capability::StateMonitoring {
 
-using Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder;
-using Hox::ObserverTree::GrpcServerObserverTree;
 using Hox::ObserverTree::UnaryOps;
 
 namespace {
@@ -49,13 +43,6 @@ std::vector<std::string> connectUrls(const Hox::Service::LumServiceCtx& ctx) {
     return urls;
 }
 
-/// A node monitor is published as every other one.
-int publishedType(const Hox::Service::LumServiceCtx& ctx) {
-    using Hox::Service::CapabilityType;
-    return static_cast<int>(isSystemMonitor(ctx) ? CapabilityType::StateMonitoringSystem
-                                                 : CapabilityType::StateMonitoringUservice);
-}
-
 void setConnectUrls(const std::vector<std::string>& urls, Hox::ObserverTree::ObserverTree& tree) {
     UpdateStateMonitorConfReq req;
     for (const auto& url : urls) {
@@ -74,6 +61,7 @@ StateMonitorCapMngr::~StateMonitorCapMngr() {
     if (m_stateMonObsHelper) {
         m_stateMonObsHelper->end();
     }
+    endServing();
 }
 
 int StateMonitorCapMngr::id() const {
@@ -94,37 +82,37 @@ void StateMonitorCapMngr::addOptions(cxxopts::Options& options) {
         cxxopts::value<std::string>()->default_value(""));
 }
 
+int StateMonitorCapMngr::publishedType(const Hox::Service::LumServiceCtx& ctx) const {
+    using Hox::Service::CapabilityType;
+    // A node monitor is published as every other one.
+    return static_cast<int>(isSystemMonitor(ctx) ? CapabilityType::StateMonitoringSystem
+                                                 : CapabilityType::StateMonitoringUservice);
+}
+
 void StateMonitorCapMngr::initCapability(Hox::Service::LumServiceCtx& ctx) {
-    const auto urls = connectUrls(ctx);
-    m_publication = ctx.getServiceHelper().publishCapability(
-        publishedType(ctx), static_cast<int>(Hox::Service::ServiceKind::Grpc),
-        static_cast<int>(Hox::Service::ServiceVisibility::Private),
-        Api::StateMonitoringService::service_full_name(), {}, "lo");
-    m_obsTreeBuilder = std::make_unique<AsyncGRPCServerObsTreeBuilder>(
-        &ctx.getServerBuilder(), m_mutex, AsyncGRPCServerObsTreeBuilder::Polling::Polls,
-        ctx.getStandbyPoller());
-    m_observerTree =
-        std::make_unique<GrpcServerObserverTree>(m_obsTreeBuilder->asyncGrpcServerHandler());
-    m_obsTreeBuilder->buildServerObsTree<Api::StateMonitoringService>(*m_observerTree);
+    m_connectUrls = connectUrls(ctx);
+    TreeCapMngr::initCapability(ctx);
+}
+
+void StateMonitorCapMngr::registerHandlers(Hox::ObserverTree::ObserverTree& tree,
+                                           Hox::Service::LumServiceCtx& ctx) {
     m_stateMonObsHelper = std::make_unique<StateMonObsHelper>(ctx.getProxyObsTreeHelper(), m_mutex,
                                                               ctx.getIdentity().id,
                                                               isSystemMonitor(ctx), archiveSize);
-    m_stateMonObsHelper->registerObsTreeHandlers(*m_observerTree);
-    if (!urls.empty()) {
-        setConnectUrls(urls, *m_observerTree);
+    m_stateMonObsHelper->registerObsTreeHandlers(tree);
+    if (!m_connectUrls.empty()) {
+        setConnectUrls(m_connectUrls, tree);
     }
 }
 
 void StateMonitorCapMngr::serverStarted(Hox::Service::LumServiceCtx& ctx) {
-    if (m_obsTreeBuilder) {
-        m_stateMonObsHelper->addObservers(*m_observerTree);
-        m_asyncGrpcServerHandler = m_obsTreeBuilder->asyncGrpcServerHandler();
+    if (m_stateMonObsHelper) {
+        m_stateMonObsHelper->addObservers(tree());
     }
-    HOX_ASSERT(m_asyncGrpcServerHandler.get());
-    m_asyncGrpcServerHandler->startCompletionQueueThread();
+    startServing();
     if (isSystemMonitor(ctx)) {
         m_persistenceHndlr = Hox::Service::createPersistenceHandler(
-            ctx, m_mutex, *m_observerTree, Hox::Service::capabilityName(id()), "/snmp");
+            ctx, m_mutex, tree(), Hox::Service::capabilityName(id()), "/snmp");
     }
 }
 
@@ -135,7 +123,7 @@ void StateMonitorCapMngr::proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) {
     }
     m_stateMonObsHelper->releaseConnectionThreads();
     if (ctx.optionCount(nodeMon) > 0) {
-        m_stateMonObsHelper->startNodeMonitoring(*m_observerTree);
+        m_stateMonObsHelper->startNodeMonitoring(tree());
     }
 }
 

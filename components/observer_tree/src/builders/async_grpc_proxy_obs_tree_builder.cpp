@@ -76,9 +76,9 @@ void AsyncGrpcProxyObsTreeBuilder::bindMethod(
         case ObsTreeOptions::READ:
         case ObsTreeOptions::UPDATE:
         case ObsTreeOptions::REMOVE:
-            tree.setUnaryMethod(options.key(), static_cast<UnaryOps>(options.type() - 1),
-                                std::make_unique<OwnedRpcMethod>(
-                                    method, grpc::internal::RpcMethod::NORMAL_RPC, channel));
+            tree.setUnaryMethod(
+                options.key(), static_cast<UnaryOps>(options.type() - 1),
+                std::make_unique<OwnedRpcMethod>(method, OwnedRpcMethod::Answer::Once, channel));
             return;
         case ObsTreeOptions::OBSERVE:
             addObserve(method, options, tree, channel, inProcess, handler);

@@ -230,8 +230,8 @@ const grpc::internal::RpcMethod& AsyncGrpcClientHandler::rpcMethodFor(
     const google::protobuf::MethodDescriptor& method) {
     auto& registered = m_rpcMethods[{channel, OwnedRpcMethod::pathOf(method)}];
     if (!registered) {
-        registered = std::make_unique<OwnedRpcMethod>(
-            method, grpc::internal::RpcMethod::SERVER_STREAMING, channel);
+        registered =
+            std::make_unique<OwnedRpcMethod>(method, OwnedRpcMethod::Answer::AsStream, channel);
     }
     return registered->method();
 }

@@ -5,6 +5,7 @@
 #include <grpcpp/server_builder.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,13 +22,17 @@ namespace Hox::ObserverTree::Test {
 template <typename ServiceType>
 class ServedTree {
 public:
-    /// Serves on a free port, or on the port of an earlier server.
-    explicit ServedTree(const std::string& listeningAddress = "127.0.0.1:0") {
+    /// Serves on a free port, or on the port of an earlier server; `fill` is called before.
+    explicit ServedTree(const std::string& listeningAddress = "127.0.0.1:0",
+                        const std::function<void(ServedTree&)>& fill = nullptr) {
         grpc::ServerBuilder serverBuilder;
         AsyncGRPCServerObsTreeBuilder builder(&serverBuilder, mutex);
         tree = std::make_unique<GrpcServerObserverTree>(builder.asyncGrpcServerHandler());
         registerItemHandlers(*tree, handlers);
         builder.buildServerObsTree<ServiceType>(*tree);
+        if (fill) {
+            fill(*this);
+        }
         int port = 0;
         serverBuilder.AddListeningPort(listeningAddress, grpc::InsecureServerCredentials(), &port);
         server = serverBuilder.BuildAndStart();

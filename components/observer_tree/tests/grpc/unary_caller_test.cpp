@@ -54,7 +54,7 @@ protected:
                                          ->file()
                                          ->FindServiceByName("TestService")
                                          ->FindMethodByName("readItem"),
-                                    grpc::internal::RpcMethod::NORMAL_RPC, m_channel);
+                                    OwnedRpcMethod::Answer::Once, m_channel);
         Item item;
         item.set_name(name);
         return m_caller->call(method, item, answer);

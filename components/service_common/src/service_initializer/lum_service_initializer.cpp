@@ -24,6 +24,7 @@
 #include "hox/service_common/capability/lum_capabilities.h"
 #include "hox/service_discovery/avahi/avahi_service_discovery_client.h"
 #include "hox/service_discovery/error/service_discovery_error.h"
+#include "hox/version.h"
 #include "server/server_front.h"
 #include "service_initializer/descriptor_limit.h"
 #include "service_initializer/service_options.h"

@@ -1,25 +1,24 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
-#include "hox/cpputil/resource/resource_handle.h"
-#include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
-#include "hox/observer_tree/grpc/async_grpc_server_handler.h"
-#include "hox/observer_tree/grpc/grpc_server_observer_tree.h"
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
-#include "hox/service_common/capability/icap_mngr.h"
+#include "hox/service_common/capability/tree_cap_mngr.h"
 #include "hox/state_monitoring/state_mon_obs_helper.h"
+#include "state_monitoring.grpc.pb.h"
 
 namespace Hox::Capability::StateMonitoring {
 
 /// The capability manager of state monitoring: wires tree, handlers and gRPC. All logic is in
 /// StateMonObsHelper.
-class StateMonitorCapMngr : public Hox::Service::ICapMngr {
+class StateMonitorCapMngr : public Hox::Service::TreeCapMngr<Api::StateMonitoringService> {
 public:
     StateMonitorCapMngr() = default;
 
     /// Ends the connections to the central store and to other monitors and the watch on the
-    /// machine.
+    /// machine, then serving.
     ~StateMonitorCapMngr() override;
     StateMonitorCapMngr(const StateMonitorCapMngr&) = delete;
     StateMonitorCapMngr(StateMonitorCapMngr&&) = delete;
@@ -31,9 +30,8 @@ public:
     /// Adds the group "StateMonitoring".
     void addOptions(cxxopts::Options& options) override;
 
-    /// Publishes the capability, builds the tree and binds the service to it. On a system monitor,
-    /// sets the addresses of the external state monitors; throws InitializationError if one of them
-    /// is that of this service.
+    /// On a system monitor, throws InitializationError if one of the external state monitors is
+    /// this service, before anything is published.
     void initCapability(Hox::Service::LumServiceCtx& ctx) override;
 
     /// Starts serving. Asserts that initCapability() has run. Throws InitializationError if the
@@ -44,15 +42,18 @@ public:
     /// the external state monitors and starts to watch the machine, depending on the role.
     void proxyObsTreesReady(Hox::Service::LumServiceCtx& ctx) override;
 
+protected:
+    /// On a system monitor, also sets the addresses of the external state monitors.
+    void registerHandlers(Hox::ObserverTree::ObserverTree& tree,
+                          Hox::Service::LumServiceCtx& ctx) override;
+
+    int publishedType(const Hox::Service::LumServiceCtx& ctx) const override;
+
 private:
-    // Destroyed last: the handler's thread runs its operations.
+    std::vector<std::string> m_connectUrls;  // of the external monitors
     std::unique_ptr<StateMonObsHelper> m_stateMonObsHelper;
     // The tree's handlers refer to it. Only on a system monitor.
     std::unique_ptr<Hox::ObserverTree::PersistenceHndlr> m_persistenceHndlr;
-    std::unique_ptr<Hox::ObserverTree::GrpcServerObserverTree> m_observerTree;
-    std::shared_ptr<Hox::ObserverTree::AsyncGrpcServerHandler> m_asyncGrpcServerHandler;
-    std::unique_ptr<Hox::ObserverTree::AsyncGRPCServerObsTreeBuilder> m_obsTreeBuilder;
-    Hox::CppUtil::ResourceHandle<unsigned int> m_publication;
 };
 
 }  // namespace Hox::Capability::StateMonitoring

@@ -1,0 +1,159 @@
+#include "hox/observer_tree/grpc/steady_observer.h"
+
+#include <gmock/gmock.h>
+
+#include "grpc/served_tree.h"
+#include "grpc/told.h"
+#include "hox/testing/log_capture.h"
+#include "hox/testing/wait_until.h"
+#include "test_service.grpc.pb.h"
+
+namespace Hox::ObserverTree::Test {
+namespace {
+
+using Hox::Testing::waitUntil;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+/// A service with items, which can end and come back at the same address, and an observer of it.
+class SteadyObserverTest : public ::testing::Test {
+protected:
+    using Served = ServedTree<TestService>;
+
+    SteadyObserverTest() : m_served(std::make_unique<Served>()), m_address(m_served->address) {}
+
+    ~SteadyObserverTest() override {
+        m_observer.reset();
+        m_tree.reset();
+        m_served.reset();
+    }
+
+    void observe(const std::string& pattern = "/items/**") {
+        observe(pattern, m_served->newChannel());
+    }
+
+    void observe(const std::string& pattern, const std::shared_ptr<grpc::Channel>& channel) {
+        m_tree = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(channel, m_mutex,
+                                                                                nullptr);
+        m_observer = std::make_unique<SteadyObserver>(
+            m_tree, m_mutex, "/items", pattern,
+            [this](const std::string& key, const DataTreeValPtr& old,
+                   const DataTreeValPtr& current) {
+                m_told.add(key + " " + text(old) + " " + text(current));
+            });
+    }
+
+    void endService() { m_served.reset(); }
+    void startService() { m_served = std::make_unique<Served>(m_address); }
+
+    static std::string text(const DataTreeValPtr& value) {
+        return value ? std::to_string(value->get<Item>().count()) : "none";
+    }
+
+    const std::shared_ptr<std::mutex> m_mutex = std::make_shared<std::mutex>();
+    Told m_told;
+    std::unique_ptr<Served> m_served;
+    const std::string m_address;
+    std::shared_ptr<GrpcProxyObserverTree> m_tree;
+    std::unique_ptr<SteadyObserver> m_observer;
+};
+
+TEST_F(SteadyObserverTest, ReportsTheContentAndEachChange) {
+    m_served->create("a", 1);
+    observe();
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_served->create("a", 2);
+    m_served->create("b", 3);
+    ASSERT_TRUE(m_told.waitFor(3));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/a 1 2", "/items/b none 3"));
+}
+
+TEST_F(SteadyObserverTest, DoesNotReportAWriteOfAnEqualValue) {
+    m_served->create("a", 1);
+    observe();
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_served->create("a", 1);
+    m_served->create("b", 2);
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/b none 2"));
+}
+
+TEST_F(SteadyObserverTest, ReportsOnlyWhatALossHasChanged) {
+    m_served->create("same", 1);
+    m_served->create("other", 2);
+    m_served->create("gone", 3);
+    observe();
+    ASSERT_TRUE(m_told.waitFor(3));
+    endService();
+    m_served = std::make_unique<Served>(m_address, [](Served& service) {
+        service.create("same", 1);
+        service.create("other", 20);
+        service.create("new", 4);
+    });
+    ASSERT_TRUE(m_told.waitFor(6));
+    auto lines = m_told.lines();
+    lines.erase(lines.begin(), lines.begin() + 3);
+    EXPECT_THAT(lines, UnorderedElementsAre("/items/gone 3 none", "/items/other 2 20",
+                                            "/items/new none 4"));
+}
+
+TEST_F(SteadyObserverTest, ReportsTheRemovalOfEverythingByALoss) {
+    m_served->create("a", 1);
+    m_served->create("b", 2);
+    observe();
+    ASSERT_TRUE(m_told.waitFor(2));
+    for (int round = 0; round < 2; ++round) {
+        endService();
+        startService();
+    }
+    ASSERT_TRUE(m_told.waitFor(4));
+    m_served->create("c", 3);
+    ASSERT_TRUE(m_told.waitFor(5));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/b none 2", "/items/a 1 none",
+                                            "/items/b 2 none", "/items/c none 3"));
+}
+
+TEST_F(SteadyObserverTest, WaitsForAServiceThatIsNotThere) {
+    const auto channel = m_served->newChannel();
+    endService();
+    observe("/items/**", channel);
+    ASSERT_TRUE(
+        waitUntil([&] { return channel->GetState(false) == GRPC_CHANNEL_TRANSIENT_FAILURE; }));
+    startService();
+    m_served->create("a", 1);
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1"));
+}
+
+TEST_F(SteadyObserverTest, EndsWhileTheServiceIsNotThere) {
+    const auto channel = m_served->newChannel();
+    endService();
+    observe("/items/**", channel);
+}
+
+TEST_F(SteadyObserverTest, EndsInTheMiddleOfAnything) {
+    for (int round = 0; round < 20; ++round) {
+        observe();
+        m_served->create("a", round);
+        if (round % 2 == 0) {
+            ASSERT_TRUE(m_told.waitFor(static_cast<std::size_t>(round / 2 + 1)));
+        }
+        m_observer.reset();
+        m_tree.reset();
+    }
+}
+
+TEST_F(SteadyObserverTest, LogsAMalformedPatternAndStaysSilent) {
+    const Hox::Testing::LogCapture log("steady_observer.h::Hox::ObserverTree::SteadyObserver");
+    observe("/items//a");
+    ASSERT_TRUE(waitUntil([&] { return !log.textsAt(spdlog::level::err).empty(); }));
+    EXPECT_THAT(log.textsAt(spdlog::level::err),
+                Contains(HasSubstr("/items//a can not be observed: PathError: ")));
+    m_served->create("a", 1);
+    EXPECT_THAT(m_told.lines(), ::testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace Hox::ObserverTree::Test
