@@ -170,7 +170,7 @@ TEST_F(MachineChecksTest, TheMibIsNeededForTraps) {
 TEST_F(MachineChecksTest, TheDoctorSendsNothingBeforeTheStart) {
     Tool tool;
     tool.environment["XDG_STATE_HOME"] = m_root.path();
-    fs::create_directories(m_root / "halvo/confirm/7f3a");
+    write("halvo/confirm/7f3a/record.json", "{}");
     const auto run = tool.run(
         {"doctor", "--before-start", "-e", "localhost:1", "--configdir", m_root / "config"});
     EXPECT_EQ(run.code, ExitCode::Done) << run.out;
