@@ -21,6 +21,8 @@ pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 if(HALVO_BUILD_TESTS)
     find_package(GTest REQUIRED)
     enable_testing()
+else()
+    find_package(GTest) # for the test kit, which the SDK has if there is GoogleTest
 endif()
 if(HALVO_BUILD_BENCHMARKS)
     find_package(benchmark REQUIRED)

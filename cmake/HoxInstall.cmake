@@ -63,6 +63,15 @@ function(hox_install_program target component folder)
     install(TARGETS ${target} RUNTIME DESTINATION ${folder} COMPONENT ${component})
 endfunction()
 
+# hox_install_manual(<component> <page>...)
+function(hox_install_manual component)
+    foreach(page IN LISTS ARGN)
+        cmake_path(GET page EXTENSION LAST_ONLY section)
+        string(REPLACE "." "man" folder "${section}")
+        install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/${folder} COMPONENT ${component})
+    endforeach()
+endfunction()
+
 # All proto files of the SDK with their imports, for clients that generate no code.
 function(_hox_install_protoset)
     get_property(roots GLOBAL PROPERTY HOX_SDK_PROTO_ROOTS)

@@ -1,4 +1,4 @@
-if(NOT HALVO_BUILD_TESTS)
+if(NOT TARGET GTest::gmock)
     return()
 endif()
 

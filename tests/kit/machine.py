@@ -44,6 +44,7 @@ for node in null zero full random urandom tty; do
     touch "$root/dev/$node"
     mount --bind "/dev/$node" "$root/dev/$node"
 done
+ln -s pts/ptmx "$root/dev/ptmx"
 mkdir "$root/dev/shm"
 mount -t tmpfs tmpfs "$root/dev/shm"
 mkdir -p "$root$1" "$root$2"
@@ -66,11 +67,14 @@ for unit in systemd-udevd.service systemd-udev-trigger.service systemd-logind.se
     ln -sf /dev/null "$units/$unit"
 done
 : > "$root/etc/fstab"
+# It would keep the services of newly installed packages from starting.
+rm -f "$root/usr/sbin/policy-rc.d"
 cp -a "$1/units/." "$units/"
 # It finds no interface: its records are published at once, and no other daemon is in its way.
 printf '[server]\nallow-interfaces=none\nuse-ipv6=no\n' > "$root/etc/avahi/avahi-daemon.conf"
 mkdir -p "$units/multi-user.target.wants"
 for unit in "$1"/wanted/*; do
+    test -e "$unit" || continue
     ln -sf "../${unit##*/}" "$units/multi-user.target.wants/${unit##*/}"
 done
 cd "$root"
@@ -97,12 +101,13 @@ class Machine:
         #: Its address, as others see it.
         self.ip = f"10.77.{self._number}.2"
         self.folder = pathlib.Path(folder)
+        for place in ("units", "wanted"):
+            (self.folder / place).mkdir(parents=True, exist_ok=True)
         for name, text in units.items():
             place = self.folder / "units" / name
             place.parent.mkdir(parents=True, exist_ok=True)
             place.write_text(text)
         for name in wanted:
-            (self.folder / "wanted").mkdir(exist_ok=True)
             (self.folder / "wanted" / name).touch()
         self._group = f"machine-{uuid.uuid4()}"
         self._output = open(self.folder / "boot", "wb")
@@ -158,12 +163,16 @@ class Machine:
         assert self._process.poll() is None, (self.folder / "boot").read_text()
         return first is not None and os.path.exists(f"/proc/{first}/root/run/dbus/system_bus_socket")
 
+    def execute(self, *command, seconds=30):
+        """Runs a command in the machine; returns the finished process with what it said."""
+        return subprocess.run(["nsenter", "-t", self._first_process, "-m", "-p", "-u", "-i", "-n",
+                               "-C", "--", *command], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              timeout=seconds)
+
     def run(self, *command):
         """Runs a command in the machine and returns what it says."""
-        done = subprocess.run(["nsenter", "-t", self._first_process, "-m", "-p", "-u", "-i", "-C",
-                               "--", *command], stdin=subprocess.DEVNULL, capture_output=True,
-                              text=True, timeout=30)
-        return done.stdout + done.stderr
+        return self.execute(*command).stdout
 
     def close(self):
         self._process.kill()

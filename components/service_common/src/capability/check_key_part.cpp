@@ -5,9 +5,8 @@
 namespace Hox::Service {
 
 using ObserverTree::ProtoStatus;
-using ObserverTree::Status;
 
-Status checkKeyPart(const std::string& part) {
+ObserverTree::Status checkKeyPart(const std::string& part) {
     if (!part.empty() && ObserverTree::PathManipulation().isKey("/" + part)) {
         return {};
     }
