@@ -182,10 +182,12 @@ def test_an_identity_that_the_user_of_the_service_cannot_read(tmp_path):
 
 def test_leftovers_and_pending_confirmations(ctl, service, tmp_path):
     (service.folder / "config/configuration.temp").mkdir()
-    (tmp_path / "halvo/confirm/7f3a").mkdir(parents=True)
-    found = examined(ctl, XDG_STATE_HOME=str(tmp_path))
+    records = {"XDG_STATE_HOME": str(tmp_path)}
+    number = ctl.ok("conf", "guard", "--timeout", "1h", "-o", "json", **records).json["id"]
+    found = examined(ctl, **records)
     assert found["leftover"][0] == "warn"
-    assert found["confirmations"] == ("warn", "to be confirmed: 7f3a")
+    assert found["confirmations"] == ("warn", "to be confirmed: " + number)
+    ctl.ok("conf", "confirm", number, **records)
 
 
 def content_of(path):
