@@ -8,6 +8,7 @@ import subprocess
 import time
 
 import pytest
+from kit.configuration import Slice, save
 from kit.ctl import Ctl, command, environment
 from kit.wait import wait_until
 
@@ -87,9 +88,20 @@ def test_bash_completes_commands_options_and_live_names(shell, client):
                    "halvoctl watch /state/notifications/latest/tuner-1/")
 
 
-def test_bash_completes_files_where_one_is_wanted(shell, tmp_path):
+def test_bash_completes_saved_keys_component_by_component(shell, client):
+    Slice(client).update({"/in/3/freq": "474000", "/in/3/name": "x"})
+    save(client)
+    shell.complete("halvoctl conf get /sys/conf/mb/0/tuner/i", "/sys/conf/mb/0/tuner/in/")
+    shell.complete("halvoctl conf get /sys/conf/mb/0/tuner/in/3/f", "/in/3/freq ")
+    shell.complete("halvoctl conf owner /sys/conf/mb/0/tuner/in/3/n", "/in/3/name ")
+
+
+@pytest.mark.parametrize("words", ["conf export", "conf import", "conf ls", "conf get /a", "conf diff",
+                                   "conf diff x.hpk", "conf lint", "conf verify", "support", "replay",
+                                   "conf status --log", "doctor --program", "log tail"])
+def test_bash_completes_files_where_one_is_wanted(shell, tmp_path, words):
     (tmp_path / "a-package.hpk").touch()
-    shell.complete("halvoctl conf export a-pack", "halvoctl conf export a-package.hpk ")
+    shell.complete(f"halvoctl {words} a-pack", f"halvoctl {words} a-package.hpk ")
 
 
 def test_a_silent_service_is_not_waited_for(service):

@@ -4,11 +4,13 @@
 #include <map>
 #include <set>
 
+#include "conf_client.h"
 #include "confirm_records.h"
 #include "follower.h"
 #include "logger_client.h"
 #include "logger_name.h"
 #include "obstree.pb.h"
+#include "package.h"
 #include "state_client.h"
 
 namespace Hox::Ctl {
@@ -41,13 +43,30 @@ std::vector<std::string> changes(const Surroundings& surroundings) {
     return names;
 }
 
+/// Adds what a key that begins with the start has up to its next slash.
+void addNext(std::set<std::string>& names, const std::string& key, const std::string& start) {
+    if (key.compare(0, start.size(), start) == 0) {
+        const auto slash = key.find('/', std::max<std::size_t>(start.size(), 1));
+        names.insert(key.substr(0, slash == std::string::npos ? slash : slash + 1));
+    }
+}
+
+std::vector<std::string> savedKeys(const Connection& connection, const std::string& start) {
+    const Package package(ConfClient(connection).exportPackage());
+    std::set<std::string> names;
+    for (const auto& [key, value] : package.values()) {
+        addNext(names, key, start);
+    }
+    return {names.begin(), names.end()};
+}
+
 }  // namespace
 
 std::vector<std::string> LiveNames::at(const std::string& place, const std::string& start) const {
     if (place == "ID") {
         return changes(m_session.surroundings());
     }
-    const std::set<std::string> asked{"METHOD", "SYMBOL", "PATTERN", "GLOB", "ORIGIN"};
+    const std::set<std::string> asked{"METHOD", "SYMBOL", "PATTERN", "KEY", "GLOB", "ORIGIN"};
     if (asked.count(place) == 0) {
         return {};
     }
@@ -58,6 +77,9 @@ std::vector<std::string> LiveNames::at(const std::string& place, const std::stri
     }
     if (place == "PATTERN") {
         return keys(connection, start);
+    }
+    if (place == "KEY") {
+        return savedKeys(connection, start);
     }
     return place == "GLOB" ? loggers(connection) : origins(connection);
 }
@@ -93,10 +115,7 @@ std::vector<std::string> LiveNames::keys(const Connection& connection,
     const auto& snapshot = static_cast<const Snapshot&>(stream->element());
     std::set<std::string> names;
     for (const auto& [key, changes] : snapshot.node_change_map()) {
-        if (key.compare(0, start.size(), start) == 0) {
-            const auto slash = key.find('/', std::max<std::size_t>(start.size(), 1));
-            names.insert(key.substr(0, slash == std::string::npos ? slash : slash + 1));
-        }
+        addNext(names, key, start);
     }
     return {names.begin(), names.end()};
 }
