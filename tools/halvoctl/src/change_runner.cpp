@@ -1,18 +1,15 @@
 #include "change_runner.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
 #include <system_error>
 
 #include "ctl_error.h"
 #include "hox/linutils/raii_filedescriptors.h"
+#include "process_start.h"
 #include "write_all.h"
 
 namespace Hox::Ctl {
@@ -35,51 +32,18 @@ OwnedFileDescriptor inputFile(const std::string& text) {
     return file;
 }
 
-/// How the child starts: with the file as its input, and with no signal blocked.
-class SpawnSettings {
-public:
-    explicit SpawnSettings(int input) {
-        posix_spawn_file_actions_init(&m_actions);
-        posix_spawn_file_actions_adddup2(&m_actions, input, STDIN_FILENO);
-        posix_spawnattr_init(&m_attributes);
-        sigset_t none;
-        sigemptyset(&none);
-        posix_spawnattr_setsigmask(&m_attributes, &none);
-        posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK);
-    }
-    ~SpawnSettings() {
-        posix_spawn_file_actions_destroy(&m_actions);
-        posix_spawnattr_destroy(&m_attributes);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-    const posix_spawn_file_actions_t* actions() const { return &m_actions; }
-    const posix_spawnattr_t* attributes() const { return &m_attributes; }
-
-private:
-    posix_spawn_file_actions_t m_actions{};
-    posix_spawnattr_t m_attributes{};
-};
-
 }  // namespace
 
 void ChangeRunner::take(const Change& change, const ServiceModel& /*model*/,
                         const PackedValues& values) {
     const auto input = inputFile(values.json().line(change) + "\n");
-    const SpawnSettings settings(*input);
-    std::string shell = "sh";
-    std::string option = "-c";
-    const std::array<char*, 4> words{shell.data(), option.data(), m_command.data(), nullptr};
+    ProcessStart start;
+    start.setFile(STDIN_FILENO, *input);
     pid_t child = 0;
-    const int error = ::posix_spawn(&child, "/bin/sh", settings.actions(), settings.attributes(),
-                                    words.data(), environ);
-    if (error != 0) {
+    if (const int error = start.start({"/bin/sh", "-c", m_command}, child); error != 0) {
         fail(error);
     }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = waitForEnd(child);
     if (status != 0) {
         m_note(WIFSIGNALED(status)
                    ? "the command of --exec was ended by signal " + std::to_string(WTERMSIG(status))

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "child_process.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "ctl_error.h"
@@ -16,7 +17,6 @@
 #include "output_file.h"
 #include "pack_files.h"
 #include "package.h"
-#include "run_program.h"
 #include "saving_status.h"
 #include "state_client.h"
 

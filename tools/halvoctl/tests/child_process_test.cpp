@@ -19,6 +19,27 @@ TEST(ChildProcess, ReturnsTheStatus) {
     EXPECT_EQ(runQuietly({"/nonexistent"}), 127);
 }
 
+TEST(ChildProcess, ReturnsTheOutput) {
+    EXPECT_EQ(outputOf({"echo", "text"}, std::chrono::seconds(20)), "text\n");
+    EXPECT_EQ(outputOf({"head", "-c", "300000", "/dev/zero"}, std::chrono::seconds(20)).size(),
+              300000U);
+}
+
+TEST(ChildProcess, AFailedOutputIsAnError) {
+    const auto failure = [](const std::vector<std::string>& words) {
+        try {
+            outputOf(words, std::chrono::milliseconds(200));
+        } catch (const CtlError& error) {
+            return std::string(error.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(failure({"halvoctl-no-such-program"}),
+              "halvoctl-no-such-program: No such file or directory");
+    EXPECT_EQ(failure({"false"}), "false: has failed");
+    EXPECT_EQ(failure({"sleep", "100"}), "sleep: takes too long");
+}
+
 TEST(ChildProcess, ADetachedOneHoldsTheLockUntilItsEnd) {
     const Testing::TempDir folder;
     const std::string path = folder / "file";
