@@ -21,12 +21,10 @@ void addConfWords(CLI::App& app, Command& command);
 void addDoctorWords(CLI::App& app, Command& command);
 ///@}
 
-/// The same for the words below `conf`.
+/// The same for words below `conf`.
 ///@{
+void addConfirmWords(CLI::App& conf, Command& command);
 void addPackageWords(CLI::App& conf, Command& command);
 ///@}
-
-/// Adds those of `conf` that change the configuration for some time to its words.
-void addConfirmWords(CLI::App& conf, Command& command);
 
 }  // namespace Hox::Ctl

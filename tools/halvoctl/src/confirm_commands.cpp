@@ -38,11 +38,9 @@ private:
 };
 
 void refuseUnsaved(const Connection& connection, const std::string& hint) {
-    std::string names;
-    for (const auto& service : unsavedServices(StateClient(connection).latest())) {
-        names += (names.empty() ? "" : ", ") + printable(service);
-    }
-    if (!names.empty()) {
+    const auto unsaved = unsavedServices(StateClient(connection).latest());
+    if (!unsaved.empty()) {
+        const auto names = printable(fmt::format("{}", fmt::join(unsaved, ", ")));
         throw CtlError(ExitCode::No, "not sent: unsaved changes of " + names + " would be lost",
                        hint);
     }

@@ -40,14 +40,6 @@ std::string contentFile(const std::string& folder) {
                    "cannot write " + path + ": " + std::generic_category().message(error));
 }
 
-void flushFolder(const std::string& path) {
-    const auto folder =
-        LinuxCppUtil::ownFileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || ::fsync(*folder) != 0) {
-        failWriting(path);
-    }
-}
-
 /// Makes one folder that outlives a loss of power. Returns false if it exists.
 bool makeFolder(const std::filesystem::path& path) {
     if (::mkdir(path.c_str(), folderRights) != 0) {

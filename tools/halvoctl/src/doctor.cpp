@@ -1,10 +1,12 @@
 #include "doctor.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <set>
+#include <vector>
 
 #include "check_result.h"
 #include "confirm_records.h"
@@ -24,14 +26,6 @@ bool isThisMachine(const std::string& host) {
     ::gethostname(own.data(), own.size() - 1);
     return names.count(host) > 0 || host.compare(0, 4, "127.") == 0 ||
            host == own.substr(0, own.find('\0'));
-}
-
-std::string joined(const std::set<pid_t>& processes) {
-    std::string text;
-    for (const auto process : processes) {
-        text += (text.empty() ? "" : ", ") + std::to_string(process);
-    }
-    return text;
 }
 
 }  // namespace
@@ -117,11 +111,11 @@ Check Doctor::listeners() const {
     const std::string name = "listeners";
     const auto port = "port " + std::to_string(m_port);
     const auto& processes = m_listeners.processes;
+    const auto numbers = fmt::format("{}", fmt::join(processes, ", "));
     if (processes.size() > (m_words.isBeforeStart ? 0U : 1U)) {
-        return failed(name, m_words.isBeforeStart
-                                ? "process " + joined(processes) + " uses " + port
-                                : "processes " + joined(processes) + " share " + port +
-                                      ": each gets some of the connections");
+        return failed(name, m_words.isBeforeStart ? "process " + numbers + " uses " + port
+                                                  : "processes " + numbers + " share " + port +
+                                                        ": each gets some of the connections");
     }
     if (!m_listeners.isComplete) {
         return warned(name, "only root sees which processes listen on " + port);
@@ -130,7 +124,7 @@ Check Doctor::listeners() const {
         return passed(name, port + " is free");
     }
     return processes.empty() ? warned(name, "no process listens on " + port + " in this network")
-                             : passed(name, "process " + joined(processes) + " on " + port);
+                             : passed(name, "process " + numbers + " on " + port);
 }
 
 Check Doctor::program() const {
@@ -156,18 +150,19 @@ Check Doctor::mdns() const {
 }
 
 Check Doctor::confirmations() const {
-    std::string pending;
+    std::vector<std::string> pending;
     try {
         for (const auto& record : pendingConfirmations(m_session.surroundings())) {
             if (record.content.kind() != LOG) {
-                pending += (pending.empty() ? "" : ", ") + record.id;
+                pending.push_back(record.id);
             }
         }
     } catch (const CtlError& error) {
         return warned("confirmations", error.what());
     }
     return pending.empty() ? passed("confirmations", "nothing waits to be confirmed")
-                           : warned("confirmations", "to be confirmed: " + pending);
+                           : warned("confirmations",
+                                    fmt::format("to be confirmed: {}", fmt::join(pending, ", ")));
 }
 
 ExitCode runDoctor(Session& session, const DoctorWords& words) {

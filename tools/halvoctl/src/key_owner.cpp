@@ -1,6 +1,12 @@
 #include "key_owner.h"
 
+#include <fmt/format.h>
+
+#include <chrono>
+#include <set>
+
 #include "ctl_error.h"
+#include "discovery.h"
 #include "hox/configuration/storable_key.h"
 #include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/path_manipulation.h"
@@ -43,22 +49,42 @@ KeyOwner ownerOf(const std::string& key) {
     return owner;
 }
 
+/// The ids of the services on the network that have the capability; none without a daemon that
+/// answers soon.
+std::set<std::string> servicesWith(const Session& session, const std::string& capability) {
+    constexpr std::chrono::milliseconds answerTime(300);
+    std::set<std::string> ids;
+    if (!whyNoMdns(answerTime).empty()) {
+        return ids;
+    }
+    try {
+        const auto all =
+            findCapabilities(session.surroundings().interrupt, session.options().timeout);
+        for (const auto& found : all) {
+            if (found.capability == capability) {
+                ids.insert(printable(found.serviceId));
+            }
+        }
+    } catch (const CtlError& error) {
+        if (error.code() == ExitCode::Interrupted) {
+            throw;
+        }
+    }
+    return ids;
+}
+
 }  // namespace
 
 ExitCode showOwner(Session& session, const std::string& key) {
-    constexpr std::chrono::milliseconds limit(300);
     auto owner = ownerOf(key);
-    for (const auto& id : servicesWith(owner.capability(), limit)) {
-        owner.add_service_ids(printable(id));
+    for (const auto& id : servicesWith(session, owner.capability())) {
+        owner.add_service_ids(id);
     }
     if (session.isJson()) {
         session.print(owner);
         return ExitCode::Done;
     }
-    std::string services;
-    for (const auto& id : owner.service_ids()) {
-        services += (services.empty() ? "" : ", ") + id;
-    }
+    const auto services = fmt::format("{}", fmt::join(owner.service_ids(), ", "));
     Table table({"NODE TYPE", "NODE ID", "CAPABILITY", "SERVICE"});
     table.add({owner.node_type(), owner.node_id(), owner.capability(),
                services.empty() ? "-" : services});

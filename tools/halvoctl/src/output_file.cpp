@@ -69,9 +69,12 @@ void writeWholeFile(const std::string& path, const std::string& content) {
     }
     partFile.renameTo(path);
     const auto folder = std::filesystem::path(path).parent_path();
-    const auto parent =
-        openFile(folder.empty() ? "." : folder.string(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (::fsync(*parent) != 0) {
+    flushFolder(folder.empty() ? "." : folder.string());
+}
+
+void flushFolder(const std::string& path) {
+    const auto folder = openFile(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (::fsync(*folder) != 0) {
         fail(path);
     }
 }

@@ -9,4 +9,7 @@ namespace Hox::Ctl {
 /// FILE.part is removed.
 void writeWholeFile(const std::string& path, const std::string& content);
 
+/// Flushes to the disk which entries the folder has. Throws CtlError if that fails.
+void flushFolder(const std::string& path);
+
 }  // namespace Hox::Ctl

@@ -9,8 +9,8 @@
 #include "conf_client.h"
 #include "finding_list.h"
 #include "reflection.h"
-#include "saving_status.h"
 #include "size_check.h"
+#include "state_client.h"
 
 namespace Hox::Ctl {
 
@@ -41,16 +41,11 @@ Check checkReflection(const Connection& connection, bool& isReached) {
 }
 
 Check checkUnsaved(const Connection& connection) {
-    std::string unsaved;
-    const auto list = savingStatus(connection);
-    for (const auto& status : list.services()) {
-        if (!status.is_saved()) {
-            unsaved += (unsaved.empty() ? "" : ", ") + status.service_id();
-        }
-    }
+    const auto unsaved = unsavedServices(StateClient(connection).latest());
     return unsaved.empty()
                ? passed("unsaved", "everything is saved")
-               : warned("unsaved", "unsaved changes at " + unsaved + ": a restart loses them");
+               : warned("unsaved", fmt::format("unsaved changes at {}: a restart loses them",
+                                               fmt::join(unsaved, ", ")));
 }
 
 Check checkSize(const Connection& connection) {
