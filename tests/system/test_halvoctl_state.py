@@ -1,11 +1,14 @@
 """The operator's tool shows and reports states, and sets log levels."""
 import json
+import os
+import pty
 import re
+import subprocess
 import time
 
 import pytest
 from kit.configuration import Slice
-from kit.ctl import Ctl
+from kit.ctl import Ctl, command, environment
 from kit.wait import wait_until
 
 HEADING = "SEVERITY  AGE  SERVICE  TYPE  SOURCE  TEXT"
@@ -121,8 +124,21 @@ def test_a_type_filter_that_is_no_expression_is_refused_by_the_service(ctl, clie
     assert result.status == 3 and result.err.startswith("halvoctl: FAILED_PRECONDITION: ")
 
 
-def test_colours_are_for_terminals_and_on_demand(ctl, client):
+def shown_on_terminal(service, **variables):
+    """What a terminal gets of the state."""
+    ours, theirs = pty.openpty()
+    subprocess.run(command("-e", service.address, "state"), stdout=theirs, timeout=20, check=True,
+                   env=environment(**variables))
+    shown = os.read(ours, 65536).decode()
+    os.close(ours)
+    os.close(theirs)
+    return shown
+
+
+def test_colours_are_for_terminals_and_on_demand(ctl, client, service):
     client.create("a", "T", "s", "ERROR")
+    assert "\x1b[31mERROR\x1b[0m" in shown_on_terminal(service)
+    assert "\x1b" not in shown_on_terminal(service, NO_COLOR="1")
     assert "\x1b[31mERROR\x1b[0m" in ctl.ok("state", "--color", "always").out
     assert "\x1b" not in ctl.ok("state").out
     assert "\x1b" not in ctl.ok("state", "--color", "never").out
