@@ -60,13 +60,7 @@ std::unique_ptr<ConfirmRecord> keepRecord(const Session& session, const Connecti
     content.set_kind(kind);
     content.set_endpoint(connection.endpoint());
     *content.mutable_reverts_at() = timeStamp(session.now() + length);
-    record->keep(content);
-    try {
-        RevertTimer(record->id(), record->folder()).start(session.surroundings(), length);
-    } catch (const CtlError&) {
-        record->remove();
-        throw;
-    }
+    keepWithTimer(*record, content, session.surroundings(), length);
     return record;
 }
 

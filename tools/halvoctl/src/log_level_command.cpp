@@ -48,13 +48,7 @@ std::unique_ptr<ConfirmRecord> keepRecord(const Session& session, const Connecti
     content.set_endpoint(connection.endpoint());
     *content.mutable_reverts_at() = changes.loggers(0).back_at();
     *content.mutable_loggers() = changes.loggers();
-    record->keep(content);
-    try {
-        RevertTimer(record->id(), record->folder()).start(session.surroundings(), time);
-    } catch (const CtlError&) {
-        record->remove();
-        throw;
-    }
+    keepWithTimer(*record, content, session.surroundings(), time);
     return record;
 }
 

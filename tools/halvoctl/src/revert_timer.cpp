@@ -102,4 +102,15 @@ void RevertTimer::stop() const {
     }
 }
 
+void keepWithTimer(ConfirmRecord& record, const Confirmation& content,
+                   const Surroundings& surroundings, std::chrono::milliseconds time) {
+    record.keep(content);
+    try {
+        RevertTimer(record.id(), record.folder()).start(surroundings, time);
+    } catch (const CtlError&) {
+        record.remove();
+        throw;
+    }
+}
+
 }  // namespace Hox::Ctl

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <string>
 
+#include "confirm_record.h"
 #include "surroundings.h"
 
 namespace Hox::Ctl {
@@ -32,5 +33,10 @@ private:
     std::string m_id;
     std::string m_folder;
 };
+
+/// Keeps the content in the record and starts the timer of the record; if that fails, the record is
+/// removed. Throws CtlError.
+void keepWithTimer(ConfirmRecord& record, const Confirmation& content,
+                   const Surroundings& surroundings, std::chrono::milliseconds time);
 
 }  // namespace Hox::Ctl
