@@ -21,7 +21,7 @@ def test_the_components_do_not_overlap(prefix):
             assert seen.setdefault(path.relative_to(folder), component) == component
     assert set(seen) == {path.relative_to(prefix) for path in files_below(prefix)}
     assert {str(path) for path, component in seen.items() if component == "tools"} == {
-        "bin/halvoctl"}
+        "bin/halvoctl", "share/man/man1/halvoctl.1", "share/man/man1/halvoctl-conf.1"}
 
 
 def test_no_file_names_the_folder_of_the_build(prefix):
