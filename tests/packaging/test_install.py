@@ -29,8 +29,28 @@ def test_versions_agree(packages):
     changelog = re.match(r"halvo-system \((\S+)\)",
                          (ROOT / "debian/changelog").read_text()).group(1)
     assert cmake == changelog
+    manual = (ROOT / "app/man/halvo-system.8").read_text()
+    assert rf'"halvo\-system {cmake}"' in manual.splitlines()[0]
     for file in packages.files():
         assert file.name.split("_")[1] == cmake
+
+
+def test_the_libraries_bring_what_they_are_linked_with(packages, tmp_path):
+    packages.unpack(tmp_path, "libhox-dev")
+    halvo, = tmp_path.rglob("halvo.pc")
+
+    def ask(*words):
+        return subprocess.run(words, check=True, text=True, capture_output=True,
+                              env={**os.environ, "PKG_CONFIG_PATH": str(halvo.parent)}).stdout
+
+    depends = set(re.findall(r"[^, \n]+", ask("dpkg-deb", "-f", packages.file("libhox-dev"),
+                                               "Depends")))
+    modules = ask("pkg-config", "--print-requires", "halvo").split()
+    assert "libsystemd" in modules
+    for module in modules:
+        folder = ask("pkg-config", "--variable=pcfiledir", module).strip()
+        owner = ask("dpkg", "-S", f"{folder}/{module}.pc").split(":")[0]
+        assert owner in depends, module
 
 
 def test_the_service_comes_with_unit_user_settings_and_guide(packages):
