@@ -1,46 +1,41 @@
 """The demo's second process: prints the snapshot and each change as one line of JSON per origin.
 
-usage: demo_watch.py <address> <folder for generated code> <number of reports to wait for>
+usage: demo_watch.py <address> <folder with the module halvo> <number of reports to wait for>
 """
 import json
 import sys
-
-from kit.client import Client
-from kit.protos import Protos
+import threading
 
 LATEST = "/state/notifications/latest/"
 
 
 def main():
     address, folder, count = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    protos = Protos(folder)
+    sys.path.insert(0, folder)
+    import halvo
 
-    def unpacked(packed):
-        stored = protos.state.StoredNotification()
-        assert packed.Unpack(stored)
-        return stored
+    stop = threading.Event()
+    indices = []
 
-    with Client(protos, address) as client:
-        call = client.state.observeStateNotifications(
-            protos.tree.ObserveReq(key_pattern=LATEST + "**"), timeout=120)
-        seen = 0
-        for element in call:
-            for pair_list in element.node_change_map.values():
-                pair = pair_list.nodePairList[0]
-                new = unpacked(pair.currentMessage)
-                old = unpacked(pair.prevMessage) if pair.HasField("prevMessage") else None
-                name = protos.state.StateSeverity.Name
-                print(json.dumps({
-                    "index": new.index,
-                    "source": new.stateNotification.source,
-                    "new": name(new.stateNotification.severity),
-                    "old": name(old.stateNotification.severity) if old else None,
-                    "text": new.stateNotification.msg,
-                }), flush=True)
-                seen += 1
-            if seen == count:
-                call.cancel()
-                return
+    def severity(stored):
+        report = stored.stateNotification
+        values = report.DESCRIPTOR.fields_by_name["severity"].enum_type.values_by_number
+        return values[report.severity].name
+
+    def changed(_key, old, new):
+        indices.append(new.index)
+        print(json.dumps({
+            "index": new.index,
+            "source": new.stateNotification.source,
+            "new": severity(new),
+            "old": severity(old) if old else None,
+            "text": new.stateNotification.msg,
+        }), flush=True)
+        if len(indices) == count:
+            stop.set()
+
+    with halvo.Client(address) as client:
+        halvo.observe(client, LATEST + "**", changed, stop)
 
 
 if __name__ == "__main__":

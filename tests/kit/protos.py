@@ -1,11 +1,12 @@
 """Message classes and method tables, generated from the proto files at run time."""
 import importlib
+import shutil
 import subprocess
 import sys
 
 from google.protobuf import descriptor_pb2
 
-from kit.paths import PROTO_ROOTS
+from kit.paths import PROTO_ROOTS, ROOT
 
 
 class Protos:
@@ -28,13 +29,25 @@ class Protos:
         self.introspection = importlib.import_module("introspection_pb2")
 
     def _compile(self):
-        files = [str(file) for root in PROTO_ROOTS for file in sorted(root.rglob("*.proto"))]
-        includes = [f"-I{root}" for root in PROTO_ROOTS]
-        subprocess.run(["protoc", *includes, f"--python_out={self.folder}", *files], check=True)
+        run_protoc(f"--python_out={self.folder}")
 
     def service(self, module, name):
         """The ServiceDescriptor of a module's service."""
         return module.DESCRIPTOR.services_by_name[name]
+
+
+def run_protoc(*options):
+    """Runs protoc on all proto files of the wire format."""
+    files = [str(file) for root in PROTO_ROOTS for file in sorted(root.rglob("*.proto"))]
+    subprocess.run(["protoc", *[f"-I{root}" for root in PROTO_ROOTS], *options, *files], check=True)
+
+
+def assemble_module(folder):
+    """Makes the module halvo in the folder, as it is installed."""
+    module = folder / "halvo"
+    module.mkdir(parents=True)
+    shutil.copy(ROOT / "python/halvo/__init__.py", module)
+    run_protoc("--include_imports", f"--descriptor_set_out={module / 'halvo.protoset'}")
 
 
 def streaming_methods(service):
