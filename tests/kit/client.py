@@ -10,8 +10,10 @@ from kit.protos import streaming_methods
 CALL_TIMEOUT = 20
 
 
-#: The option of a channel that tries twice a second to connect to a service that is down.
-EAGER = [(f"grpc.{which}_reconnect_backoff_ms", 500) for which in ("initial", "min", "max")]
+#: The options of a channel that tries twice a second to connect to a service that is down. The
+#: minimum is also the limit of one attempt.
+EAGER = [("grpc.initial_reconnect_backoff_ms", 500), ("grpc.min_reconnect_backoff_ms", 5000),
+         ("grpc.max_reconnect_backoff_ms", 500)]
 
 
 def open_channel(address, options=()):

@@ -23,13 +23,13 @@ using Hox::ObserverTree::StoreNodeDataReturn;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-Duration seconds(int count) {
+Duration duration(int count) {
     Duration duration;
     duration.set_seconds(count);
     return duration;
 }
 
-DataTreeValPtr text(const std::string& content) {
+DataTreeValPtr storedText(const std::string& content) {
     StringValue value;
     value.set_value(content);
     return std::make_shared<const DataTreeVal>(value);
@@ -84,47 +84,49 @@ protected:
 };
 
 TEST_F(SliceTest, EachUpdateIsBasedOnTheOneBefore) {
-    EXPECT_TRUE(m_slice.set("/a", seconds(2)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(2)).isOk());
     m_store->m_answer.stateId = "newer";
     EXPECT_TRUE(m_slice.remove("/a").isOk());
-    EXPECT_TRUE(m_slice.set("/b", seconds(3)).isOk());
+    EXPECT_TRUE(m_slice.set("/b", duration(3)).isOk());
     EXPECT_THAT(m_store->m_sent, ElementsAre(" /a 2", "new /a none", "newer /b 3"));
 }
 
 TEST_F(SliceTest, ARefusedUpdateChangesNothing) {
-    EXPECT_TRUE(m_slice.set("/a", seconds(2)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(2)).isOk());
     m_store->m_answer = {Status(ProtoStatus::FAILED_PRECONDITION, "stale"), "other"};
-    EXPECT_EQ(m_slice.set("/a", seconds(3)).errorMessage(), "stale");
+    EXPECT_EQ(m_slice.set("/a", duration(3)).errorMessage(), "stale");
     EXPECT_FALSE(m_slice.remove("/a").isOk());
     EXPECT_THAT(m_store->m_sent, ElementsAre(" /a 2", "new /a 3", "new /a none"));
 }
 
 TEST_F(SliceTest, WhatIsObservedIsDeliveredWithoutItsStateId) {
     observe();
-    m_store->m_observer({{"/a", {{text("x"), nullptr}}}, {stateIdKey, {{text("seen"), nullptr}}}},
-                        Status());
+    m_store->m_observer(
+        {{"/a", {{storedText("x"), nullptr}}}, {stateIdKey, {{storedText("seen"), nullptr}}}},
+        Status());
     EXPECT_THAT(m_told, ElementsAre(ElementsAre("/a")));
-    EXPECT_TRUE(m_slice.set("/a", seconds(2)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(2)).isOk());
     EXPECT_THAT(m_store->m_sent, ElementsAre("seen /a 2"));
 }
 
 TEST_F(SliceTest, AWipedSliceHasNoState) {
     observe();
-    EXPECT_TRUE(m_slice.set("/a", seconds(2)).isOk());
-    m_store->m_observer({{"/a", {{nullptr, text("x")}}}, {stateIdKey, {{nullptr, text("new")}}}},
-                        Status());
+    EXPECT_TRUE(m_slice.set("/a", duration(2)).isOk());
+    m_store->m_observer(
+        {{"/a", {{nullptr, storedText("x")}}}, {stateIdKey, {{nullptr, storedText("new")}}}},
+        Status());
     EXPECT_THAT(m_told, ElementsAre(ElementsAre("/a")));
-    EXPECT_TRUE(m_slice.set("/a", seconds(3)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(3)).isOk());
     EXPECT_THAT(m_store->m_sent, ElementsAre(" /a 2", " /a 3"));
 }
 
 TEST_F(SliceTest, ALossOfTheStoreIsNoChange) {
     observe();
-    EXPECT_TRUE(m_slice.set("/a", seconds(2)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(2)).isOk());
     m_store->m_observer({}, Status(ProtoStatus::CANCELLED, ""));
     m_store->m_observer({}, Status(ProtoStatus::ALREADY_EXISTS, ""));
     EXPECT_THAT(m_told, IsEmpty());
-    EXPECT_TRUE(m_slice.set("/a", seconds(3)).isOk());
+    EXPECT_TRUE(m_slice.set("/a", duration(3)).isOk());
     EXPECT_THAT(m_store->m_sent, ElementsAre(" /a 2", "new /a 3"));
 }
 
