@@ -19,5 +19,5 @@ function(hox_add_test target)
     # A program ends itself before CTest's limit and names the test that hangs.
     math(EXPR seconds "${ARG_TIMEOUT} - 5")
     set_tests_properties(${target} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "unit;${ARG_LABELS}"
-        ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp halt_on_error=1 history_size=7;HALVO_TEST_SECONDS=${seconds}")
+        ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp halt_on_error=1 history_size=7;LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/lsan.supp print_suppressions=0;HALVO_TEST_SECONDS=${seconds}")
 endfunction()
