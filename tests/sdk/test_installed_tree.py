@@ -44,7 +44,7 @@ def test_only_what_authors_use_is_installed(prefix):
 
 
 def this_time(headers):
-    """Every third header, others at each commit: scripts/check compiles all of them as they stand in
+    """Every third header, others at each commit: scripts/check compiles all of them as they are in
     the project. All with HALVO_ALL_TIDY=1."""
     if os.environ.get("HALVO_ALL_TIDY") == "1":
         return headers

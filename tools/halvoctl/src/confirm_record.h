@@ -14,7 +14,7 @@ namespace Hox::Ctl {
 /// both. As long as this object exists no other process works on the record.
 ///
 /// What is kept is on the disk when the call returns. The record counts from the moment at which
-/// its content is kept; without a content it goes with this object.
+/// its content is kept; without content it is removed when this object is destroyed.
 class ConfirmRecord {
 public:
     /// A new record without content, with an id that no other one has. Throws CtlError if there is

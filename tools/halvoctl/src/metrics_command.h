@@ -6,7 +6,7 @@
 namespace Hox::Ctl {
 
 /// Prints what can be measured at each endpoint, once, as a text for Prometheus. An endpoint that
-/// is not reached is a sample, too; then it returns Unreachable.
+/// cannot be reached also has a sample; the result is Unreachable then.
 ExitCode printMetrics(Session& session);
 
 }  // namespace Hox::Ctl

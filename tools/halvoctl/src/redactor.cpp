@@ -48,7 +48,7 @@ void replaceAll(std::string& text, const std::string& secret) {
     }
 }
 
-/// Where the text that starts at the position behind this quote ends; a quote may be escaped.
+/// Where the text that starts after this quote ends; a quote may be escaped.
 std::size_t endOfQuoted(const std::string& text, std::size_t start, const std::string& quote) {
     auto end = text.find(quote, start);
     while (end != std::string::npos && quote.size() == 1 && end > start && text[end - 1] == '\\') {
@@ -57,13 +57,13 @@ std::size_t endOfQuoted(const std::string& text, std::size_t start, const std::s
     return std::min({end, text.find('\n', start), text.size()});
 }
 
-/// The position behind all of these characters that start at the position.
+/// The first position from this one on that has none of these characters.
 std::size_t skip(const std::string& text, std::size_t start, const char* characters) {
     return std::min(text.find_first_not_of(characters, start), text.size());
 }
 
-/// Replaces what is in quotes behind the word and a colon.
-void replaceBehind(std::string& text, const std::string& word) {
+/// Replaces what is in quotes after the word and a colon.
+void replaceAfter(std::string& text, const std::string& word) {
     for (auto found = text.find(word); found != std::string::npos; found = text.find(word, found)) {
         found = skip(text, found + word.size(), "\\\"");
         const auto colon = skip(text, found, " ");
@@ -105,7 +105,7 @@ void Redactor::addSaved(const std::string& text) {
 }
 
 std::string Redactor::redacted(std::string text) const {
-    replaceBehind(text, "community");
+    replaceAfter(text, "community");
     for (auto form = m_forms.rbegin(); form != m_forms.rend(); ++form) {
         replaceAll(text, *form);
     }

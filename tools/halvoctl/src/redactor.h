@@ -6,7 +6,7 @@
 namespace Hox::Ctl {
 
 /// Replaces the communities of traps in texts for other eyes by "***": those that are known, in
-/// plain text and in the escaped forms of JSON and of logs, and each text behind the word
+/// plain text and in the escaped forms of JSON and of logs, and each text after the word
 /// "community".
 class Redactor {
 public:

@@ -108,7 +108,7 @@ ExitCode SupportCommand::run(const std::string& path) {
     return ExitCode::Done;
 }
 
-/// Before anything else is collected, because the log may have the community, too.
+/// Called before anything else is collected: the log may also contain the community.
 void SupportCommand::learnSecrets(const Connection& connection, const Doctor& doctor) {
     try {
         m_redactor.add(snmpOf(connection).conf().community());
