@@ -6,6 +6,8 @@
 #include "obstree.pb.h"
 #include "reg_ex_selector.h"
 
+#include "hox/cpputil/log/logsystem.h"
+
 namespace Hox::ObserverTree {
 
 struct ObserverTree::SharedState {

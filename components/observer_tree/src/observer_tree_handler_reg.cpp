@@ -1,5 +1,10 @@
 #include "hox/observer_tree/observer_tree_handler_reg.h"
 
+#include <spdlog/logger.h>
+
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/source_location.h"
+
 namespace Hox::ObserverTree {
 
 ObserverTreeHandlerReg::ObserverTreeHandlerReg(std::shared_ptr<FunctionTree> functionTree,

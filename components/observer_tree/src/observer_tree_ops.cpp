@@ -1,5 +1,9 @@
 #include "hox/observer_tree/observer_tree_ops.h"
 
+#include <spdlog/logger.h>
+
+#include "hox/cpputil/log/logsystem.h"
+#include "hox/cpputil/log/source_location.h"
 #include "hox/observer_tree/func_node_handler_error.h"
 
 namespace Hox::ObserverTree {
@@ -60,6 +64,14 @@ std::shared_ptr<TreeNode> ObserverTreeOps::requireObserveNode(const std::string&
                                    __LINE__);
     }
     return found->second;
+}
+
+void ObserverTreeOps::traceCall(UnaryOps operation, TypeName requestName,
+                                TypeName responseName) const {
+    if (m_logger->should_log(spdlog::level::trace)) {
+        m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
+                      toString(operation), requestName(), responseName());
+    }
 }
 
 void ObserverTreeOps::deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle) {

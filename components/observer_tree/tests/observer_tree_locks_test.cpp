@@ -4,6 +4,7 @@
 #include <future>
 #include <mutex>
 
+#include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/observer_tree.h"
 #include "hox/testing/log_capture.h"
 #include "tree_test_kit.h"

@@ -2,6 +2,7 @@
 
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
+#include <spdlog/logger.h>
 
 #include <chrono>
 #include <csignal>

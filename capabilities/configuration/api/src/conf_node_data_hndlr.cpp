@@ -1,6 +1,7 @@
 #include "hox/configuration/conf_node_data_hndlr.h"
 
 #include <google/protobuf/wrappers.pb.h>
+#include <spdlog/logger.h>
 
 #include <utility>
 

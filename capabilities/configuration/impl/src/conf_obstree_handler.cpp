@@ -1,6 +1,7 @@
 #include "hox/configuration/conf_obstree_handler.h"
 
 #include <google/protobuf/util/time_util.h>
+#include <spdlog/logger.h>
 
 #include <chrono>
 #include <cstdint>

@@ -1,3 +1,5 @@
+#include <spdlog/logger.h>
+
 #include <filesystem>
 #include <memory>
 #include <system_error>

@@ -1,7 +1,10 @@
 #include "hox/observer_tree/builders/async_grpc_proxy_obs_tree_builder.h"
 
+#include <spdlog/logger.h>
+
 #include <utility>
 
+#include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "hox/observer_tree/change_set_conversion.h"

@@ -1,8 +1,11 @@
 #include "hox/observer_tree/builders/async_grpc_server_obs_tree_builder.h"
 
+#include <spdlog/logger.h>
+
 #include <utility>
 
 #include "grpc/non_polling_queue.h"
+#include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 
 namespace Hox::ObserverTree {

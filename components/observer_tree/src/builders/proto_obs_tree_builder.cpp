@@ -1,5 +1,8 @@
 #include "hox/observer_tree/builders/proto_obs_tree_builder.h"
 
+#include <spdlog/logger.h>
+
+#include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 #include "hox/observer_tree/builders/obs_tree_build_error.h"
 #include "obstree.pb.h"

@@ -4,6 +4,7 @@
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_stream.h>
 #include <grpcpp/support/async_unary_call.h>
+#include <spdlog/logger.h>
 #include <unistd.h>
 
 #include <algorithm>

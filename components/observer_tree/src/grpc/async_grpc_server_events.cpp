@@ -1,4 +1,6 @@
 // Handles the events of the queue.
+#include <spdlog/logger.h>
+
 #include <utility>
 
 #include "grpc/async_grpc_server_call_data.h"

@@ -1,10 +1,13 @@
 #include "hox/observer_tree/grpc/async_grpc_server_handler.h"
 
+#include <spdlog/logger.h>
+
 #include <utility>
 
 #include "grpc/async_grpc_server_call_data.h"
 #include "grpc/wire_message_memo.h"
 #include "hox/cpputil/assertion/assertion.h"
+#include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
 
 namespace Hox::ObserverTree {

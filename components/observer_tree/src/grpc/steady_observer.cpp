@@ -1,5 +1,7 @@
 #include "hox/observer_tree/grpc/steady_observer.h"
 
+#include <spdlog/logger.h>
+
 #include <algorithm>
 #include <utility>
 

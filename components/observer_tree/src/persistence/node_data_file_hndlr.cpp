@@ -1,5 +1,7 @@
 #include "hox/observer_tree/persistence/node_data_file_hndlr.h"
 
+#include <spdlog/logger.h>
+
 #include <optional>
 #include <utility>
 #include <vector>

@@ -1,6 +1,7 @@
 #include "hox/observer_tree/persistence/persistence_hndlr.h"
 
 #include <google/protobuf/wrappers.pb.h>
+#include <spdlog/logger.h>
 
 #include <chrono>
 #include <map>

@@ -2,6 +2,7 @@
 
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
+#include <spdlog/logger.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>

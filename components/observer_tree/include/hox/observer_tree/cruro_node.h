@@ -1,7 +1,5 @@
 #pragma once
 
-#include <spdlog/logger.h>
-
 #include <any>
 #include <array>
 #include <exception>
@@ -16,13 +14,12 @@
 #include "hox/cpputil/assertion/assertion.h"
 #include "hox/cpputil/error/error.h"
 #include "hox/cpputil/log/logger_name.h"
-#include "hox/cpputil/log/logsystem.h"
-#include "hox/cpputil/log/source_location.h"
 #include "hox/cpputil/type/type_name.h"
 #include "hox/observer_tree/double_registration_error.h"
 #include "hox/observer_tree/function_observe_handler.h"
 #include "hox/observer_tree/iobserve_handler.h"
 #include "hox/observer_tree/message_ptr.h"
+#include "hox/observer_tree/node_log.h"
 #include "hox/observer_tree/unary_ops.h"
 
 namespace Hox::ObserverTree {
@@ -83,7 +80,7 @@ public:
     using ObserverHook = std::function<void(const InMsgType&, const ObserverCallback&)>;
 
     /// A node without handlers and observers.
-    CRURONode() : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())) {}
+    CRURONode() : m_log(_HALVOMACRO_loggerName()) {}
     virtual ~CRURONode() = default;
     CRURONode(const CRURONode&) = delete;
     CRURONode(CRURONode&&) = delete;
@@ -222,13 +219,12 @@ private:
                                                         TreeType& tree);
 
     void logFailure(const std::string& text, const char* label, const std::string& message) {
-        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}", text);
-        m_logger->log(Hox::Log::here(), spdlog::level::err, "{}: {}", label, message);
+        m_log.callFailed(text, label, message);
         HOX_ASSERT(false);
     }
 
     // Constant.
-    const std::shared_ptr<spdlog::logger> m_logger;
+    const NodeLog m_log;
 
     // Set by registrations; guarded by the handler lock of the tree.
     std::array<std::any, unaryOpsCount> m_unaryHandlers;
@@ -482,8 +478,7 @@ void CRURONode<B, T, N, S>::callObserveHandler(const N& changes, const std::any&
         const std::lock_guard<std::mutex> lock(m_observerMutex);
         m_callObserveHandler(changes, singleObserver);
     } catch (const std::exception& error) {
-        m_logger->log(Hox::Log::here(), spdlog::level::err,
-                      "Caught exception in Observer Tree observe Callback:\n{}", error.what());
+        m_log.deliveryFailed(error.what());
         HOX_ASSERT(false);
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <any>
 #include <cstdint>
@@ -11,7 +11,10 @@
 #include <string>
 #include <utility>
 
+#include "hox/cpputil/log/logger_name.h"
+#include "hox/cpputil/type/type_name.h"
 #include "hox/observer_tree/tree_types.h"
+#include "hox/observer_tree/unary_ops.h"
 
 namespace Hox::ObserverTree {
 
@@ -41,11 +44,7 @@ public:
     UnaryHandlerReturnType<ReturnType> callApiOp(const std::string& key, const InMsg& inMsg) {
         const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
         TreeNode& node = requireUnaryNode(OpId, key);
-        if (m_logger->should_log(spdlog::level::trace)) {
-            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
-                          toString(OpId), getTemplateTypeName<InMsg>(),
-                          getTemplateTypeName<ReturnType>());
-        }
+        traceCall(OpId, getTemplateTypeName<InMsg>, getTemplateTypeName<ReturnType>);
         const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
         m_dataTree->setKeyPattern(key);
         auto result = node.template callUnaryHandler<OpId, InMsg, ReturnType>(inMsg, *m_dataTree);
@@ -112,15 +111,14 @@ protected:
     const std::shared_ptr<std::recursive_mutex>& dataLock() const { return m_dataLock; }
 
 private:
+    /// Makes the name of a message type.
+    using TypeName = const std::string (*)();
+
     template <UnaryOps OpId, typename Message>
     UnaryHandlerReturnType<BaseMsgType> runCast(const std::string& key, Message&& inMsg) {
         const std::lock_guard<std::recursive_mutex> handlerGuard(*m_handlerLock);
         TreeNode& node = requireUnaryNode(OpId, key);
-        if (m_logger->should_log(spdlog::level::trace)) {
-            m_logger->log(Hox::Log::here(), spdlog::level::trace, "Calling API Func {}: \n{} -> {}",
-                          toString(OpId), getTemplateTypeName<BaseMsgType>(),
-                          getTemplateTypeName<BaseMsgType>());
-        }
+        traceCall(OpId, getTemplateTypeName<BaseMsgType>, getTemplateTypeName<BaseMsgType>);
         const std::lock_guard<std::recursive_mutex> dataGuard(*m_dataLock);
         m_dataTree->setKeyPattern(key);
         auto result =
@@ -137,6 +135,8 @@ private:
     std::shared_ptr<TreeNode> requireObserveNode(const std::string& key);
     // REQUIRES(*m_handlerLock, *m_dataLock)
     void deliverSnapshot(const std::shared_ptr<TreeNode>& node, std::any handle);
+    /// The names are asked for only if the line is logged: they are long to build.
+    void traceCall(UnaryOps operation, TypeName requestName, TypeName responseName) const;
     void runDeferredCallbacks();                      // REQUIRES(*m_handlerLock, *m_dataLock)
     void deliver(const ChangeSetType& changes);       // REQUIRES(*m_handlerLock, *m_dataLock)
     void traceChanges(const ChangeSetType& changes);  // REQUIRES(*m_dataLock)

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <google/protobuf/descriptor.h>
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <functional>
 #include <memory>
@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "hox/cpputil/log/logger_name.h"
-#include "hox/cpputil/log/logsystem.h"
 
 namespace Hox::ObserverTree {
 

@@ -5,7 +5,7 @@
 #include <grpcpp/channel.h>
 #include <grpcpp/client_context.h>
 #include <grpcpp/completion_queue.h>
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <chrono>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include <google/protobuf/descriptor.h>
 #include <grpcpp/completion_queue.h>
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <chrono>
 #include <cstddef>
@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "hox/cpputil/log/logger_name.h"
-#include "hox/cpputil/log/logsystem.h"
 #include "hox/observer_tree/grpc/async_method_desc.h"
 #include "hox/observer_tree/grpc/standby_poller.h"
 #include "hox/observer_tree/observer_tree.h"

@@ -2,7 +2,6 @@
 
 #include <google/protobuf/message.h>
 #include <grpcpp/completion_queue.h>
-#include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/server_context.h>
 #include <grpcpp/support/async_stream.h>
 #include <grpcpp/support/async_unary_call.h>

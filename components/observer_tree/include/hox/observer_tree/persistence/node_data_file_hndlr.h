@@ -1,7 +1,7 @@
 #pragma once
 
 #include <google/protobuf/any.pb.h>
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <filesystem>
 #include <memory>

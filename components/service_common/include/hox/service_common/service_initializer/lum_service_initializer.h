@@ -1,7 +1,7 @@
 #pragma once
 
 #include <pthread.h>
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include <atomic>
 #include <exception>
