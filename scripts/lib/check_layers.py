@@ -5,7 +5,8 @@ usage: check_layers.py <build folder>
 The table of that document gives each target of the product a level. CMake lists the files of a
 target and the targets that it links. A target links no target of its own level or above, and none
 without a level; its files include no header of such a target, and no header of gRPC unless it links
-gRPC.
+gRPC. A public header brings neither the logging library, unless it is about logging, nor headers of
+gRPC that are not API.
 """
 import json
 import pathlib
@@ -103,6 +104,18 @@ def complaints_of_includes(levels, with_grpc, targets, read):
                 yield f"{file} ({name}) includes {included}, and uses no gRPC"
 
 
+def complaints_of_public_headers(targets, read):
+    """Each of its users compiles what a public header includes."""
+    files = {source for target in targets.values() for source in target.sources}
+    for file in sorted(files):
+        if not is_product(file) or "/include/" not in file:
+            continue
+        for included in INCLUDE.findall(read(file) or ""):
+            logs = included.startswith("spdlog/") and included != "spdlog/fwd.h"
+            if (logs and "/log/" not in file) or included.startswith("grpcpp/impl/"):
+                yield f"{file} is a public header and includes {included}"
+
+
 def read_targets(build):
     """The targets from CMake's file API, which answers when CMake generates."""
     query = build / ".cmake/api/v1/query/codemodel-v2"
@@ -135,7 +148,8 @@ def main():
         return file.read_text() if file.is_file() else None
 
     complaints = [*complaints_of_links(levels, targets),
-                  *complaints_of_includes(levels, with_grpc, targets, read)]
+                  *complaints_of_includes(levels, with_grpc, targets, read),
+                  *complaints_of_public_headers(targets, read)]
     print("\n".join(complaints) if complaints else f"{len(levels)} targets in their levels")
     return 1 if complaints else 0
 

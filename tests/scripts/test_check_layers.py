@@ -1,5 +1,6 @@
 """Tests the reports of check_layers.py on targets and includes."""
-from check_layers import Target, complaints_of_includes, complaints_of_links, levels_in
+from check_layers import (Target, complaints_of_includes, complaints_of_links,
+                          complaints_of_public_headers, levels_in)
 
 DOCUMENT = """
 | Level | Target | Folder | Foreign libraries |
@@ -100,3 +101,25 @@ def test_grpc_is_for_those_who_link_it():
     assert includes({file: '#include "any.grpc.pb.h"\n'}) == [
         f"{file} (left) includes any.grpc.pb.h, and uses no gRPC"]
     assert includes({"components/edge/include/hox/edge/e.h": "#include <grpcpp/server.h>\n"}) == []
+
+
+def public_headers(file, text):
+    name = file.split("/")[1]
+    return list(complaints_of_public_headers({name: Target(f"components/{name}", [file])},
+                                             {file: text}.get))
+
+
+def test_a_public_header_brings_no_logging_library():
+    file = "components/left/include/hox/left/l.h"
+    assert public_headers(file, "#include <spdlog/fwd.h>\n") == []
+    assert public_headers(file, "#include <spdlog/logger.h>\n") == [
+        f"{file} is a public header and includes spdlog/logger.h"]
+    assert public_headers("components/left/include/hox/left/log/l.h",
+                          "#include <spdlog/logger.h>\n") == []
+    assert public_headers("components/left/src/l.h", "#include <spdlog/logger.h>\n") == []
+
+
+def test_a_public_header_includes_only_what_is_api_of_grpc():
+    file = "components/edge/include/hox/edge/e.h"
+    assert public_headers(file, "#include <grpcpp/impl/codegen/proto_utils.h>\n") == [
+        f"{file} is a public header and includes grpcpp/impl/codegen/proto_utils.h"]
