@@ -413,6 +413,27 @@ TEST(ForeignArchive, StartsNoProgram) {
     EXPECT_THAT(refusal(lrzip + std::string(100, '\0')), StartsWith("Archiving error: "));
 }
 
+TEST(ForeignArchive, IsReadRawWhateverItsNamesAndKinds) {
+    const auto entries = readRawEntries(gzip(tar({{"/absolute", AE_IFREG, "1"},
+                                                  {"a/../\xff", AE_IFREG, "2"},
+                                                  {"b", AE_IFLNK, "x"},
+                                                  {"c/", AE_IFDIR, ""},
+                                                  {std::string(90, '\xbf'), AE_IFREG, ""}})),
+                                        limits);
+    ASSERT_EQ(entries.size(), 5U);
+    EXPECT_EQ(entries[0].name + entries[0].content, "/absolute1");
+    EXPECT_EQ(entries[1].name + entries[1].content,
+              "a/../\xff"
+              "2");
+    EXPECT_EQ(entries[2].kind, RawEntry::Kind::Other);
+    EXPECT_EQ(entries[3].kind, RawEntry::Kind::Folder);
+    const auto tooLarge = tar({{std::string(90, '\xbf'), AE_IFREG, std::string(2000, 'x')}});
+    EXPECT_THROW(readRawEntries(tooLarge, {10, 1999, 1}), ArchiveError);
+    EXPECT_THROW(readRawEntries("", limits), ArchiveError);
+    EXPECT_THROW(readRawEntries("#mtree\n./a type=file contents=/etc/passwd\n", limits),
+                 ArchiveError);
+}
+
 TEST(ForeignArchive, OfTheMostThatAPackageMayHoldIsRead) {
     constexpr ForeignLimits large{40000, 8U << 20U, 128};
     std::string bytes;
