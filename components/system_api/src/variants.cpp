@@ -32,6 +32,13 @@ HeadendSWVariant variantOf(const std::string& name) {
 
 }  // namespace
 
+const char* nameOf(HeadendSWVariant variant) {
+    const auto* const row = std::find_if(names.begin(), names.end(), [variant](const auto& known) {
+        return known.first == variant;
+    });
+    return row == names.end() ? "UNKNOWN" : row->second;
+}
+
 HeadendSWVariant deSerialize(const std::filesystem::path& path) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);

@@ -60,6 +60,10 @@ private:
     std::string m_bytes;
 };
 
+TEST(Variants, HaveNames) {
+    EXPECT_EQ(std::string(nameOf(QAM)) + nameOf(COFDM) + nameOf(UNKNOWN), "QAMCOFDMUNKNOWN");
+}
+
 TEST(Variants, HaveTheirNumbers) {
     EXPECT_EQ(static_cast<int>(QAM), 0);
     EXPECT_EQ(static_cast<int>(COFDM), 1);

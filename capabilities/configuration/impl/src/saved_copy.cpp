@@ -15,6 +15,7 @@
 #include "hox/archive/archive.h"
 #include "hox/archive/error/archive_error.h"
 #include "hox/archive/foreign_archive.h"
+#include "hox/configuration/package_rules.h"
 #include "hox/cpputil/error/initialization_error.h"
 #include "hox/cpputil/error/invalid_argument_error.h"
 #include "hox/cpputil/log/logsystem.h"
@@ -36,14 +37,10 @@ using Hox::ObserverTree::Status;
 
 namespace {
 
-constexpr std::size_t maxPackageSize = 524288;
-
 /// A value is in a file below the folders of its key.
-constexpr Hox::Archive::ForeignLimits packageLimits{40000, 8U << 20U, maxKeyComponents + 1};
+constexpr Hox::Archive::ForeignLimits packageLimits{maxPackageEntries, maxPackageContent,
+                                                    maxKeyComponents + 1};
 constexpr const char* valueFile = "/data";
-
-/// If this file exists, a package is accepted whatever machine it was made for.
-constexpr const char* overrideMarker = "/tmp/headend_override_compat_check";
 
 /// Locks the parent folder: the folder of the saved copy is another one after each exchange.
 OwnedFileDescriptor lock(const fs::path& folder) {

@@ -11,8 +11,6 @@ namespace fs = std::filesystem;
 
 namespace Hox::Capability::Configuration {
 
-using Hox::SystemAPI::HeadendSWVariant;
-
 namespace {
 
 constexpr const char* systemVariantFile = "/etc/sw_variant";
@@ -47,18 +45,6 @@ void writePartNumber(std::uint32_t partNumber, const fs::path& path) {
     } catch (const fs::filesystem_error&) {
         throw Hox::CppUtil::FileSystemError("Unable to write partno file", __FILE__, __LINE__);
     }
-}
-
-const char* nameOf(HeadendSWVariant variant) {
-    switch (variant) {
-        case HeadendSWVariant::QAM:
-            return "QAM";
-        case HeadendSWVariant::COFDM:
-            return "COFDM";
-        case HeadendSWVariant::UNKNOWN:
-            return "UNKNOWN";
-    }
-    return "";
 }
 
 }  // namespace

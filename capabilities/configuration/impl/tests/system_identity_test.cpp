@@ -141,7 +141,7 @@ TEST(SystemIdentity, IsDescribedForTheLog) {
     EXPECT_EQ(describeIdentity({HeadendSWVariant::COFDM, 5}), "output: COFDM partNo:5");
     EXPECT_EQ(describeIdentity({HeadendSWVariant::UNKNOWN, 100001}),
               "output: UNKNOWN partNo:100001");
-    EXPECT_EQ(describeIdentity({static_cast<HeadendSWVariant>(7), 1}), "output:  partNo:1");
+    EXPECT_EQ(describeIdentity({static_cast<HeadendSWVariant>(7), 1}), "output: UNKNOWN partNo:1");
 }
 
 }  // namespace

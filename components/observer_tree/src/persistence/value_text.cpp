@@ -34,6 +34,19 @@ namespace {
 constexpr const char* typeMember = "@type";
 constexpr const char* bytesMember = "@bytes";
 
+/// False for any text that is no JSON form of the message; then the message is empty.
+bool readJson(const std::string& text, Message& message) {
+    try {
+        if (JsonStringToMessage(text, &message).ok()) {
+            return true;
+        }
+    } catch (const google::protobuf::FatalException&) {
+        // Some texts, as a member after a wrapper's null, break a check of the parser itself.
+    }
+    message.Clear();
+    return false;
+}
+
 /// Decides which message types JSON represents exactly, for all values of their fields.
 class ExactTypes {
 public:
@@ -194,7 +207,7 @@ std::map<std::string, std::string> textMembers(const Struct& object) {
 
 bool isFromBytesForm(const std::string& text, Any& value) {
     Struct members;
-    if (text.find(bytesMember) == std::string::npos || !JsonStringToMessage(text, &members).ok()) {
+    if (text.find(bytesMember) == std::string::npos || !readJson(text, members)) {
         return false;
     }
     const auto texts = textMembers(members);
@@ -206,7 +219,7 @@ bool isFromBytesForm(const std::string& text, Any& value) {
         return false;
     }
     BytesValue bytes;
-    if (!JsonStringToMessage('"' + base64->second + '"', &bytes).ok()) {
+    if (!readJson('"' + base64->second + '"', bytes)) {
         return false;
     }
     value.set_type_url(type->second);
@@ -238,9 +251,15 @@ std::string textOfValue(const Any& value) {
     return text;
 }
 
+std::map<std::string, std::string> textMembersOf(const std::string& json) {
+    const google::protobuf::LogSilencer silencer;
+    Struct object;
+    return readJson(json, object) ? textMembers(object) : std::map<std::string, std::string>();
+}
+
 bool valueFromText(const std::string& text, Any& value) {
     value.Clear();
-    return isFromBytesForm(text, value) || JsonStringToMessage(text, &value).ok();
+    return isFromBytesForm(text, value) || readJson(text, value);
 }
 
 }  // namespace Hox::ObserverTree

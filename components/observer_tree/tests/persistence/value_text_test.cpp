@@ -216,11 +216,18 @@ TEST(ValueText, IsNothingElse) {
           std::string(R"({"@bytes":"eA=="})"), std::string(R"({"@type":7,"@bytes":"eA=="})"),
           std::string(R"({"@type":"a","@bytes":"eA==","more":1})"),
           R"({"@type":")" + url + R"(No.Such","x":1})",
+          R"({"@type":")" + url + R"(google.protobuf.StringValue","value":null,"more":1})",
           R"({"@type":")" + url + R"(google.protobuf.StringV)", std::string(100000, '[')}) {
         Any value = text("former");
         EXPECT_FALSE(valueFromText(other, value)) << other.substr(0, 100);
         EXPECT_EQ(value.ByteSizeLong(), 0U) << other.substr(0, 100);
     }
+}
+
+TEST(ValueText, HasMembers) {
+    EXPECT_EQ(textMembersOf(R"({"a":"b","c":1,"d":{"e":"f"}})"),
+              (std::map<std::string, std::string>{{"a", "b"}}));
+    EXPECT_TRUE(textMembersOf("no object").empty());
 }
 
 TEST(ValueText, CannotHoldATypeThatIsNoUtf8) {

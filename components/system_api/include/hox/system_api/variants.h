@@ -12,6 +12,9 @@ enum class HeadendSWVariant {
     UNKNOWN = 2,
 };
 
+/// The name of the variant, as in "QAM".
+const char* nameOf(HeadendSWVariant variant);
+
 /// Reads a variant file: the value of its last "output:" line. A key counts only at the start of
 /// the file or directly after another "output:" line.
 ///

@@ -2,6 +2,7 @@
 
 #include <google/protobuf/any.pb.h>
 
+#include <map>
 #include <string>
 
 namespace Hox::ObserverTree {
@@ -13,5 +14,8 @@ std::string textOfValue(const google::protobuf::Any& value);
 
 /// Reads either form. False, with an empty value, for any other text.
 bool valueFromText(const std::string& text, google::protobuf::Any& value);
+
+/// The members of a JSON object whose values are texts; none for any other text.
+std::map<std::string, std::string> textMembersOf(const std::string& json);
 
 }  // namespace Hox::ObserverTree
