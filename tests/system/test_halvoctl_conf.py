@@ -50,7 +50,7 @@ def test_a_round_of_an_operator(ctl, client, service, tuner, tmp_path):
     assert tuner.content() == KEYS
     assert ctl.ok("conf", "clear", "--yes").out == ""
     assert Slice(client).content() == {}
-    assert ctl.ok("conf", "import", package).out == "Imported 5 keys in 1 slices.\n"
+    assert ctl.ok("conf", "import", package).out == "Imported 5 keys in 1 slice.\n"
     assert tuner.content() == KEYS
 
 

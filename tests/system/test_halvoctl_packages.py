@@ -1,34 +1,29 @@
 """The operator's tool reads packages and predicts what a service says to them."""
-import io
+import concurrent.futures
+import contextlib
 import json
 import subprocess
-import tarfile
 import time
 
+import grpc
 import pytest
-from kit.configuration import Slice, save
+from kit.configuration import Slice, import_package, save
 from kit.ctl import Ctl, command, environment
-from kit.namespaces import own_machine
+from kit.namespaces import free_port, own_machine
+from kit.packages import BAD_PACKAGES, GOOD_PACKAGES, IDENTITY, TEXT, VALUE, package
 
 MARKER = "/tmp/headend_override_compat_check"
 
 
-def package(path, files):
+def write(path, files):
     """Writes a package of these files (name to text), and returns its path."""
-    with tarfile.open(path, "w:gz") as target:
-        for name, text in files.items():
-            entry = tarfile.TarInfo(name)
-            entry.size = len(text.encode())
-            target.addfile(entry, io.BytesIO(text.encode()))
+    path.write_bytes(package(files))
     return path
 
 
 def serial(part_number):
     return json.dumps([{"type": "0", "serial": "1", "partnumber": part_number, "revision": "1"}])
 
-
-VALUE = {"sys/conf/mb/0/tuner/a/data":
-         '{"@type":"type.googleapis.com/google.protobuf.StringValue","value":"x"}'}
 
 IDENTITIES = [
     {},
@@ -63,7 +58,7 @@ def test_the_verdict_is_that_of_the_service(start, tmp_path, machine):
     ctl = Ctl(service.address)
     verdicts = set()
     for number, identity in enumerate(IDENTITIES):
-        path = package(tmp_path / f"{number}.hpk", {**identity, **VALUE})
+        path = write(tmp_path / f"{number}.hpk", {**identity, **VALUE})
         here = subprocess.run(
             ["nsenter", "-t", str(service.process.pid), "-m",
              *command("conf", "verify", "--here", path, "-o", "json")],
@@ -82,19 +77,106 @@ def test_the_verdict_is_that_of_the_service(start, tmp_path, machine):
     service.assert_alive()
 
 
-@pytest.mark.parametrize("name", ["sys/conf/a/data", "sys/conf/mb/0/tuner/in/data/x/data", "/absolute",
-                                  "a/../../b", f"sys/conf/mb/0/tuner/{'k' * 256}/data",
-                                  "sys/conf/mb/0/tuner/*/data"])
-def test_what_lint_calls_refused_is_refused(ctl, service, tmp_path, name):
-    path = package(tmp_path / "p", {**IDENTITIES[1], **VALUE, name: VALUE[next(iter(VALUE))]})
+def answer_of(client, archive):
+    """The status of an import of these bytes, "" for a success."""
+    try:
+        import_package(client, archive)
+    except grpc.RpcError as error:
+        return error.code().name
+    return ""
+
+
+@pytest.mark.parametrize("name", BAD_PACKAGES)
+def test_what_is_found_in_a_package_is_what_the_service_says(ctl, service, client, tmp_path, name):
+    expected, make = BAD_PACKAGES[name]
+    path = tmp_path / "p"
+    path.write_bytes(make())
     lint = ctl("conf", "lint", path, "-o", "json")
-    assert lint.status == 4
-    verdict = ctl("conf", "verify", path, "-o", "json")
-    answer = ctl("conf", "import", path)
-    assert (verdict.status, answer.status) == (4, 3)
-    assert answer.err.startswith(f"halvoctl: {lint.json['findings'][0]['refused_as']}: ")
-    assert verdict.json["code"] == lint.json["findings"][0]["refused_as"]
+    verify = ctl("conf", "verify", path, "-o", "json")
+    assert answer_of(client, path.read_bytes()) == expected
+    assert (lint.status, lint.err) == (4, "")
+    codes = {finding["refused_as"] for finding in lint.json["findings"]}
+    assert expected in codes and (expected or codes == {""}), lint
+    assert (verify.status, verify.json["code"], verify.err) == (4 if expected else 0, expected, "")
+    if path.stat().st_size > 0:  # otherwise the tool sends nothing
+        assert ctl("conf", "import", path).status == (3 if expected else 0)
     service.assert_alive()
+
+
+@pytest.mark.parametrize("name", GOOD_PACKAGES)
+def test_nothing_is_found_in_a_good_package(ctl, client, tmp_path, name):
+    path = tmp_path / "p"
+    path.write_bytes(GOOD_PACKAGES[name]())
+    assert ctl.ok("conf", "lint", path).lines[-1].startswith("0 findings; ")
+    ctl.ok("conf", "verify", path)
+    assert answer_of(client, path.read_bytes()) == ""
+
+
+def test_no_file_that_a_package_names_is_shown(tmp_path):
+    (tmp_path / "secret").write_text("precious")
+    path = tmp_path / "p"
+    path.write_text(f"#mtree\n./sys/conf/mb/0/tuner/a/data type=file contents={tmp_path}/secret\n")
+    for words in (("ls", "-l"), ("get", "/sys/conf/mb/0/tuner/a"), ("lint",), ("verify", "--here")):
+        result = Ctl("localhost:1")("conf", *words, path)
+        assert result.status in (1, 4)
+        assert "precious" not in result.out + result.err
+
+
+@contextlib.contextmanager
+def exporter(protos, archive, refusal=None):
+    """The tool for a store whose package has these bytes, and which refuses all others."""
+    api = protos.configuration
+
+    def refuse(_request, context):
+        context.abort(refusal, "refused")
+    server = grpc.server(
+        concurrent.futures.ThreadPoolExecutor(4), options=[("grpc.so_reuseport", 0)],
+        handlers=[grpc.method_handlers_generic_handler(
+            "Hox.Capability.Configuration.Api.ConfigurationService", {
+                "getSysConf": grpc.unary_unary_rpc_method_handler(
+                    lambda _request, _context: api.GetSysConfResp(sysConfData=archive),
+                    response_serializer=api.GetSysConfResp.SerializeToString),
+                "updateSysConf": grpc.unary_unary_rpc_method_handler(
+                    refuse, response_serializer=api.UpdateSysConfResp.SerializeToString)})])
+    port = free_port()
+    assert server.add_insecure_port(f"127.0.0.1:{port}") == port
+    server.start()
+    try:
+        yield Ctl(f"127.0.0.1:{port}")
+    finally:
+        server.stop(0).wait(20)
+
+
+def test_an_endpoint_whose_identity_cannot_be_read(protos, tmp_path):
+    path = write(tmp_path / "p", {**IDENTITY, **VALUE})
+    with exporter(protos, package({**VALUE, "partno": "none\n"})) as ctl:
+        result = ctl("conf", "verify", path)
+        assert (result.status, result.out, result.err) == (
+            1, "", "halvoctl: the endpoint's identity cannot be read\n")
+
+
+def test_a_good_file_is_not_replaced_by_an_export_without_content(protos, tmp_path):
+    path = write(tmp_path / "p", VALUE)
+    good = path.read_bytes()
+    for archive in (b"", b"no package", package({}), good[:-30]):
+        with exporter(protos, archive) as ctl:
+            result = ctl("conf", "export", path)
+        assert (result.status, result.out) == (1, "") and "package" in result.err, result
+        assert path.read_bytes() == good
+
+
+def test_a_refusal_has_a_hint_only_if_the_machines_differ(protos, start, tmp_path):
+    refusal = grpc.StatusCode.INVALID_ARGUMENT
+    path = write(tmp_path / "p", {**IDENTITY, **VALUE})
+    with exporter(protos, path.read_bytes(), refusal) as ctl:
+        result = ctl("conf", "import", path)
+        assert (result.status, result.err) == (3, "halvoctl: INVALID_ARGUMENT: refused\n")
+    unknown = start(prefix=own_machine(tmp_path / "machine", keep=tmp_path,
+                                       variant="output:XYZ\n"))
+    result = Ctl(unknown.address)("conf", "import", path)
+    assert result.status == 3
+    assert result.err.splitlines()[1] == (
+        "hint: made for QAM part 0; this machine is UNKNOWN part 0")
 
 
 def test_the_saved_copy_of_the_endpoint_is_a_package(ctl, tuner, tmp_path):
@@ -122,7 +204,7 @@ def test_a_diff_of_an_operator(ctl, client, tuner, tmp_path):
 
 
 def test_nothing_of_a_package_reaches_the_disk(tmp_path):
-    path = package(tmp_path / "p", {**VALUE, str(tmp_path / "absolute"): "x", "../above": "x"})
+    path = write(tmp_path / "p", {**VALUE, str(tmp_path / "absolute"): "x", "../above": "x"})
     for words in (("ls",), ("lint",), ("diff", path), ("verify", "--here")):
         subprocess.run(command("conf", *words, path), cwd=tmp_path, check=False,
                        stdout=subprocess.DEVNULL, env=environment())
@@ -130,11 +212,11 @@ def test_nothing_of_a_package_reaches_the_disk(tmp_path):
 
 
 def test_the_largest_package_takes_little_time(tmp_path):
-    values = {f"sys/conf/mb/0/tuner/in/{number}/data": VALUE[next(iter(VALUE))]
+    values = {f"sys/conf/mb/0/tuner/in/{number}/data": TEXT
               for number in range(4700)}
-    full = package(tmp_path / "full", {**IDENTITIES[1], **values})
+    full = write(tmp_path / "full", {**IDENTITIES[1], **values})
     values["sys/conf/mb/0/tuner/in/7/data"] = "{}"
-    other = package(tmp_path / "other", {**IDENTITIES[1], **values})
+    other = write(tmp_path / "other", {**IDENTITIES[1], **values})
     for words, status in ((("ls", full), 0), (("diff", full, other), 4), (("lint", full), 0)):
         begin = time.monotonic()
         run = subprocess.run(command("conf", *words), capture_output=True, env=environment(),

@@ -13,11 +13,11 @@
 #include "input_text.h"
 #include "output.pb.h"
 #include "output_file.h"
+#include "package.h"
 #include "package_import.h"
 #include "printable.h"
 #include "report_table.h"
 #include "saving_status.h"
-#include "state_client.h"
 
 namespace Hox::Ctl {
 
@@ -52,11 +52,9 @@ ExitCode showSaving(Session& session, const std::optional<std::string>& log) {
         return code;
     }
     for (const auto& status : list.services()) {
-        StateClient::Report report;
-        *report.mutable_timestamp() = status.since();
         session.out() << printable(status.service_id()) << ": "
                       << (status.is_saved() ? "saved" : "unsaved") << " since "
-                      << sinceText(timeOf(report), session.now()) << '\n';
+                      << sinceText(timeOf(status.since()), session.now()) << '\n';
     }
     if (list.services().empty()) {
         session.out() << "saved: nothing has been changed since the start\n";
@@ -93,6 +91,9 @@ ExitCode exportConf(Session& session, const std::string& path) {
     }
     const auto connection = session.connect();
     const auto package = ConfClient(*connection).exportPackage();
+    if (Package(package).entries().empty()) {  // a good file must not be lost for it
+        throw CtlError(ExitCode::Usage, "the endpoint's package is empty");
+    }
     if (path == "-") {
         session.out() << package;
     } else {
@@ -112,8 +113,9 @@ ExitCode importConf(Session& session, const std::string& path) {
     if (session.isJson()) {
         session.print(imported);
     } else {
-        session.out() << fmt::format("Imported {} keys in {} slices.\n", imported.keys(),
-                                     imported.slices());
+        session.out() << fmt::format("Imported {} key{} in {} slice{}.\n", imported.keys(),
+                                     imported.keys() == 1 ? "" : "s", imported.slices(),
+                                     imported.slices() == 1 ? "" : "s");
     }
     return ExitCode::Done;
 }

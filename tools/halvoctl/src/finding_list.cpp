@@ -1,13 +1,19 @@
 #include "finding_list.h"
 
 #include <algorithm>
+#include <climits>
 #include <iterator>
-#include <string>
+#include <set>
 
+#include "configuration.pb.h"
+#include "ctl_error.h"
+#include "error_reason.h"
+#include "hox/archive/error/archive_error.h"
+#include "hox/archive/foreign_archive.h"
 #include "hox/configuration/storable_key.h"
 #include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/path_manipulation.h"
-#include "path_reason.h"
+#include "machine_identity.h"
 #include "printable.h"
 #include "saved_value.h"
 
@@ -17,65 +23,56 @@ namespace Configuration = Hox::Capability::Configuration;
 
 namespace {
 
+constexpr const char* notReceived = "RESOURCE_EXHAUSTED";
 constexpr const char* notUnpacked = "INTERNAL";
 constexpr const char* notLoaded = "FAILED_PRECONDITION";
 constexpr const char* accepted = "";
 
-/// What a service unpacks at most.
-constexpr std::size_t unpackedEntries = 40000;
-constexpr std::size_t unpackedBytes = std::size_t{8} << 20;
-constexpr std::size_t longestName = 4096;
-constexpr std::size_t longestComponent = 255;
+/// The largest request that a server of gRPC takes unless it is told otherwise.
+constexpr std::size_t largestRequest = std::size_t{4} << 20;
 
 /// The files with the identity that each export adds, if a package has none.
 constexpr std::size_t identitySize = 13;
 
-/// The folder of a path, empty at the top.
-std::string parentOf(const std::string& path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
-}
-
-/// All folders that the package makes.
-std::set<std::string> foldersOf(const Package& package) {
-    std::set<std::string> folders;
-    for (const auto& entry : package.entries()) {
-        const bool isFolder = entry.kind == PackageEntry::Kind::Folder;
-        auto path = isFolder ? entry.path : parentOf(entry.path);
-        while (!path.empty() && folders.insert(path).second) {
-            path = parentOf(path);
-        }
-    }
-    return folders;
+void addTo(FindingList& list, const std::string& where, const std::string& text,
+           const char* refusedAs) {
+    auto& finding = *list.add_findings();
+    finding.set_where(printable(where));
+    finding.set_text(printable(text));
+    finding.set_refused_as(refusedAs);
 }
 
 /// Examines one package.
 class Findings {
 public:
-    explicit Findings(const Package& package) : m_package(package) {}
+    explicit Findings(const std::string& archive)
+        : m_archive(archive), m_package(archive), m_folders(m_package.folders()) {}
 
     FindingList all() {
         for (const auto& entry : m_package.entries()) {
             examineEntry(entry);
         }
         for (const auto& [key, text] : m_package.values()) {
+            if (key.find_first_of("\n\r") != std::string::npos) {
+                add(key, "a line end in the key: it is not loaded", accepted);
+                continue;
+            }
             examineKey(key);
             if (const auto fault = faultOf(text); !fault.empty()) {
                 add(key, fault, accepted);
             }
         }
+        examineFolders();
         examineTwins();
         examineIdentity();
+        examineUnpacking();
         examineSize();
         return std::move(m_list);
     }
 
 private:
     void add(const std::string& where, const std::string& text, const char* refusedAs) {
-        auto& finding = *m_list.add_findings();
-        finding.set_where(printable(where));
-        finding.set_text(printable(text));
-        finding.set_refused_as(refusedAs);
+        addTo(m_list, where, text, refusedAs);
     }
 
     void examineEntry(const PackageEntry& entry) {
@@ -94,10 +91,14 @@ private:
         if (entry.kind == PackageEntry::Kind::Other) {
             add(name, "neither file nor folder", notUnpacked);
         }
+        if (entry.kind == PackageEntry::Kind::File && components.empty()) {
+            add(name, "a file without a name", notUnpacked);
+        }
         if (!isUtf8(name)) {
             add(name, "the name is no UTF-8", notUnpacked);
         }
-        if (name.size() > longestName || isTooDeep(components) || hasLongComponent(components)) {
+        if (name.size() > Archive::maxForeignName || isTooDeep(components) ||
+            hasLongComponent(components)) {
             add(name, "the name is too long", notUnpacked);
         }
     }
@@ -110,9 +111,8 @@ private:
 
     /// No folder can have such a name.
     static bool hasLongComponent(const std::vector<std::string>& components) {
-        return std::any_of(components.begin(), components.end(), [](const auto& component) {
-            return component.size() > longestComponent;
-        });
+        return std::any_of(components.begin(), components.end(),
+                           [](const auto& component) { return component.size() > NAME_MAX; });
     }
 
     void examineKey(const std::string& key) {
@@ -144,25 +144,51 @@ private:
         }
     }
 
-    void examineIdentity() {
-        for (const auto* const name : {"swvariant", "partno"}) {
-            if (m_package.file(name) == nullptr) {
-                add(name, "missing: the package counts as one of QAM part 0", accepted);
+    void examineFolders() {
+        for (const auto& folder : m_folders) {
+            if (m_package.file(folder) != nullptr) {
+                add(folder, "a file and a folder of the same name", notUnpacked);
             }
         }
     }
 
+    void examineIdentity() {
+        for (const auto* const name : {packageVariant, packagePartNumber}) {
+            if (m_folders.count(name) > 0) {
+                add(name, "a folder where a file must be", notLoaded);
+                return;
+            }
+            if (m_package.file(name) == nullptr) {
+                add(name, "missing: the package counts as one of QAM part 0", accepted);
+            }
+        }
+        const auto identity = identityOf(m_package);
+        if (!identity) {
+            add(packagePartNumber, "the part number is not a number", notLoaded);
+        } else if (identity->variant == SystemAPI::HeadendSWVariant::UNKNOWN) {
+            add(packageVariant, "an unknown variant: only a machine of one takes the package",
+                accepted);
+        }
+    }
+
+    /// The reader of the services finds what is wrong with the archive itself.
+    void examineUnpacking() {
+        const auto isRefused =
+            std::any_of(m_list.findings().begin(), m_list.findings().end(),
+                        [](const auto& finding) { return finding.refused_as() == notUnpacked; });
+        if (isRefused) {
+            return;
+        }
+        try {
+            static_cast<void>(Archive::readForeignArchive(
+                m_archive, {Configuration::maxPackageEntries, Configuration::maxPackageContent,
+                            Configuration::maxKeyComponents + 1}));
+        } catch (const Archive::ArchiveError& error) {
+            add("", reasonOf(error), notUnpacked);
+        }
+    }
+
     void examineSize() {
-        std::size_t bytes = 0;
-        for (const auto& entry : m_package.entries()) {
-            bytes += entry.content.size();
-        }
-        if (m_package.entries().size() > unpackedEntries) {
-            add("", "more than 40,000 entries", notUnpacked);
-        }
-        if (bytes > unpackedBytes) {
-            add("", "more than 8 MiB when it is unpacked", notUnpacked);
-        }
         const auto estimate = exportEstimate(m_package);
         m_list.set_estimate(estimate);
         m_list.set_limit(exportLimit);
@@ -174,7 +200,9 @@ private:
         }
     }
 
-    const Package& m_package;
+    const std::string& m_archive;
+    const Package m_package;
+    const std::set<std::string> m_folders;
     ObserverTree::PathManipulation m_paths;
     FindingList m_list;
 };
@@ -194,15 +222,27 @@ std::size_t exportEstimate(const Package& package) {
             sizes[entry.path] = entry.content.size();
         }
     }
-    std::size_t bytes = package.file("swvariant") == nullptr ? identitySize : 0;
+    std::size_t bytes = package.file(packageVariant) == nullptr ? identitySize : 0;
     for (const auto& [path, size] : sizes) {
         bytes += size;
     }
-    return exportEstimate(bytes, foldersOf(package).size());
+    return exportEstimate(bytes, package.folders().size());
 }
 
-FindingList findingsIn(const Package& package) {
-    return Findings(package).all();
+FindingList findingsIn(const std::string& archive) {
+    FindingList list;
+    try {
+        list = Findings(archive).all();
+    } catch (const CtlError& error) {
+        list.set_limit(exportLimit);
+        addTo(list, "", error.what(), notUnpacked);
+    }
+    Configuration::Api::UpdateSysConfReq request;
+    request.mutable_update_type()->set_sysconfdata(archive);
+    if (request.ByteSizeLong() > largestRequest) {
+        addTo(list, "", "larger than the 4 MiB that a service receives", notReceived);
+    }
+    return list;
 }
 
 }  // namespace Hox::Ctl

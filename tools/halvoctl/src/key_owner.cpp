@@ -7,13 +7,13 @@
 
 #include "ctl_error.h"
 #include "discovery.h"
+#include "error_reason.h"
 #include "hox/configuration/storable_key.h"
 #include "hox/observer_tree/path_error.h"
 #include "hox/observer_tree/path_manipulation.h"
 #include "mdns_daemon.h"
 #include "package.h"
 #include "package.pb.h"
-#include "path_reason.h"
 #include "printable.h"
 #include "table.h"
 
@@ -81,6 +81,10 @@ ExitCode showOwner(Session& session, const std::string& key) {
         owner.add_service_ids(id);
     }
     if (session.isJson()) {
+        for (auto* const text : {owner.mutable_key(), owner.mutable_node_type(),
+                                 owner.mutable_node_id(), owner.mutable_capability()}) {
+            *text = printable(*text);
+        }
         session.print(owner);
         return ExitCode::Done;
     }

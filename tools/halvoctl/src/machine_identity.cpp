@@ -13,24 +13,6 @@ namespace Hox::Ctl {
 
 using SystemAPI::HeadendSWVariant;
 
-const char* const overrideMarker = "/tmp/headend_override_compat_check";
-
-namespace {
-
-const char* nameOf(HeadendSWVariant variant) {
-    switch (variant) {
-        case HeadendSWVariant::QAM:
-            return "QAM";
-        case HeadendSWVariant::COFDM:
-            return "COFDM";
-        case HeadendSWVariant::UNKNOWN:
-            break;
-    }
-    return "UNKNOWN";
-}
-
-}  // namespace
-
 bool operator==(const MachineIdentity& left, const MachineIdentity& right) {
     return left.variant == right.variant && left.partNumber == right.partNumber;
 }
@@ -39,26 +21,48 @@ std::string identityText(const MachineIdentity& identity) {
     return std::string(nameOf(identity.variant)) + " part " + std::to_string(identity.partNumber);
 }
 
-MachineIdentity identityOf(const Package& package) {
+std::string identityText(const std::optional<MachineIdentity>& identity) {
+    return identity ? identityText(*identity) : "a machine that cannot be read";
+}
+
+std::string machinesText(const std::optional<MachineIdentity>& madeFor,
+                         const MachineIdentity& machine) {
+    return "made for " + identityText(madeFor) + "; this machine is " + identityText(machine);
+}
+
+std::optional<MachineIdentity> identityOf(const Package& package) {
+    const auto folders = package.folders();
+    if (folders.count(packageVariant) > 0 || folders.count(packagePartNumber) > 0) {
+        return std::nullopt;
+    }
     MachineIdentity identity;
-    if (const auto* const text = package.file("swvariant")) {
+    if (const auto* const text = package.file(packageVariant)) {
         std::istringstream stream(*text);
         identity.variant = SystemAPI::deSerialize(stream);
     }
-    if (const auto* const text = package.file("partno"); text != nullptr && !text->empty()) {
+    const auto* const number = package.file(packagePartNumber);
+    if (number == nullptr || number->empty()) {
+        return identity;
+    }
+    try {
         identity.partNumber =
-            static_cast<std::uint32_t>(std::stoi(text->substr(0, text->find('\n'))));
+            static_cast<std::uint32_t>(std::stoi(number->substr(0, number->find('\n'))));
+    } catch (const std::logic_error&) {
+        return std::nullopt;
     }
     return identity;
 }
 
 MachineIdentity exporterOf(const Package& package) {
     auto identity = identityOf(package);
-    const auto* const variant = package.file("swvariant");
-    if (variant != nullptr && variant->empty()) {
-        identity.variant = HeadendSWVariant::UNKNOWN;
+    if (!identity) {
+        throw CtlError(ExitCode::Usage, "the endpoint's identity cannot be read");
     }
-    return identity;
+    const auto* const variant = package.file(packageVariant);
+    if (variant != nullptr && variant->empty()) {
+        identity->variant = HeadendSWVariant::UNKNOWN;
+    }
+    return *identity;
 }
 
 MachineIdentity identityOfMachine(const std::string& root) {

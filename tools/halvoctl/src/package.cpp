@@ -1,7 +1,6 @@
 #include "package.h"
 
 #include <algorithm>
-#include <sstream>
 
 namespace Hox::Ctl {
 
@@ -12,18 +11,10 @@ const std::string keyRoot = "/sys/conf/";
 /// The name of the file in the folder of a key that has the value.
 const std::string valueFile = "/data";
 
-/// The name after the last "output:" at the start of a line.
-std::string variantOf(const std::string& text) {
-    const std::string mark = "output:";
-    std::istringstream stream(text);
-    std::string line;
-    std::string variant = "QAM";
-    while (std::getline(stream, line)) {
-        if (line.compare(0, mark.size(), mark) == 0) {
-            variant = line.substr(mark.size());
-        }
-    }
-    return variant;
+/// The folder of a path, empty at the top.
+std::string parentOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash);
 }
 
 /// The key whose value the file holds, empty if it holds none.
@@ -69,11 +60,21 @@ const std::string* Package::file(const std::string& path) const {
     return found == m_files.end() ? nullptr : &m_entries[found->second].content;
 }
 
-std::string Package::identity() const {
-    const auto* const variant = file("swvariant");
-    const auto* const partNumber = file("partno");
-    return (variant == nullptr ? "QAM" : variantOf(*variant)) + " part " +
-           (partNumber == nullptr ? "0" : partNumber->substr(0, partNumber->find('\n')));
+std::set<std::string> Package::folders() const {
+    std::set<std::string> found;
+    std::set<std::string> files;
+    for (const auto& entry : m_entries) {
+        if (entry.kind == PackageEntry::Kind::File) {
+            files.insert(entry.path);
+        }
+        const bool isMade =
+            entry.kind == PackageEntry::Kind::Folder && files.count(entry.path) == 0;
+        auto path = isMade ? entry.path : parentOf(entry.path);
+        while (!path.empty() && found.insert(path).second) {
+            path = parentOf(path);
+        }
+    }
+    return found;
 }
 
 std::set<std::string> Package::slices() const {

@@ -23,8 +23,9 @@ public:
     /// The content of the file at this place, null if there is none.
     const std::string* file(const std::string& path) const;
 
-    /// For which machine it was made, as in "QAM part 100001".
-    std::string identity() const;
+    /// All folders that it makes, also those that have no entry of their own. One after a file of
+    /// the same name is not made.
+    std::set<std::string> folders() const;
 
     /// The saved values as text, by key, with state ids and with keys that are in no slice.
     const std::map<std::string, std::string>& values() const { return m_values; }

@@ -17,12 +17,20 @@ namespace Hox::Ctl {
 
 namespace {
 
-Package read(const Session& session, const PackagePlace& place) {
+std::string bytesAt(const Session& session, const PackagePlace& place) {
     if (place != "@") {
-        return Package(readInput(session.surroundings().in, place));
+        return readInput(session.surroundings().in, place);
     }
     const auto connection = session.connect();
-    return Package(ConfClient(*connection).exportPackage());
+    return ConfClient(*connection).exportPackage();
+}
+
+Package packageAt(const Session& session, const PackagePlace& place) {
+    return Package(bytesAt(session, place));
+}
+
+std::string identityTextOf(const Package& package) {
+    return identityText(identityOf(package));
 }
 
 void printChange(const Session& session, const KeyChange& change) {
@@ -40,10 +48,10 @@ void printChange(const Session& session, const KeyChange& change) {
 }  // namespace
 
 ExitCode listKeys(Session& session, const PackagePlace& place, bool isLong) {
-    const auto package = read(session, place);
+    const auto package = packageAt(session, place);
     if (session.isJson()) {
         PackageContent content;
-        content.set_identity(printable(package.identity()));
+        content.set_identity(identityTextOf(package));
         for (const auto& [key, text] : package.values()) {
             auto& entry = *content.add_keys();
             entry.set_key(printable(key));
@@ -66,7 +74,7 @@ ExitCode listKeys(Session& session, const PackagePlace& place, bool isLong) {
 }
 
 ExitCode printKey(Session& session, const std::string& key, const PackagePlace& place) {
-    const auto package = read(session, place);
+    const auto package = packageAt(session, place);
     const auto found = package.values().find(key);
     if (found == package.values().end()) {
         throw CtlError(ExitCode::No, "the package has no key \"" + printable(key) + "\"",
@@ -79,21 +87,25 @@ ExitCode printKey(Session& session, const std::string& key, const PackagePlace& 
         *entry.mutable_value() = jsonValue(found->second);
         session.print(entry);
     } else {
-        session.out() << plainValue(found->second) << '\n';
+        const auto text = plainValue(found->second);
+        session.out() << (session.surroundings().isOutTerminal ? printable(text) : text) << '\n';
     }
     return ExitCode::Done;
 }
 
 ExitCode comparePackages(Session& session, const PackagePlace& before, const PackagePlace& after) {
-    const auto first = read(session, before);
-    const auto second = read(session, after);
-    if (first.identity() != second.identity()) {
-        session.note("the packages are for different machines: " + printable(first.identity()) +
-                     " and " + printable(second.identity()));
+    const auto first = packageAt(session, before);
+    const auto second = packageAt(session, after);
+    if (identityTextOf(first) != identityTextOf(second)) {
+        session.note("the packages are for different machines: " + identityTextOf(first) + " and " +
+                     identityTextOf(second));
     }
-    const auto difference = differenceOf(first, second);
+    auto difference = differenceOf(first, second);
     const auto code = difference.changes().empty() ? ExitCode::Done : ExitCode::No;
     if (session.isJson()) {
+        for (auto& change : *difference.mutable_changes()) {
+            change.set_key(printable(change.key()));
+        }
         session.print(difference);
         return code;
     }
@@ -116,7 +128,7 @@ ExitCode comparePackages(Session& session, const PackagePlace& before, const Pac
 }
 
 ExitCode lintPackage(Session& session, const PackagePlace& place) {
-    const auto list = findingsIn(read(session, place));
+    const auto list = findingsIn(bytesAt(session, place));
     if (session.isJson()) {
         session.print(list);
     } else {
@@ -133,9 +145,9 @@ ExitCode lintPackage(Session& session, const PackagePlace& place) {
 }
 
 ExitCode verifyPackage(Session& session, const PackagePlace& place, bool isHere) {
-    const auto package = read(session, place);
-    const auto verdict = isHere ? verdictOf(package, identityOfMachine(""), hasOverrideMarker(""))
-                                : verdictOf(package, exporterOf(read(session, "@")), false);
+    const auto archive = bytesAt(session, place);
+    const auto verdict = isHere ? verdictOf(archive, identityOfMachine(""), hasOverrideMarker(""))
+                                : verdictOf(archive, exporterOf(packageAt(session, "@")), false);
     if (session.isJson()) {
         session.print(verdict);
     } else {

@@ -1,77 +1,41 @@
 #include "package_entry.h"
 
-#include <archive.h>
-#include <archive_entry.h>
-
 #include <algorithm>
 #include <cstddef>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "ctl_error.h"
+#include "error_reason.h"
+#include "hox/archive/error/archive_error.h"
+#include "hox/archive/foreign_archive.h"
 
 namespace Hox::Ctl {
 
+using Hox::Archive::RawEntry;
+
 namespace {
 
-constexpr std::size_t mostBytes = std::size_t{64} << 20;
-constexpr std::size_t mostEntries = 100000;
+/// More than a service takes, so that what is too much can be examined.
+constexpr Hox::Archive::ForeignLimits readableLimits{100000, std::uint64_t{64} << 20, 0};
 
-struct ReadFree {
-    void operator()(archive* handle) const { archive_read_free(handle); }
-};
-using Reader = std::unique_ptr<archive, ReadFree>;
-
-[[noreturn]] void refuse(const std::string& reason) {
-    throw CtlError(ExitCode::Usage, "the package cannot be read: " + reason);
-}
-
-[[noreturn]] void refuse(archive* reader) {
-    const char* const text = archive_error_string(reader);
-    refuse(text == nullptr ? "unknown error" : text);
-}
-
-Reader open(const std::string& bytes) {
-    Reader reader(archive_read_new());
-    if (!reader) {
-        throw std::bad_alloc();
-    }
-    archive_read_support_filter_all(reader.get());
-    archive_read_support_format_all(reader.get());
-    if (archive_read_open_memory(reader.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
-        refuse(reader.get());
-    }
-    return reader;
-}
-
-std::string contentOf(archive* reader, std::size_t& left) {
-    constexpr std::size_t blockSize = 65536;
-    std::vector<char> block(blockSize);
-    std::string content;
-    for (;;) {
-        const auto count = archive_read_data(reader, block.data(), block.size());
-        if (count < 0) {
-            refuse(reader);
-        }
-        if (count == 0) {
-            return content;
-        }
-        const auto size = static_cast<std::size_t>(count);
-        if (size > left) {
-            refuse("it unpacks to more than 64 MiB");
-        }
-        left -= size;
-        content.append(block.data(), size);
+std::vector<RawEntry> rawEntriesOf(const std::string& archive) {
+    try {
+        return Hox::Archive::readRawEntries(archive, readableLimits);
+    } catch (const Hox::Archive::ArchiveError& error) {
+        throw CtlError(ExitCode::Usage, "the package cannot be read: " + reasonOf(error));
     }
 }
 
-PackageEntry::Kind kindOf(::archive_entry* entry) {
-    const auto type = archive_entry_filetype(entry);
-    if (archive_entry_hardlink(entry) != nullptr || (type != AE_IFREG && type != AE_IFDIR)) {
-        return PackageEntry::Kind::Other;
+PackageEntry::Kind kindOf(RawEntry::Kind kind) {
+    switch (kind) {
+        case RawEntry::Kind::File:
+            return PackageEntry::Kind::File;
+        case RawEntry::Kind::Folder:
+            return PackageEntry::Kind::Folder;
+        case RawEntry::Kind::Other:
+            break;
     }
-    return type == AE_IFREG ? PackageEntry::Kind::File : PackageEntry::Kind::Folder;
+    return PackageEntry::Kind::Other;
 }
 
 std::string cleanPath(const std::string& name) {
@@ -97,26 +61,11 @@ std::vector<std::string> componentsOf(const std::string& path) {
 }
 
 std::vector<PackageEntry> readPackageEntries(const std::string& archive) {
-    const auto reader = open(archive);
     std::vector<PackageEntry> entries;
-    ::archive_entry* header = nullptr;
-    auto left = mostBytes;
-    int result = ARCHIVE_OK;
-    while ((result = archive_read_next_header(reader.get(), &header)) == ARCHIVE_OK ||
-           result == ARCHIVE_WARN) {
-        if (entries.size() == mostEntries) {
-            refuse("it has more than 100,000 entries");
-        }
-        const char* const name = archive_entry_pathname(header);
-        PackageEntry entry{name == nullptr ? "" : name, {}, kindOf(header), {}};
+    for (auto& raw : rawEntriesOf(archive)) {
+        PackageEntry entry{std::move(raw.name), {}, kindOf(raw.kind), std::move(raw.content)};
         entry.path = cleanPath(entry.name);
-        if (entry.kind == PackageEntry::Kind::File) {
-            entry.content = contentOf(reader.get(), left);
-        }
         entries.push_back(std::move(entry));
-    }
-    if (result != ARCHIVE_EOF) {
-        refuse(reader.get());
     }
     return entries;
 }

@@ -23,8 +23,9 @@ struct PackageEntry {
 /// The texts between the slashes, without those that are empty or a dot.
 std::vector<std::string> componentsOf(const std::string& path);
 
-/// Reads an archive in memory; nothing of it reaches the disk. Throws CtlError if it cannot be read
-/// or unpacks to more than 64 MiB or 100,000 entries.
+/// Reads an archive in memory; nothing of it reaches the disk, and no file or program that it names
+/// is opened. Throws CtlError if no service can read it, or if it unpacks to more than 64 MiB or
+/// 100,000 entries.
 std::vector<PackageEntry> readPackageEntries(const std::string& archive);
 
 }  // namespace Hox::Ctl

@@ -4,7 +4,7 @@
 
 #include "call_error.h"
 #include "ctl_error.h"
-#include "printable.h"
+#include "machine_identity.h"
 
 namespace Hox::Ctl {
 
@@ -18,22 +18,22 @@ std::optional<Package> tryRead(const std::string& bytes) {
     }
 }
 
-/// Why the service may have refused the package.
+/// Why the service may have refused the package; empty if the tool does not know.
 std::string identityHint(const ConfClient& client, const Package& package) {
-    std::string hint = "made for " + printable(package.identity());
+    const auto madeFor = identityOf(package);
     try {
-        hint += "; this machine is " + printable(Package(client.exportPackage()).identity());
+        const auto machine = exporterOf(Package(client.exportPackage()));
+        return madeFor && *madeFor == machine ? "" : machinesText(madeFor, machine);
     } catch (const CtlError&) {
-        return hint;
+        return "made for " + identityText(madeFor);
     }
-    return hint;
 }
 
 }  // namespace
 
 PackageImport::PackageImport(std::string bytes)
     : m_bytes(std::move(bytes)), m_package(tryRead(m_bytes)) {
-    if (m_package && m_package->slices().empty()) {
+    if (m_bytes.empty() || (m_package && m_package->slices().empty())) {
         throw CtlError(ExitCode::Usage, "not sent: the package has no configuration",
                        "halvoctl conf clear removes the whole configuration");
     }
@@ -46,7 +46,11 @@ void PackageImport::send(const ConfClient& client) const {
         if (error.statusCode() != grpc::StatusCode::INVALID_ARGUMENT || !m_package) {
             throw;
         }
-        throw error.withHint(identityHint(client, *m_package));
+        const auto hint = identityHint(client, *m_package);
+        if (hint.empty()) {
+            throw;
+        }
+        throw error.withHint(hint);
     }
 }
 

@@ -5,9 +5,9 @@
 
 #include "configuration.pb.h"
 #include "ctl_error.h"
+#include "error_reason.h"
 #include "hox/observer_tree/path_error.h"
 #include "obstree.pb.h"
-#include "path_reason.h"
 #include "printable.h"
 #include "state_monitoring.pb.h"
 

@@ -1,5 +1,6 @@
 #include "saved_value.h"
 
+#include <google/protobuf/descriptor.h>
 #include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/util/json_util.h>
 #include <google/protobuf/wrappers.pb.h>
@@ -14,6 +15,8 @@ namespace Hox::Ctl {
 using google::protobuf::StringValue;
 
 namespace {
+
+const std::string misfit = "it does not fit its type: it is loaded as an empty value";
 
 /// The text of a value of the most common type; nothing for other values.
 std::optional<StringValue> textIn(const std::string& text) {
@@ -34,20 +37,44 @@ std::optional<google::protobuf::Value> jsonIn(const std::string& text) {
                                                                           : std::nullopt;
 }
 
+bool isKnown(const std::string& typeUrl) {
+    std::string type;
+    return google::protobuf::Any::ParseAnyTypeUrl(typeUrl, &type) &&
+           google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type) !=
+               nullptr;
+}
+
+/// Whether the value is an empty text, but not by its saved form: the reader takes no text for an
+/// empty one.
+bool hasLostItsText(const google::protobuf::Any& value, const std::string& saved) {
+    StringValue plain;
+    if (!value.Is<StringValue>() || !value.UnpackTo(&plain) || !plain.value().empty()) {
+        return false;
+    }
+    const auto members = ObserverTree::textMembersOf(saved);
+    return members.count("value") == 0 && members.count("@bytes") == 0;
+}
+
 }  // namespace
 
 std::string faultOf(const std::string& text) {
     const google::protobuf::LogSilencer silencer;
     google::protobuf::Any value;
     if (ObserverTree::valueFromText(text, value)) {
-        return value.type_url().empty() ? "empty: a version that did not know its type has lost it"
-                                        : "";
+        if (value.type_url().empty()) {
+            return "empty: a version that did not know its type has lost it";
+        }
+        return hasLostItsText(value, text) ? misfit : "";
     }
     if (!jsonIn(text)) {
         return "no JSON: it is loaded as an empty value";
     }
-    const bool hasType = text.find("\"@type\"") != std::string::npos;
-    return hasType ? "" : "JSON without a type: it is loaded as an empty value";
+    const auto members = ObserverTree::textMembersOf(text);
+    const auto type = members.find("@type");
+    if (type == members.end()) {
+        return "JSON without a type: it is loaded as an empty value";
+    }
+    return isKnown(type->second) ? misfit : "";
 }
 
 std::string shownValue(const std::string& text) {

@@ -20,7 +20,7 @@ using Seen = std::vector<std::string>;
 Seen seen(const PackageFiles& files, const PackageFiles& links = {}) {
     auto all = identity;
     all.insert(all.end(), files.begin(), files.end());
-    const auto list = findingsIn(Package(makePackage(all, links)));
+    const auto list = findingsIn(makePackage(all, links));
     Seen result;
     for (const auto& finding : list.findings()) {
         result.push_back(finding.where() + ": " + finding.text() + "|" + finding.refused_as());
@@ -99,14 +99,71 @@ TEST(FindingList, HasValuesThatAreLost) {
     }
     EXPECT_EQ(seen({{valueAt("a"), R"({"value":"x"})"}}),
               Seen{key + ": JSON without a type: it is loaded as an empty value|"});
+    EXPECT_EQ(seen({{valueAt("a"), R"({"value":"\"@type\""})"}}),
+              Seen{key + ": JSON without a type: it is loaded as an empty value|"});
+    for (const auto* const value : {"{}", "1.5", "null,\"more\":1"}) {
+        EXPECT_EQ(
+            seen({{valueAt("a"),
+                   std::string(R"({"@type":"type.googleapis.com/google.protobuf.StringValue",)") +
+                       R"("value":)" + value + "}"}}),
+            Seen{key + ": it does not fit its type: it is loaded as an empty value|"})
+            << value;
+    }
+}
+
+TEST(FindingList, HasAKeyThatIsNotLoaded) {
+    EXPECT_EQ(seen({{valueAt("a\nb"), "no json"}}),
+              Seen{"/sys/conf/mb/0/tuner/a\\nb: a line end in the key: it is not loaded|"});
+}
+
+TEST(FindingList, HasFilesInTheWayOfFolders) {
+    const std::string text = ": a file and a folder of the same name|INTERNAL";
+    EXPECT_EQ(seen({{"a", "x"}, {"a/b", "x"}}), Seen{"a" + text});
+    EXPECT_EQ(seen({{"x/", ""}, {"./x", "x"}}), Seen{"x" + text});
+    EXPECT_EQ(seen({{"x", "1"}, {"x", "2"}, {"x/", ""}, {"y/", ""}, {"y/", ""}}), Seen());
+    EXPECT_EQ(seen({{".", "x"}}), Seen{".: a file without a name|INTERNAL"});
+}
+
+TEST(FindingList, HasAnArchiveThatCannotBeRead) {
+    const auto whole = makePackage({{valueAt("a"), savedText("x")}});
+    for (const auto& bytes : {std::string(), std::string("no package"), whole + "more"}) {
+        const auto list = findingsIn(bytes);
+        ASSERT_EQ(list.findings_size(), 1);
+        EXPECT_EQ(list.findings(0).refused_as(), "INTERNAL");
+        EXPECT_EQ(list.limit(), exportLimit);
+    }
+    EXPECT_EQ(findingsIn("").findings(0).text(), "the package cannot be read: No byte at all");
+}
+
+TEST(FindingList, HasTooManyEntries) {
+    const PackageFiles files(40001, {"a", ""});
+    const auto list = findingsIn(makePackage(files));
+    ASSERT_EQ(list.findings_size(), 3);
+    EXPECT_EQ(list.findings(2).text(), "More entries than an archive may have");
 }
 
 TEST(FindingList, HasAMissingIdentity) {
-    const auto list = findingsIn(Package(makePackage({{valueAt("a"), savedText("x")}})));
+    const auto list = findingsIn(makePackage({{valueAt("a"), savedText("x")}}));
     ASSERT_EQ(list.findings_size(), 2);
     EXPECT_EQ(list.findings(0).where(), "swvariant");
     EXPECT_EQ(list.findings(1).where(), "partno");
     EXPECT_EQ(list.findings(1).text(), "missing: the package counts as one of QAM part 0");
+}
+
+TEST(FindingList, HasAnIdentityThatCannotBeRead) {
+    const auto found = [](const std::string& variant, const std::string& partNumber) {
+        const auto list = findingsIn(makePackage({{"swvariant", variant}, {"partno", partNumber}}));
+        EXPECT_EQ(list.findings_size(), 1);
+        const auto& finding = list.findings(0);
+        return finding.where() + ": " + finding.text() + "|" + finding.refused_as();
+    };
+    EXPECT_EQ(found("output:QAM\n", "none\n"),
+              "partno: the part number is not a number|FAILED_PRECONDITION");
+    EXPECT_EQ(found("output:XYZ\n", "0\n"),
+              "swvariant: an unknown variant: only a machine of one takes the package|");
+    const auto list = findingsIn(makePackage({{"swvariant/", ""}, {"partno", "0\n"}}));
+    ASSERT_EQ(list.findings_size(), 1);
+    EXPECT_EQ(list.findings(0).refused_as(), "FAILED_PRECONDITION");
 }
 
 TEST(FindingList, HasSlicesOfWhichOneWipesTheOther) {
@@ -121,7 +178,7 @@ TEST(FindingList, HasAnEstimateAboveTheLimit) {
     const auto sized = [](std::size_t size) {
         auto files = identity;
         files.push_back({"folder/file", std::string(size, 'x')});
-        return findingsIn(Package(makePackage(files)));
+        return findingsIn(makePackage(files));
     };
     const auto fits = sized(exportLimit - reserve);
     EXPECT_EQ(fits.estimate(), exportLimit);
@@ -132,7 +189,8 @@ TEST(FindingList, HasAnEstimateAboveTheLimit) {
               "its estimate is 524289 bytes, and above 524288 it cannot be exported again");
     EXPECT_EQ(tooLarge.findings(0).refused_as(), "");
     const auto huge = sized((std::size_t{8} << 20) + 1);
-    EXPECT_EQ(huge.findings(0).text(), "more than 8 MiB when it is unpacked");
+    EXPECT_EQ(huge.findings(0).text(), "More bytes than an archive may have, at: folder/file");
+    EXPECT_EQ(huge.findings(0).refused_as(), "INTERNAL");
 }
 
 TEST(FindingList, CountsFoldersOnce) {

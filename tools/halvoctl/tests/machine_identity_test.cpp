@@ -4,9 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 #include "ctl_error.h"
+#include "hox/configuration/package_rules.h"
 #include "hox/testing/temp_dir.h"
 #include "make_package.h"
 #include "package_verdict.h"
@@ -55,7 +55,7 @@ TEST_F(MachineIdentityTest, ASerialFileThatEndsTheServiceIsAnError) {
 TEST(PackageVerdict, IsThatOfAServiceOnTheMachine) {
     const MachineIdentity machine{HeadendSWVariant::COFDM, 100003};
     const auto verdict = [&machine](const PackageFiles& files, bool isOverridden = false) {
-        const auto result = verdictOf(Package(makePackage(files)), machine, isOverridden);
+        const auto result = verdictOf(makePackage(files), machine, isOverridden);
         return (result.is_accepted() ? "accepted: " : result.code() + ": ") + result.reason();
     };
     const std::pair<std::string, std::string> variant{"swvariant", "output:COFDM\n"};
@@ -73,13 +73,31 @@ TEST(PackageVerdict, IsThatOfAServiceOnTheMachine) {
     EXPECT_EQ(verdict({variant, {"partno", "100003\n"}, {"sys/conf/a/data", "{}"}}),
               "FAILED_PRECONDITION: /sys/conf/a: a value outside of a slice");
     EXPECT_EQ(verdict({{"/partno", "100003\n"}}), "INTERNAL: /partno: absolute name");
+    EXPECT_EQ(verdict({{"partno/", ""}}),
+              "FAILED_PRECONDITION: partno: a folder where a file must be");
+}
+
+TEST(PackageVerdict, AnArchiveThatCannotBeReadIsRefused) {
+    const auto verdict = verdictOf("", {HeadendSWVariant::QAM, 0}, true);
+    EXPECT_FALSE(verdict.is_accepted());
+    EXPECT_EQ(verdict.code() + ": " + verdict.reason(),
+              "INTERNAL: the package cannot be read: No byte at all");
+}
+
+TEST(PackageVerdict, TheIdentityOfAnEndpointMayBeOneThatCannotBeRead) {
+    const Package broken(makePackage({{"partno", "none\n"}}));
+    EXPECT_FALSE(identityOf(broken));
+    EXPECT_THROW(exporterOf(broken), CtlError);
+    EXPECT_EQ(machinesText(identityOf(broken), {HeadendSWVariant::COFDM, 5}),
+              "made for a machine that cannot be read; this machine is COFDM part 5");
 }
 
 TEST(PackageVerdict, AMachineOfUnknownVariantDoesNotAcceptItsOwnExports) {
-    const Package exported(makePackage({{"swvariant", ""}, {"partno", "0\n"}}));
+    const auto archive = makePackage({{"swvariant", ""}, {"partno", "0\n"}});
+    const Package exported(archive);
     EXPECT_EQ(identityText(exporterOf(exported)), "UNKNOWN part 0");
-    EXPECT_FALSE(verdictOf(exported, exporterOf(exported), false).is_accepted());
-    const Package other(makePackage({{"swvariant", "output:XYZ\n"}, {"partno", "0\n"}}));
+    EXPECT_FALSE(verdictOf(archive, exporterOf(exported), false).is_accepted());
+    const auto other = makePackage({{"swvariant", "output:XYZ\n"}, {"partno", "0\n"}});
     EXPECT_TRUE(verdictOf(other, exporterOf(exported), false).is_accepted());
 }
 
@@ -87,7 +105,8 @@ TEST(PackageVerdict, TheMarkerIsLookedForBelowTheRoot) {
     const Testing::TempDir root;
     EXPECT_FALSE(hasOverrideMarker(root.path()));
     std::filesystem::create_directory(root / "tmp");
-    std::filesystem::create_directory(root.path().string() + overrideMarker);
+    std::filesystem::create_directory(root.path().string() +
+                                      Hox::Capability::Configuration::overrideMarker);
     EXPECT_TRUE(hasOverrideMarker(root.path()));
 }
 

@@ -127,15 +127,36 @@ TEST_F(PackageCommandsTest, WhatCannotBeReadIsAnError) {
     for (const std::vector<std::string>& words : {std::vector<std::string>{"ls", m_old},
                                                   {"get", "/a", m_old},
                                                   {"diff", m_new, m_old},
-                                                  {"lint", m_old},
-                                                  {"verify", "--here", m_old},
-                                                  {"ls", "/nonexistent"}}) {
+                                                  {"ls", "/nonexistent"},
+                                                  {"lint", "/nonexistent"},
+                                                  {"verify", "--here", "/nonexistent"}}) {
         const auto found = run(words);
         EXPECT_EQ(found.code, ExitCode::Usage);
         EXPECT_EQ(found.out, "");
         EXPECT_NE(found.err, "");
     }
     EXPECT_EQ(run({"ls"}).code, ExitCode::Unreachable);
+}
+
+TEST_F(PackageCommandsTest, WhatNoServiceCanReadIsRefused) {
+    std::ofstream(m_old) << "no package";
+    const auto lint = run({"lint", m_old});
+    EXPECT_EQ(lint.code, ExitCode::No);
+    EXPECT_EQ(lint.out.find("the package cannot be read: "), 0U) << lint.out;
+    EXPECT_NE(lint.out.find(" (refused)\n1 finding; "), std::string::npos) << lint.out;
+    const auto verify = run({"verify", "--here", m_old});
+    EXPECT_EQ(verify.code, ExitCode::No);
+    EXPECT_EQ(verify.out.find("refused: INTERNAL: the package cannot be read: "), 0U) << verify.out;
+}
+
+TEST_F(PackageCommandsTest, AKeyThatIsNoTextIsPrintedEscaped) {
+    write(m_new, {{"a\xff", savedText("x")}});
+    PackageDifference difference;
+    ASSERT_TRUE(google::protobuf::util::JsonStringToMessage(
+                    run({"diff", m_old, m_new, "-o", "json"}).out, &difference)
+                    .ok());
+    EXPECT_EQ(difference.changes(0).key(), "/sys/conf/mb/0/tuner/a\\xff");
+    EXPECT_EQ(run({"diff", m_old, m_new}).out.find("+ /sys/conf/mb/0/tuner/a\\xff: \"x\"\n"), 0U);
 }
 
 TEST_F(PackageCommandsTest, APackageMayComeFromTheInput) {
@@ -150,6 +171,10 @@ TEST_F(PackageCommandsTest, TextsOfAPackageCannotControlTheTerminal) {
     }
     EXPECT_EQ(run({"diff", m_new, m_old}).out.find('\x1b'), std::string::npos);
     EXPECT_EQ(run({"ls", "-l", m_old}).out.find('\x1b'), std::string::npos);
+    write(m_new, {{"a", savedText("\\u001b[2J")}});
+    EXPECT_EQ(run({"get", "/sys/conf/mb/0/tuner/a", m_new}).out, "\x1b[2J\n");
+    m_tool.isOutTerminal = true;
+    EXPECT_EQ(run({"get", "/sys/conf/mb/0/tuner/a", m_new}).out, "\\x1b[2J\n");
 }
 
 TEST_F(PackageCommandsTest, TheLargestPackageTakesLittleTime) {

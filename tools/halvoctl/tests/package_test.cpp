@@ -18,7 +18,6 @@ TEST(Package, HasIdentityKeysAndSlices) {
                                        {"sys/conf/mb/1/net/a/data", "x"},
                                        {"sys/conf/mb/1/net/a/data~", "x"},
                                        {"sys/conf/a/data", "x"}}));
-    EXPECT_EQ(package.identity(), "COFDM part 100003");
     EXPECT_EQ(package.keyCount(), 3U);
     EXPECT_EQ(package.slices(), (std::set<std::string>{"mb/0/tuner", "mb/1/net"}));
 }
@@ -55,16 +54,33 @@ TEST(Package, KnowsSlicesAndStateIds) {
     EXPECT_FALSE(isStateId("/sys/conf/mb/0/tuner/a/__csid"));
 }
 
-TEST(Package, WithoutIdentityIsForTheDefaultMachine) {
-    EXPECT_EQ(Package(makePackage({{"a", "b"}})).identity(), "QAM part 0");
+TEST(Package, MayBeWithoutKeys) {
     EXPECT_EQ(Package(makePackage({})).keyCount(), 0U);
-    EXPECT_EQ(Package("").keyCount(), 0U);
+}
+
+TEST(Package, MakesFolders) {
+    const Package package(makePackage({{"a/b/x", "1"}, {"./c/", ""}, {"d", "1"}, {"d/", ""}}));
+    EXPECT_EQ(package.folders(), (std::set<std::string>{"a", "a/b", "c"}));
 }
 
 TEST(Package, AnotherFileCannotBeRead) {
     EXPECT_THROW(Package("no package"), CtlError);
     const auto whole = makePackage({{"sys/conf/mb/0/tuner/a/data", std::string(5000, 'x')}});
     EXPECT_THROW(Package(whole.substr(0, whole.size() / 2)), CtlError);
+    EXPECT_THROW(Package(whole + "more"), CtlError);
+    EXPECT_THROW(Package(""), CtlError);
+}
+
+/// Such a list names local files, whose content would be shown.
+TEST(Package, IsNoListOfFiles) {
+    EXPECT_THROW(Package("#mtree\n./a type=file contents=/etc/passwd\n"), CtlError);
+}
+
+TEST(Package, StartsNoProgram) {
+    EXPECT_THROW(Package("begin 644 -\n" + std::string("#0V%T\n`\nend\n")), CtlError);
+    EXPECT_THROW(Package(std::string("LRZI\0\6", 6) + std::string(100, '\0')), CtlError);
+    const std::string lzop("\x89LZO\0\r\n\x1a\n", 9);
+    EXPECT_THROW(Package(lzop + std::string(100, '\0')), CtlError);
 }
 
 TEST(Package, OneThatUnpacksToTooMuchIsNotRead) {
