@@ -1,4 +1,5 @@
 """The operator's tool examines services and their machines, packs support files and measures."""
+import concurrent.futures
 import contextlib
 import json
 import re
@@ -7,9 +8,10 @@ import subprocess
 import sys
 import tarfile
 
+import grpc
 from kit.configuration import Slice, save
 from kit.ctl import Ctl, command, environment
-from kit.namespaces import free_port, own_log, own_machine
+from kit.namespaces import free_port, own_log, own_machine, own_path
 from kit.snmp_configuration import set_manager
 
 
@@ -22,10 +24,10 @@ def examined(ctl, *words, **kwargs):
     return findings(ctl("doctor", "-o", "json", *words, **kwargs))
 
 
-def before_start(prefix, *words):
+def before_start(prefix, *words, **variables):
     """What the doctor finds in the namespaces that the words of the prefix make."""
     run = subprocess.run([*prefix, *command("doctor", "--before-start", "-o", "json", *words)],
-                         capture_output=True, text=True, env=environment(), check=False)
+                         capture_output=True, text=True, env=environment(**variables), check=False)
     assert not run.stderr
     return {check["name"]: check["result"] for check in json.loads(run.stdout)["checks"]}
 
@@ -140,6 +142,76 @@ def test_the_mib_that_traps_need(start, tmp_path):
     assert found["mib"][0] == "FAIL"
 
 
+def test_the_mib_of_the_machine_is_found_before_a_start(tmp_path):
+    traps = tmp_path / "config/state_monitoring_uservice/snmp/data"
+    traps.parent.mkdir(parents=True)
+    traps.write_text("{}")
+    (tmp_path / "mibs").mkdir()
+    mibs = own_path("/usr/share/snmp/mibs", tmp_path / "mibs")
+    words = ("-e", f"localhost:{free_port()}", "--configdir", tmp_path / "config")
+    assert before_start(mibs, *words)["mib"] == "FAIL"
+    (tmp_path / "mibs/HALVO-QHED-MIB.txt").write_text("")
+    assert before_start(mibs, *words)["mib"] == "ok"
+
+
+def test_a_service_that_does_not_describe_itself(protos):
+    port = free_port()
+    server = grpc.server(concurrent.futures.ThreadPoolExecutor(2),
+                         options=[("grpc.so_reuseport", 0)])
+    assert server.add_insecure_port(f"127.0.0.1:{port}") == port
+    server.start()
+    try:
+        found = examined(Ctl(f"localhost:{port}"))
+    finally:
+        server.stop(0).wait(20)
+    assert found["endpoint"][0] == "ok"
+    assert found["reflection"][0] == "warn" and found["reflection"][1].endswith("; use --protoset")
+    assert (found["unsaved"][0], found["package"][0]) == ("FAIL", "FAIL")
+
+
+def test_another_machine_is_not_examined():
+    found = examined(Ctl("192.0.2.1:5005"), "--timeout", "200ms")
+    assert found["machine"] == (
+        "warn", "192.0.2.1:5005 is another machine: only there it can be examined")
+    assert set(found) == {"endpoint", "machine", "confirmations"}
+
+
+def test_before_a_start_the_daemon_may_be_missing(tmp_path):
+    found = before_start([], "-e", f"localhost:{free_port()}",
+                         DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={tmp_path}/none")
+    assert found["avahi"] == "warn"
+
+
+def test_only_root_sees_all(service, tmp_path):
+    tmp_path.chmod(0o700)
+    run = subprocess.run(
+        command("doctor", "-e", service.address, "-o", "json", "--configdir", tmp_path / "config"),
+        capture_output=True, text=True, check=False, user=65534, group=65534, extra_groups=[],
+        env=environment(XDG_STATE_HOME="/nonexistent"))
+    found = {check["name"]: (check["result"], check["text"])
+             for check in json.loads(run.stdout)["checks"]}
+    assert found["listeners"] == (
+        "warn", f"only root sees which processes listen on port {service.port}")
+    for name in ("config-folder", "exchange", "leftover", "mib"):
+        assert found[name][0] == "warn" and "only root" in found[name][1], found[name]
+
+
+def test_a_package_that_is_nearly_too_large(ctl, client):
+    Slice(client).update({"/a": "x" * 430_000})
+    save(client)
+    found = examined(ctl)
+    assert found["package"][0] == "warn"
+    assert found["package"][1].endswith(": soon the configuration cannot be exported")
+
+
+def test_records_that_cannot_be_read(ctl, tmp_path):
+    (tmp_path / "halvo").mkdir()
+    (tmp_path / "halvo/confirm").write_text("no folder")
+    found = examined(ctl, XDG_STATE_HOME=str(tmp_path))
+    assert found["confirmations"] == (
+        "warn", f"cannot read {tmp_path}/halvo/confirm: Not a directory")
+
+
 def test_names_that_cannot_be_exchanged(service, tmp_path):
     run = subprocess.run(["strace", "-f", "-o", tmp_path / "trace", "-e", "trace=renameat2", "-e",
                           "inject=renameat2:error=EINVAL",
@@ -217,7 +289,7 @@ def test_a_support_file_has_everything_but_the_community(start, tmp_path):
             "state/traps.json", "loggers.json", "configuration/status.json",
             "configuration/package/partno", "log/halvo-system.log"} <= set(content)
     assert "Saving changes" in content["log/halvo-system.log"]
-    assert json.loads(content["state/traps.json"])["conf"]["community"] == "***"
+    assert json.loads(content["state/traps.json"])["community"] == "***"
     raw = secret.encode()
     for name, text in content.items():
         for form in ("s3cret", "0ther-secret", raw.hex(), json.dumps(secret)[1:-1]):
@@ -225,6 +297,21 @@ def test_a_support_file_has_everything_but_the_community(start, tmp_path):
         if name.endswith(".json"):
             json.loads(text)
     assert "***" in content["configuration/package/sys/conf/mb/0/state_monitoring_uservice/snmp/data"]
+
+
+def test_a_support_file_follows_no_link_of_the_service(start, tmp_path):
+    service = start(log_to_file=True)
+    secret = tmp_path / "secret"
+    secret.write_text("precious")
+    former = service.log_file.with_name("halvo-system.1.log")
+    former.symlink_to(secret)
+    path = tmp_path / "support.tar.gz"
+    result = Ctl(service.address)("support", path, "-o", "json")
+    assert result.status == 0
+    assert any(text.startswith("log/halvo-system.1.log: ") for text in result.json["missing"])
+    content = content_of(path)
+    assert "log/halvo-system.log" in content
+    assert not any("precious" in text for text in content.values())
 
 
 def test_a_support_file_of_a_service_that_is_gone(tmp_path):

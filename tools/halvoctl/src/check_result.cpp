@@ -28,4 +28,11 @@ Check failed(const std::string& name, const std::string& text) {
     return makeCheck(name, "FAIL", text);
 }
 
+std::string lineOf(const Check& check, const Painter& painter) {
+    const auto color = check.result() == "ok"     ? Painter::Color::Green
+                       : check.result() == "warn" ? Painter::Color::Yellow
+                                                  : Painter::Color::Red;
+    return painter.paint(color, check.result()) + " " + check.name() + ": " + check.text();
+}
+
 }  // namespace Hox::Ctl

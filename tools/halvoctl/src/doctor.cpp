@@ -180,11 +180,7 @@ ExitCode runDoctor(Session& session, const DoctorWords& words) {
                 code = ExitCode::No;
             }
             if (!session.isJson()) {
-                const auto color = check.result() == "ok"     ? Painter::Color::Green
-                                   : check.result() == "warn" ? Painter::Color::Yellow
-                                                              : Painter::Color::Red;
-                session.out() << session.painter().paint(color, check.result()) << ' '
-                              << check.name() << ": " << check.text() << '\n';
+                session.out() << lineOf(check, session.painter()) << '\n';
             }
         }
     }

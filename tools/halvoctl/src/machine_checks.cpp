@@ -1,6 +1,7 @@
 #include "machine_checks.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,14 +9,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <system_error>
 
 #include "check_result.h"
 #include "ctl_error.h"
 #include "finding_list.h"
+#include "hox/configuration/package_rules.h"
 #include "hox/system_api/models.h"
 #include "machine_identity.h"
-#include "package_verdict.h"
 #include "size_check.h"
 
 namespace fs = std::filesystem;
@@ -27,9 +29,15 @@ namespace {
 constexpr const char* variantFile = "/etc/sw_variant";
 constexpr const char* serialFile = "/etc/serial";
 
-bool isThere(const fs::path& path) {
+/// Nothing if this user may not see it.
+std::optional<bool> isThere(const fs::path& path) {
     std::error_code error;
-    return fs::exists(path, error);
+    const bool isFound = fs::exists(path, error);
+    return error ? std::nullopt : std::optional(isFound);
+}
+
+Check unseen(const std::string& name, const std::string& path) {
+    return warned(name, "only root can tell whether " + path + " is there");
 }
 
 /// A new empty folder that is removed with its content.
@@ -37,7 +45,14 @@ class ProbeFolder {
 public:
     explicit ProbeFolder(const fs::path& parent)
         : m_path((parent / "halvoctl-XXXXXX").string()),
-          m_isMade(::mkdtemp(m_path.data()) != nullptr) {}
+          m_error(::mkdtemp(m_path.data()) != nullptr ? 0 : errno),
+          m_isMade(m_error == 0) {
+        for (const auto* const name : {one, other}) {
+            if (m_error == 0 && ::mkdir((m_path + name).c_str(), S_IRWXU) != 0) {
+                m_error = errno;
+            }
+        }
+    }
     ~ProbeFolder() {
         std::error_code error;
         if (m_isMade) {
@@ -47,26 +62,29 @@ public:
     ProbeFolder(const ProbeFolder&) = delete;
     ProbeFolder& operator=(const ProbeFolder&) = delete;
 
-    /// Exchanges the names of two folders in it; the error number, 0 if that works.
+    /// Why it could not be made, with two folders in it; 0 if it is there.
+    int error() const { return m_error; }
+
+    /// Exchanges the names of its two folders; the error number, 0 if that works.
     int exchange() const {
-        const auto one = m_path + "/one";
-        const auto other = m_path + "/other";
-        std::error_code error;
-        if (!m_isMade || !fs::create_directory(one, error) || !fs::create_directory(other, error)) {
-            return EACCES;
-        }
-        return ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0
+        return ::renameat2(AT_FDCWD, (m_path + one).c_str(), AT_FDCWD, (m_path + other).c_str(),
+                           RENAME_EXCHANGE) == 0
                    ? 0
                    : errno;
     }
 
 private:
+    static constexpr const char* one = "/one";
+    static constexpr const char* other = "/other";
+
     std::string m_path;
+    int m_error;
     bool m_isMade;
 };
 
-/// The size of an export of this folder by the estimate of a service.
-std::size_t estimateOf(const fs::path& folder) {
+/// The size of an export of this folder by the estimate of a service; nothing if this user may not
+/// read all of it.
+std::optional<std::size_t> estimateOf(const fs::path& folder) {
     std::size_t bytes = 0;
     std::size_t folders = 0;
     std::error_code error;
@@ -74,11 +92,15 @@ std::size_t estimateOf(const fs::path& folder) {
          !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
         if (entry->is_directory(error)) {
             ++folders;
-        } else {
-            bytes += entry->file_size(error);
+            continue;
         }
+        const auto size = error ? 0 : entry->file_size(error);
+        if (error) {
+            return std::nullopt;
+        }
+        bytes += size;
     }
-    return exportEstimate(bytes, folders);
+    return error ? std::nullopt : std::optional(exportEstimate(bytes, folders));
 }
 
 }  // namespace
@@ -96,10 +118,14 @@ Check MachineChecks::logFolder() const {
 /// A folder that is missing is made by the service.
 Check MachineChecks::folder(const std::string& name, const std::string& path) const {
     auto existing = fs::path(path);
-    while (!isThere(at(existing.string())) && existing.has_relative_path()) {
+    auto isSeen = isThere(at(existing.string()));
+    while (isSeen == false && existing.has_relative_path()) {
         existing = existing.parent_path();
+        isSeen = isThere(at(existing.string()));
     }
-    const auto writable = mayAccess(m_files.user, at(existing.string()).string(), W_OK | X_OK);
+    const auto writable = isSeen
+                              ? mayAccess(m_files.user, at(existing.string()).string(), W_OK | X_OK)
+                              : std::nullopt;
     if (!writable) {
         return warned(name, "only root and " + m_files.user.name + " can tell whether " + path +
                                 " is writable");
@@ -114,19 +140,25 @@ Check MachineChecks::folder(const std::string& name, const std::string& path) co
 
 Check MachineChecks::exchange() const {
     const std::string name = "exchange";
-    if (!isThere(at(m_files.configFolder))) {
-        return passed(name, m_files.configFolder + " is not there yet");
+    const auto& folder = m_files.configFolder;
+    const auto isSeen = isThere(at(folder));
+    if (!isSeen) {
+        return unseen(name, folder);
     }
-    const int error = ProbeFolder(at(m_files.configFolder)).exchange();
-    if (error == 0) {
-        return passed(name, "names can be exchanged in " + m_files.configFolder);
+    if (!*isSeen) {
+        return passed(name, folder + " is not there yet");
     }
-    if (error == EACCES) {
-        return warned(name, "no scratch folder can be made in " + m_files.configFolder);
+    const ProbeFolder probe(at(folder));
+    if (const int error = probe.error(); error != 0) {
+        const auto text = "no scratch folder can be made in " + folder + ": " +
+                          std::generic_category().message(error);
+        return error == EACCES || error == EPERM ? warned(name, text) : failed(name, text);
     }
-    return failed(name,
-                  "names cannot be exchanged in " + m_files.configFolder +
-                      ", each save ends the service: " + std::generic_category().message(error));
+    const int error = probe.exchange();
+    return error == 0 ? passed(name, "names can be exchanged in " + folder)
+                      : failed(name, "names cannot be exchanged in " + folder +
+                                         ", each save ends the service: " +
+                                         std::generic_category().message(error));
 }
 
 Check MachineChecks::readable(const std::string& name, const std::string& path,
@@ -143,7 +175,11 @@ Check MachineChecks::readable(const std::string& name, const std::string& path,
 
 Check MachineChecks::variant() const {
     const std::string name = "variant";
-    if (!isThere(at(variantFile))) {
+    const auto isSeen = isThere(at(variantFile));
+    if (!isSeen) {
+        return unseen(name, variantFile);
+    }
+    if (!*isSeen) {
         return passed(name, std::string(variantFile) + " is missing: the variant is QAM");
     }
     auto check = readable(name, variantFile, "every import fails");
@@ -159,7 +195,11 @@ Check MachineChecks::variant() const {
 
 Check MachineChecks::serial() const {
     const std::string name = "serial";
-    if (!isThere(at(serialFile))) {
+    const auto isSeen = isThere(at(serialFile));
+    if (!isSeen) {
+        return unseen(name, serialFile);
+    }
+    if (!*isSeen) {
         return warned(name, std::string(serialFile) + " is missing: the part number is 0");
     }
     auto check = readable(name, serialFile,
@@ -190,42 +230,60 @@ Check MachineChecks::model() const {
 }
 
 Check MachineChecks::budget() const {
+    const std::string name = "package";
     const auto saved = m_files.configFolder + "/configuration";
-    if (!isThere(at(saved))) {
-        return passed("package", "nothing is saved yet");
+    const auto isSeen = isThere(at(saved));
+    if (!isSeen) {
+        return unseen(name, saved);
     }
-    return sizeCheck(estimateOf(at(saved)));
+    if (!*isSeen) {
+        return passed(name, "nothing is saved yet");
+    }
+    const auto estimate = estimateOf(at(saved));
+    return estimate ? sizeCheck(*estimate) : warned(name, saved + " cannot be read");
 }
 
 Check MachineChecks::marker() const {
-    return hasOverrideMarker(m_files.root)
-               ? warned("marker", std::string(overrideMarker) +
-                                      " is there: packages of all machines are accepted")
-               : passed("marker", "only packages of this kind of machine are accepted");
+    const std::string name = "marker";
+    const std::string file = Hox::Capability::Configuration::overrideMarker;
+    const auto isSeen = isThere(at(file));
+    if (!isSeen) {
+        return unseen(name, file);
+    }
+    return *isSeen ? warned(name, file + " is there: packages of all machines are accepted")
+                   : passed(name, "only packages of this kind of machine are accepted");
 }
 
 Check MachineChecks::leftover() const {
+    const std::string name = "leftover";
     const auto scratch = m_files.configFolder + "/configuration.temp";
-    return isThere(at(scratch))
-               ? warned("leftover", scratch +
-                                        " remains of an operation, which is under way or has "
-                                        "been interrupted: the next one removes it")
-               : passed("leftover", "no operation has been interrupted");
+    const auto isSeen = isThere(at(scratch));
+    if (!isSeen) {
+        return unseen(name, scratch);
+    }
+    return *isSeen ? warned(name, scratch +
+                                      " remains of an operation, which is under way or has been "
+                                      "interrupted: the next one removes it")
+                   : passed(name, "no operation has been interrupted");
 }
 
 Check MachineChecks::mib() const {
     const std::string name = "mib";
     const std::string file = "HALVO-QHED-MIB.txt";
+    const auto traps = m_files.configFolder + "/state_monitoring_uservice/snmp/data";
+    const auto isSeen = isThere(at(traps));
+    if (!isSeen) {
+        return unseen(name, traps);
+    }
     std::error_code error;
-    const auto traps = at(m_files.configFolder + "/state_monitoring_uservice/snmp/data");
-    if (fs::file_size(traps, error) == 0 || error) {
+    if (!*isSeen || fs::file_size(at(traps), error) == 0) {
         return passed(name, "no traps are sent");
     }
     const std::array<std::string, 3> folders{
         fs::path(m_files.program).parent_path().parent_path().string() + "/share/snmp/mibs",
         "/usr/share/snmp/mibs", "/usr/local/share/snmp/mibs"};
     for (const auto& folder : folders) {
-        if (isThere(at(folder) / file)) {
+        if (isThere(at(folder) / file) == true) {
             return passed(name, folder + "/" + file);
         }
     }

@@ -2,16 +2,24 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "printable.h"
 
 namespace Hox::Ctl {
 
 namespace {
 
+/// Whether nothing but line ends would have to be escaped for a terminal.
+bool isPlain(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+    return printable(text) == text;
+}
+
 /// A label's value is any UTF-8; three characters are escaped.
 std::string escaped(const std::string& text) {
     std::string result;
-    for (const char character : isUtf8(text) ? text : printable(text)) {
+    for (const char character : isPlain(text) ? text : printable(text)) {
         if (character == '\n') {
             result += "\\n";
             continue;

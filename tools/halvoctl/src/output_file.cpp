@@ -1,6 +1,7 @@
 #include "output_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,11 +59,34 @@ private:
     bool m_isRenamed = false;
 };
 
+/// Whether the path leads to something other than a file, which another file must not replace.
+bool isWrittenItself(const std::string& path) {
+    struct stat own {};
+    struct stat target {};
+    if (::lstat(path.c_str(), &own) != 0) {
+        return false;
+    }
+    const bool isThere = ::stat(path.c_str(), &target) == 0;
+    if (S_ISLNK(own.st_mode) && (!isThere || S_ISREG(target.st_mode))) {
+        throw CtlError(ExitCode::Usage, "cannot write " + path + ": it is a link",
+                       "name the file that it leads to");
+    }
+    return !S_ISREG(target.st_mode);
+}
+
 }  // namespace
 
 void writeWholeFile(const std::string& path, const std::string& content) {
+    if (isWrittenItself(path)) {
+        const auto file = openFile(path, O_WRONLY | O_NOCTTY | O_CLOEXEC);
+        if (!writeAll(*file, content)) {
+            fail(path);
+        }
+        return;
+    }
     const auto part = path + ".part";
-    const auto file = openFile(part, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
+    ::unlink(part.c_str());
+    const auto file = openFile(part, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC);
     PartFile partFile(part);
     if (!writeAll(*file, content) || ::fsync(*file) != 0) {
         fail(part);

@@ -48,13 +48,17 @@ void replaceAll(std::string& text, const std::string& secret) {
     }
 }
 
-/// Where the text that starts after this quote ends; a quote may be escaped.
-std::size_t endOfQuoted(const std::string& text, std::size_t start, const std::string& quote) {
-    auto end = text.find(quote, start);
-    while (end != std::string::npos && quote.size() == 1 && end > start && text[end - 1] == '\\') {
-        end = text.find(quote, end + 1);
+/// Where the text that starts after a quote with so many backslashes in front ends. Inside of it
+/// each backslash has one of its own in front, and one more for each level of nesting.
+std::size_t endOfQuoted(const std::string& text, std::size_t start, std::size_t backslashes) {
+    std::size_t count = 0;
+    for (auto end = start; end < text.size() && text[end] != '\n'; ++end) {
+        if (text[end] == '"' && count % (2 * (backslashes + 1)) == backslashes) {
+            return end - backslashes;
+        }
+        count = text[end] == '\\' ? count + 1 : 0;
     }
-    return std::min({end, text.find('\n', start), text.size()});
+    return std::min(text.find('\n', start), text.size());
 }
 
 /// The first position from this one on that has none of these characters.
@@ -75,9 +79,8 @@ void replaceAfter(std::string& text, const std::string& word) {
         if (text.compare(mark, 1, "\"") != 0) {
             continue;
         }
-        const auto quote = text.substr(opening, mark + 1 - opening);
         const auto value = mark + 1;
-        text.replace(value, endOfQuoted(text, value, quote) - value, mask);
+        text.replace(value, endOfQuoted(text, value, mark - opening) - value, mask);
         found = value;
     }
 }
@@ -100,7 +103,17 @@ void Redactor::addSaved(const std::string& text) {
     for (const auto& form : {text, plainValue(text)}) {
         if (ObserverTree::valueFromText(form, value) && value.UnpackTo(&configuration)) {
             add(configuration.community());
+            addBytes(form);
         }
+    }
+}
+
+/// A form without names of fields still has the community.
+void Redactor::addBytes(const std::string& form) {
+    const auto members = ObserverTree::textMembersOf(form);
+    const auto bytes = members.find("@bytes");
+    if (bytes != members.end()) {
+        add(bytes->second);
     }
 }
 

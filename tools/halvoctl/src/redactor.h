@@ -20,6 +20,8 @@ public:
     std::string redacted(std::string text) const;
 
 private:
+    void addBytes(const std::string& form);
+
     std::set<std::string> m_forms;
 };
 

@@ -1,28 +1,25 @@
 #include "support_command.h"
 
-#include <google/protobuf/empty.pb.h>
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <sstream>
 
+#include "check_result.h"
 #include "child_process.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "ctl_error.h"
-#include "input_text.h"
-#include "introspection.pb.h"
 #include "json_text.h"
+#include "logger_client.h"
 #include "output_file.h"
 #include "pack_files.h"
 #include "package.h"
 #include "saving_status.h"
+#include "service_file.h"
 #include "state_client.h"
 
 namespace Hox::Ctl {
-
-namespace StateApi = Hox::Capability::StateMonitoring::Api;
 
 namespace {
 
@@ -38,24 +35,10 @@ ReportList listOf(const std::vector<StateClient::Stored>& reports) {
     return list;
 }
 
-StateApi::GetSnmpConfResp snmpOf(const Connection& connection) {
-    StateApi::GetSnmpConfResp response;
-    connection.call("/Hox.Capability.StateMonitoring.Api.StateMonitoringService/getSnmpConf",
-                    StateApi::GetSnmpConfReq(), response);
-    return response;
-}
-
-Hox::Capability::Introspection::ListLoggersResp loggersOf(const Connection& connection) {
-    Hox::Capability::Introspection::ListLoggersResp response;
-    connection.call("/Hox.Capability.Introspection.IntrospectionService/listLoggers",
-                    google::protobuf::Empty(), response);
-    return response;
-}
-
 std::string textOf(const CheckList& list) {
     std::string text;
     for (const auto& check : list.checks()) {
-        text += check.result() + " " + check.name() + ": " + check.text() + "\n";
+        text += lineOf(check, Painter(false)) + "\n";
     }
     return text;
 }
@@ -111,7 +94,8 @@ ExitCode SupportCommand::run(const std::string& path) {
 /// Called before anything else is collected: the log may also contain the community.
 void SupportCommand::learnSecrets(const Connection& connection, const Doctor& doctor) {
     try {
-        m_redactor.add(snmpOf(connection).conf().community());
+        const auto manager = StateClient(connection).manager();
+        m_redactor.add(manager ? manager->community() : "");
     } catch (const CtlError& error) {
         if (error.code() == ExitCode::Interrupted) {
             throw;
@@ -123,8 +107,8 @@ void SupportCommand::learnSecrets(const Connection& connection, const Doctor& do
     try {
         const auto& files = doctor.files();
         m_redactor.addSaved(
-            readInput(m_session.surroundings().in,
-                      files.root + files.configFolder + "/state_monitoring_uservice/snmp/data"));
+            readServiceFile(files.root, files.configFolder, "state_monitoring_uservice/snmp/data")
+                .value_or(""));
     } catch (const CtlError&) {
         return;  // no traps, or not readable for this user, nor for this command
     }
@@ -135,9 +119,10 @@ void SupportCommand::addService(const Connection& connection) {
     attempt("state/latest.json", [&] { return jsonOf(listOf(client.latest())); });
     attempt("state/archive.json", [&] { return jsonOf(listOf(client.archived({}))); });
     attempt("state/severity.txt", [&] { return severityText(client.current()) + "\n"; });
-    attempt("state/traps.json", [&] { return jsonOf(snmpOf(connection)); });
+    attempt("state/traps.json",
+            [&] { return jsonOf(client.manager().value_or(StateClient::Manager())); });
     attempt("configuration/status.json", [&] { return jsonOf(savingStatus(connection)); });
-    attempt("loggers.json", [&] { return jsonOf(loggersOf(connection)); });
+    attempt("loggers.json", [&] { return jsonOf(LoggerClient(connection).all()); });
 }
 
 /// File by file: inside of a package nothing could be redacted.
@@ -163,19 +148,25 @@ void SupportCommand::addPackage(const Connection& connection) {
     }
 }
 
+void SupportCommand::addLog(const ServiceFiles& files, const std::string& log) {
+    std::optional<std::string> content;
+    attempt("log/" + log, [&] {
+        content = readServiceFile(files.root, files.logFolder, log);
+        return content.value_or("");
+    });
+    if (!content) {
+        m_files.erase("log/" + log);
+    }
+}
+
 void SupportCommand::addMachine(const Doctor& doctor) {
     constexpr std::chrono::seconds limit(10);
     const auto& files = doctor.files();
     const auto program = std::filesystem::path(files.program).filename().string();
     const auto name = program.empty() ? "halvo-system" : program;
-    auto& in = m_session.surroundings().in;
     for (const auto* const end : {".log", ".1.log"}) {
-        const auto log = name + end;
-        std::error_code error;
-        if (!files.logFolder.empty() &&
-            std::filesystem::exists(files.root + files.logFolder + "/" + log, error)) {
-            attempt("log/" + log,
-                    [&] { return readInput(in, files.root + files.logFolder + "/" + log); });
+        if (!files.logFolder.empty()) {
+            addLog(files, name + end);
         }
     }
     attempt("log/journal.txt", [&] {

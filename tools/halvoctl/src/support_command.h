@@ -29,6 +29,7 @@ private:
     void addService(const Connection& connection);
     void addPackage(const Connection& connection);
     void addMachine(const Doctor& doctor);
+    void addLog(const ServiceFiles& files, const std::string& log);
     void learnSecrets(const Connection& connection, const Doctor& doctor);
 
     Session& m_session;

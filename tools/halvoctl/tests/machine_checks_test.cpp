@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "finding_list.h"
+#include "hox/configuration/package_rules.h"
 #include "hox/testing/temp_dir.h"
-#include "machine_identity.h"
 #include "run_tool.h"
 #include "size_check.h"
 
@@ -86,7 +86,37 @@ TEST_F(MachineChecksTest, NamesAreExchangedInAScratchFolder) {
     EXPECT_EQ(shown(checks().exchange()), "ok exchange: /none is not there yet");
     write("file", "");
     m_files.configFolder = "/file";
-    EXPECT_EQ(shown(checks().exchange()), "warn exchange: no scratch folder can be made in /file");
+    EXPECT_EQ(shown(checks().exchange()),
+              "FAIL exchange: no scratch folder can be made in /file: Not a directory");
+}
+
+TEST_F(MachineChecksTest, WhatOnlyRootSeesIsNotCalledGood) {
+    write("config/configuration/a/data", "x");
+    write("etc/sw_variant", "output:QAM\n");
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    becomeNobody();
+    const auto nobody = m_files.user.uid;
+    fs::permissions(m_root / "config/configuration", fs::perms(0700));
+    ASSERT_EQ(::seteuid(nobody), 0);
+    const auto budget = checks().budget();
+    const auto exchange = checks().exchange();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_EQ(shown(budget), "warn package: /config/configuration cannot be read");
+    EXPECT_EQ(shown(exchange),
+              "warn exchange: no scratch folder can be made in /config: Permission denied");
+    fs::permissions(m_root.path(), fs::perms(0700));
+    ASSERT_EQ(::seteuid(nobody), 0);
+    const auto all = {checks().configFolder(), checks().exchange(), checks().variant(),
+                      checks().serial(),       checks().budget(),   checks().marker(),
+                      checks().leftover(),     checks().mib()};
+    ASSERT_EQ(::seteuid(0), 0);
+    fs::permissions(m_root.path(), fs::perms(0755));
+    for (const auto& check : all) {
+        EXPECT_EQ(check.result(), "warn") << shown(check);
+        EXPECT_NE(check.text().find("only root "), std::string::npos) << shown(check);
+    }
 }
 
 TEST_F(MachineChecksTest, TheVariantIsKnown) {
@@ -150,7 +180,7 @@ TEST_F(MachineChecksTest, TheSavedConfigurationHasALimit) {
 TEST_F(MachineChecksTest, WhatWasLeftOverIsFound) {
     EXPECT_EQ(checks().marker().result(), "ok");
     EXPECT_EQ(checks().leftover().result(), "ok");
-    write(std::string(overrideMarker).substr(1), "");
+    write(std::string(Hox::Capability::Configuration::overrideMarker).substr(1), "");
     write("config/configuration.temp/x", "");
     EXPECT_EQ(shown(checks().marker()),
               "warn marker: /tmp/headend_override_compat_check is there: packages of all machines "
@@ -165,6 +195,9 @@ TEST_F(MachineChecksTest, TheMibIsNeededForTraps) {
               "FAIL mib: HALVO-QHED-MIB.txt is missing: the first trap ends the service");
     write("opt/halvo/share/snmp/mibs/HALVO-QHED-MIB.txt", "");
     EXPECT_EQ(shown(checks().mib()), "ok mib: /opt/halvo/share/snmp/mibs/HALVO-QHED-MIB.txt");
+    m_files.program.clear();
+    write("usr/share/snmp/mibs/HALVO-QHED-MIB.txt", "");
+    EXPECT_EQ(shown(checks().mib()), "ok mib: /usr/share/snmp/mibs/HALVO-QHED-MIB.txt");
 }
 
 TEST_F(MachineChecksTest, TheDoctorSendsNothingBeforeTheStart) {

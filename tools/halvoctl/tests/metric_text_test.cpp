@@ -41,6 +41,13 @@ TEST(MetricText, LabelsOfAServiceCannotBreakTheText) {
         << metricText(plain);
 }
 
+TEST(MetricText, LabelsCannotControlTheTerminal) {
+    MetricList list;
+    add(list, "a", "\x1b[2J|\xc2\x9b", 1);
+    EXPECT_NE(metricText(list).find("service=\"\\\\x1b[2J|\\\\xc2\\\\x9b\""), std::string::npos)
+        << metricText(list);
+}
+
 }  // namespace
 
 }  // namespace Hox::Ctl

@@ -1,7 +1,12 @@
 #include "output_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -37,13 +42,70 @@ TEST(OutputFile, LeavesNothingBehindIfItFails) {
     EXPECT_THROW(writeWholeFile(folder / "none/file", "x"), CtlError);
 }
 
+/// Files of this process cannot grow above this size.
+class SizeLimit {
+public:
+    explicit SizeLimit(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &m_former);
+        const ::rlimit limit{bytes, m_former.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~SizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &m_former);
+        std::signal(SIGXFSZ, m_handler);
+    }
+    SizeLimit(const SizeLimit&) = delete;
+    SizeLimit& operator=(const SizeLimit&) = delete;
+
+private:
+    void (*m_handler)(int);
+    ::rlimit m_former{};
+};
+
 TEST(OutputFile, AFullDiskLeavesTheFormerFile) {
     const Testing::TempDir folder;
     std::ofstream(folder / "file") << "former";
-    fs::create_symlink("/dev/full", folder / "file.part");
-    EXPECT_THROW(writeWholeFile(folder / "file", "x"), CtlError);
+    const SizeLimit limit(3);
+    EXPECT_THROW(writeWholeFile(folder / "file", "too much"), CtlError);
     EXPECT_EQ(contentOf(folder / "file"), "former");
     EXPECT_FALSE(fs::exists(fs::symlink_status(folder / "file.part")));
+}
+
+TEST(OutputFile, APartFileOfBeforeIsNotWritten) {
+    const Testing::TempDir folder;
+    std::ofstream(folder / "precious") << "precious";
+    fs::create_symlink(folder / "precious", folder / "file.part");
+    writeWholeFile(folder / "file", "x");
+    EXPECT_EQ(contentOf(folder / "file") + contentOf(folder / "precious"), "xprecious");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "file")));
+}
+
+TEST(OutputFile, ADeviceOrAPipeIsWrittenItself) {
+    const Testing::TempDir folder;
+    writeWholeFile("/dev/null", "x");
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    EXPECT_THROW(writeWholeFile("/dev/full", "x"), CtlError);
+    const std::string pipe = folder / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const int reader = ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    writeWholeFile(pipe, "x");
+    char byte = 0;
+    EXPECT_EQ(::read(reader, &byte, 1), 1);
+    EXPECT_EQ(byte, 'x');
+    ::close(reader);
+}
+
+TEST(OutputFile, ALinkToAFileStaysOne) {
+    const Testing::TempDir folder;
+    std::ofstream(folder / "file") << "former";
+    fs::create_symlink("file", folder / "link");
+    fs::create_symlink("none", folder / "dangling");
+    for (const auto* const name : {"link", "dangling"}) {
+        EXPECT_THROW(writeWholeFile(folder / name, "x"), CtlError) << name;
+        EXPECT_TRUE(fs::is_symlink(folder / name)) << name;
+    }
+    EXPECT_EQ(contentOf(folder / "file"), "former");
 }
 
 }  // namespace

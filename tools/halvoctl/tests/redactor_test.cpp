@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "hox/observer_tree/persistence/value_text.h"
 #include "make_package.h"
+#include "state_monitoring.pb.h"
 
 namespace Hox::Ctl {
+
+namespace StateMonitoring = Hox::Capability::StateMonitoring::Api;
 
 namespace {
 
@@ -18,6 +22,12 @@ TEST(Redactor, MasksWhatIsBehindTheWord) {
               R"("{\"community\":\"***\",\"x\":1}")");
     EXPECT_EQ(redactor.redacted("community: \"cut\nnext \"line\""),
               "community: \"***\nnext \"line\"");
+    EXPECT_EQ(redactor.redacted(R"({"community":"a\\","x":"kept"})"),
+              R"({"community":"***","x":"kept"})");
+    EXPECT_EQ(redactor.redacted(R"("{\"community\":\"a\\\"b\",\"x\":\"kept\"}")"),
+              R"("{\"community\":\"***\",\"x\":\"kept\"}")");
+    EXPECT_EQ(redactor.redacted(R"("{\"community\":\"a\\\\\",\"x\":\"kept\"}")"),
+              R"("{\"community\":\"***\",\"x\":\"kept\"}")");
     EXPECT_EQ(redactor.redacted(R"({"community":""})"), R"({"community":"***"})");
     for (const auto* const text : {"the community of traps", "community", "community: none",
                                    "\"community\"", "community \"centre\"", ""}) {
@@ -54,6 +64,17 @@ TEST(Redactor, KnowsSavedConfigurationsOfTraps) {
     Redactor central;
     central.addSaved(savedText(nested));
     EXPECT_EQ(central.redacted("hidden"), "***");
+    StateMonitoring::SnmpConfiguration configuration;
+    configuration.set_community("hidden");
+    google::protobuf::Any value;
+    value.PackFrom(configuration);
+    value.mutable_value()->append("\x78\x01", 2);  // a field that is not known
+    const auto bytes = ObserverTree::textOfValue(value);
+    ASSERT_EQ(bytes.find("hidden"), std::string::npos);
+    Redactor withBytes;
+    withBytes.addSaved(bytes);
+    EXPECT_EQ(withBytes.redacted("hidden"), "***");
+    EXPECT_NE(withBytes.redacted(bytes).find("\"@bytes\":\"***\""), std::string::npos) << bytes;
     Redactor other;
     other.addSaved(savedText("hidden"));
     other.addSaved("no json");
