@@ -1,26 +1,9 @@
 """What the traps are, and how a report becomes one."""
-import re
-
+from kit.mib import product
 from kit.paths import mib_folder
 
-
-def enterprise_number():
-    """The number that the program is built with: an integrator sets another one."""
-    text = (mib_folder() / "HALVO-QHED-MIB.txt").read_text()
-    return re.search(r"enterprises\(1\) (\d+) }", text)[1]
-
-
-#: The arc of the product: the traps are below 0, their variables below 2.
-PRODUCT = f"1.3.6.1.4.1.{enterprise_number()}.3.1.10"
-
-#: Type of a report to the names of its traps, of a bad state and of OK, each with the last number of
-#: its OID.
-TABLE = {
-    "Cap_RFInput_TunerConfedNotLocked": (("qhedTunerMissingSignalLock", 1),
-                                         ("qhedTunerHasSignalLock", 2)),
-    "Cap_cam_CardNotDescrambling": (("qhedCamDescramblingError", 3), ("qhedCamDescramblingOk", 4)),
-    "Cap_TSState_Overload": (("qhedOutputOverloadError", 5), ("qhedOutputOverloadOk", 6)),
-}
+#: The arc of the product, as the program is built.
+PRODUCT = product(mib_folder())
 
 #: One of the types.
 TYPE = "Cap_TSState_Overload"

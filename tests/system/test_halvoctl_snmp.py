@@ -3,7 +3,7 @@ import pytest
 from kit.ctl import Ctl
 from kit.snmp_configuration import get_manager
 from kit.trap_receiver import TrapReceiver
-from kit.traps import TABLE
+from kit.mib import TABLE
 
 NONE = "no manager is set: no traps are sent\n"
 

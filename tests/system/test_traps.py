@@ -5,10 +5,11 @@ import subprocess
 
 import pytest
 
+from kit.mib import TABLE
 from kit.snmp_configuration import remove_manager, set_manager
 from kit.snmp_message import TRAP2, VERSION_2C, Variable
 from kit.trap_receiver import TrapReceiver, TrapSocket
-from kit.traps import PRODUCT, TABLE, assert_next_trap, report, text, trap_oid
+from kit.traps import PRODUCT, assert_next_trap, report, text, trap_oid
 from kit.wait import wait_until
 
 SYS_UP_TIME = "1.3.6.1.2.1.1.3.0"

@@ -4,9 +4,10 @@ import subprocess
 
 import pytest
 
+from kit.mib import TABLE
 from kit.paths import ROOT, mib_folder
 from kit.snmp_configuration import set_manager
-from kit.traps import PRODUCT, TABLE, report, trap_oid
+from kit.traps import PRODUCT, report, trap_oid
 
 MIB = mib_folder() / "HALVO-QHED-MIB.txt"
 TRAPS = [trap for pair in TABLE.values() for trap in pair]
