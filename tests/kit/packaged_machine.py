@@ -34,8 +34,10 @@ class Packages:
         for name in names:
             subprocess.run(["dpkg-deb", "-x", self.file(name), folder], check=True)
 
-    def renewed(self, folder, version):
-        """The same packages as of another version, in the folder."""
+    def renewed(self, folder, version, settings=""):
+        """The same packages as of another version, in the folder.
+
+        settings: what that version adds to /etc/default/halvo-system."""
         folder.mkdir()
         for name in ("halvo-system", "halvo-mibs"):
             tree = folder / name
@@ -43,6 +45,9 @@ class Packages:
             control = tree / "DEBIAN/control"
             old = re.search(r"^Version: (.*)$", control.read_text(), re.M).group(1)
             control.write_text(control.read_text().replace(old, version))
+            if name == "halvo-system":
+                with open(tree / "etc/default/halvo-system", "a") as file:
+                    file.write(settings)
             subprocess.run(["dpkg-deb", "-Znone", "--root-owner-group", "-b", tree, folder],
                            check=True, stdout=subprocess.DEVNULL)
             shutil.rmtree(tree)
@@ -68,7 +73,7 @@ class PackagedMachine(Machine):
         return self.check("sh", "-ec", text, seconds=seconds)
 
     def install(self, *files):
-        """Installs or upgrades as an operator does; returns what is said."""
+        """Installs or upgrades as an operator does, within two minutes; returns what is said."""
         return self.check(
             "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-y", "-q",
             "--no-install-recommends", "-o", "Dpkg::Options::=--force-confold",
@@ -87,6 +92,12 @@ class PackagedMachine(Machine):
                 "nodePairList": [{"currentMessage": text}]}}}}))
         self._state_ids[endpoint] = json.loads(answer)["capConfStateId"]
 
+    def observe_twice(self):
+        """Two owners of the slice that the tests use, which ends the service."""
+        request = json.dumps({"confId": SLICE})
+        self.shell("for i in 1 2; do halvoctl call observeCapConf --owner "
+                   f"-d '{request}' >/dev/null 2>&1 & done; wait")
+
     def slice(self, endpoint=ENDPOINT):
         """The keys and values of the slice in force."""
         request = json.dumps({"confId": SLICE})
@@ -96,6 +107,12 @@ class PackagedMachine(Machine):
         return {key: pairs["nodePairList"][0]["currentMessage"]["value"]
                 for key, pairs in json.loads(answer)["node_change_map"].items()
                 if not key.startswith("/__")}
+
+    def start_instance(self, name, port, verb="start"):
+        """Starts an instance of the template on that port and waits until it is active."""
+        self.shell(f"echo HALVO_PORT={port} > /etc/default/halvo-{name};"
+                   f"systemctl {verb} halvo-system@{name}")
+        self.wait_until_active(f"halvo-system@{name}.service")
 
     def show(self, name, unit=SERVICE):
         """A property of a unit."""
