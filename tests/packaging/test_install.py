@@ -61,9 +61,15 @@ def test_the_service_comes_with_unit_user_settings_and_guide(packages):
     assert "/usr/share/snmp/mibs/HALVO-QHED-MIB.txt" in contents(packages, "halvo-mibs")
 
 
+def test_zsh_knows_what_its_file_completes(packages, tmp_path):
+    packages.unpack(tmp_path, "halvo-tools")
+    text = (tmp_path / "usr/share/zsh/vendor-completions/_halvoctl").read_text()
+    assert text.splitlines()[0] == "#compdef halvoctl"
+
+
 def test_no_build_path_is_in_the_program(unpacked):
     program = (unpacked / "usr/sbin/halvo-system").read_bytes()
-    for path in (str(ROOT).encode(), b"/build/packages", b"source/halvo-system"):
+    for path in (str(ROOT).encode(), b"halvo-system.build"):
         assert path not in program
 
 
@@ -97,15 +103,27 @@ def test_a_fresh_machine_serves_within_seconds(machine):
 def test_the_units_are_well_formed_and_closed(shared):
     for unit in (SERVICE, "halvo-system@head.service"):
         assert shared.check("systemd-analyze", "verify", unit) == ""
-    shared.check("systemd-analyze", "--no-pager", "security", "--threshold=16", SERVICE)
+        shared.check("systemd-analyze", "--no-pager", "security", "--threshold=16", unit)
 
 
-def test_it_is_published_on_the_loopback(shared):
-    shared.shell("printf '[server]\\nallow-interfaces=lo\\nuse-ipv6=no\\n'"
+def test_the_template_is_the_unit_but_for_what_an_instance_owns():
+    own = ["Description", "Environment", "EnvironmentFile", "ExecStart", "StateDirectory"]
+
+    def settings(name):
+        lines = (ROOT / "debian" / name).read_text().splitlines()
+        return [line for line in lines if not line.startswith("#")]
+
+    unit, template = settings("halvo-system.service"), settings("halvo-system@.service")
+    assert len(unit) == len(template)
+    assert [line.split("=")[0] for line, other in zip(unit, template) if line != other] == own
+
+
+def test_it_is_published_on_the_loopback(installed):
+    installed.shell("printf '[server]\\nallow-interfaces=lo\\nuse-ipv6=no\\n'"
                  " > /etc/avahi/avahi-daemon.conf; systemctl restart avahi-daemon")
 
     def records():
-        found = shared.run("avahi-browse", "-rptk", "_capability._tcp")
+        found = installed.run("avahi-browse", "-rptk", "_capability._tcp")
         return [line for line in found.splitlines() if line.startswith("=") and ";5005;" in line]
 
     wait_until(lambda: len(records()) == 2, 20, lambda: f"two records; {records()}")

@@ -1,25 +1,49 @@
 """How the installed service starts, fails, comes back, and plays its roles."""
 import json
-import re
+import os
+import signal
 
 import pytest
 
+from kit.mib import TABLE, product
 from kit.packaged_machine import SERVICE
 from kit.paths import ROOT
 from kit.trap_receiver import TrapSocket
 from kit.wait import wait_until
 
 
-@pytest.mark.parametrize("signal", ["KILL", "ABRT"])
-def test_a_service_that_was_ended_comes_back_with_what_was_saved(installed, signal):
+def kill(machine):
+    machine.check("kill", "-s", "KILL", str(machine.pid()))
+
+
+def fail_an_assertion(machine):
+    """By a second observer of a slice; which of them is the second does not matter."""
+    machine.observe_twice()
+    assert "Assertion failed: [" in machine.log()
+
+
+@pytest.mark.parametrize("end", [kill, fail_an_assertion])
+def test_a_service_that_was_ended_comes_back_with_what_was_saved(installed, end):
     installed.change("/in/1/freq", "482000")
     installed.check("halvoctl", "conf", "save")
     installed.change("/in/2/freq", "474000")
     old = installed.pid()
-    installed.check("kill", "-s", signal, str(old))
+    end(installed)
     wait_until(lambda: installed.pid() not in (0, old), 10, "a new process")
     installed.wait_until_active()
     assert installed.show("NRestarts") == "1"
+    assert installed.slice() == {"/in/1/freq": "482000"}
+
+
+def test_sighup_ends_the_service_for_good(installed):
+    installed.change("/in/1/freq", "482000")
+    installed.check("halvoctl", "conf", "save")
+    installed.change("/in/2/freq", "474000")
+    installed.check("kill", "-s", "HUP", str(installed.pid()))
+    wait_until(lambda: installed.show("ActiveState") == "inactive", 5, "the end")
+    assert [installed.show(name) for name in ("Result", "NRestarts", "ExecMainCode", "ExecMainStatus")
+            ] == ["success", "0", str(os.CLD_KILLED), str(signal.SIGHUP.value)]
+    installed.check("systemctl", "start", SERVICE)
     assert installed.slice() == {"/in/1/freq": "482000"}
 
 
@@ -33,8 +57,7 @@ def test_a_wrong_option_fails_at_once(installed):
 
 def test_a_taken_port_is_told_in_the_journal(installed):
     # The instance has a port and a name of its own, so only the settings of the first are wrong.
-    installed.shell("echo HALVO_PORT=5015 > /etc/default/halvo-other;"
-                    "systemctl start halvo-system@other")
+    installed.start_instance("other", 5015)
     installed.set_options("HALVO_PORT=5015")
     installed.run("systemctl", "restart", SERVICE)
     wait_until(lambda: installed.show("ActiveState") == "failed", 20, "the failure")
@@ -51,13 +74,6 @@ def test_each_role_starts_and_stops(installed, options):
     assert installed.show("Result") == "success"
 
 
-def product(unpacked):
-    """The object identifier of the product in the installed MIB."""
-    text = (unpacked / "usr/share/snmp/mibs/HALVO-QHED-MIB.txt").read_text()
-    number = re.search(r"enterprises\(1\) (\d+) }", text).group(1)
-    return f"1.3.6.1.4.1.{number}.3.1.10"
-
-
 def test_a_trap_arrives_at_its_receiver(installed, unpacked):
     installed.set_options("HALVO_OPTS=--sys_mon")
     installed.check("systemctl", "restart", SERVICE)
@@ -68,16 +84,15 @@ def test_a_trap_arrives_at_its_receiver(installed, unpacked):
             "managerIp": receiver, "trapPort": str(socket.port), "community": "public"}}))
         installed.check("halvoctl", "state", "report", "me/Cap_TSState_Overload/out/1", "warn", "lost")
         oid = socket.next().variables[1]
-        assert oid.value.startswith(f"{product(unpacked)}.0.")
+        (_, number), _ = TABLE["Cap_TSState_Overload"]
+        assert oid.value == f"{product(unpacked / 'usr/share/snmp/mibs')}.0.{number}"
 
 
 def test_two_instances_have_their_own_logs_and_names(installed):
     ports = {"east": 5015, "west": 5025}
     for name, port in ports.items():
-        installed.shell(f"echo HALVO_PORT={port} > /etc/default/halvo-{name};"
-                        f"systemctl start halvo-system@{name}")
+        installed.start_instance(name, port)
     for name, port in ports.items():
-        installed.wait_until_active(f"halvo-system@{name}.service")
         installed.check("halvoctl", "-e", f"localhost:{port}", "ping")
         installed.check("test", "-s", f"/var/log/halvo/halvo-{name}.log")
         installed.ctl("-e", f"localhost:{port}", "conf", "import", "/etc/hostname")
