@@ -60,7 +60,7 @@ class Ctl:
 
     def start(self, *words):
         """A run that goes on."""
-        running = RunningCtl(self.endpoint, *words)
+        running = RunningCtl(self.endpoint, *words, **self.variables)
         self._running.append(running)
         return running
 
@@ -72,10 +72,10 @@ class Ctl:
 class RunningCtl:
     """The tool while it runs; out and err are its lines so far."""
 
-    def __init__(self, endpoint, *words):
+    def __init__(self, endpoint, *words, **variables):
         self.process = subprocess.Popen(
             command("-e", endpoint, *words), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True, env=environment())
+            stderr=subprocess.PIPE, text=True, env=environment(**variables))
         self.out, self.err = Lines(self.process.stdout), Lines(self.process.stderr)
 
     def interrupt(self):

@@ -1,7 +1,6 @@
 """The operator's tool changes the configuration for some time: it reverts unless it is confirmed."""
 import json
 import os
-import pathlib
 import pty
 import re
 import signal
@@ -10,86 +9,11 @@ import time
 
 import pytest
 from kit.configuration import Slice, save
-from kit.ctl import Ctl, command, environment
+from kit.ctl import command, environment
 from kit.node import Node
 from kit.paths import program
+from kit.timed_changes import LONG, NEW, OLD, PROMISE, SHORT, Site
 from kit.wait import wait_until
-
-OLD = {f"/key/{number}": f"old {number}" for number in range(3)}
-NEW = {f"/key/{number}": f"new {number}" for number in range(4)}
-#: A time that no test waits for.
-LONG = "1h"
-#: A time that is over soon, but not before the change is made.
-SHORT = "1s"
-PROMISE = re.compile(r"^Imported 4 keys in 1 slices\. Reverts at (?:\d{4}-\d\d-\d\d )?"
-                     r"(\d\d:\d\d:\d\d) unless you run: halvoctl conf confirm ([0-9a-f]{4})\n$")
-ORIGIN = ("halvoctl", "Confirmation", "conf/confirm")
-
-
-class Site:
-    """A service whose configuration is OLD, a package with NEW, and the records of its operator."""
-
-    def __init__(self, service, folder):
-        self.service = service
-        self.client = service.client()
-        self.tuner = Slice(self.client)
-        self.package = folder / "new.hpk"
-        self.state = folder / "state"
-        self.records = self.state / "halvo/confirm"
-        self.ctl = Ctl(service.address, XDG_STATE_HOME=str(self.state))
-        self.tuner.update(NEW)
-        save(self.client)
-        self.ctl.ok("conf", "export", self.package)
-        self.tuner.update(OLD, removed=set(NEW) - set(OLD))
-        save(self.client)
-
-    def content(self):
-        return Slice(self.client).content()
-
-    def change(self, time_limit=LONG, *words):
-        """Imports the package for some time; returns the id of the change."""
-        result = self.ctl.ok("conf", "import", self.package, "--confirm", time_limit, *words)
-        return PROMISE.match(result.out)[2]
-
-    def ids(self):
-        """Of the complete records."""
-        return sorted(path.parent.name for path in self.records.glob("*/record.json"))
-
-    def wait_for_end(self, number):
-        """Until the record is gone."""
-        wait_until(lambda: number not in self.ids(), 20, f"the end of {number}")
-
-    def pending(self):
-        return self.ctl("conf", "pending", "-o", "json").json["changes"]
-
-    def complaint(self):
-        """The last report about a change that was not reverted, or None."""
-        reports = [stored.stateNotification for stored in self.client.latest().stateList]
-        return next((report for report in reports
-                     if (report.service_id, report.type, report.source) == ORIGIN), None)
-
-    def wait_for_complaint(self):
-        return wait_until(self.complaint, 20, "a report")
-
-    def close(self):
-        for path in self.records.glob("*/record.json"):
-            path.unlink()  # its timer ends
-        wait_until(lambda: not timers(self.state), what="the end of all timers")
-        self.ctl.close()
-
-
-def timers(state):
-    """The processes that revert a change recorded below the folder."""
-    found = []
-    for entry in pathlib.Path("/proc").iterdir():
-        try:
-            words = (entry / "cmdline").read_bytes().split(b"\0") if entry.name.isdigit() else []
-            if b"rollback" in words and f"XDG_STATE_HOME={state}".encode() in (
-                    entry / "environ").read_bytes().split(b"\0"):
-                found.append(int(entry.name))
-        except (FileNotFoundError, ProcessLookupError):
-            continue
-    return found
 
 
 @pytest.fixture
@@ -108,14 +32,13 @@ def test_a_confirmed_import_stays(site):
     assert site.content() == NEW
     assert site.ids() == [number]
     assert site.ctl.ok("conf", "confirm", number).out == ""
-    assert site.ids() == [] and not (site.records / number).exists()
-    wait_until(lambda: not timers(site.state), what="the end of the timer")
+    assert site.ids() == [] and not (site.folder / number).exists()
+    wait_until(lambda: not site.timers(), what="the end of the timer")
     assert site.content() == NEW and site.complaint() is None
 
 
 def test_an_import_that_nobody_confirms_is_rolled_back(site):
     number = site.change(SHORT)
-    assert site.content() == NEW
     site.wait_for_end(number)
     assert site.content() == OLD
     assert site.ctl.ok("conf", "status").status == 0
@@ -127,11 +50,12 @@ def test_an_import_that_nobody_confirms_is_rolled_back(site):
 
 
 def test_an_import_that_was_changed_and_saved_meanwhile_is_kept(site):
-    number = site.change("2s")
+    number = site.change()
     later = Slice(site.client, "other")
     later.update({"/a": "1"})
     save(site.client)
-    report = site.wait_for_complaint()
+    assert site.expire(number).status == 4
+    report = site.complaint()
     assert (report.severity, report.msg) == (
         2, f"The import {number} is not rolled back: the saved configuration has been changed "
            "since")
@@ -149,23 +73,23 @@ def test_an_import_that_was_changed_and_saved_meanwhile_is_kept(site):
 
 
 def test_unsaved_changes_of_meanwhile_are_kept(site):
-    number = site.change("2s")
+    number = site.change()
     other = Slice(site.client, "other")
     other.update({"/a": "1"})
-    report = site.wait_for_complaint()
+    assert site.expire(number).status == 4
+    report = site.complaint()
     assert report.msg == f"The import {number} is not rolled back: there are unsaved changes"
     assert site.content() == NEW and other.content() == {"/a": "1"} and site.ids() == [number]
-    wait_until(lambda: not timers(site.state), what="the end of the timer")
     assert [change["state"] for change in site.pending()] == ["EXPIRED"]
     assert site.ctl.ok("conf", "confirm").out == ""
     assert site.ids() == [] and site.complaint().severity == 0
 
 
 def test_new_state_ids_alone_are_no_change(site):
-    number = site.change("2s")
+    number = site.change()
     Slice(site.client).learn().update(NEW)
     save(site.client)
-    site.wait_for_end(number)
+    assert site.expire(number).status == 0
     assert site.content() == OLD and site.complaint() is None
 
 
@@ -175,7 +99,7 @@ def test_unsaved_changes_are_not_lost_by_an_import(site):
     assert (refused.status, refused.err) == (
         4, f"halvoctl: not sent: unsaved changes of {site.service.service_id} would be lost\n"
            "hint: halvoctl conf save keeps them, --discard-unsaved loses them for good\n")
-    assert site.content() == {**OLD, "/unsaved": "1"} and not site.records.exists()
+    assert site.content() == {**OLD, "/unsaved": "1"} and not site.folder.exists()
     number = site.change(LONG, "--discard-unsaved")
     assert site.content() == NEW
     assert site.ctl.ok("conf", "rollback", number).out == ""
@@ -207,35 +131,35 @@ def test_the_loss_of_the_terminal_does_not_stop_the_timer(site):
     child, terminal = pty.fork()
     if child == 0:
         os.execve(command()[0], command("-e", site.service.address, "conf", "import", site.package,
-                                        "--confirm", SHORT),
+                                        "--confirm", LONG),
                   environment(XDG_STATE_HOME=str(site.state)))
     assert b"Reverts at" in os.read(terminal, 1000)
     os.close(terminal)
     os.waitpid(child, 0)
     number, = site.ids()
-    site.wait_for_end(number)
+    assert len(site.timers()) == 1
+    assert site.expire(number).status == 0
     assert site.content() == OLD
 
 
-def test_a_hangup_does_not_end_the_import(site):
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTSTP])
+def test_neither_hangup_nor_ctrl_z_stops_the_import(site, number):
     with subprocess.Popen(
             ["strace", "-qq", "-o", "/dev/null", "-e", "trace=rename,renameat",
              "-e", "inject=rename:delay_exit=200000", *command(
                  "-e", site.service.address, "conf", "import", site.package, "--confirm", LONG)],
             stdout=subprocess.PIPE, text=True, env=environment(XDG_STATE_HOME=str(site.state)),
             start_new_session=True) as run:
-        wait_until(lambda: list(site.records.glob("*/old.hpk")), what="the begin of a record")
-        os.killpg(run.pid, signal.SIGHUP)
+        wait_until(lambda: list(site.folder.glob("*/old.hpk")), what="the begin of a record")
+        os.killpg(run.pid, number)
         assert PROMISE.match(run.communicate(timeout=20)[0])
-    assert site.content() == NEW and len(timers(site.state)) == 1
+    assert site.content() == NEW and len(site.timers()) == 1
 
 
 def test_after_a_loss_of_power_the_record_is_there(site):
     number = site.change()
-    for timer in timers(site.state):
-        os.kill(timer, signal.SIGKILL)
-    wait_until(lambda: [change["state"] for change in site.pending()] == ["EXPIRED"],
-               what="the end of the timer")
+    site.kill_timers()
+    assert [change["state"] for change in site.pending()] == ["EXPIRED"]
     assert site.ctl("conf", "pending").status == 4
     assert site.ctl.ok("conf", "rollback", number).out == ""
     assert site.content() == OLD and site.pending() == []
@@ -243,7 +167,7 @@ def test_after_a_loss_of_power_the_record_is_there(site):
 
 def test_a_killed_tool_leaves_a_complete_record_or_none(site):
     """At each of its renames, which are the steps of the record and of what follows."""
-    for step in range(1, 5):
+    for step in range(1, 6):
         subprocess.run(
             ["strace", "-qq", "-o", "/dev/null", "-e", "trace=rename",
              "-e", f"inject=rename:signal=KILL:when={step}", *command(
@@ -251,10 +175,12 @@ def test_a_killed_tool_leaves_a_complete_record_or_none(site):
             stdout=subprocess.DEVNULL, env=environment(XDG_STATE_HOME=str(site.state)), check=False)
         assert site.content() == (NEW if step > 3 else OLD)
         for number in site.ids():
-            assert {path.name for path in (site.records / number).iterdir()} >= {
+            assert {path.name for path in (site.folder / number).iterdir()} >= {
                 "old.hpk", "new.hpk", "record.json"}
             assert site.ctl.ok("conf", "rollback", number).out == ""
         assert site.content() == OLD
+    assert site.ctl.ok("conf", "rollback", site.change()).out == ""
+    assert list(site.folder.iterdir()) == []
 
 
 def test_the_record_is_on_the_disk_before_the_package_is_sent(site, tmp_path):
@@ -266,13 +192,13 @@ def test_the_record_is_on_the_disk_before_the_package_is_sent(site, tmp_path):
         check=True, stdout=subprocess.DEVNULL, env=environment(XDG_STATE_HOME=str(site.state)))
     lines = trace.read_text().splitlines()
     sent = next(number for number, line in enumerate(lines) if "updateSysConf" in line)
-    before = [line for line in lines[:sent] if str(site.records) in line]
-    folder = str(site.records / site.ids()[0])
+    before = [line for line in lines[:sent] if str(site.folder) in line]
+    folder = str(site.folder / site.ids()[0])
 
     def place(pattern):
         return next(number for number, line in enumerate(before) if re.search(pattern, line))
 
-    assert place(r"mkdir.*" + folder) < place(r"fsync\(\d+<" + str(site.records) + ">")
+    assert place(r"mkdir.*" + folder) < place(r"fsync\(\d+<" + str(site.folder) + ">")
     for name in ("old.hpk", "new.hpk", "record.json"):
         path = re.escape(f"{folder}/{name}")
         renamed = place(rf'rename\("{path}\.part", "{path}"\)')
@@ -285,8 +211,8 @@ def test_a_refused_package_leaves_no_record(site, tmp_path):
     bad.write_bytes(b"no package")
     result = site.ctl("conf", "import", bad, "--confirm", LONG)
     assert result.status == 3 and "Unable to unpack" in result.err
-    assert list(site.records.iterdir()) == []
-    wait_until(lambda: not timers(site.state), what="the end of the timer")
+    assert list(site.folder.iterdir()) == []
+    wait_until(lambda: not site.timers(), what="the end of the timer")
     assert site.content() == OLD
 
 
@@ -294,24 +220,26 @@ def test_without_an_answer_the_timer_goes_on(site):
     """The service is stopped as soon as the record is there, before or after it gets the package."""
     with subprocess.Popen(
             command("-e", site.service.address, "--timeout", "1s", "conf", "import", site.package,
-                    "--confirm", "2s"), stderr=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                    "--confirm", LONG), stderr=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
             env=environment(XDG_STATE_HOME=str(site.state))) as run:
         wait_until(site.ids, what="the record")
         site.service.signal(signal.SIGSTOP)
         out, err = run.communicate(timeout=20)
     number, = site.ids()
     assert out or (run.returncode == 2 and "it may have been imported. Reverts at " in err)
+    assert len(site.timers()) == 1
     site.service.signal(signal.SIGCONT)
-    site.wait_for_end(number)
+    assert site.expire(number).status == 0
     assert site.content() == OLD
 
 
 def test_a_service_that_is_away_is_rolled_back_when_it_is_back(site, start):
-    number = site.change(SHORT)
+    number = site.change()
     site.service.signal(signal.SIGKILL)
     site.service.wait_end()
-    wait_until(lambda: [change["state"] for change in site.pending()] == ["REVERTING"],
-               what="the end of the time")
+    site.make_late(number)
+    assert [change["state"] for change in site.pending()] == ["REVERTING"]
+    site.ctl.start("conf", "rollback", number, "--auto")
     back = start("--configdir", str(site.service.folder / "config"), port=site.service.port)
     site.wait_for_end(number)
     assert Slice(back.client()).content() == OLD
@@ -326,11 +254,11 @@ def test_a_service_that_stays_away_leaves_the_record(site):
 
 
 def test_a_guard_discards_what_nobody_confirms(site):
-    result = site.ctl.ok("conf", "guard", "--timeout", SHORT)
+    result = site.ctl.ok("conf", "guard", "--timeout", LONG)
     number = re.fullmatch(r"Unsaved changes are discarded at (?:\S+ )?\d\d:\d\d:\d\d unless you run: "
                           r"halvoctl conf confirm ([0-9a-f]{4})\n", result.out)[1]
     site.tuner.update({"/late": "x"})
-    site.wait_for_end(number)
+    assert site.expire(number).status == 0
     assert site.content() == OLD and site.ctl("conf", "status").status == 0
 
 
@@ -342,10 +270,11 @@ def test_a_guard_that_is_confirmed_or_saved_under_keeps_the_changes(site):
     assert site.ctl.ok("conf", "confirm", number).out == ""
     assert site.content() == {**OLD, "/late": "x"}
     save(site.client)
-    number = site.ctl.ok("conf", "guard", "--timeout", "2s", "-o", "json").json["id"]
+    number = site.ctl.ok("conf", "guard", "--timeout", LONG, "-o", "json").json["id"]
     site.tuner.update({"/later": "x"})
     save(site.client)
-    assert site.wait_for_complaint().msg == (
+    assert site.expire(number).status == 4
+    assert site.complaint().msg == (
         f"The guard {number} is not rolled back: the saved configuration has been changed since")
     assert site.content() == {**OLD, "/late": "x", "/later": "x"}
 
@@ -364,7 +293,15 @@ def test_json_of_a_change(site):
 def test_a_refused_input_changes_nothing(site, words):
     result = site.ctl("conf", *[word.format(package=site.package) for word in words])
     assert result.status == 1 and not result.out and result.err, result
-    assert site.content() == OLD and not site.records.exists()
+    assert site.content() == OLD and not site.folder.exists()
+
+
+@pytest.mark.parametrize("words", [("import", "{package}", "--confirm", LONG), ("pending",)])
+def test_records_are_not_below_the_working_folder(site, words):
+    result = site.ctl("conf", *[word.format(package=site.package) for word in words],
+                      XDG_STATE_HOME="state")
+    assert (result.status, result.err) == (1, "halvoctl: XDG_STATE_HOME is no absolute path\n")
+    assert site.content() == OLD
 
 
 def test_records_need_a_place(site):

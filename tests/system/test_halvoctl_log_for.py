@@ -1,5 +1,4 @@
 """The operator's tool sets log levels for some time."""
-import json
 import os
 import re
 import signal
@@ -7,19 +6,15 @@ import subprocess
 
 import pytest
 from kit.ctl import Ctl, command, environment
+from kit.timed_changes import LONG, Records
 from kit.wait import wait_until
 
 NAME = "ConfObstreeHandler"
 BACK = re.compile(NAME + r": info -> trace, back at (\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d\n")
 
 
-class Levels:
+class Levels(Records):
     """The tool with records of its own."""
-
-    def __init__(self, service, state):
-        self.state = state
-        self.records = state / "halvo/confirm"
-        self.ctl = Ctl(service.address, XDG_STATE_HOME=str(state))
 
     def set(self, level, *words):
         return self.ctl.ok("log", "set", "ConfObstree*", level, *words)
@@ -30,17 +25,10 @@ class Levels:
     def wait_for(self, level):
         wait_until(lambda: self.level() == level, 20, level)
 
-    def contents(self):
-        return [json.loads(path.read_text()) for path in self.records.glob("*/record.json")]
-
-    def close(self):
-        for path in self.records.glob("*/record.json"):
-            path.unlink()  # its timer ends
-
 
 @pytest.fixture
 def levels(service, tmp_path):
-    running = Levels(service, tmp_path / "state")
+    running = Levels(service.address, tmp_path / "state")
     yield running
     running.close()
 
@@ -51,22 +39,33 @@ def test_a_level_comes_back(levels):
     wait_until(lambda: not levels.contents(), what="the end of the record")
 
 
-def test_a_level_comes_back_although_the_tool_was_killed(levels):
-    tool = subprocess.Popen(
-        command("-e", levels.ctl.endpoint, "log", "set", "ConfObstree*", "trace", "--for", "2s"),
-        env=environment(XDG_STATE_HOME=str(levels.state)), stdout=subprocess.DEVNULL)
-    levels.wait_for("trace")
-    os.kill(tool.pid, signal.SIGKILL)
-    tool.wait(10)
-    levels.wait_for("info")
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGHUP])
+def test_a_level_comes_back_although_the_tool_was_ended(levels, number):
+    """Before it sets the level, so that only the record tells of it, or after that."""
+    with subprocess.Popen(
+            ["strace", "-qq", "-o", "/dev/null", "-e", "trace=rename",
+             "-e", "inject=rename:delay_exit=200000", *command(
+                 "-e", levels.ctl.endpoint, "log", "set", "ConfObstree*", "trace", "--for", LONG)],
+            env=environment(XDG_STATE_HOME=str(levels.state)), stdout=subprocess.DEVNULL,
+            start_new_session=True) as tool:
+        wait_until(levels.ids, what="the record")
+        os.killpg(tool.pid, number)
+        tool.wait(10)
+    assert levels.level() == ("info" if number == signal.SIGKILL else "trace")
+    if number == signal.SIGHUP:
+        assert len(levels.timers()) == 1
+    change, = levels.ids()
+    assert levels.expire(change).status == 0
+    assert levels.level() == "info"
 
 
 def test_a_level_that_somebody_else_has_set_stays(levels):
-    levels.set("trace", "--for", "2s")
+    levels.set("trace", "--for", LONG)
     other = Ctl(levels.ctl.endpoint, XDG_STATE_HOME=str(levels.state / "other"))
     other.ok("log", "set", "ConfObstree*", "warn")
-    wait_until(lambda: not levels.contents(), 20, "the end of the record")
-    assert levels.level() == "warn"
+    change, = levels.ids()
+    assert levels.expire(change).status == 0
+    assert levels.level() == "warn" and levels.ids() == []
 
 
 def test_a_second_time_replaces_the_first(levels):
@@ -80,7 +79,7 @@ def test_a_second_time_replaces_the_first(levels):
 
 def test_the_level_of_before_comes_back_by_hand(levels):
     levels.set("trace", "--for", "1h")
-    number, = [path.name for path in levels.records.iterdir()]
+    number, = [path.name for path in levels.folder.iterdir()]
     assert re.search(number + " +log +waiting ", levels.ctl.ok("conf", "pending").out)
     assert levels.ctl.ok("conf", "rollback", number).out == ""
     assert levels.level() == "info" and levels.contents() == []
@@ -97,4 +96,4 @@ def test_json_of_a_level_for_some_time(levels):
                          ids=range(4))
 def test_a_refused_time_or_level_changes_nothing(levels, words):
     assert levels.ctl("log", "set", *words).status == 1
-    assert levels.level() == "info" and not levels.records.exists()
+    assert levels.level() == "info" and not levels.folder.exists()

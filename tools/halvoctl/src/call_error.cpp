@@ -10,9 +10,20 @@ namespace Hox::Ctl {
 
 namespace {
 
-/// gRPC marks a status that has crossed the network; one that it made itself has other texts.
-bool isFromService(const grpc::ClientContext& context) {
-    return context.debug_error_string().find("Error received from peer") != std::string::npos;
+/// Whether gRPC itself gives the code to a call whose connection is lost.
+bool isCodeOfLoss(grpc::StatusCode code) {
+    return code == grpc::StatusCode::UNAVAILABLE || code == grpc::StatusCode::CANCELLED ||
+           code == grpc::StatusCode::UNKNOWN || code == grpc::StatusCode::INTERNAL;
+}
+
+/// gRPC marks a status that has crossed the network, but also that of a stream which was open when
+/// its connection broke. Then the channel is not ready any more.
+bool isFromService(const grpc::Status& status, const grpc::ClientContext& context,
+                   grpc::Channel& channel) {
+    const bool isMarked =
+        context.debug_error_string().find("Error received from peer") != std::string::npos;
+    return isMarked &&
+           (!isCodeOfLoss(status.error_code()) || channel.GetState(false) == GRPC_CHANNEL_READY);
 }
 
 ExitCode exitCodeOf(const grpc::Status& status, bool isAnswer) {
@@ -29,9 +40,12 @@ std::string textOf(const grpc::Status& status) {
 }  // namespace
 
 CallError::CallError(const grpc::Status& status, const grpc::ClientContext& context,
-                     const std::string& endpoint)
-    : CallError(status.error_code(), exitCodeOf(status, isFromService(context)), textOf(status),
-                isFromService(context) ? "" : "the endpoint is " + endpoint) {}
+                     grpc::Channel& channel, const std::string& endpoint)
+    : CallError(status, isFromService(status, context, channel), endpoint) {}
+
+CallError::CallError(const grpc::Status& status, bool isAnswer, const std::string& endpoint)
+    : CallError(status.error_code(), exitCodeOf(status, isAnswer), textOf(status),
+                isAnswer ? "" : "the endpoint is " + endpoint) {}
 
 CallError::CallError(const grpc::Status& status)
     : CallError(status.error_code(), exitCodeOf(status, true), textOf(status), "") {}
@@ -39,6 +53,12 @@ CallError::CallError(const grpc::Status& status)
 CallError::CallError(grpc::StatusCode statusCode, ExitCode code, const std::string& text,
                      const std::string& hint)
     : CtlError(code, text, hint), m_statusCode(statusCode) {}
+
+bool CallError::isOutcomeOpen() const {
+    // A service says INTERNAL before it changes anything.
+    return code() != ExitCode::Refused ||
+           (isCodeOfLoss(m_statusCode) && m_statusCode != grpc::StatusCode::INTERNAL);
+}
 
 CallError CallError::withHint(const std::string& hint) const {
     return {m_statusCode, code(), what(), hint};

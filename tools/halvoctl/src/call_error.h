@@ -1,5 +1,6 @@
 #pragma once
 
+#include <grpcpp/channel.h>
 #include <grpcpp/client_context.h>
 #include <grpcpp/support/status.h>
 
@@ -12,10 +13,10 @@ namespace Hox::Ctl {
 /// A call has failed: the service refused it, was not reached, or did not answer in time.
 class CallError : public CtlError {
 public:
-    /// Takes a status that is not OK, and the context of its call, which shows whether the status
-    /// comes from the service or from the own side of the connection.
+    /// Takes a status that is not OK, with the context and the channel of its call, which show
+    /// whether the status comes from the service or from the own side of the connection.
     CallError(const grpc::Status& status, const grpc::ClientContext& context,
-              const std::string& endpoint);
+              grpc::Channel& channel, const std::string& endpoint);
 
     /// The status of a call that is answered by the service, without its context.
     explicit CallError(const grpc::Status& status);
@@ -23,10 +24,14 @@ public:
     /// The code of the status.
     grpc::StatusCode statusCode() const { return m_statusCode; }
 
+    /// Whether nobody knows if the service has done what it was asked for.
+    bool isOutcomeOpen() const;
+
     /// The same refusal with a hint.
     CallError withHint(const std::string& hint) const;
 
 private:
+    CallError(const grpc::Status& status, bool isAnswer, const std::string& endpoint);
     CallError(grpc::StatusCode statusCode, ExitCode code, const std::string& text,
               const std::string& hint);
 

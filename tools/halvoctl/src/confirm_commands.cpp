@@ -3,8 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <csignal>
+#include <vector>
 
+#include "call_error.h"
 #include "clock_text.h"
 #include "conf_client.h"
 #include "conf_commands.h"
@@ -25,20 +26,10 @@ namespace Hox::Ctl {
 
 namespace {
 
-/// The loss of the terminal ends neither this process nor those that it starts meanwhile.
-class HangupIgnored {
-public:
-    HangupIgnored() : m_former(std::signal(SIGHUP, SIG_IGN)) {}
-    ~HangupIgnored() { std::signal(SIGHUP, m_former); }
-    HangupIgnored(const HangupIgnored&) = delete;
-    HangupIgnored& operator=(const HangupIgnored&) = delete;
+using Reports = std::vector<StateClient::Stored>;
 
-private:
-    void (*m_former)(int);
-};
-
-void refuseUnsaved(const Connection& connection, const std::string& hint) {
-    const auto unsaved = unsavedServices(StateClient(connection).latest());
+void refuseUnsaved(const Reports& latest, const std::string& hint) {
+    const auto unsaved = unsavedServices(latest);
     if (!unsaved.empty()) {
         const auto names = printable(fmt::format("{}", fmt::join(unsaved, ", ")));
         throw CtlError(ExitCode::No, "not sent: unsaved changes of " + names + " would be lost",
@@ -74,31 +65,43 @@ std::string promise(const Session& session, const std::string& what, const Confi
 /// package was imported, so its timer goes on.
 void sendForNow(const Session& session, const PackageImport& package, const ConfClient& client,
                 ConfirmRecord& record) {
+    const auto hint = [&] {
+        return "it may have been imported. " + promise(session, "Reverts", record.content());
+    };
     try {
         package.send(client);
-    } catch (const CtlError& error) {
-        if (error.code() == ExitCode::Refused) {
-            record.remove();
-            RevertTimer(record.id(), record.folder()).stop();
-            throw;
+    } catch (const CallError& error) {
+        if (error.isOutcomeOpen()) {
+            throw CtlError(ExitCode::Unreachable, error.what(), hint());
         }
-        throw CtlError(
-            error.code(), error.what(),
-            "it may have been imported. " + promise(session, "Reverts", record.content()));
+        record.remove();
+        RevertTimer(record.id(), record.folder()).stop();
+        throw;
+    } catch (const CtlError& error) {
+        throw CtlError(error.code(), error.what(), hint());
     }
 }
 
-/// What the service has made of the package is what it is compared with later. It differs from the
-/// package in the form of values, so a failure is not one of the import.
-void learnResult(const Session& session, const Connection& connection, ConfirmRecord& record) {
+/// Finds out which services have unsaved changes that the import has not touched, so that they do
+/// not matter for its end: their reports of before are still the latest ones. A failure is not one
+/// of the import, except for the end that the user wants.
+void learnElsewhere(const Session& session, const Connection& connection, const Reports& before,
+                    ConfirmRecord& record) {
+    if (unsavedServices(before).empty()) {
+        return;
+    }
     try {
-        record.keepNewPackage(ConfClient(connection).exportPackage());
         auto content = record.content();
-        for (const auto& service : unsavedServices(StateClient(connection).latest())) {
+        for (const auto& service : unsavedInBoth(before, StateClient(connection).latest())) {
             content.add_unsaved_elsewhere(service);
         }
         record.keep(content);
     } catch (const CtlError& error) {
+        if (error.code() == ExitCode::Interrupted) {
+            throw CtlError(
+                error.code(), error.what(),
+                "it has been imported. " + promise(session, "Reverts", record.content()));
+        }
         session.note(error.what());
     }
 }
@@ -130,14 +133,14 @@ ExitCode importPackage(Session& session, const ImportWords& words) {
     parseTimeLimit(words.time);
     const PackageImport package(readInput(session.surroundings().in, words.path));
     const auto connection = session.connect();
+    const auto before = StateClient(*connection).latest();
     if (!words.isDiscarding) {
-        refuseUnsaved(*connection,
+        refuseUnsaved(before,
                       "halvoctl conf save keeps them, --discard-unsaved loses them for good");
     }
-    const HangupIgnored ignored;
     const auto record = keepRecord(session, *connection, words.time, IMPORT, package.bytes());
     sendForNow(session, package, ConfClient(*connection), *record);
-    learnResult(session, *connection, *record);
+    learnElsewhere(session, *connection, before, *record);
     ImportedForNow imported;
     imported.set_keys(package.keys());
     imported.set_slices(package.slices());
@@ -156,8 +159,8 @@ ExitCode importPackage(Session& session, const ImportWords& words) {
 ExitCode guardConf(Session& session, const std::string& time) {
     parseTimeLimit(time);
     const auto connection = session.connect();
-    refuseUnsaved(*connection, "halvoctl conf save or halvoctl conf revert first");
-    const HangupIgnored ignored;
+    refuseUnsaved(StateClient(*connection).latest(),
+                  "halvoctl conf save or halvoctl conf revert first");
     const auto record = keepRecord(session, *connection, time, GUARD, "");
     Guarded guarded;
     guarded.set_id(record->id());
@@ -172,7 +175,7 @@ ExitCode guardConf(Session& session, const std::string& time) {
 }
 
 ExitCode confirmChange(Session& session, const std::string& id) {
-    const auto record = openPending(session.surroundings(), id);
+    const auto record = openPending(session.surroundings(), id, session.options().timeout);
     const auto content = record->content();
     record->remove();
     RevertTimer(record->id(), record->folder()).stop();

@@ -74,15 +74,51 @@ OwnedFileDescriptor openFolder(const std::string& path) {
         ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-/// Waits for the lock of the folder; the user may end the wait.
-void lockFolder(int folder, const Interrupt& interrupt) {
+/// Takes the lock of the folder. Returns false if another process has it.
+bool tryLock(int folder) {
+    if (::flock(folder, LOCK_EX | LOCK_NB) == 0) {
+        return true;
+    }
+    if (errno != EWOULDBLOCK) {
+        failWriting("the lock of the record");
+    }
+    return false;
+}
+
+/// Waits for the lock of the record with this id; the user may end the wait.
+void waitForLock(int folder, const std::string& id, const Interrupt& interrupt,
+                 std::chrono::milliseconds time) {
     constexpr std::chrono::milliseconds pause(50);
-    while (::flock(folder, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) {
-            failWriting("the lock of the record");
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (!tryLock(folder)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw CtlError(ExitCode::Unreachable, "another process works on the change " + id);
         }
         if (interrupt.waitFor(pause)) {
             throw CtlError(ExitCode::Interrupted, "");
+        }
+    }
+}
+
+/// Whether the open folder is still the one at this path.
+bool isAt(int folder, const std::string& path) {
+    struct stat open {};
+    struct stat there {};
+    return ::fstat(folder, &open) == 0 && ::stat(path.c_str(), &there) == 0 &&
+           open.st_ino == there.st_ino;
+}
+
+/// Removes the records without content on which nobody works. Who makes one at this moment notices
+/// that and makes another one.
+void removeRemains(const std::string& root) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(root, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const auto folder = entry->path().string();
+        const auto lock = openFolder(folder);
+        std::error_code ignored;
+        if (lock && tryLock(*lock) && !std::filesystem::exists(contentFile(folder), ignored)) {
+            std::filesystem::remove_all(folder, ignored);
         }
     }
 }
@@ -103,30 +139,32 @@ std::unique_ptr<ConfirmRecord> ConfirmRecord::create(const Surroundings& surroun
     constexpr int attempts = 1000;
     const auto root = confirmFolder(surroundings);
     makeFolders(root);
+    removeRemains(root);
     for (int attempt = 0; attempt < attempts; ++attempt) {
         const auto folder = root + "/" + newId();
         if (!makeFolder(folder)) {
             continue;
         }
         auto lock = openFolder(folder);
-        if (!lock) {
+        if (!lock && errno != ENOENT) {
             failWriting(folder);
         }
-        std::unique_ptr<ConfirmRecord> record(new ConfirmRecord(folder, std::move(lock)));
-        lockFolder(*record->m_lock, surroundings.interrupt);
-        return record;
+        if (lock && tryLock(*lock) && isAt(*lock, folder)) {
+            return std::unique_ptr<ConfirmRecord>(new ConfirmRecord(folder, std::move(lock)));
+        }
     }
     throw CtlError(ExitCode::Usage, "there are too many records in " + root);
 }
 
 std::unique_ptr<ConfirmRecord> ConfirmRecord::open(const Surroundings& surroundings,
-                                                   const std::string& id) {
+                                                   const std::string& id,
+                                                   std::chrono::milliseconds time) {
     const auto folder = confirmFolder(surroundings) + "/" + id;
     auto lock = isId(id) ? openFolder(folder) : nullptr;
     if (!lock) {
         return nullptr;
     }
-    lockFolder(*lock, surroundings.interrupt);
+    waitForLock(*lock, id, surroundings.interrupt, time);
     auto content = read(folder);  // it may have been removed meanwhile
     if (!content) {
         return nullptr;

@@ -10,20 +10,36 @@
 
 namespace Hox::Ctl {
 
+namespace {
+
+/// The folder in a variable, empty if it is not set. The timers have another working folder than
+/// the user, so it must be absolute.
+std::string folderIn(const Surroundings& surroundings, const std::string& variable) {
+    auto folder = surroundings.environment(variable);
+    if (!folder.empty() && folder.front() != '/') {
+        throw CtlError(ExitCode::Usage, variable + " is no absolute path");
+    }
+    return folder;
+}
+
+}  // namespace
+
+std::string stateHome(const Surroundings& surroundings) {
+    auto state = folderIn(surroundings, "XDG_STATE_HOME");
+    if (!state.empty() || ::geteuid() == 0) {
+        return state;
+    }
+    const auto home = folderIn(surroundings, "HOME");
+    if (home.empty()) {
+        throw CtlError(ExitCode::Usage, "there is no place for records",
+                       "set XDG_STATE_HOME or HOME");
+    }
+    return home + "/.local/state";
+}
+
 std::string confirmFolder(const Surroundings& surroundings) {
-    auto state = surroundings.environment("XDG_STATE_HOME");
-    if (state.empty() && ::geteuid() == 0) {
-        return "/var/lib/halvo-tools/confirm";
-    }
-    if (state.empty()) {
-        const auto home = surroundings.environment("HOME");
-        if (home.empty()) {
-            throw CtlError(ExitCode::Usage, "there is no place for records",
-                           "set XDG_STATE_HOME or HOME");
-        }
-        state = home + "/.local/state";
-    }
-    return state + "/halvo/confirm";
+    const auto state = stateHome(surroundings);
+    return state.empty() ? "/var/lib/halvo-tools/confirm" : state + "/halvo/confirm";
 }
 
 std::vector<PendingConfirmation> pendingConfirmations(const Surroundings& surroundings) {
@@ -49,8 +65,8 @@ std::vector<PendingConfirmation> pendingConfirmations(const Surroundings& surrou
     return found;
 }
 
-std::unique_ptr<ConfirmRecord> openPending(const Surroundings& surroundings,
-                                           const std::string& id) {
+std::unique_ptr<ConfirmRecord> openPending(const Surroundings& surroundings, const std::string& id,
+                                           std::chrono::milliseconds time) {
     auto wanted = id;
     if (id.empty()) {
         std::string several;
@@ -67,7 +83,7 @@ std::unique_ptr<ConfirmRecord> openPending(const Surroundings& surroundings,
     if (wanted.empty()) {
         throw CtlError(ExitCode::Usage, "nothing is pending");
     }
-    auto record = ConfirmRecord::open(surroundings, wanted);
+    auto record = ConfirmRecord::open(surroundings, wanted, time);
     if (!record) {
         throw CtlError(ExitCode::Usage, "no change \"" + wanted + "\" is pending",
                        "halvoctl conf pending lists all");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,6 +18,10 @@ struct PendingConfirmation {
     Confirmation content;  ///< The record.
 };
 
+/// The XDG_STATE_HOME with which any process of this user has the same records, whatever its other
+/// variables are: empty for root who has set none. Throws CtlError if there is no such place.
+std::string stateHome(const Surroundings& surroundings);
+
 /// The folder of all records: halvo/confirm in XDG_STATE_HOME, otherwise for root
 /// /var/lib/halvo-tools/confirm, for others ~/.local/state/halvo/confirm. It need not exist. Throws
 /// CtlError if there is no such place.
@@ -27,7 +32,8 @@ std::string confirmFolder(const Surroundings& surroundings);
 std::vector<PendingConfirmation> pendingConfirmations(const Surroundings& surroundings);
 
 /// The record with this id; without one that of the only change of a configuration. Throws CtlError
-/// if there is none, or more than one.
-std::unique_ptr<ConfirmRecord> openPending(const Surroundings& surroundings, const std::string& id);
+/// if there is none, or more than one, and if another process works on it longer than this time.
+std::unique_ptr<ConfirmRecord> openPending(const Surroundings& surroundings, const std::string& id,
+                                           std::chrono::milliseconds time);
 
 }  // namespace Hox::Ctl

@@ -47,7 +47,7 @@ void Connection::fail(const grpc::Status& status, const grpc::ClientContext& con
     if (m_interrupt.isRequested()) {
         throw CtlError(ExitCode::Interrupted, "");
     }
-    throw CallError(status, context, m_endpoint);
+    throw CallError(status, context, *m_channel, m_endpoint);
 }
 
 }  // namespace Hox::Ctl

@@ -25,7 +25,7 @@ public:
     Connection(std::string endpoint, std::shared_ptr<grpc::Channel> channel, Interrupt& interrupt,
                std::chrono::milliseconds timeout, Trace trace);
 
-    /// The endpoint as the user named it.
+    /// Where the service listens, as host:port, also if the user has named it in another way.
     const std::string& endpoint() const { return m_endpoint; }
 
     /// The channel of all calls.

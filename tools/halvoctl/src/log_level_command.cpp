@@ -56,7 +56,8 @@ std::unique_ptr<ConfirmRecord> keepRecord(const Session& session, const Connecti
 void dropFromOthers(const Session& session, const std::vector<PendingConfirmation>& pending,
                     const LoggerClient::Loggers& loggers) {
     for (const auto& each : pending) {
-        const auto record = ConfirmRecord::open(session.surroundings(), each.id);
+        const auto record =
+            ConfirmRecord::open(session.surroundings(), each.id, session.options().timeout);
         if (!record) {
             continue;
         }

@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "child_process.h"
+#include "confirm_records.h"
 #include "ctl_error.h"
 #include "hox/linutils/raii_filedescriptors.h"
 
@@ -59,21 +60,12 @@ bool RevertTimer::startUnit(const Surroundings& surroundings,
     if (!isSystemdManager()) {
         return false;
     }
-    std::vector<std::string> words{"systemd-run",
-                                   "--quiet",
-                                   "--no-ask-password",
-                                   "--collect",
-                                   "--on-active=" + millisecondsText(time),
-                                   "--timer-property=AccuracySec=100ms",
-                                   "--unit=" + unit("")};
-    for (const auto* const name : {"XDG_STATE_HOME", "HOME"}) {
-        const auto value = surroundings.environment(name);
-        if (!value.empty()) {
-            words.push_back("--setenv=" + std::string(name) + "=" + value);
-        }
-    }
-    words.insert(words.end(), {ownProgram(), "conf", "rollback", m_id, "--auto"});
-    return runQuietly(words) == 0;
+    return runQuietly({"systemd-run", "--quiet", "--no-ask-password", "--collect",
+                       "--on-active=" + millisecondsText(time),
+                       "--timer-property=AccuracySec=100ms", "--unit=" + unit(""),
+                       "--uid=" + std::to_string(::geteuid()),
+                       "--setenv=XDG_STATE_HOME=" + stateHome(surroundings), ownProgram(), "conf",
+                       "rollback", m_id, "--auto"}) == 0;
 }
 
 void RevertTimer::startProcess(std::chrono::milliseconds time) const {

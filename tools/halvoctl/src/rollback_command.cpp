@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "ask_first.h"
+#include "call_error.h"
 #include "confirm_records.h"
 #include "confirm_report.h"
 #include "ctl_error.h"
@@ -21,6 +22,10 @@ using SteadyClock = std::chrono::steady_clock;
 /// How often a waiting process looks whether there is still something to wait for.
 constexpr std::chrono::milliseconds step(500);
 
+std::string textFor(const Confirmation& content, const std::string& objection) {
+    return "The " + changeText(content) + " is not rolled back: " + objection;
+}
+
 std::string hintFor(const std::string& id) {
     return "halvoctl conf confirm " + id + " keeps what is there, halvoctl conf rollback " + id +
            " reverts it";
@@ -33,7 +38,8 @@ ExitCode RollbackCommand::run(Session& session) const {
 }
 
 ExitCode RollbackCommand::runByHand(const Session& session) const {
-    const auto record = openPending(session.surroundings(), m_options.id);
+    const auto record =
+        openPending(session.surroundings(), m_options.id, session.options().timeout);
     const auto& content = record->content();
     const auto at = session.withEndpoint(content.endpoint());
     const auto connection = at.connect();
@@ -62,7 +68,11 @@ ExitCode RollbackCommand::runAtTimeOut(const Session& session) const {
         try {
             return tryOnce(session);
         } catch (const CtlError& error) {
-            if (error.code() != ExitCode::Unreachable || SteadyClock::now() >= deadline) {
+            if (error.code() != ExitCode::Unreachable) {
+                throw;
+            }
+            if (SteadyClock::now() >= deadline) {
+                complainLate(session, error.what());
                 throw;
             }
         }
@@ -90,8 +100,24 @@ bool RollbackCommand::waitForTime(const Session& session) const {
     return false;
 }
 
+/// Tells the service, if it can be told, that the attempts have ended.
+void RollbackCommand::complainLate(const Session& session, const std::string& reason) const {
+    const auto content =
+        ConfirmRecord::read(confirmFolder(session.surroundings()) + "/" + m_options.id);
+    if (!content) {
+        return;
+    }
+    const auto at = session.withEndpoint(content->endpoint());
+    try {
+        ConfirmReport(at, *at.connect())
+            .complain(textFor(*content, reason), hintFor(content->id()));
+    } catch (const CtlError& error) {
+        session.note(error.what());
+    }
+}
+
 ExitCode RollbackCommand::tryOnce(const Session& session) const {
-    const auto record = ConfirmRecord::open(session.surroundings(), m_options.id);
+    const auto record = ConfirmRecord::open(session.surroundings(), m_options.id, step);
     if (!record) {
         return ExitCode::Done;
     }
@@ -107,14 +133,19 @@ ExitCode RollbackCommand::tryOnce(const Session& session) const {
         if (objection.empty() && !finding.isReverted) {
             reverter.revert();
         }
+    } catch (const CallError& error) {
+        if (error.isOutcomeOpen()) {
+            throw CtlError(ExitCode::Unreachable, error.what(), error.hint());
+        }
+        objection = error.what();
     } catch (const CtlError& error) {
-        if (error.code() == ExitCode::Unreachable || error.code() == ExitCode::Interrupted) {
+        if (error.code() == ExitCode::Interrupted) {
             throw;
         }
         objection = error.what();
     }
     if (!objection.empty()) {
-        const auto text = "The " + changeText(content) + " is not rolled back: " + objection;
+        const auto text = textFor(content, objection);
         report.complain(text, hintFor(record->id()));
         throw CtlError(ExitCode::No, text, hintFor(record->id()));
     }

@@ -31,6 +31,7 @@ private:
     ExitCode runByHand(const Session& session) const;
     ExitCode runAtTimeOut(const Session& session) const;
     bool waitForTime(const Session& session) const;
+    void complainLate(const Session& session, const std::string& reason) const;
     ExitCode tryOnce(const Session& session) const;
 
     Options m_options;

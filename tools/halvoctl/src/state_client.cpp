@@ -79,6 +79,20 @@ std::vector<StateClient::Stored> savingReports(const std::vector<StateClient::St
     return found;
 }
 
+std::set<std::string> unsavedInBoth(const std::vector<StateClient::Stored>& before,
+                                    const std::vector<StateClient::Stored>& after) {
+    auto same = after;
+    same.erase(std::remove_if(same.begin(), same.end(),
+                              [&before](const auto& stored) {
+                                  return std::none_of(before.begin(), before.end(),
+                                                      [&stored](const auto& earlier) {
+                                                          return earlier.index() == stored.index();
+                                                      });
+                              }),
+               same.end());
+    return unsavedServices(same);
+}
+
 std::set<std::string> unsavedServices(const std::vector<StateClient::Stored>& latest) {
     std::set<std::string> found;
     for (const auto& stored : savingReports(latest)) {

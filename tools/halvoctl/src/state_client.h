@@ -53,4 +53,8 @@ std::vector<StateClient::Stored> savingReports(const std::vector<StateClient::St
 /// The ids of the services that have reported unsaved changes last.
 std::set<std::string> unsavedServices(const std::vector<StateClient::Stored>& latest);
 
+/// The same, but only of those whose report was the same one before.
+std::set<std::string> unsavedInBoth(const std::vector<StateClient::Stored>& before,
+                                    const std::vector<StateClient::Stored>& after);
+
 }  // namespace Hox::Ctl

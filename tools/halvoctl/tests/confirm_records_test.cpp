@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -17,6 +18,8 @@
 namespace Hox::Ctl {
 
 namespace {
+
+constexpr std::chrono::milliseconds noTime(0);
 
 /// Surroundings whose records are in a folder of the test.
 class ConfirmRecordsTest : public ::testing::Test {
@@ -31,11 +34,11 @@ protected:
         return record;
     }
 
-    std::string errorOfOpening(const std::string& id) {
+    std::string errorOfOpening(const std::string& id, ExitCode code = ExitCode::Usage) {
         try {
-            openPending(m_surroundings, id);
+            openPending(m_surroundings, id, noTime);
         } catch (const CtlError& error) {
-            EXPECT_EQ(error.code(), ExitCode::Usage);
+            EXPECT_EQ(error.code(), code);
             return error.what();
         }
         return "";
@@ -74,7 +77,7 @@ TEST_F(ConfirmRecordsTest, ARecordCountsOnceItsContentIsKept) {
     EXPECT_EQ(found[0].id, id);
     EXPECT_EQ(found[0].folder, (m_folder / "state/halvo/confirm" / id).string());
     EXPECT_EQ(found[0].content.endpoint(), "head:5005");
-    record = openPending(m_surroundings, "");
+    record = openPending(m_surroundings, "", noTime);
     EXPECT_EQ(record->formerPackage() + record->newPackage(), "oldnew");
     record->remove();
     record.reset();
@@ -95,7 +98,7 @@ TEST_F(ConfirmRecordsTest, OnlyOneChangeOfAConfigurationNeedsNoId) {
     keptRecord(1, LOG);
     EXPECT_EQ(errorOfOpening(""), "nothing is pending");
     const auto id = keptRecord(2, GUARD)->id();
-    EXPECT_EQ(openPending(m_surroundings, "")->id(), id);
+    EXPECT_EQ(openPending(m_surroundings, "", noTime)->id(), id);
     keptRecord(3);
     EXPECT_EQ(errorOfOpening("").substr(0, 28), "several changes are pending:");
     EXPECT_EQ(errorOfOpening("../confirm"), "no change \"../confirm\" is pending");
@@ -106,13 +109,38 @@ TEST_F(ConfirmRecordsTest, NobodyElseWorksOnAnOpenRecord) {
     const auto other = LinuxCppUtil::ownFileDescriptor(
         ::open(record->folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_NE(::flock(*other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(errorOfOpening(record->id(), ExitCode::Unreachable),
+              "another process works on the change " + record->id());
     m_interrupt.request();
     try {
-        ConfirmRecord::open(m_surroundings, record->id());
+        ConfirmRecord::open(m_surroundings, record->id(), std::chrono::hours(1));
         ADD_FAILURE() << "the lock is there twice";
     } catch (const CtlError& error) {
         EXPECT_EQ(error.code(), ExitCode::Interrupted);
     }
+}
+
+TEST_F(ConfirmRecordsTest, WhoHasARecordIsNeitherHungUpNorStopped) {
+    {
+        const auto record = keptRecord(1);
+        EXPECT_EQ(std::signal(SIGHUP, SIG_IGN), SIG_IGN);
+        EXPECT_EQ(std::signal(SIGTSTP, SIG_IGN), SIG_IGN);
+    }
+    EXPECT_EQ(std::signal(SIGHUP, SIG_DFL), SIG_DFL);
+    EXPECT_EQ(std::signal(SIGTSTP, SIG_DFL), SIG_DFL);
+}
+
+TEST_F(ConfirmRecordsTest, RemainsWithoutContentAreRemovedUnlessSomebodyWorksThere) {
+    const auto kept = keptRecord(1)->id();
+    const auto working = ConfirmRecord::create(m_surroundings);
+    const auto root = std::filesystem::path(working->folder()).parent_path();
+    std::filesystem::create_directory(root / "dead");
+    std::ofstream(root / "dead/old.hpk") << "secret";
+    const auto fresh = ConfirmRecord::create(m_surroundings);
+    EXPECT_FALSE(std::filesystem::exists(root / "dead"));
+    EXPECT_TRUE(std::filesystem::exists(root / kept / "record.json"));
+    EXPECT_TRUE(std::filesystem::exists(working->folder()));
+    EXPECT_TRUE(std::filesystem::exists(fresh->folder()));
 }
 
 TEST_F(ConfirmRecordsTest, ADamagedRecordIsNamed) {
@@ -123,15 +151,33 @@ TEST_F(ConfirmRecordsTest, ADamagedRecordIsNamed) {
     EXPECT_EQ(errorOfOpening(""), path + " cannot be read");
 }
 
+TEST_F(ConfirmRecordsTest, ThePlaceMustNotDependOnTheWorkingFolder) {
+    for (const auto* const relative : {"state", "./state", "~/state"}) {
+        m_environment = {{"XDG_STATE_HOME", relative}};
+        try {
+            ConfirmRecord::create(m_surroundings);
+            ADD_FAILURE() << relative << " is accepted";
+        } catch (const CtlError& error) {
+            EXPECT_EQ(error.code(), ExitCode::Usage);
+            EXPECT_STREQ(error.what(), "XDG_STATE_HOME is no absolute path");
+        }
+    }
+}
+
 TEST_F(ConfirmRecordsTest, ThePlaceDependsOnTheUser) {
     EXPECT_EQ(confirmFolder(m_surroundings), (m_folder / "state/halvo/confirm").string());
+    EXPECT_EQ(stateHome(m_surroundings), (m_folder / "state").string());
     m_environment.clear();
     if (::geteuid() == 0) {
         EXPECT_EQ(confirmFolder(m_surroundings), "/var/lib/halvo-tools/confirm");
+        EXPECT_EQ(stateHome(m_surroundings), "");
     } else {
         EXPECT_THROW(confirmFolder(m_surroundings), CtlError);
         m_environment["HOME"] = "/home/me";
         EXPECT_EQ(confirmFolder(m_surroundings), "/home/me/.local/state/halvo/confirm");
+        EXPECT_EQ(stateHome(m_surroundings), "/home/me/.local/state");
+        m_environment["HOME"] = "me";
+        EXPECT_THROW(confirmFolder(m_surroundings), CtlError);
     }
 }
 
