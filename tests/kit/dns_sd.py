@@ -113,10 +113,10 @@ class Browser:
 
 
 @contextlib.contextmanager
-def published(bus, name, port):
-    """A foreign instance of the type, on the network."""
+def published(bus, name, port, host=None):
+    """A foreign instance of the type, on the network. host: by default this machine."""
     process = subprocess.Popen(
-        ["avahi-publish", "-s", name, CAPABILITY, str(port), "a=b"], stdin=subprocess.DEVNULL,
+        ["avahi-publish", *(["-H", host] if host else []), "-s", name, CAPABILITY, str(port), "a=b"], stdin=subprocess.DEVNULL,
         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
         env={**os.environ, **bus.environment, "LC_ALL": "C"})
     lines = Lines(process.stderr)

@@ -121,7 +121,18 @@ def test_the_scripts_are_correct(ctl, tmp_path):
         script.write_text(ctl.ok("completion", name).out)
         if shutil.which(name):
             assert os.system(f"{name} -n {script}") == 0
-    assert re.search("^compdef", (tmp_path / "zsh").read_text(), re.M)
+    assert (tmp_path / "zsh").read_text().startswith("#compdef halvoctl\n")
+
+
+def test_what_others_have_named_is_completed_only_if_no_shell_reads_more_in_it(ctl, client):
+    sources = ["$(touch x)", "`x`", "a b", "~", "a;b", "a'b", 'a"b', "a\\b", "a>b", "[a]", "{a}"]
+    for source in [*sources, "in/3.a_b@c%d+e,f=g:h-i"]:
+        client.create("x", "T", source)
+    assert completed(f"halvoctl -e {ctl.endpoint} state ok x/") == (
+        "x/T/in/3.a_b@c%d+e,f=g:h-i\n")
+    loggers = completed(f"halvoctl -e {ctl.endpoint} log set ").splitlines()
+    assert "ConfObstreeHandler" in loggers
+    assert not [name for name in loggers if "(" in name]
 
 
 def test_pending_changes_are_completed(service, tmp_path):

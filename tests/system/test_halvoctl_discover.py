@@ -5,6 +5,7 @@ import pytest
 from kit.ctl import Ctl
 from kit.daemons import Bus, MdnsDaemon
 from kit.dns_sd import published
+from kit.namespaces import free_port
 
 CONFIGURATION = "Hox.Capability.Configuration.Api.ConfigurationService"
 MONITOR = "Hox.Capability.StateMonitoring.Api.StateMonitoringService"
@@ -62,9 +63,33 @@ def test_a_foreign_record_is_shown_as_it_is(own_network):
     assert re.search(r"^ +127\.0\.0\.1:20000 *$", result.out, re.M)
 
 
-def test_without_a_daemon_the_time_is_limited(tmp_path):
+def test_one_whose_host_does_not_answer_is_left_out(start, own_network):
+    service = start(bus=own_network)
+    with published(own_network, "dead", 20000, host="dead.local"):
+        result = Ctl("localhost:1", **own_network.environment)("discover", "--timeout", "3s")
+    assert result.status == 0
+    assert result.err == "halvoctl: left out, its host does not answer in time: dead\n"
+    assert [row[1] for row in rows(result)[1:]] == [service.service_id] * 2
+
+
+def test_others_are_shown_beside_one_that_is_not_found(own_network, service):
+    ctl = Ctl(service.address, **own_network.environment)
+    nobody = ("-e", "mdns:tuner")
+    for words, status in (("state",), 2), (("ping",), 2), (("metrics",), 2), (("doctor",), 4):
+        result = ctl(*words, *nobody)
+        assert result.status == status and service.address in result.out, result
+        assert "nobody on the network is mdns:tuner" in result.out + result.err
+    assert 'halvo_up{endpoint="mdns:tuner"} 0\n' in ctl("metrics", *nobody).out
+    assert ctl("state", "-e", f"localhost:{free_port()}", *nobody).status == 2
+    refused = ctl("doctor", "--before-start", *nobody)
+    assert (refused.status, refused.out) == (1, "")
+    assert "--before-start looks for nothing on the network" in refused.err
+
+
+def test_without_a_daemon_nothing_is_waited_for(tmp_path):
     with Bus(tmp_path / "bus") as bus:
-        result = Ctl("localhost:1", **bus.environment)("--timeout", "1s", "discover")
-    assert (result.status, result.err) == (2, "halvoctl: the mDNS daemon does not answer\n")
+        result = Ctl("localhost:1", **bus.environment)("--timeout", "1h", "discover")
+    assert (result.status, result.err) == (
+        2, "halvoctl: there is no mDNS daemon: No such device or address\n")
     result = Ctl("localhost:1", DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nonexistent")("discover")
     assert result.status == 2 and result.err.startswith("halvoctl: ")

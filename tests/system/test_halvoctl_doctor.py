@@ -11,8 +11,10 @@ import tarfile
 import grpc
 from kit.configuration import Slice, save
 from kit.ctl import Ctl, command, environment
+from kit.interposer import Interposer
 from kit.namespaces import free_port, own_log, own_machine, own_path
 from kit.snmp_configuration import set_manager
+from kit.timed_changes import Records
 
 
 def findings(result):
@@ -259,7 +261,14 @@ def test_leftovers_and_pending_confirmations(ctl, service, tmp_path):
     found = examined(ctl, **records)
     assert found["leftover"][0] == "warn"
     assert found["confirmations"] == ("warn", "to be confirmed: " + number)
-    ctl.ok("conf", "confirm", number, **records)
+    late = Records(service.address, tmp_path)
+    late.kill_timers()
+    assert examined(ctl, **records)["confirmations"] == (
+        "warn", "nothing reverts any more: " + number)
+    other = ctl.ok("conf", "guard", "--timeout", "1h", "-o", "json", **records).json["id"]
+    assert examined(ctl, **records)["confirmations"] == (
+        "warn", f"nothing reverts any more: {number}; to be confirmed: {other}")
+    late.close()
 
 
 def content_of(path):
@@ -365,6 +374,15 @@ def test_metrics_without_a_service(ctl, service):
     found = samples(result.out)
     assert found[f'halvo_up{{endpoint="{nobody}"}}'] == 0
     assert found[f'halvo_up{{endpoint="{service.address}"}}'] == 1
+
+
+def test_a_package_that_cannot_be_read_is_no_outage(client, service):
+    bad = client.protos.configuration.GetSysConfResp(sysConfData=b"none").SerializeToString()
+    with Interposer(service.address, getSysConf=lambda: bad) as between:
+        result = Ctl(between.address).ok("metrics")
+        where = f'{{endpoint="{between.address}"}}'
+    found = samples(result.out)
+    assert found["halvo_up" + where] == 1 and found["halvo_package_exported" + where] == 0
 
 
 def test_a_configuration_without_a_size_is_a_sample(ctl, client, service):

@@ -51,6 +51,7 @@ class ForeignService:
         self.questions = []
         self.more = threading.Semaphore(0)
         self.elements = []
+        self.first_elements = []  # of so many observations, instead of the elements
         self.observations = 0
         self.server = grpc.server(futures.ThreadPoolExecutor(8))
         self.server.add_generic_rpc_handlers((self._handlers(),))
@@ -99,7 +100,8 @@ class ForeignService:
 
     def _observe(self, _request, _context):
         self.observations += 1
-        for element in self.elements:
+        elements = self.first_elements.pop(0) if self.first_elements else self.elements
+        for element in elements:
             yield element
         self.more.acquire(timeout=20)
 
@@ -180,6 +182,16 @@ def test_an_error_in_the_stream_is_a_refusal(foreign, tool):
     result = tool("watch")
     assert (result.status, result.err) == (
         3, "halvoctl: INVALID_ARGUMENT: no such \\x1b[2Jpattern\n")
+
+
+def test_a_snapshot_that_nobody_wants_is_left_out_although_the_first_was_lost(foreign, tool):
+    own = foreign.own.Own
+    foreign.first_elements = [[]]
+    foreign.elements = [foreign.change(None, own(level=1)),
+                        foreign.change(own(level=1), own(level=2))]
+    foreign.more.release(1)
+    result = tool("watch", "--no-snapshot", "-n", "1")
+    assert (result.status, result.lines) == (0, ["~ /tuner/1", "    ~ level: 1 -> 2"])
 
 
 def test_a_stream_that_ends_at_once_is_opened_less_and_less_often(foreign, tool):

@@ -1,11 +1,14 @@
 """The operator's tool: what a service offers, and calls of any method."""
+import concurrent.futures
 import json
 import re
 import signal
 import subprocess
 
+import grpc
 import pytest
 from kit.ctl import Ctl, command, environment
+from kit.namespaces import free_port
 
 CONFIGURATION = "Hox.Capability.Configuration.Api.ConfigurationService"
 INTROSPECTION = "Hox.Capability.Introspection.IntrospectionService"
@@ -131,6 +134,36 @@ def test_several_endpoints_are_pinged(service):
     assert result.err.startswith("halvoctl: localhost:1: UNAVAILABLE: ")
     both = ctl.ok("ping", "-e", service.address)
     assert len(both.lines) == 2 and both.out.startswith(f"{service.address} answered in ")
+
+
+def test_an_endpoint_that_is_not_reached_counts_more_than_a_refusal(service):
+    """In both orders."""
+    refusing = f"127.0.0.1:{free_port()}"
+    server = grpc.server(concurrent.futures.ThreadPoolExecutor(1))
+    assert server.add_insecure_port(refusing)
+    server.start()
+    try:
+        for first, second in ((refusing, "localhost:1"), ("localhost:1", refusing)):
+            for command_name in ("ping", "state", "metrics"):
+                assert Ctl(first)(command_name, "-e", second, "-e", service.address).status == 2
+        assert Ctl(refusing)("state", "-e", service.address).status == 3
+    finally:
+        server.stop(0).wait(10)
+
+
+def test_no_proxy_is_asked(ctl):
+    nobody = f"http://127.0.0.1:{free_port()}"
+    for name in ("http_proxy", "https_proxy", "grpc_proxy"):
+        assert ctl.ok("ping", **{name: nobody, "no_proxy": ""}).out
+
+
+def test_notes_are_left_out_on_demand(ctl, service):
+    words = ("ping", "-e", "localhost:1")
+    assert ctl(*words).err.startswith("halvoctl: localhost:1: ")
+    result = ctl("-q", *words)
+    assert (result.status, result.err) == (2, "")
+    assert result.out.startswith(f"{service.address} answered in ")
+    assert ctl("-q", "watch", "a").err  # an error is no note
 
 
 def test_the_endpoint_may_come_from_the_environment(service):

@@ -1,6 +1,7 @@
 """The operator's tool sets the manager that gets the traps, and tests it."""
 import pytest
 from kit.ctl import Ctl
+from kit.interposer import Interposer
 from kit.snmp_configuration import get_manager
 from kit.trap_receiver import TrapReceiver
 from kit.mib import TABLE
@@ -43,6 +44,22 @@ def test_the_test_arrives_as_two_traps(ctl, monitor, receiver, kind):
     bad, good = receiver.wait_for_traps(2)
     for trap, (name, _) in zip((bad, good), TABLE[kind]):
         assert name in "".join(trap) and "snmp/test" in "".join(trap)
+    assert monitor.client().current_state() == "OK"
+
+
+@pytest.mark.parametrize("number", [0, 1])
+def test_a_lost_answer_leaves_no_bad_state(monitor, receiver, number):
+    """To the bad report, or to the good one."""
+    calls = iter(range(3))
+
+    def lose():
+        assert next(calls) != number
+
+    with Interposer(monitor.address, createStateNotification=lose) as between:
+        ctl = Ctl(between.address)
+        ctl.ok("snmp", "set", "127.0.0.1", "--port", receiver.port)
+        result = ctl("snmp", "test")
+    assert result.status == 3 and "hint" not in result.err
     assert monitor.client().current_state() == "OK"
 
 

@@ -138,8 +138,9 @@ def shown_on_terminal(service, **variables):
 def test_colours_are_for_terminals_and_on_demand(ctl, client, service):
     client.create("a", "T", "s", "ERROR")
     assert "\x1b[31mERROR\x1b[0m" in shown_on_terminal(service)
+    assert "\x1b[31mERROR\x1b[0m" in shown_on_terminal(service, NO_COLOR="")
     assert "\x1b" not in shown_on_terminal(service, NO_COLOR="1")
-    assert "\x1b[31mERROR\x1b[0m" in ctl.ok("state", "--color", "always").out
+    assert "\x1b[31mERROR\x1b[0m" in ctl.ok("state", "--color", "always", NO_COLOR="1").out
     assert "\x1b" not in ctl.ok("state").out
     assert "\x1b" not in ctl.ok("state", "--color", "never").out
 
@@ -180,6 +181,17 @@ def test_the_end_of_a_log_is_printed_and_followed(start, tmp_path):
     assert set(tail.out) <= {line.replace("\t", "\\t") for line in service.log.splitlines()}
     assert ctl("log", "tail", tmp_path / "none").err == (
         f"halvoctl: cannot read the log {tmp_path}/none\n")
+
+
+def test_a_log_that_never_rests_can_be_left(service, tmp_path):
+    busy = tmp_path / "busy.log"
+    busy.touch()
+    with subprocess.Popen(["sh", "-c", 'while :; do echo line; done >"$0"', str(busy)]) as writer:
+        tail = Ctl(service.address).start("log", "tail", "-f", busy)
+        tail.out.wait_for("line", times=1000)
+        status = tail.interrupt()
+        writer.kill()
+    assert status == 130
 
 
 def test_the_time_of_one_run(ctl):

@@ -16,10 +16,6 @@ Change changeOf(ChangeKind kind, const std::string& key) {
     return change;
 }
 
-bool areEqual(const Any& one, const Any& other) {
-    return one.type_url() == other.type_url() && one.value() == other.value();
-}
-
 Change changeOf(const std::string& key, const ObsTreeDataNodePair& pair) {
     if (!pair.has_currentmessage()) {
         auto change = changeOf(REMOVED, key);
@@ -77,7 +73,7 @@ std::vector<Change> ChangeTracker::applySnapshot(
         const auto known = former.find(key);
         if (known == former.end()) {
             *changes.emplace_back(changeOf(ADDED, key)).mutable_current() = value;
-        } else if (!areEqual(known->second, value)) {
+        } else if (!m_areSame(known->second, value)) {
             auto& change = changes.emplace_back(changeOf(CHANGED, key));
             *change.mutable_current() = value;
             *change.mutable_previous() = std::move(known->second);

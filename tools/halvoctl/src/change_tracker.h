@@ -2,8 +2,10 @@
 
 #include <google/protobuf/any.pb.h>
 
+#include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "changes.pb.h"
@@ -16,6 +18,14 @@ namespace Hox::Ctl {
 /// becomes the differences from what was known before.
 class ChangeTracker {
 public:
+    /// Whether two values mean the same: the bytes of one message may differ, because the order of
+    /// a map is random.
+    using Comparison =
+        std::function<bool(const google::protobuf::Any&, const google::protobuf::Any&)>;
+
+    /// Values are compared by this.
+    explicit ChangeTracker(Comparison areSame) : m_areSame(std::move(areSame)) {}
+
     /// The changes of an element that is no snapshot.
     std::vector<Change> apply(const ObserverTree::ObsTreeObserveChangeSet& element);
 
@@ -23,6 +33,7 @@ public:
     std::vector<Change> applySnapshot(const ObserverTree::ObsTreeObserveChangeSet& element);
 
 private:
+    Comparison m_areSame;
     std::map<std::string, google::protobuf::Any> m_values;
 };
 

@@ -12,6 +12,7 @@
 #include "ctl_error.h"
 #include "duration.h"
 #include "hox/cpputil/error/error.h"
+#include "printable.h"
 
 namespace Hox::Ctl {
 
@@ -54,7 +55,7 @@ void addGlobalOptions(CLI::App& app, GlobalTexts& texts) {
     app.add_flag("-q,--quiet", texts.options.isQuiet, "no notes on the error output");
     app.add_flag("-v,--verbose", texts.options.isVerbose, "requests on the error output");
     app.add_option("--color", texts.color,
-                   "colours in tables; auto: on a terminal, unless NO_COLOR is set")
+                   "colours in tables; auto: on a terminal, unless NO_COLOR is set and not empty")
         ->check(CLI::IsMember({"auto", "always", "never"}))
         ->capture_default_str();
     app.set_version_flag("--version", "halvoctl " HALVOCTL_VERSION, "the version of the tool");
@@ -77,10 +78,10 @@ GlobalOptions globalOptions(const GlobalTexts& texts, const Surroundings& surrou
 
 ExitCode report(const CtlError& error, std::ostream& err) {
     if (*error.what() != '\0') {
-        err << "halvoctl: " << error.what() << '\n';
+        err << "halvoctl: " << printableLines(error.what()) << '\n';
     }
     if (!error.hint().empty()) {
-        err << "hint: " << error.hint() << '\n';
+        err << "hint: " << printableLines(error.hint()) << '\n';
     }
     return error.code();
 }
@@ -151,7 +152,7 @@ ExitCode runCommandLine(const std::vector<std::string>& words, Surroundings& sur
     } catch (const CtlError& error) {
         code = report(error, surroundings.err);
     } catch (const std::exception& error) {
-        surroundings.err << "halvoctl: " << error.what() << '\n';
+        surroundings.err << "halvoctl: " << printableLines(error.what()) << '\n';
     }
     if (!surroundings.out.flush()) {
         surroundings.err << "halvoctl: the result cannot be written\n";

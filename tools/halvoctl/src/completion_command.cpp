@@ -1,8 +1,11 @@
 #include "completion_command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <thread>
 
 #include "command_words.h"
@@ -17,8 +20,7 @@ constexpr std::chrono::milliseconds longestWait(300);
 
 const std::string bashScript = R"sh(# Completion of halvoctl: eval "$(halvoctl completion bash)"
 _halvoctl() {
-    local IFS=$'\n'
-    COMPREPLY=($("${COMP_WORDS[0]}" __complete "${COMP_LINE:0:COMP_POINT}" 2>/dev/null))
+    mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" __complete "${COMP_LINE:0:COMP_POINT}" 2>/dev/null)
     if [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]]; then
         compopt -o nospace
     fi
@@ -26,7 +28,8 @@ _halvoctl() {
 complete -o default -F _halvoctl halvoctl
 )sh";
 
-const std::string zshScript = R"sh(# Completion of halvoctl: eval "$(halvoctl completion zsh)"
+const std::string zshScript = R"sh(#compdef halvoctl
+# Completion of halvoctl: a file _halvoctl in fpath, or eval "$(halvoctl completion zsh)"
 _halvoctl() {
     local -a found
     found=("${(@f)$(${words[1]} __complete "$LBUFFER" 2>/dev/null)}")
@@ -36,7 +39,11 @@ _halvoctl() {
         _files
     fi
 }
-compdef _halvoctl halvoctl
+if [[ ${funcstack[1]} == _halvoctl ]]; then
+    _halvoctl
+else
+    compdef _halvoctl halvoctl
+fi
 )sh";
 
 /// Requests an interrupt after some time, unless it is destroyed before.
@@ -60,6 +67,17 @@ private:
     std::thread m_thread;
 };
 
+/// Whether the word means itself in every shell. What others have named is not trusted: a completed
+/// line runs.
+bool isPlain(const std::string& word) {
+    return std::all_of(word.begin(), word.end(), [](char letter) {
+        constexpr std::string_view others = "_./@%+,=:-";
+        const bool isLetter = (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z');
+        const bool isDigit = letter >= '0' && letter <= '9';
+        return isLetter || isDigit || others.find(letter) != std::string_view::npos;
+    });
+}
+
 }  // namespace
 
 void printCompletion(const Session& session, const Completion& completion) {
@@ -68,9 +86,9 @@ void printCompletion(const Session& session, const Completion& completion) {
         Interrupt interrupt;
         const TimeLimit limit(interrupt);
         const auto names = LiveNames(session, interrupt).at(completion.place, completion.start);
-        all.insert(names.begin(), names.end());
+        std::copy_if(names.begin(), names.end(), std::inserter(all, all.end()), isPlain);
     } catch (const CtlError&) {
-        // Nobody is asked about the service while he types.
+        // An error would spoil the line that is being typed.
         all.erase("");
     }
     for (const auto& word : all) {

@@ -106,13 +106,6 @@ void learnElsewhere(const Session& session, const Connection& connection, const 
     }
 }
 
-PendingState stateOf(const Session& session, const PendingConfirmation& pending) {
-    if (!RevertTimer(pending.id, pending.folder).isThere()) {
-        return EXPIRED;
-    }
-    return timeOf(pending.content.reverts_at()) > session.now() ? WAITING : REVERTING;
-}
-
 std::string stateText(PendingState state) {
     switch (state) {
         case WAITING:
@@ -195,7 +188,7 @@ ExitCode showPending(Session& session) {
         change.set_kind(pending.content.kind());
         change.set_endpoint(pending.content.endpoint());
         *change.mutable_reverts_at() = pending.content.reverts_at();
-        change.set_state(stateOf(session, pending));
+        change.set_state(pendingStateOf(pending, session.now()));
         const auto kind = changeText(pending.content);
         table.add({pending.id, kind.substr(0, kind.find(' ')), stateText(change.state()),
                    timeText(timeOf(change.reverts_at()), session.now()), change.endpoint()});

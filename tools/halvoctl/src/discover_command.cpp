@@ -10,7 +10,8 @@ ExitCode discover(Session& session) {
     CapabilityList list;
     Table table({"CAPABILITY", "SERVICE", "ENDPOINT", "INTERFACE"});
     const auto found =
-        findCapabilities(session.surroundings().interrupt, session.options().timeout);
+        findCapabilities(session.surroundings().interrupt, session.options().timeout,
+                         [&session](const std::string& text) { session.note(text); });
     for (const auto& each : found) {
         auto& entry = *list.add_capabilities();
         entry.set_capability(each.capability);

@@ -8,6 +8,8 @@
 #include "ctl_error.h"
 #include "hox/cpputil/error/error.h"
 #include "hox/service_discovery/avahi/avahi_service_discovery_client.h"
+#include "mdns_daemon.h"
+#include "printable.h"
 
 namespace Hox::Ctl {
 
@@ -19,17 +21,26 @@ using SteadyClock = std::chrono::steady_clock;
 
 const std::string mark = "mdns:";
 
-/// Waits for the future in steps, so that the user can end it. Throws CtlError at the deadline.
+/// Waits for the future in steps, so that the user can end it. Returns false at the deadline.
 template <typename T>
-T waitFor(std::future<T>& future, const Interrupt& interrupt, SteadyClock::time_point deadline) {
+bool isReady(std::future<T>& future, const Interrupt& interrupt, SteadyClock::time_point deadline) {
     constexpr std::chrono::milliseconds step(20);
     while (future.wait_for(step) != std::future_status::ready) {
         if (interrupt.isRequested()) {
             throw CtlError(ExitCode::Interrupted, "");
         }
         if (SteadyClock::now() >= deadline) {
-            throw CtlError(ExitCode::Unreachable, "the mDNS daemon does not answer");
+            return false;
         }
+    }
+    return true;
+}
+
+/// The same, but throws CtlError at the deadline.
+template <typename T>
+T waitFor(std::future<T>& future, const Interrupt& interrupt, SteadyClock::time_point deadline) {
+    if (!isReady(future, interrupt, deadline)) {
+        throw CtlError(ExitCode::Unreachable, "the mDNS daemon does not answer");
     }
     return future.get();
 }
@@ -54,8 +65,17 @@ private:
     Discovery::Avahi::AvahiServiceDiscoveryClient m_client;
 };
 
+/// Without a daemon everything would wait until the deadline.
+void checkDaemon(std::chrono::milliseconds time) {
+    constexpr std::chrono::milliseconds longest(1000);
+    const auto reason = whyNoMdns(std::min(time, longest));
+    if (!reason.empty()) {
+        throw CtlError(ExitCode::Unreachable, "there is no mDNS daemon: " + reason);
+    }
+}
+
 std::vector<FoundCapability> ask(Daemon& daemon, const Interrupt& interrupt,
-                                 SteadyClock::time_point deadline) {
+                                 SteadyClock::time_point deadline, const Note& note) {
     auto browsing = daemon.resolver().browse(Discovery::NetworkServiceType("capability"), -1);
     const auto [outcome, seen] = waitFor(browsing.content(), interrupt, deadline);
     if (outcome != Discovery::ServiceFound) {
@@ -71,7 +91,11 @@ std::vector<FoundCapability> ask(Daemon& daemon, const Interrupt& interrupt,
     }
     std::vector<FoundCapability> found;
     for (auto& [name, request] : requests) {
-        const auto [status, service] = waitFor(request.content(), interrupt, deadline);
+        if (!isReady(request.content(), interrupt, deadline)) {
+            note("left out, its host does not answer in time: " + printable(name));
+            continue;
+        }
+        const auto [status, service] = request.content().get();
         if (status == Discovery::ServiceResolved) {
             found.push_back(readCapability(service));
         }
@@ -82,7 +106,8 @@ std::vector<FoundCapability> ask(Daemon& daemon, const Interrupt& interrupt,
 std::string listing(const std::vector<FoundCapability>& found) {
     std::string text;
     for (const auto& each : found) {
-        text += "\n  " + each.capability + "/" + each.serviceId + " at " + each.endpoint;
+        text += "\n  " + printable(each.capability) + "/" + printable(each.serviceId) + " at " +
+                each.endpoint;
     }
     return text;
 }
@@ -100,12 +125,13 @@ FoundCapability readCapability(const Discovery::NetworkService& service) {
             record("service_iface")};
 }
 
-std::vector<FoundCapability> findCapabilities(Interrupt& interrupt,
-                                              std::chrono::milliseconds time) {
+std::vector<FoundCapability> findCapabilities(Interrupt& interrupt, std::chrono::milliseconds time,
+                                              const Note& note) {
     const auto deadline = SteadyClock::now() + time;
+    checkDaemon(time);
     try {
         Daemon daemon(interrupt, deadline);
-        auto found = ask(daemon, interrupt, deadline);
+        auto found = ask(daemon, interrupt, deadline, note);
         std::sort(found.begin(), found.end(), [](const auto& one, const auto& other) {
             return std::tie(one.capability, one.serviceId, one.endpoint) <
                    std::tie(other.capability, other.serviceId, other.endpoint);
@@ -138,12 +164,16 @@ std::string chooseEndpoint(const std::vector<FoundCapability>& found, const std:
     return matches.front().endpoint;
 }
 
+bool isOnNetwork(const std::string& endpoint) {
+    return endpoint.compare(0, mark.size(), mark) == 0;
+}
+
 std::string resolveEndpoint(const std::string& endpoint, Interrupt& interrupt,
-                            std::chrono::milliseconds time) {
-    if (endpoint.compare(0, mark.size(), mark) != 0) {
+                            std::chrono::milliseconds time, const Note& note) {
+    if (!isOnNetwork(endpoint)) {
         return endpoint;
     }
-    return chooseEndpoint(findCapabilities(interrupt, time), endpoint.substr(mark.size()));
+    return chooseEndpoint(findCapabilities(interrupt, time, note), endpoint.substr(mark.size()));
 }
 
 }  // namespace Hox::Ctl

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,10 +18,14 @@ struct FoundCapability {
     std::string interface;   ///< The full name of the gRPC service.
 };
 
+/// Tells the user something about a result.
+using Note = std::function<void(const std::string&)>;
+
 /// All capabilities on the network, by name and id, as the mDNS daemon of this machine finds them.
-/// Takes about a second. Throws CtlError without a daemon, if none appears in time, and if the user
-/// ends the wait.
-std::vector<FoundCapability> findCapabilities(Interrupt& interrupt, std::chrono::milliseconds time);
+/// Takes about a second; one whose host has not answered at the end of the time is left out, with a
+/// note. Throws CtlError without a daemon, and if the user ends the wait.
+std::vector<FoundCapability> findCapabilities(Interrupt& interrupt, std::chrono::milliseconds time,
+                                              const Note& note);
 
 /// What a record of the network says; nothing in it is trusted.
 FoundCapability readCapability(const Service::Discovery::NetworkService& service);
@@ -29,8 +34,11 @@ FoundCapability readCapability(const Service::Discovery::NetworkService& service
 /// if there is none, or more than one.
 std::string chooseEndpoint(const std::vector<FoundCapability>& found, const std::string& wanted);
 
-/// The endpoint as host:port: of one that begins with "mdns:" by looking for it.
+/// Whether the endpoint begins with "mdns:", so that it must be looked for.
+bool isOnNetwork(const std::string& endpoint);
+
+/// The endpoint as host:port, also of one that must be looked for.
 std::string resolveEndpoint(const std::string& endpoint, Interrupt& interrupt,
-                            std::chrono::milliseconds time);
+                            std::chrono::milliseconds time, const Note& note);
 
 }  // namespace Hox::Ctl

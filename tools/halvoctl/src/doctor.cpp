@@ -11,7 +11,9 @@
 #include "check_result.h"
 #include "confirm_records.h"
 #include "ctl_error.h"
+#include "discovery.h"
 #include "mdns_daemon.h"
+#include "revert_timer.h"
 #include "service_checks.h"
 
 namespace Hox::Ctl {
@@ -150,29 +152,62 @@ Check Doctor::mdns() const {
 }
 
 Check Doctor::confirmations() const {
-    std::vector<std::string> pending;
+    std::vector<std::string> waiting;
+    std::vector<std::string> expired;
     try {
         for (const auto& record : pendingConfirmations(m_session.surroundings())) {
             if (record.content.kind() != LOG) {
-                pending.push_back(record.id);
+                const auto state = pendingStateOf(record, m_session.now());
+                (state == EXPIRED ? expired : waiting).push_back(record.id);
             }
         }
     } catch (const CtlError& error) {
         return warned("confirmations", error.what());
     }
-    return pending.empty() ? passed("confirmations", "nothing waits to be confirmed")
-                           : warned("confirmations",
-                                    fmt::format("to be confirmed: {}", fmt::join(pending, ", ")));
+    std::vector<std::string> texts;
+    if (!expired.empty()) {
+        texts.push_back(fmt::format("nothing reverts any more: {}", fmt::join(expired, ", ")));
+    }
+    if (!waiting.empty()) {
+        texts.push_back(fmt::format("to be confirmed: {}", fmt::join(waiting, ", ")));
+    }
+    return texts.empty() ? passed("confirmations", "nothing waits to be confirmed")
+                         : warned("confirmations", fmt::format("{}", fmt::join(texts, "; ")));
 }
+
+namespace {
+
+/// What is found at one endpoint; one that is looked for on the network may not be there.
+CheckList examineAt(const Session& session, const DoctorWords& words, const std::string& endpoint) {
+    std::unique_ptr<Connection> connection;
+    try {
+        connection = session.connect(endpoint);
+    } catch (const CtlError& error) {
+        if (error.code() == ExitCode::Interrupted) {
+            throw;
+        }
+        CheckList list;
+        list.set_endpoint(endpoint);
+        *list.add_checks() = failed("endpoint", error.what());
+        return list;
+    }
+    return Doctor(session, words, connection->endpoint()).examine(*connection);
+}
+
+}  // namespace
 
 ExitCode runDoctor(Session& session, const DoctorWords& words) {
     auto code = ExitCode::Done;
-    const auto connections = session.connectAll();
-    for (const auto& connection : connections) {
-        const auto list = Doctor(session, words, connection->endpoint()).examine(*connection);
+    const auto& endpoints = session.options().endpoints;
+    if (words.isBeforeStart && std::any_of(endpoints.begin(), endpoints.end(), isOnNetwork)) {
+        throw CtlError(ExitCode::Usage, "--before-start looks for nothing on the network",
+                       "name the endpoint as host:port");
+    }
+    for (const auto& endpoint : endpoints) {
+        const auto list = examineAt(session, words, endpoint);
         if (session.isJson()) {
             session.print(list);
-        } else if (connections.size() > 1) {
+        } else if (endpoints.size() > 1) {
             session.out() << list.endpoint() << '\n';
         }
         for (const auto& check : list.checks()) {

@@ -12,4 +12,27 @@ enum class ExitCode {
     Interrupted = 130,  ///< The user ended the command.
 };
 
+/// How bad the outcome is: what the user must know first has the highest number.
+constexpr int badness(ExitCode code) {
+    switch (code) {
+        case ExitCode::Done:
+            return 0;
+        case ExitCode::No:
+            return 1;
+        case ExitCode::Usage:
+            return 2;
+        case ExitCode::Refused:
+            return 3;
+        case ExitCode::Unreachable:
+            return 4;
+        default:
+            return 5;
+    }
+}
+
+/// The outcome of two, of which the worse one counts.
+constexpr ExitCode worseOf(ExitCode one, ExitCode other) {
+    return badness(one) < badness(other) ? other : one;
+}
+
 }  // namespace Hox::Ctl

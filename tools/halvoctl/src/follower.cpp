@@ -72,6 +72,9 @@ Follower::Follower(Subject subject, Interrupt& end, Listener listener)
     : m_subject(std::move(subject)),
       m_end(end),
       m_listener(std::move(listener)),
+      m_tracker([this](const auto& one, const auto& other) {
+          return m_subject.values.areSame(one, other);
+      }),
       m_probe(probeOf(m_subject.method)) {}
 
 void Follower::run() {
@@ -114,7 +117,6 @@ void Follower::followOnce() {
         m_listener.note("connected to " + m_subject.connection.endpoint() + " again");
     }
     settle(*stream);
-    m_subject.hasSnapshot = true;
     while (stream->next(Clock::time_point::max()) == ResponseStream::Event::Element) {
         const auto& element = static_cast<const ObsTreeObserveChangeSet&>(stream->element());
         deliver(m_tracker.apply(element));
@@ -149,7 +151,7 @@ void Follower::settle(ResponseStream& stream) {
         m_listener.note("nothing matches yet");
     }
     auto changes = m_tracker.applySnapshot(snapshot);
-    if (m_subject.hasSnapshot) {
+    if (std::exchange(m_subject.hasSnapshot, true)) {
         deliver(std::move(changes));
     }
 }

@@ -10,6 +10,7 @@
 #include "change_tracker.h"
 #include "connection.h"
 #include "interrupt.h"
+#include "packed_values.h"
 #include "service_model.h"
 
 namespace Hox::Ctl {
@@ -27,13 +28,16 @@ public:
     struct Subject {
         const Connection& connection;                      ///< The connection of all calls.
         const ServiceModel& model;                         ///< The model of the service.
+        const PackedValues& values;                        ///< Compares the values.
         const google::protobuf::MethodDescriptor& method;  ///< The method that observes.
         std::string pattern;                               ///< The pattern of the keys.
         bool hasSnapshot = true;                           ///< Whether the first one is told.
     };
 
-    /// The connection, the model and the interrupt must outlive this object.
+    /// The connection, the model, the values and the interrupt must outlive this object.
     Follower(Subject subject, Interrupt& end, Listener listener);
+    Follower(const Follower&) = delete;
+    Follower& operator=(const Follower&) = delete;
 
     /// Follows until the interrupt. Throws CtlError if the service is not reached at first, or
     /// refuses the observation.

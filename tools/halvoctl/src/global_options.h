@@ -15,7 +15,7 @@ struct GlobalOptions {
         JsonLines,  ///< One JSON value per line.
     };
 
-    std::vector<std::string> endpoints;   ///< Where the services listen, as host:port.
+    std::vector<std::string> endpoints;   ///< As host:port or mdns:CAPABILITY[/ID].
     Format format = Format::Table;        ///< How a result is printed.
     std::chrono::milliseconds timeout{};  ///< How long a call may take.
     std::string protoset;                 ///< A file with proto files; empty: ask the service.

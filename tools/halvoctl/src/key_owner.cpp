@@ -59,7 +59,8 @@ std::set<std::string> servicesWith(const Session& session, const std::string& ca
     }
     try {
         const auto all =
-            findCapabilities(session.surroundings().interrupt, session.options().timeout);
+            findCapabilities(session.surroundings().interrupt, session.options().timeout,
+                             [&session](const std::string& text) { session.note(text); });
         for (const auto& found : all) {
             if (found.capability == capability) {
                 ids.insert(printable(found.serviceId));

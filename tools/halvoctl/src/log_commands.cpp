@@ -39,7 +39,7 @@ ExitCode tailLog(Session& session, const TailWords& words) {
             return ExitCode::Done;
         }
         lines = tail.next();
-    } while (!lines.empty() || !interrupt.waitFor(pause));
+    } while (!interrupt.waitFor(lines.empty() ? pause : std::chrono::milliseconds(0)));
     return ExitCode::Interrupted;
 }
 

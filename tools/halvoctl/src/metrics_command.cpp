@@ -31,21 +31,41 @@ double seconds(std::chrono::system_clock::duration time) {
 /// Measures one endpoint.
 class Measurement {
 public:
-    Measurement(const Session& session, const Connection& connection, MetricList& list)
-        : m_session(session), m_connection(connection), m_list(list) {}
+    Measurement(const Session& session, std::string endpoint, MetricList& list)
+        : m_session(session), m_endpoint(std::move(endpoint)), m_list(list) {}
 
-    /// Throws CtlError if the service is not reached; what was measured before is in the list.
-    void measure() {
+    /// Returns how it has ended; what was measured before is in the list.
+    ExitCode run() {
+        auto code = ExitCode::Done;
+        bool isUp = false;
+        try {
+            const auto connection = m_session.connect(m_endpoint);
+            isUp = true;
+            measure(*connection);
+        } catch (const CtlError& error) {
+            if (error.code() == ExitCode::Interrupted) {
+                throw;
+            }
+            m_session.note(m_endpoint + ": " + error.what());
+            code = error.code();
+            isUp = isUp && code != ExitCode::Unreachable;
+        }
+        add("halvo_up", "Whether the service answers.", {}, isUp ? 1 : 0);
+        return code;
+    }
+
+private:
+    void measure(const Connection& connection) {
         const auto start = std::chrono::steady_clock::now();
-        const StateClient client(m_connection);
+        const StateClient client(connection);
         const auto severity = client.current();
         const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
         add("halvo_round_trip_seconds", "Time from a request to its answer.", {}, time.count());
         add("halvo_current_severity", "Severity of the whole: 0 ok, 1 warn, 2 booting, 3 error.",
             {}, severityRank(severity));
         addReports(client.latest());
-        addSaving();
-        addPackage();
+        addSaving(connection);
+        addPackage(connection);
     }
 
     void add(const char* name, const char* help, const Labels& labels, double value) {
@@ -53,13 +73,12 @@ public:
         metric.set_name(name);
         metric.set_help(help);
         metric.set_value(value);
-        addLabel(metric, "endpoint", m_connection.endpoint());
+        addLabel(metric, "endpoint", m_endpoint);
         for (const auto& [label, text] : labels) {
             addLabel(metric, label, text);
         }
     }
 
-private:
     static void addLabel(Metric& metric, const std::string& name, const std::string& value) {
         auto& label = *metric.add_labels();
         label.set_name(name);
@@ -93,8 +112,8 @@ private:
             seconds(m_session.now() - oldest));
     }
 
-    void addSaving() {
-        const auto list = savingStatus(m_connection);
+    void addSaving(const Connection& connection) {
+        const auto list = savingStatus(connection);
         for (const auto& status : list.services()) {
             add("halvo_configuration_unsaved", "Whether changes are not saved.",
                 {{"service", status.service_id()}}, status.is_saved() ? 0 : 1);
@@ -104,17 +123,18 @@ private:
         }
     }
 
-    /// A configuration that is too large to be exported has no size that is known here.
-    void addPackage() {
+    /// A configuration that is too large to be exported, or whose package cannot be read, has no
+    /// size that is known here.
+    void addPackage(const Connection& connection) {
         add("halvo_package_limit_bytes", "Largest estimate that can be exported.", {}, exportLimit);
         bool isExported = false;
         try {
-            const Package package(ConfClient(m_connection).exportPackage());
+            const Package package(ConfClient(connection).exportPackage());
             isExported = true;
             add("halvo_package_bytes", "Estimated size of the saved configuration.", {},
                 static_cast<double>(exportEstimate(package)));
         } catch (const CtlError& error) {
-            if (error.code() != ExitCode::Refused) {
+            if (error.code() == ExitCode::Unreachable || error.code() == ExitCode::Interrupted) {
                 throw;
             }
         }
@@ -123,7 +143,7 @@ private:
     }
 
     const Session& m_session;
-    const Connection& m_connection;
+    std::string m_endpoint;  // as the user names it: a label may not depend on the outcome
     MetricList& m_list;
 };
 
@@ -132,20 +152,8 @@ private:
 ExitCode printMetrics(Session& session) {
     auto code = ExitCode::Done;
     MetricList list;
-    for (const auto& connection : session.connectAll()) {
-        Measurement measurement(session, *connection, list);
-        bool isUp = true;
-        try {
-            measurement.measure();
-        } catch (const CtlError& error) {
-            if (error.code() == ExitCode::Interrupted) {
-                throw;
-            }
-            session.note(connection->endpoint() + ": " + error.what());
-            code = error.code();
-            isUp = code == ExitCode::Refused;
-        }
-        measurement.add("halvo_up", "Whether the service answers.", {}, isUp ? 1 : 0);
+    for (const auto& endpoint : session.options().endpoints) {
+        code = worseOf(code, Measurement(session, endpoint, list).run());
     }
     std::stable_sort(
         list.mutable_metrics()->begin(), list.mutable_metrics()->end(),

@@ -56,16 +56,40 @@ void PackedValues::complete(Change& change) const {
     if (change.has_previous()) {
         unnest(*change.mutable_previous());
     }
-    if (change.kind() != CHANGED || change.current().type_url() != change.previous().type_url()) {
+    if (change.kind() != CHANGED) {
         return;
     }
-    const auto before = m_model.unpack(change.previous());
-    const auto after = m_model.unpack(change.current());
-    if (before != nullptr && after != nullptr) {
-        for (auto& difference : fieldDifferences(*before, *after, m_json)) {
+    if (auto found = differences(change.previous(), change.current())) {
+        for (auto& difference : *found) {
             *change.add_fields() = std::move(difference);
         }
     }
+}
+
+bool PackedValues::areSame(const Any& one, const Any& other) const {
+    if (one.type_url() == other.type_url() && one.value() == other.value()) {
+        return true;
+    }
+    auto before = one;
+    auto after = other;
+    unnest(before);
+    unnest(after);
+    const auto found = differences(before, after);
+    return found && found->empty();
+}
+
+/// Nothing if the values are not of one known type.
+std::optional<std::vector<FieldChange>> PackedValues::differences(const Any& before,
+                                                                  const Any& after) const {
+    if (before.type_url() != after.type_url()) {
+        return std::nullopt;
+    }
+    const auto former = m_model.unpack(before);
+    const auto latter = m_model.unpack(after);
+    if (former == nullptr || latter == nullptr) {
+        return std::nullopt;
+    }
+    return fieldDifferences(*former, *latter, m_json);
 }
 
 std::string PackedValues::text(const Any& value) const {

@@ -4,7 +4,9 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "changes.pb.h"
 #include "json_text.h"
@@ -22,6 +24,9 @@ public:
     /// replaced by that value, and the fields that differ are added.
     void complete(Change& change) const;
 
+    /// Whether both values mean the same; of an unknown type, whether they have the same bytes.
+    bool areSame(const google::protobuf::Any& one, const google::protobuf::Any& other) const;
+
     /// The value on one line; of an unknown type its name and size.
     std::string text(const google::protobuf::Any& value) const;
 
@@ -29,6 +34,8 @@ public:
     const JsonText& json() const { return m_json; }
 
 private:
+    std::optional<std::vector<FieldChange>> differences(const google::protobuf::Any& before,
+                                                        const google::protobuf::Any& after) const;
     void unnest(google::protobuf::Any& value) const;
 
     const ServiceModel& m_model;

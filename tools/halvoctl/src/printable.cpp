@@ -61,6 +61,15 @@ std::string printable(std::string_view text) {
     return result;
 }
 
+std::string printableLines(std::string_view text) {
+    std::string result;
+    for (auto end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+        result += printable(text.substr(0, end)) + '\n';
+        text.remove_prefix(end + 1);
+    }
+    return result + printable(text);
+}
+
 bool isUtf8(std::string_view text) {
     while (!text.empty()) {
         const auto size = characterSize(text);

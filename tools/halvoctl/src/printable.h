@@ -9,6 +9,9 @@ namespace Hox::Ctl {
 /// characters and bytes that are not UTF-8, as in "\x1b". Texts of a service are not trusted.
 std::string printable(std::string_view text);
 
+/// The same for a text of several lines, whose ends stay.
+std::string printableLines(std::string_view text);
+
 /// Whether the text is UTF-8.
 bool isUtf8(std::string_view text);
 

@@ -17,9 +17,10 @@ using google::protobuf::FileDescriptorProto;
 namespace {
 
 constexpr auto currentPath = "/grpc.reflection.v1.ServerReflection/ServerReflectionInfo";
+constexpr auto formerPath = "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo";
+
 /// How many names that the service does not know are remembered; further ones are asked for again.
 constexpr std::size_t mostUnknown = 1000;
-constexpr auto formerPath = "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo";
 
 }  // namespace
 

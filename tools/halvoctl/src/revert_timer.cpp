@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "child_process.h"
-#include "confirm_records.h"
 #include "ctl_error.h"
 #include "hox/linutils/raii_filedescriptors.h"
+#include "report_table.h"
 
 namespace Hox::Ctl {
 
@@ -92,6 +92,14 @@ void RevertTimer::stop() const {
     if (isSystemdManager()) {
         runQuietly({"systemctl", "--no-ask-password", "stop", unit(".timer")});
     }
+}
+
+PendingState pendingStateOf(const PendingConfirmation& pending,
+                            std::chrono::system_clock::time_point now) {
+    if (!RevertTimer(pending.id, pending.folder).isThere()) {
+        return EXPIRED;
+    }
+    return timeOf(pending.content.reverts_at()) > now ? WAITING : REVERTING;
 }
 
 void keepWithTimer(ConfirmRecord& record, const Confirmation& content,

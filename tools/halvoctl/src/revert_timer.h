@@ -4,6 +4,7 @@
 #include <string>
 
 #include "confirm_record.h"
+#include "confirm_records.h"
 #include "surroundings.h"
 
 namespace Hox::Ctl {
@@ -33,6 +34,10 @@ private:
     std::string m_id;
     std::string m_folder;
 };
+
+/// How far a change is at this time.
+PendingState pendingStateOf(const PendingConfirmation& pending,
+                            std::chrono::system_clock::time_point now);
 
 /// Keeps the content in the record and starts the timer of the record; if that fails, the record is
 /// removed. Throws CtlError.

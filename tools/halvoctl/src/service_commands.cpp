@@ -31,10 +31,11 @@ Method describeMethod(const google::protobuf::MethodDescriptor& method) {
 
 ExitCode ping(Session& session) {
     auto worst = ExitCode::Done;
-    for (const auto& connection : session.connectAll()) {
+    for (const auto& endpoint : session.options().endpoints) {
         Ping answer;
-        answer.set_endpoint(connection->endpoint());
         try {
+            const auto connection = session.connect(endpoint);
+            answer.set_endpoint(connection->endpoint());
             const auto start = std::chrono::steady_clock::now();
             Reflection(*connection).services();
             const std::chrono::duration<double, std::milli> time =
@@ -44,8 +45,8 @@ ExitCode ping(Session& session) {
             if (error.code() == ExitCode::Interrupted) {
                 throw;
             }
-            session.note(connection->endpoint() + ": " + error.what());
-            worst = error.code();
+            session.note(endpoint + ": " + error.what());
+            worst = worseOf(worst, error.code());
             continue;
         }
         if (session.isJson()) {

@@ -6,6 +6,7 @@
 #include "discovery.h"
 #include "json_text.h"
 #include "known_files.h"
+#include "printable.h"
 #include "reflection.h"
 
 namespace Hox::Ctl {
@@ -23,7 +24,7 @@ Session Session::withEndpoint(const std::string& endpoint) const {
 
 void Session::note(const std::string& text) const {
     if (!m_options.isQuiet) {
-        m_surroundings.err << "halvoctl: " << text << std::endl;
+        m_surroundings.err << "halvoctl: " << printableLines(text) << std::endl;
     }
 }
 
@@ -44,7 +45,8 @@ std::unique_ptr<Connection> Session::connectTo(const std::string& endpoint,
             m_surroundings.err << "> " << path << " " << json.line(request) << std::endl;
         }
     };
-    const auto address = resolveEndpoint(endpoint, interrupt, m_options.timeout);
+    const auto address = resolveEndpoint(endpoint, interrupt, m_options.timeout,
+                                         [this](const std::string& text) { note(text); });
     return std::make_unique<Connection>(address, m_surroundings.channel(address), interrupt,
                                         m_options.timeout, trace);
 }
@@ -56,8 +58,8 @@ std::unique_ptr<Connection> Session::connect() const {
     return connectTo(m_options.endpoints.front(), m_surroundings.interrupt);
 }
 
-std::vector<std::unique_ptr<Connection>> Session::connectAll() const {
-    return connectAll(m_surroundings.interrupt);
+std::unique_ptr<Connection> Session::connect(const std::string& endpoint) const {
+    return connectTo(endpoint, m_surroundings.interrupt);
 }
 
 std::vector<std::unique_ptr<Connection>> Session::connectAll(Interrupt& interrupt) const {

@@ -51,10 +51,12 @@ public:
     /// The connection to the only endpoint. Throws CtlError if the user has named several.
     std::unique_ptr<Connection> connect() const;
 
-    /// The connections to all endpoints, whose calls end with the interrupt of the user.
-    std::vector<std::unique_ptr<Connection>> connectAll() const;
+    /// The connection to one of the endpoints. Throws CtlError if it is looked for on the network
+    /// and not found.
+    std::unique_ptr<Connection> connect(const std::string& endpoint) const;
 
-    /// The same, whose calls end with this interrupt.
+    /// The connections to all endpoints, whose calls end with this interrupt. Throws CtlError if
+    /// one is not found.
     std::vector<std::unique_ptr<Connection>> connectAll(Interrupt& interrupt) const;
 
     /// The model of the service at the connection, which must outlive it.

@@ -58,6 +58,26 @@ StateClient::Report testReport(const Session& session, const std::string& type, 
     return report;
 }
 
+/// Reports OK also after a failure: the bad report may have arrived all the same.
+void reportBadAndOk(const Session& session, const StateClient& client, const std::string& type) {
+    const auto report = [&](const std::string& severity) {
+        client.report(testReport(session, type, parseSeverity(severity)));
+    };
+    try {
+        report("warn");
+        report("ok");
+    } catch (const CtlError& failure) {
+        try {
+            report("ok");
+        } catch (const CtlError&) {
+            throw CtlError(failure.code(), failure.what(),
+                           fmt::format("halvoctl state ok {}/{}/{} ends the bad state of the test",
+                                       testService, type, testSource));
+        }
+        throw;
+    }
+}
+
 }  // namespace
 
 const std::vector<std::string>& trapTypes() {
@@ -116,14 +136,7 @@ ExitCode testTraps(Session& session, const std::string& type) {
     Interrupt none;
     const auto connections = session.connectAll(none);
     const StateClient client(*connections.front());
-    client.report(testReport(session, type, parseSeverity("warn")));
-    try {
-        client.report(testReport(session, type, parseSeverity("ok")));
-    } catch (const CtlError& error) {
-        throw CtlError(error.code(), error.what(),
-                       fmt::format("halvoctl state ok {}/{}/{} ends the bad state of the test",
-                                   testService, type, testSource));
-    }
+    reportBadAndOk(session, client, type);
     TrapTest test;
     test.set_type(type);
     *test.mutable_manager() = *manager;

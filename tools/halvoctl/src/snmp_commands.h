@@ -21,8 +21,8 @@ const std::vector<std::string>& trapTypes();
 /// Prints the manager that gets the traps.
 ExitCode showManager(Session& session);
 
-/// Sends the traps to this manager from now on. Throws CtlError, before anything is sent, for one
-/// that cannot get any.
+/// Sends the traps to this manager from now on. Throws CtlError for one that cannot get any, before
+/// anything is sent, and if the service refuses it, as one that sends no traps does.
 ExitCode setManager(Session& session, const ManagerWords& words);
 
 /// Sends no more traps.

@@ -73,16 +73,16 @@ StateClient::Report reportOf(const Session& session, const ReportWords& words) {
 ExitCode showState(Session& session, const std::string& failOn) {
     const auto limit = failOn.empty() ? Severity() : parseSeverity(failOn);
     auto code = ExitCode::Done;
-    for (const auto& connection : session.connectAll()) {
+    for (const auto& endpoint : session.options().endpoints) {
         State state;
         try {
-            state = stateAt(*connection);
+            state = stateAt(*session.connect(endpoint));
         } catch (const CtlError& error) {
             if (session.options().endpoints.size() == 1 || error.code() == ExitCode::Interrupted) {
                 throw;
             }
-            session.note(connection->endpoint() + ": " + error.what());
-            code = error.code();
+            session.note(endpoint + ": " + error.what());
+            code = worseOf(code, error.code());
             continue;
         }
         if (session.isJson()) {
@@ -92,8 +92,8 @@ ExitCode showState(Session& session, const std::string& failOn) {
         }
         const bool isReached =
             !failOn.empty() && severityRank(state.current_state()) >= severityRank(limit);
-        if (isReached && code == ExitCode::Done) {
-            code = ExitCode::No;
+        if (isReached) {
+            code = worseOf(code, ExitCode::No);
         }
     }
     return code;

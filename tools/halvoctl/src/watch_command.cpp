@@ -67,7 +67,8 @@ void WatchCommand::prepareSinks(const Session& session) {
     const ChangePrinter::Style style{m_options.isFull, session.options().endpoints.size() > 1};
     m_sinks.push_back(std::make_unique<ChangePrinter>(session, style));
     if (!m_options.record.empty()) {
-        m_sinks.push_back(std::make_unique<ChangeRecorder>(m_options.record));
+        m_sinks.push_back(
+            std::make_unique<ChangeRecorder>(m_options.record, session.options().endpoints.size()));
     }
     if (!m_options.exec.empty()) {
         m_sinks.push_back(std::make_unique<ChangeRunner>(
@@ -80,15 +81,16 @@ void WatchCommand::follow(const Session& session, const Connection& connection) 
         const auto model = session.modelOf(connection);
         const PackedValues values(*model);
         const auto& method = observeMethod(*model, m_options.service);
-        Follower follower({connection, *model, method, m_options.pattern, !m_options.hasNoSnapshot},
-                          m_end,
-                          {[&](std::vector<Change> changes) {
-                               take(session, std::move(changes), connection, *model, values);
-                           },
-                           [&](const std::string& text) {
-                               const std::lock_guard lock(m_mutex);
-                               session.note(text);
-                           }});
+        Follower follower(
+            {connection, *model, values, method, m_options.pattern, !m_options.hasNoSnapshot},
+            m_end,
+            {[&](std::vector<Change> changes) {
+                 take(session, std::move(changes), connection, *model, values);
+             },
+             [&](const std::string& text) {
+                 const std::lock_guard lock(m_mutex);
+                 session.note(text);
+             }});
         follower.run();
     } catch (const CtlError& error) {
         const std::lock_guard lock(m_mutex);

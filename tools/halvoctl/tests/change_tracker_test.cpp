@@ -19,6 +19,10 @@ google::protobuf::Any packed(const std::string& text) {
     return any;
 }
 
+bool areEqual(const google::protobuf::Any& one, const google::protobuf::Any& other) {
+    return one.value() == other.value();
+}
+
 /// Adds a change of the key to the element.
 void put(ObsTreeObserveChangeSet& element, const std::string& key,
          const std::optional<std::string>& before, const std::optional<std::string>& after) {
@@ -49,7 +53,7 @@ std::vector<std::string> texts(const std::vector<Change>& changes) {
 using Texts = std::vector<std::string>;
 
 TEST(ChangeTracker, TheFirstSnapshotIsNew) {
-    ChangeTracker tracker;
+    ChangeTracker tracker(areEqual);
     ObsTreeObserveChangeSet snapshot;
     put(snapshot, "/b", {}, "2");
     put(snapshot, "/a", {}, "1");
@@ -57,7 +61,7 @@ TEST(ChangeTracker, TheFirstSnapshotIsNew) {
 }
 
 TEST(ChangeTracker, ChangesAreByKeyAndThoseOfAKeyInOrder) {
-    ChangeTracker tracker;
+    ChangeTracker tracker(areEqual);
     ObsTreeObserveChangeSet element;
     put(element, "/c", {}, "1");
     put(element, "/c", "1", "2");
@@ -69,7 +73,7 @@ TEST(ChangeTracker, ChangesAreByKeyAndThoseOfAKeyInOrder) {
 }
 
 TEST(ChangeTracker, ALaterSnapshotIsComparedWithWhatWasKnown) {
-    ChangeTracker tracker;
+    ChangeTracker tracker(areEqual);
     ObsTreeObserveChangeSet first;
     for (const auto* key : {"/gone", "/removed", "/same", "/updated"}) {
         put(first, key, {}, "1");
@@ -90,8 +94,18 @@ TEST(ChangeTracker, ALaterSnapshotIsComparedWithWhatWasKnown) {
     EXPECT_EQ(texts(tracker.applySnapshot(second)), Texts{});
 }
 
+TEST(ChangeTracker, AValueThatMeansTheSameIsNoChange) {
+    ChangeTracker tracker([](const auto&, const auto&) { return true; });
+    ObsTreeObserveChangeSet first;
+    put(first, "/a", {}, "1");
+    tracker.applySnapshot(first);
+    ObsTreeObserveChangeSet second;
+    put(second, "/a", {}, "another form of 1");
+    EXPECT_EQ(texts(tracker.applySnapshot(second)), Texts{});
+}
+
 TEST(ChangeTracker, AnEmptySnapshotEndsEverything) {
-    ChangeTracker tracker;
+    ChangeTracker tracker(areEqual);
     ObsTreeObserveChangeSet first;
     put(first, "/a", {}, "1");
     tracker.applySnapshot(first);

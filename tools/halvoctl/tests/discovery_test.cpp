@@ -53,9 +53,20 @@ TEST(Discovery, ReadsTheRecords) {
     EXPECT_EQ(found.interface, "");
 }
 
+TEST(Discovery, NamesOfTheNetworkCannotChangeTheTerminal) {
+    try {
+        chooseEndpoint({{"tuner", "\x1b[2J", "h:1", ""}, {"tuner", "b\nc", "h:2", ""}}, "tuner");
+        ADD_FAILURE() << "it is the name of several";
+    } catch (const CtlError& error) {
+        EXPECT_STREQ(error.what(),
+                     "mdns:tuner is the name of several:\n  tuner/\\x1b[2J at h:1\n  "
+                     "tuner/b\\nc at h:2");
+    }
+}
+
 TEST(Discovery, AnotherEndpointIsTakenAsItIs) {
     Interrupt interrupt;
-    EXPECT_EQ(resolveEndpoint("localhost:5005", interrupt, std::chrono::seconds(1)),
+    EXPECT_EQ(resolveEndpoint("localhost:5005", interrupt, std::chrono::seconds(1), {}),
               "localhost:5005");
 }
 

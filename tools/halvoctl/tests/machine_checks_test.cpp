@@ -209,7 +209,8 @@ TEST_F(MachineChecksTest, TheDoctorSendsNothingBeforeTheStart) {
     EXPECT_EQ(run.code, ExitCode::Done) << run.out;
     EXPECT_EQ(run.out.find("endpoint"), std::string::npos);
     EXPECT_EQ(run.out.substr(0, 28), "ok listeners: port 1 is free");
-    EXPECT_NE(run.out.find("\nwarn confirmations: to be confirmed: 7f3a\n"), std::string::npos)
+    EXPECT_NE(run.out.find("\nwarn confirmations: nothing reverts any more: 7f3a\n"),
+              std::string::npos)
         << run.out;
     EXPECT_EQ(tool.run({"doctor", "--user", "no such user"}).code, ExitCode::Usage);
 }

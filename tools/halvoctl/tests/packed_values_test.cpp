@@ -28,6 +28,7 @@ std::unique_ptr<KnownFiles> stateFiles() {
     auto files = std::make_unique<KnownFiles>();
     addFile(*StateApi::StateNotification::descriptor()->file(), *files);
     addFile(*google::protobuf::StringValue::descriptor()->file(), *files);
+    addFile(*ObserverTree::ObsTreeObserveChangeSet::descriptor()->file(), *files);
     return files;
 }
 
@@ -109,6 +110,28 @@ TEST_F(PackedValuesTest, ElementsOfListsAndMapsHaveTheirPlace) {
     (*other.mutable_node_change_map())["/k"];
     EXPECT_EQ(differences(packed(one), packed(other)),
               Texts{"ADDED node_change_map[\"/k\"]:  -> {\"nodePairList\":[]}"});
+}
+
+TEST_F(PackedValuesTest, TheOrderOfAMapMeansNothing) {
+    const auto entry = [](const std::string& key) {
+        ObserverTree::ObsTreeObserveChangeSet element;
+        (*element.mutable_node_change_map())[key].add_nodepairlist();
+        return element.SerializeAsString();
+    };
+    auto one = packed(ObserverTree::ObsTreeObserveChangeSet());
+    auto other = one;
+    one.set_value(entry("/a") + entry("/b"));
+    other.set_value(entry("/b") + entry("/a"));
+    EXPECT_TRUE(m_values.areSame(one, other));
+    other.set_value(entry("/b"));
+    EXPECT_FALSE(m_values.areSame(one, other));
+    EXPECT_TRUE(m_values.areSame(packedText("[1, 2]"), packedText("[1, 2]")));
+    EXPECT_FALSE(m_values.areSame(packedText("[1, 2]"), packedText("[1]")));
+    one.set_type_url("type.googleapis.com/My.Unknown");
+    other = one;
+    EXPECT_TRUE(m_values.areSame(one, other));
+    other.set_value("");
+    EXPECT_FALSE(m_values.areSame(one, other));
 }
 
 TEST_F(PackedValuesTest, AValueOfAnUnknownTypeIsNamedWithItsSize) {

@@ -16,14 +16,14 @@ namespace Hox::Ctl {
 namespace {
 
 /// A model with one type that this program does not know.
-std::unique_ptr<KnownFiles> foreignFiles() {
+std::unique_ptr<KnownFiles> foreignFiles(const std::string& fieldName = "level") {
     google::protobuf::FileDescriptorProto file;
     file.set_name("own.proto");
     file.set_package("My");
     file.set_syntax("proto3");
     auto& field = *file.add_message_type()->add_field();
     file.mutable_message_type(0)->set_name("Own");
-    field.set_name("level");
+    field.set_name(fieldName);
     field.set_number(1);
     field.set_type(google::protobuf::FieldDescriptorProto::TYPE_INT32);
     field.set_label(google::protobuf::FieldDescriptorProto::LABEL_OPTIONAL);
@@ -49,16 +49,28 @@ protected:
 };
 
 TEST_F(RecordingTest, HasAllThatItTakesToPrintIt) {
-    ChangeRecorder recorder(m_path);
+    ChangeRecorder recorder(m_path, 1);
     recorder.take(m_change, m_model, m_values);
     recorder.take(m_change, m_model, m_values);
     recorder.flush();
     EXPECT_EQ(m_tool.run({"replay", m_path}).out, "+ /a {\"level\":5}\n+ /a {\"level\":5}\n");
 }
 
+TEST_F(RecordingTest, KeepsTheServicesApart) {
+    const ServiceModel later(foreignFiles("height"));
+    ChangeRecorder recorder(m_path, 2);
+    m_change.set_endpoint("a:1");
+    recorder.take(m_change, m_model, m_values);
+    m_change.set_endpoint("b:2");
+    recorder.take(m_change, later, PackedValues(later));
+    recorder.flush();
+    EXPECT_EQ(m_tool.run({"replay", m_path}).out,
+              "a:1 + /a {\"level\":5}\nb:2 + /a {\"height\":5}\n");
+}
+
 TEST_F(RecordingTest, IsPrintedUpToATornEnd) {
     {
-        ChangeRecorder recorder(m_path);
+        ChangeRecorder recorder(m_path, 1);
         recorder.take(m_change, m_model, m_values);
         recorder.take(m_change, m_model, m_values);
     }
@@ -76,10 +88,8 @@ TEST_F(RecordingTest, AnotherFileIsNone) {
 }
 
 TEST_F(RecordingTest, AFullDiskIsAnError) {
-    ChangeRecorder recorder("/dev/full");
-    recorder.take(m_change, m_model, m_values);
-    EXPECT_THROW(recorder.flush(), CtlError);
-    EXPECT_THROW(ChangeRecorder("/nonexistent/x"), CtlError);
+    EXPECT_THROW(ChangeRecorder("/dev/full", 1), CtlError);
+    EXPECT_THROW(ChangeRecorder("/nonexistent/x", 1), CtlError);
 }
 
 TEST_F(RecordingTest, ACommandGetsTheChangeOnItsInput) {
