@@ -36,6 +36,7 @@ public:
 
     /// The connection, the model, the values and the interrupt must outlive this object.
     Follower(Subject subject, Interrupt& end, Listener listener);
+    ~Follower() = default;
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
 
