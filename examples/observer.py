@@ -25,4 +25,6 @@ def main(address, pattern="/state/notifications/latest/**"):
 
 
 if __name__ == "__main__":
+    if len(sys.argv) not in (2, 3):
+        sys.exit(__doc__.strip())
     main(*sys.argv[1:])

@@ -16,7 +16,9 @@ enter_private_network()
 
 from kit.ctl import Ctl  # noqa: E402
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
-from kit_sdk import ROOT, configure, fresh, install, run  # noqa: E402
+from kit.namespaces import free_port  # noqa: E402
+from kit.paths import program  # noqa: E402
+from kit_sdk import ROOT, Program, configure, fresh, install, run  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -57,3 +59,23 @@ def ctl():
     yield make
     for tool in made:
         tool.close()
+
+
+@pytest.fixture
+def lamp_service(lamp, tmp_path):
+    """The example as a program, on a port of its own."""
+    port = free_port()
+    with Program(lamp / "lamp", "--logstdout", "--port", port, "--id", f"lamp-{port}",
+                 "--configdir", tmp_path) as service:
+        service.address = f"localhost:{port}"
+        yield service
+
+
+@pytest.fixture
+def monitor(tmp_path):
+    """The system service."""
+    port = free_port()
+    with Program(program(), "--logstdout", "--port", port, "--id", f"head-{port}", "--configdir",
+                 tmp_path / "configuration") as service:
+        service.address = f"localhost:{port}"
+        yield service

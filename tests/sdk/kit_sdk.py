@@ -3,8 +3,13 @@ import concurrent.futures
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 
+from kit.lines import Lines
+from kit.wait import wait_until
+
+PYTHON = "/usr/bin/python3"
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("HALVO_BUILD", ROOT / "build/release"))
 #: Always the same folders, so that the compiler cache knows what has been compiled before.
@@ -46,3 +51,59 @@ def in_parallel(function, items):
     """The results of the function for all items."""
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         return list(pool.map(function, items))
+
+
+class Program:
+    """A program that runs until the end of the block, with its lines."""
+
+    def __init__(self, *words, **environment):
+        self._words, self._environment = [str(word) for word in words], environment
+        self.process, self.lines = None, None
+
+    def start(self):
+        self.process = subprocess.Popen(
+            self._words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True, env={**os.environ, **self._environment})
+        self.lines = Lines(self.process.stdout)
+        return self
+
+    def end(self, number=signal.SIGTERM):
+        """Returns the exit status."""
+        self.process.send_signal(number)
+        status = self.process.wait(10)
+        self.lines.close()
+        return status
+
+    __enter__ = start
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.end(signal.SIGKILL)
+
+
+def is_serving(ctl, address):
+    """Waits until the service answers."""
+    wait_until(lambda: ctl(address)("services").status == 0, what="the service's answer")
+
+
+def restart(service, ctl):
+    """Kills a service and waits until a new one answers."""
+    service.end(signal.SIGKILL)
+    service.start()
+    is_serving(ctl, service.address)
+
+
+def python_path(prefix):
+    """The folder of the installed module."""
+    return str(prefix / "lib/python3/dist-packages")
+
+
+def python_environment(prefix):
+    """What a Python program needs for the installed module and the kit of the tests."""
+    return {"PYTHONPATH": f"{python_path(prefix)}:{ROOT / 'tests'}"}
+
+
+def python(prefix, text, *words):
+    """What a Python program with the installed module prints."""
+    return run(PYTHON, "-c", text, *words,
+               env={**os.environ, **python_environment(prefix)}).stdout
