@@ -32,8 +32,10 @@ hox_add_library(hox_observer_tree_grpc
         src/grpc/connection_watch.cpp
         src/grpc/in_process_gate.cpp
         src/grpc/non_polling_queue.cpp
+        src/grpc/observe_stream.cpp
         src/grpc/owned_rpc_method.cpp
         src/grpc/standby_poller.cpp
+        src/grpc/steady_observation.cpp
         src/grpc/steady_observer.cpp
         src/grpc/unary_caller.cpp
         src/grpc/unmatchable_pattern.cpp

@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 500);
     arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
+    arguments.SetMaxReceiveMessageSize(-1);  // by default an element has at most 4 MiB
     const auto channel =
         grpc::CreateCustomChannel(argv[1], grpc::InsecureChannelCredentials(), arguments);
     const auto mutex = std::make_shared<std::mutex>();

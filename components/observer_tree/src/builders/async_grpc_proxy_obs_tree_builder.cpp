@@ -97,6 +97,8 @@ void AsyncGrpcProxyObsTreeBuilder::addObserve(
     const google::protobuf::MethodDescriptor& method, const ObsTreeOptions& options,
     GrpcProxyObserverTree& tree, const std::shared_ptr<grpc::Channel>& channel, bool inProcess,
     const std::shared_ptr<AsyncGrpcClientHandler>& handler) const {
+    tree.setObserveMethod(options.key(), std::make_unique<OwnedRpcMethod>(
+                                             method, OwnedRpcMethod::Answer::AsStream, channel));
     tree.registerNewObserverHandler<Message>(
         options.key(), [logger = m_logger, &method, &tree, channel, inProcess,
                         weakHandler = std::weak_ptr<AsyncGrpcClientHandler>(handler),

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "grpc/steady_observation.h"
 #include "hox/cpputil/log/logsystem.h"
 #include "hox/cpputil/log/source_location.h"
+#include "hox/observer_tree/change_set_conversion.h"
 
 namespace Hox::ObserverTree {
 
@@ -14,12 +16,6 @@ namespace {
 
 /// How long the thread waits for the channel before it looks whether it must end.
 constexpr std::chrono::milliseconds step{200};
-
-/// From the answer to the probe until an observation without an element is one without content.
-constexpr std::chrono::milliseconds grace{1000};
-
-/// A pattern that no tree accepts: the refusal shows that the service has handled what came before.
-constexpr const char* refusedPattern = "";
 
 bool areEqual(const DataTreeValPtr& one, const DataTreeValPtr& other) {
     if (!one || !other) {
@@ -30,23 +26,39 @@ bool areEqual(const DataTreeValPtr& one, const DataTreeValPtr& other) {
     return packed.type_url() == otherPacked.type_url() && packed.value() == otherPacked.value();
 }
 
+/// The snapshot, or the first change of what was empty: all that there is.
+std::map<std::string, DataTreeValPtr> contentOf(const ObsTreeObserveChangeSet& element) {
+    std::map<std::string, DataTreeValPtr> content;
+    for (const auto& [key, pairs] : fromWire(element)) {
+        if (!pairs.empty() && pairs.back().current) {
+            content.emplace(key, pairs.back().current);
+        }
+    }
+    return content;
+}
+
 }  // namespace
 
 SteadyObserver::SteadyObserver(std::shared_ptr<GrpcProxyObserverTree> tree,
-                               std::shared_ptr<std::mutex> mutex, std::string address,
+                               std::shared_ptr<std::mutex> mutex, const std::string& address,
                                std::string keyPattern, Callback callback)
     : m_logger(Hox::Log::getLogsystem()->getLogger(_HALVOMACRO_loggerName())),
       m_tree(std::move(tree)),
       m_mutex(std::move(mutex)),
-      m_address(std::move(address)),
+      m_method(m_tree->observeMethod(address)),
       m_keyPattern(std::move(keyPattern)),
       m_callback(std::move(callback)),
       m_thread([this] { run(); }) {}
 
 SteadyObserver::~SteadyObserver() {
-    m_isEnding = true;
-    { const std::lock_guard<std::mutex> lock(m_stateMutex); }
-    m_stateChanged.notify_all();
+    {
+        const std::lock_guard<std::mutex> lock(m_stateMutex);
+        m_isEnding = true;
+        if (m_observation != nullptr) {
+            m_observation->cancel();
+        }
+    }
+    m_ends.notify_all();
     m_thread.join();
 }
 
@@ -56,86 +68,85 @@ void SteadyObserver::run() {
         if (!m_tree->waitForConnected(std::chrono::system_clock::now() + step)) {
             continue;
         }
-        const bool hasAnswered = observeUntilLoss();
-        pause = hasAnswered ? minPause : std::min(2 * pause, maxPause);
-        waitFor(pause, [] { return false; });
-    }
-}
-
-/// Returns whether the service has answered. The handles are dropped here: not in a callback, and
-/// without the capability's mutex, which a running callback holds.
-bool SteadyObserver::observeUntilLoss() {
-    {
-        const std::lock_guard<std::mutex> lock(m_stateMutex);
-        m_hasContent = m_isProbed = m_isLost = false;
-    }
-    const auto handle = observe(
-        m_keyPattern,
-        [this](const ChangeSetType& changes, const Status& status) { onElement(changes, status); });
-    {
-        const auto probe = observe(refusedPattern, [this](const auto& /*changes*/,
-                                                          const auto& status) {
-            setState(status.statusCode() == ProtoStatus::INVALID_ARGUMENT ? m_isProbed : m_isLost);
-        });
-        waitFor([this] { return m_isProbed || m_isLost; });
-    }
-    if (!waitFor(grace, [this] { return m_hasContent || m_isLost; }) && !m_isEnding) {
-        const std::lock_guard<std::mutex> capabilityLock(*m_mutex);
+        pause = observeUntilEnd() ? minPause : std::min(2 * pause, maxPause);
         std::unique_lock<std::mutex> lock(m_stateMutex);
-        if (!m_hasContent && !m_isLost) {
-            m_hasContent = true;
-            lock.unlock();
-            replaceContent({});
+        m_ends.wait_for(lock, pause, [this] { return m_isEnding.load(); });
+    }
+}
+
+/// Returns whether the service has told its content.
+bool SteadyObserver::observeUntilEnd() {
+    using Event = SteadyObservation::Event;
+    const auto observation = begin();
+    if (!observation) {
+        return false;
+    }
+    for (auto event = observation->next(); event != Event::End; event = observation->next()) {
+        const std::lock_guard<std::mutex> capabilityLock(*m_mutex);
+        if (m_isEnding) {
+            continue;
+        }
+        if (event == Event::Refusal) {
+            onRefusal(*observation);
+        } else if (event == Event::Change) {
+            onElement(observation->element());
+        } else {
+            replaceContent(event == Event::Content ? contentOf(observation->element()) : Content());
         }
     }
-    waitFor([this] { return m_isLost; });
-    const std::lock_guard<std::mutex> lock(m_stateMutex);
-    return m_isProbed || m_hasContent;
-}
-
-SteadyObserver::Handle SteadyObserver::observe(const std::string& keyPattern,
-                                               ObserverCallback callback) {
-    ObserveReq request;
-    request.set_key_pattern(keyPattern);
-    return m_tree->observe<ObserveReq>(m_address, request, std::move(callback), 0);
-}
-
-void SteadyObserver::onElement(const ChangeSetType& changes, const Status& status) {
-    if (m_isEnding) {
-        return;
-    }
-    if (status.statusCode() == ProtoStatus::INVALID_ARGUMENT) {
-        m_logger->log(Hox::Log::here(), spdlog::level::err, "{} can not be observed: {}",
-                      m_keyPattern, status.errorMessage());
-        setState(m_hasContent);
-        return;
-    }
-    if (!status.isOk()) {
-        setState(m_isLost);
-        return;
-    }
-    bool isFirst = false;
     {
         const std::lock_guard<std::mutex> lock(m_stateMutex);
-        isFirst = !std::exchange(m_hasContent, true);
+        m_observation = nullptr;
     }
-    m_stateChanged.notify_all();
-    if (!isFirst) {
-        for (const auto& [key, pairs] : changes) {
-            for (const auto& pair : pairs) {
-                change(key, pair.current);
-            }
+    const auto& status = observation->status();
+    logEnd(status.error_code(), status.error_message());
+    return observation->hasContent();
+}
+
+/// Null at the end, and if the process's own server has been shut down.
+std::unique_ptr<SteadyObservation> SteadyObserver::begin() {
+    const auto passage = m_tree->passGate();
+    if (m_tree->inProcess() && !passage.owns_lock()) {
+        return nullptr;
+    }
+    const std::lock_guard<std::mutex> lock(m_stateMutex);
+    if (m_isEnding) {
+        return nullptr;
+    }
+    auto observation = std::make_unique<SteadyObservation>(*m_tree, m_method, m_keyPattern);
+    m_observation = observation.get();
+    return observation;
+}
+
+/// A malformed pattern stays one: the stream is left as it is. Anything else may pass.
+void SteadyObserver::onRefusal(SteadyObservation& observation) {
+    const auto& status = observation.element().observestatus();
+    m_logger->log(Hox::Log::here(), spdlog::level::err, "{} can not be observed: {}", m_keyPattern,
+                  status.errormessage());
+    if (status.statuscode() != ProtoStatus::INVALID_ARGUMENT) {
+        observation.cancel();
+    }
+}
+
+/// The loss of a service is nothing special. Other ends are told at error level, but not again and
+/// again.
+void SteadyObserver::logEnd(int code, const std::string& text) {
+    const bool isLoss = code == grpc::StatusCode::OK || code == grpc::StatusCode::CANCELLED ||
+                        code == grpc::StatusCode::UNAVAILABLE;
+    auto end = std::to_string(code) + " " + text;
+    if (!m_isEnding && end != m_lastEnd) {
+        m_logger->log(Hox::Log::here(), isLoss ? spdlog::level::debug : spdlog::level::err,
+                      "The stream of {} has ended, it is observed anew: {}", m_keyPattern, end);
+    }
+    m_lastEnd = std::move(end);
+}
+
+void SteadyObserver::onElement(const ObsTreeObserveChangeSet& element) {
+    for (const auto& [key, pairs] : fromWire(element)) {
+        for (const auto& pair : pairs) {
+            change(key, pair.current);
         }
-        return;
     }
-    // The snapshot, or the first change of what was empty: all that there is.
-    Content content;
-    for (const auto& [key, pairs] : changes) {
-        if (!pairs.empty() && pairs.back().current) {
-            content.emplace(key, pairs.back().current);
-        }
-    }
-    replaceContent(content);
 }
 
 void SteadyObserver::replaceContent(const Content& content) {
@@ -162,28 +173,6 @@ void SteadyObserver::change(const std::string& key, const DataTreeValPtr& curren
         m_content.erase(known);
     }
     m_callback(key, old, current);
-}
-
-void SteadyObserver::setState(bool& flag) {
-    {
-        const std::lock_guard<std::mutex> lock(m_stateMutex);
-        flag = true;
-    }
-    m_stateChanged.notify_all();
-}
-
-/// Returns whether the condition has become true; also returns at the end.
-template <typename Condition>
-bool SteadyObserver::waitFor(std::chrono::milliseconds limit, Condition condition) {
-    std::unique_lock<std::mutex> lock(m_stateMutex);
-    m_stateChanged.wait_for(lock, limit, [&] { return m_isEnding || condition(); });
-    return condition();
-}
-
-template <typename Condition>
-void SteadyObserver::waitFor(Condition condition) {
-    std::unique_lock<std::mutex> lock(m_stateMutex);
-    m_stateChanged.wait(lock, [&] { return m_isEnding || condition(); });
 }
 
 }  // namespace Hox::ObserverTree

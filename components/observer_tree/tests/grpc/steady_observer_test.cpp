@@ -1,6 +1,14 @@
 #include "hox/observer_tree/grpc/steady_observer.h"
 
 #include <gmock/gmock.h>
+#include <grpcpp/create_channel.h>
+#include <grpcpp/server.h>
+#include <grpcpp/server_builder.h>
+
+#include <functional>
+#include <future>
+#include <optional>
+#include <stdexcept>
 
 #include "grpc/served_tree.h"
 #include "grpc/told.h"
@@ -15,7 +23,58 @@ using Hox::Testing::waitUntil;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+
+constexpr const char* loggerName = "steady_observer.h::Hox::ObserverTree::SteadyObserver";
+
+/// Items that are not those of a tree: each stream gets the one element that the test says.
+class ScriptedItems : public TestService::Service {
+public:
+    using Script = std::function<std::optional<ObsTreeObserveChangeSet>(const std::string&)>;
+
+    ScriptedItems(const std::string& address, Script script) : m_script(std::move(script)) {
+        grpc::ServerBuilder builder;
+        builder.AddListeningPort(address, grpc::InsecureServerCredentials());
+        builder.RegisterService(this);
+        m_server = builder.BuildAndStart();
+    }
+    ~ScriptedItems() override {
+        m_end.set_value();
+        m_server->Shutdown(std::chrono::system_clock::now());
+    }
+    ScriptedItems(const ScriptedItems&) = delete;
+    ScriptedItems(ScriptedItems&&) = delete;
+    ScriptedItems& operator=(const ScriptedItems&) = delete;
+    ScriptedItems& operator=(ScriptedItems&&) = delete;
+
+    grpc::Status observeItems(grpc::ServerContext* /*context*/, const ObserveReq* request,
+                              grpc::ServerWriter<ObsTreeObserveChangeSet>* writer) override {
+        if (const auto element = m_script(request->key_pattern())) {
+            writer->Write(*element);
+        }
+        m_hasEnded.wait();
+        return grpc::Status::OK;
+    }
+
+    static ObsTreeObserveChangeSet elementWith(const std::string& name, int count) {
+        ObsTreeObserveChangeSet element;
+        Item item;
+        item.set_name(name);
+        item.set_count(count);
+        (*element.mutable_node_change_map())["/items/" + name]
+            .add_nodepairlist()
+            ->mutable_currentmessage()
+            ->PackFrom(item);
+        return element;
+    }
+
+private:
+    const Script m_script;
+    std::promise<void> m_end;
+    const std::shared_future<void> m_hasEnded = m_end.get_future().share();
+    std::unique_ptr<grpc::Server> m_server;
+};
 
 /// A service with items, which can end and come back at the same address, and an observer of it.
 class SteadyObserverTest : public ::testing::Test {
@@ -146,13 +205,118 @@ TEST_F(SteadyObserverTest, EndsInTheMiddleOfAnything) {
 }
 
 TEST_F(SteadyObserverTest, LogsAMalformedPatternAndStaysSilent) {
-    const Hox::Testing::LogCapture log("steady_observer.h::Hox::ObserverTree::SteadyObserver");
+    const Hox::Testing::LogCapture log(loggerName);
     observe("/items//a");
     ASSERT_TRUE(waitUntil([&] { return !log.textsAt(spdlog::level::err).empty(); }));
     EXPECT_THAT(log.textsAt(spdlog::level::err),
                 Contains(HasSubstr("/items//a can not be observed: PathError: ")));
+    Told other;
+    const SteadyObserver goodPattern(m_tree, m_mutex, "/items", "/items/**",
+                                     [&other](const std::string& key, const auto& /*old*/,
+                                              const auto& /*current*/) { other.add(key); });
     m_served->create("a", 1);
-    EXPECT_THAT(m_told.lines(), ::testing::IsEmpty());
+    ASSERT_TRUE(other.waitFor(1));
+    EXPECT_THAT(m_told.lines(), IsEmpty());
+}
+
+TEST_F(SteadyObserverTest, NeedsAnObserveMethod) {
+    m_tree = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(m_served->newChannel(),
+                                                                            m_mutex, nullptr);
+    EXPECT_THROW(SteadyObserver(m_tree, m_mutex, "/nothing", "/items/**", nullptr),
+                 std::out_of_range);
+}
+
+TEST_F(SteadyObserverTest, WaitsForAServiceThatHasTheMethod) {
+    const Hox::Testing::LogCapture log(loggerName);
+    const auto channel = m_served->newChannel();
+    endService();
+    {
+        TestService::Service withoutMethods;
+        grpc::ServerBuilder builder;
+        builder.AddListeningPort(m_address, grpc::InsecureServerCredentials());
+        builder.RegisterService(&withoutMethods);
+        const auto server = builder.BuildAndStart();
+        observe("/items/**", channel);
+        ASSERT_TRUE(waitUntil([&] { return !log.textsAt(spdlog::level::err).empty(); }));
+    }
+    startService();
+    m_served->create("a", 1);
+    ASSERT_TRUE(m_told.waitFor(1));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1"));
+    EXPECT_THAT(log.textsAt(spdlog::level::err),
+                ElementsAre("The stream of /items/** has ended, it is observed anew: 12 "));
+}
+
+TEST_F(SteadyObserverTest, SurvivesAnElementThatIsTooLarge) {
+    const Hox::Testing::LogCapture log(loggerName);
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(1000);
+    arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 10);
+    m_served->create("a", 1);
+    observe("/items/**",
+            grpc::CreateCustomChannel(m_address, grpc::InsecureChannelCredentials(), arguments));
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_served->create(std::string(1000, 'x'), 2);
+    // The content itself is too large from now on.
+    ASSERT_TRUE(waitUntil([&] { return !log.textsAt(spdlog::level::err).empty(); }));
+    EXPECT_THAT(log.textsAt(spdlog::level::err),
+                Contains(HasSubstr("it is observed anew: 8 Received message larger than max")));
+    endService();
+    m_served = std::make_unique<Served>(m_address, [](Served& service) {
+        service.create("a", 1);
+        service.create("b", 3);
+    });
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/b none 3"));
+}
+
+TEST_F(SteadyObserverTest, TakesAnyAnswerToItsQuestionForOne) {
+    const auto channel = m_served->newChannel();
+    endService();
+    {
+        const ScriptedItems items(m_address, [](const std::string& /*pattern*/) {
+            return ScriptedItems::elementWith("a", 1);
+        });
+        observe("/items/**", channel);
+        ASSERT_TRUE(m_told.waitFor(1));
+    }
+    const ScriptedItems withoutItems(m_address, [](const std::string& pattern) {
+        return pattern.empty() ? std::optional(ObsTreeObserveChangeSet()) : std::nullopt;
+    });
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/a 1 none"));
+    m_observer.reset();
+}
+
+TEST_F(SteadyObserverTest, KeepsWhatItKnowsIfItsQuestionIsNotAnswered) {
+    const auto channel = m_served->newChannel();
+    endService();
+    {
+        const ScriptedItems items(m_address, [](const std::string& /*pattern*/) {
+            return ScriptedItems::elementWith("a", 1);
+        });
+        observe("/items/**", channel);
+        ASSERT_TRUE(m_told.waitFor(1));
+    }
+    {
+        std::promise<void> hasAsked;
+        const ScriptedItems silent(
+            m_address, [&](const std::string& pattern) -> std::optional<ObsTreeObserveChangeSet> {
+                if (pattern.empty()) {
+                    hasAsked.set_value();
+                }
+                return std::nullopt;
+            });
+        hasAsked.get_future().wait();
+        EXPECT_FALSE(waitUntil([this] { return m_told.lines().size() > 1; },
+                               std::chrono::milliseconds(1200)));
+    }
+    m_served = std::make_unique<Served>(m_address, [](Served& service) {
+        service.create("a", 1);
+        service.create("b", 2);
+    });
+    ASSERT_TRUE(m_told.waitFor(2));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/b none 2"));
 }
 
 }  // namespace

@@ -110,6 +110,17 @@ public:
         m_unaryMethods[{key, operation}] = std::move(method);
     }
 
+    /// Stores the observe method of an address; replaces an earlier one. For the builder.
+    void setObserveMethod(const std::string& key, std::unique_ptr<OwnedRpcMethod> method) {
+        m_observeMethods[key] = std::move(method);
+    }
+
+    /// The observe method of an address, for one who reads its stream himself; valid as long as
+    /// this object. Throws std::out_of_range if the service has none.
+    const OwnedRpcMethod& observeMethod(const std::string& key) const {
+        return *m_observeMethods.at(key);
+    }
+
     /// Keeps the stream of an observer, identified by its request. For the builder's hooks.
     void addRemoteObservation(const google::protobuf::Message& inMsg, Handle handle) {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -152,6 +163,7 @@ private:
     std::shared_ptr<InProcessGate> m_gate;
     UnaryCaller m_unaryCaller;
     std::map<std::pair<std::string, UnaryOps>, std::unique_ptr<OwnedRpcMethod>> m_unaryMethods;
+    std::map<std::string, std::unique_ptr<OwnedRpcMethod>> m_observeMethods;
 };
 
 }  // namespace Hox::ObserverTree

@@ -19,12 +19,17 @@
 
 namespace Hox::ObserverTree {
 
+class SteadyObservation;
+
 /// Follows the keys of a tree in another service until the end of this object, also when that
 /// service ends and comes back: it observes anew, compares what it then sees with what it saw last,
 /// and reports only what has really changed, with what has been removed meanwhile.
 ///
-/// For addresses with the default observe handler. A thread of its own waits for the service and
-/// begins each observation. While the service is away nothing is reported.
+/// For addresses with the default observe handler. A handler that accepts an empty key pattern must
+/// answer it at once: otherwise it is never noticed that there is nothing. A thread of its own
+/// waits for the service and reads its stream. While the service is away nothing is reported; a
+/// stream that ends for another reason, such as an element above the channel's limit, is logged as
+/// well.
 class SteadyObserver {
 public:
     /// One change: `old` is null for a new key, `current` for a removed one. Called with the
@@ -39,9 +44,9 @@ public:
 
     /// Starts the thread. The proxy is of the service, `mutex` the capability's with which the
     /// proxy was created, `address` that of the observe method. A malformed pattern is logged, and
-    /// nothing is ever reported.
+    /// nothing is ever reported. Throws std::out_of_range if the address has no observe method.
     SteadyObserver(std::shared_ptr<GrpcProxyObserverTree> tree, std::shared_ptr<std::mutex> mutex,
-                   std::string address, std::string keyPattern, Callback callback);
+                   const std::string& address, std::string keyPattern, Callback callback);
 
     /// Ends the observation and waits for a callback that is running. The caller does not hold the
     /// capability's mutex.
@@ -53,39 +58,34 @@ public:
 
 private:
     using Content = std::map<std::string, DataTreeValPtr>;
-    using Handle = ObserveRaiiHandleType<ObserveReq>;
 
     void run();
-    bool observeUntilLoss();
-    Handle observe(const std::string& keyPattern, ObserverCallback callback);
-    void onElement(const ChangeSetType& changes, const Status& status);  // REQUIRES(*m_mutex)
+    bool observeUntilEnd();
+    std::unique_ptr<SteadyObservation> begin();
+    void onElement(const ObsTreeObserveChangeSet& element);              // REQUIRES(*m_mutex)
     void replaceContent(const Content& content);                         // REQUIRES(*m_mutex)
     void change(const std::string& key, const DataTreeValPtr& current);  // REQUIRES(*m_mutex)
-    void setState(bool& flag);
-    template <typename Condition>
-    bool waitFor(std::chrono::milliseconds limit, Condition condition);
-    template <typename Condition>
-    void waitFor(Condition condition);
+    void onRefusal(SteadyObservation& observation);
+    void logEnd(int code, const std::string& text);
 
     std::function<std::string()> _HALVOMACRO_loggerName = [] {
         return Hox::Log::loggerName(__PRETTY_FUNCTION__, __FILE__);
     };
     const std::shared_ptr<spdlog::logger> m_logger;
     const std::shared_ptr<GrpcProxyObserverTree> m_tree;
-    const std::shared_ptr<std::mutex> m_mutex;  // the capability's; before m_stateMutex
-    const std::string m_address;
+    const std::shared_ptr<std::mutex> m_mutex;  // the capability's
+    const OwnedRpcMethod& m_method;             // of the tree
     const std::string m_keyPattern;
     const Callback m_callback;
 
-    Content m_content;  // as reported. GUARDED_BY(*m_mutex)
+    // Used by the thread only.
+    Content m_content;  // as reported
+    std::string m_lastEnd;
 
-    std::mutex m_stateMutex;
-    std::condition_variable m_stateChanged;
-    // Of the current observation. GUARDED_BY(m_stateMutex)
-    bool m_hasContent = false;  // its first element has come, or there is nothing
-    bool m_isProbed = false;    // the service has answered a question that followed it
-    bool m_isLost = false;
-    std::atomic<bool> m_isEnding{false};
+    std::mutex m_stateMutex;  // briefly held; no other lock is taken meanwhile
+    std::condition_variable m_ends;
+    std::atomic<bool> m_isEnding{false};         // set with m_stateMutex held
+    SteadyObservation* m_observation = nullptr;  // the running one. GUARDED_BY(m_stateMutex)
     std::thread m_thread;
 };
 
