@@ -45,6 +45,8 @@ function(halvo_generate_obstree target)
     set(stamps)
     foreach(proto IN LISTS ARG_PROTOS)
         set(stamp ${out}/${proto}.checked)
+        cmake_path(GET stamp PARENT_PATH folder)
+        file(MAKE_DIRECTORY ${folder})
         add_custom_command(
             OUTPUT ${stamp}
             COMMAND ${CMAKE_COMMAND} -DPROTOC=$<TARGET_FILE:protobuf::protoc> "-DINCLUDES=${includes}"

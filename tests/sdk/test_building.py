@@ -1,4 +1,5 @@
 """Building against what is installed: with CMake and without, moved, and with mistakes."""
+import os
 import shutil
 
 import pytest
@@ -85,6 +86,21 @@ def test_the_package_can_be_asked_for_twice_and_in_parts(prefix):
     assert "0.1.0 " in text
 
 
+def test_an_optional_component_may_be_absent(prefix):
+    without = fresh("without-testing")
+    shutil.copytree(prefix, without, dirs_exist_ok=True)
+    next(without.rglob("halvoTesting.cmake")).unlink()
+    asked = ("find_package(halvo 0.1 REQUIRED COMPONENTS service OPTIONAL_COMPONENTS testing none)\n"
+             'message(STATUS "${halvo_service_FOUND} ${halvo_testing_FOUND} ${halvo_none_FOUND}")\n')
+    status, text = attempt("optional", prefix, asked)
+    assert (status, "TRUE TRUE FALSE" in text) == (0, True), text
+    status, text = attempt("optional", without, asked)
+    assert (status, "TRUE FALSE FALSE" in text) == (0, True), text
+    status, text = attempt("optional", without, "find_package(halvo REQUIRED COMPONENTS testing)\n")
+    assert status != 0
+    assert 'halvo is installed without its component "testing"' in text
+
+
 @pytest.mark.parametrize("words, complaint", [
     ("0.2 REQUIRED", "version: 0.1.0"),
     ("0.1 REQUIRED COMPONENTS trees", 'halvo has no component "trees"'),
@@ -121,6 +137,32 @@ def test_a_wrong_option_is_an_error_of_the_build(prefix, one, two, complaint):
                            SERVICE.format(one=one, two=two))
     assert status != 0
     assert complaint in text
+
+
+def test_a_proto_may_lie_in_a_folder(prefix):
+    source = fresh("in-folder")
+    (source / "protos/author/v1").mkdir(parents=True)
+    (source / "protos/author/v1/author.proto").write_text(
+        SERVICE.replace("service Service", "service Things").format(
+            one='key: "/a" type: READ', two='key: "/b" type: READ'))
+    (source / "CMakeLists.txt").write_text(
+        HEAD + "find_package(halvo 0.1 REQUIRED)\n"
+        "halvo_generate_obstree(p ROOT protos PROTOS author/v1/author.proto)\n")
+    configure(source, source / "build", prefix)
+    run("cmake", "--build", source / "build")
+    assert (source / "build/p.gen/author/v1/author.grpc.pb.h").exists()
+
+
+def test_the_example_builds_by_the_commands_of_the_documents(prefix):
+    """With the generator that CMake takes by itself."""
+    source = fresh("lamp-by-documents")
+    shutil.copytree(ROOT / "examples/lamp", source, dirs_exist_ok=True)
+    cache = {"CMAKE_CXX_COMPILER_LAUNCHER": "ccache"} if shutil.which("ccache") else {}
+    environment = {name: value for name, value in os.environ.items() if name != "CMAKE_GENERATOR"}
+    for words in (["cmake", "-B", "build", f"-DCMAKE_PREFIX_PATH={prefix}"],
+                  ["cmake", "--build", "build"], ["ctest", "--test-dir", "build"]):
+        run(*words, cwd=source, env={**environment, **cache})
+    assert (source / "build/Makefile").exists()
 
 
 def test_an_author_may_bring_the_annotations(prefix):
