@@ -21,7 +21,7 @@ import demo_head_end  # noqa: E402
 import package_log  # noqa: E402
 from demo_show import Operator, check, headline, start_process  # noqa: E402
 from kit.daemons import Bus, MdnsDaemon  # noqa: E402
-from kit.protos import Protos, assemble_module  # noqa: E402
+from kit.protos import Protos, install_module  # noqa: E402
 from kit.service import Service  # noqa: E402
 
 SHOWN = 8
@@ -101,8 +101,8 @@ def run_reports(folder, protos, bus, count):
         demo_discovery.show_instances(service, bus)
         client = service.client()
         feed(client, reports[:1])
-        assemble_module(folder / "watcher")
-        watcher = start_process("demo_watch.py", folder / "watcher", service, len(reports))
+        module = install_module(folder / "watcher")
+        watcher = start_process("demo_watch.py", module, service, len(reports))
         snapshot = watcher.stdout.readline()  # from now on the watcher gets every change
         feed(client, reports[1:])
         print(f"\nFed {len(reports)} reports from {origin}, "

@@ -1,12 +1,11 @@
 """Message classes and method tables, generated from the proto files at run time."""
 import importlib
-import shutil
 import subprocess
 import sys
 
 from google.protobuf import descriptor_pb2
 
-from kit.paths import PROTO_ROOTS, ROOT
+from kit.paths import PROTO_ROOTS, program
 
 
 class Protos:
@@ -42,12 +41,12 @@ def run_protoc(*options):
     subprocess.run(["protoc", *[f"-I{root}" for root in PROTO_ROOTS], *options, *files], check=True)
 
 
-def assemble_module(folder):
-    """Makes the module halvo in the folder, as it is installed."""
-    module = folder / "halvo"
-    module.mkdir(parents=True)
-    shutil.copy(ROOT / "python/halvo/__init__.py", module)
-    run_protoc("--include_imports", f"--descriptor_set_out={module / 'halvo.protoset'}")
+def install_module(prefix):
+    """Installs the module halvo from the build of the program under test; returns the folder that
+    Python imports it from."""
+    subprocess.run(["cmake", "--install", program().parents[1], "--component", "python",
+                    "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+    return prefix / "lib/python3/dist-packages"
 
 
 def streaming_methods(service):
