@@ -93,9 +93,10 @@ protected:
         observe(pattern, m_served->newChannel());
     }
 
-    void observe(const std::string& pattern, const std::shared_ptr<grpc::Channel>& channel) {
-        m_tree = AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(channel, m_mutex,
-                                                                                nullptr);
+    void observe(const std::string& pattern, const std::shared_ptr<grpc::Channel>& channel,
+                 const std::shared_ptr<InProcessGate>& gate = nullptr) {
+        m_tree =
+            AsyncGrpcProxyObsTreeBuilder().createProxyObsTree<TestService>(channel, m_mutex, gate);
         m_observer = std::make_unique<SteadyObserver>(
             m_tree, m_mutex, "/items", pattern,
             [this](const std::string& key, const DataTreeValPtr& old,
@@ -127,6 +128,20 @@ TEST_F(SteadyObserverTest, ReportsTheContentAndEachChange) {
     m_served->create("b", 3);
     ASSERT_TRUE(m_told.waitFor(3));
     EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/a 1 2", "/items/b none 3"));
+}
+
+TEST_F(SteadyObserverTest, FollowsATreeOfTheSameProcessUntilItsGateIsClosed) {
+    const auto gate = std::make_shared<InProcessGate>();
+    m_served->create("a", 1);
+    observe("/items/**", m_served->server->InProcessChannel(grpc::ChannelArguments()), gate);
+    ASSERT_TRUE(m_told.waitFor(1));
+    m_served->create("a", 2);
+    ASSERT_TRUE(m_told.waitFor(2));
+    gate->close();
+    endService();
+    EXPECT_FALSE(
+        waitUntil([this] { return m_told.lines().size() > 2; }, 2 * SteadyObserver::minPause));
+    EXPECT_THAT(m_told.lines(), ElementsAre("/items/a none 1", "/items/a 1 2"));
 }
 
 TEST_F(SteadyObserverTest, DoesNotReportAWriteOfAnEqualValue) {
