@@ -105,5 +105,5 @@ def python_environment(prefix):
 
 def python(prefix, text, *words):
     """What a Python program with the installed module prints."""
-    return run(PYTHON, "-c", text, *words,
+    return run(PYTHON, "-c", text, *words, timeout=120,
                env={**os.environ, **python_environment(prefix)}).stdout
