@@ -122,6 +122,16 @@ ExitCode completeLine(const std::string& line, Surroundings& surroundings) {
     return ExitCode::Done;
 }
 
+/// The parser asks for a command although it has been given one that it does not know.
+void refuseUnknownCommand(const CLI::App& app, const CLI::ParseError& error) {
+    const auto unknown = app.remaining(true);
+    if (error.get_name() == "RequiredError" && !unknown.empty() &&
+        unknown.front().rfind('-', 0) != 0) {
+        throw CtlError(ExitCode::Usage, "no command \"" + unknown.front() + "\"",
+                       "halvoctl --help lists all commands");
+    }
+}
+
 /// Parses and runs; throws CtlError.
 ExitCode parseAndRun(std::vector<std::string> words, Surroundings& surroundings) {
     constexpr std::size_t wordsOfCompletion = 2;
@@ -136,6 +146,7 @@ ExitCode parseAndRun(std::vector<std::string> words, Surroundings& surroundings)
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));
     } catch (const CLI::ParseError& error) {
+        refuseUnknownCommand(app, error);
         const auto status = app.exit(error, surroundings.out, surroundings.err);
         return status == 0 ? ExitCode::Done : ExitCode::Usage;
     }

@@ -1,7 +1,5 @@
 #include "conf_commands.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 
 #include "ask_first.h"
@@ -113,9 +111,7 @@ ExitCode importConf(Session& session, const std::string& path) {
     if (session.isJson()) {
         session.print(imported);
     } else {
-        session.out() << fmt::format("Imported {} key{} in {} slice{}.\n", imported.keys(),
-                                     imported.keys() == 1 ? "" : "s", imported.slices(),
-                                     imported.slices() == 1 ? "" : "s");
+        session.out() << package.doneText() << '\n';
     }
     return ExitCode::Done;
 }

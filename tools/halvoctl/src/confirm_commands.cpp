@@ -142,9 +142,8 @@ ExitCode importPackage(Session& session, const ImportWords& words) {
     if (session.isJson()) {
         session.print(imported);
     } else {
-        session.out() << fmt::format("Imported {} keys in {} slices. {}\n", imported.keys(),
-                                     imported.slices(),
-                                     promise(session, "Reverts", record->content()));
+        session.out() << package.doneText() << ' ' << promise(session, "Reverts", record->content())
+                      << '\n';
     }
     return ExitCode::Done;
 }

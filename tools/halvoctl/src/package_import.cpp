@@ -1,5 +1,7 @@
 #include "package_import.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "call_error.h"
@@ -60,6 +62,11 @@ std::uint32_t PackageImport::keys() const {
 
 std::uint32_t PackageImport::slices() const {
     return m_package ? static_cast<std::uint32_t>(m_package->slices().size()) : 0;
+}
+
+std::string PackageImport::doneText() const {
+    return fmt::format("Imported {} key{} in {} slice{}.", keys(), keys() == 1 ? "" : "s", slices(),
+                       slices() == 1 ? "" : "s");
 }
 
 }  // namespace Hox::Ctl

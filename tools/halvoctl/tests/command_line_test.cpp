@@ -48,6 +48,16 @@ protected:
     Tool m_tool;
 };
 
+TEST(CommandLine, AnUnknownCommandIsNamed) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"nothing"}, {"conf", "nothing"}}) {
+        const auto run = Tool().run(words);
+        EXPECT_EQ(run.code, ExitCode::Usage);
+        EXPECT_EQ(run.err,
+                  "halvoctl: no command \"nothing\"\nhint: halvoctl --help lists all commands\n");
+    }
+}
+
 TEST(CommandLine, WrongWordsAreUsageErrors) {
     Tool tool;
     for (const std::vector<std::string>& words : {std::vector<std::string>{},
