@@ -16,7 +16,7 @@ NEW = {f"/key/{number}": f"new {number}" for number in range(4)}
 LONG = "1h"
 #: A time that is over soon: nothing may be expected until then.
 SHORT = "1s"
-PROMISE = re.compile(r"^Imported 4 keys in 1 slices\. Reverts at (?:\d{4}-\d\d-\d\d )?"
+PROMISE = re.compile(r"^Imported 4 keys in 1 slice\. Reverts at (?:\d{4}-\d\d-\d\d )?"
                      r"(\d\d:\d\d:\d\d) unless you run: halvoctl conf confirm ([0-9a-f]{4})\n$")
 ORIGIN = ("halvoctl", "Confirmation", "conf/confirm")
 
