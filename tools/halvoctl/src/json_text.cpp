@@ -6,6 +6,8 @@
 #include <google/protobuf/util/type_resolver_util.h>
 #include <google/protobuf/wrappers.pb.h>
 
+#include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <utility>
@@ -27,7 +29,8 @@ std::string urlOf(const std::string& typeName) {
     return std::string(urlPrefix) + "/" + typeName;
 }
 
-/// Resolves types by their name alone, whatever comes before it in the URL.
+/// Resolves types by their name alone, whatever comes before it in the URL. Keeps what it has
+/// found: each conversion asks for its types again. Callable from any thread.
 class Types : public TypeResolver {
 public:
     using Status = google::protobuf::util::Status;
@@ -38,8 +41,20 @@ public:
 
     Status ResolveMessageType(const std::string& url, google::protobuf::Type* type) override {
         const auto known = urlOf(url.substr(url.rfind('/') + 1));
-        const auto status = m_foreign->ResolveMessageType(known, type);
-        return status.ok() ? status : m_own->ResolveMessageType(known, type);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_found.find(known);
+        if (found != m_found.end()) {
+            *type = found->second;
+            return {};
+        }
+        auto status = m_foreign->ResolveMessageType(known, type);
+        if (!status.ok()) {
+            status = m_own->ResolveMessageType(known, type);
+        }
+        if (status.ok()) {
+            m_found.emplace(known, *type);
+        }
+        return status;
     }
 
     Status ResolveEnumType(const std::string& url, google::protobuf::Enum* type) override {
@@ -50,6 +65,8 @@ public:
 private:
     std::unique_ptr<TypeResolver> m_own;
     std::unique_ptr<TypeResolver> m_foreign;
+    std::mutex m_mutex;
+    std::map<std::string, google::protobuf::Type> m_found;  // by URL. GUARDED_BY(m_mutex)
 };
 
 /// Resolves the given URLs to a type with the field "base64" only, and all others as before.
