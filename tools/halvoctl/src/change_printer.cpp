@@ -34,7 +34,8 @@ std::string fieldText(const FieldChange& field) {
 void ChangePrinter::take(const Change& change, const ServiceModel& /*model*/,
                          const PackedValues& values) {
     if (m_session.isJson()) {
-        m_session.out() << values.json().line(change) << '\n';
+        // In one piece: the stream writes a long text to the file at once, and a line end later.
+        m_session.out() << values.json().line(change) + '\n';
     } else {
         printText(change, values);
     }
