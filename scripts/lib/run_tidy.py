@@ -2,7 +2,7 @@
 
 usage: run_tidy.py <build folder with compile_commands.json> [path prefix...]
 
-Without a prefix, only every fourth source and every twelfth test is checked, each time others: the
+Without a prefix, only every sixth source and every eighteenth test is checked, each time others: the
 number of commits decides. HALVO_ALL_TIDY=1 checks them all.
 """
 import concurrent.futures
@@ -23,8 +23,8 @@ TEST_CHECKS = ("-*,bugprone-use-after-move,misc-unused-using-decls,modernize-loo
 
 
 #: Of how many sources and of how many tests one run checks one.
-SOURCE_SAMPLE = 4
-TEST_SAMPLE = 12
+SOURCE_SAMPLE = 6
+TEST_SAMPLE = 18
 
 
 def is_test(path):
