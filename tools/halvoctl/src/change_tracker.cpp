@@ -4,7 +4,6 @@
 
 namespace Hox::Ctl {
 
-using google::protobuf::Any;
 using ObserverTree::ObsTreeDataNodePair;
 
 namespace {
