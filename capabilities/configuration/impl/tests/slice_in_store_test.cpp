@@ -59,6 +59,7 @@ public:
     ~ServedStore() {
         m_server->Shutdown(std::chrono::system_clock::now());
         m_handler.reset();
+        m_tree.reset();  // the last owner of the handler, whose thread ends with it
         m_store.reset();
     }
     ServedStore(const ServedStore&) = delete;
