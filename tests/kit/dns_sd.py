@@ -116,8 +116,8 @@ class Browser:
 def published(bus, name, port, host=None):
     """A foreign instance of the type, on the network. host: by default this machine."""
     process = subprocess.Popen(
-        ["avahi-publish", *(["-H", host] if host else []), "-s", name, CAPABILITY, str(port), "a=b"], stdin=subprocess.DEVNULL,
-        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+        ["avahi-publish", *(["-H", host] if host else []), "-s", name, CAPABILITY, str(port), "a=b"],
+        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
         env={**os.environ, **bus.environment, "LC_ALL": "C"})
     lines = Lines(process.stderr)
     try:

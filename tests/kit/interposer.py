@@ -10,7 +10,8 @@ class Interposer(grpc.GenericRpcHandler):
     """Passes unary calls on to a service.
 
     after: what is called, by the name of the method, when the service has answered and before the
-    client gets the answer; what it returns, if anything, is the answer. calls: the names of all methods that were called, in order.
+    client gets the answer; what it returns, if anything, is the answer.
+    calls: the names of all methods that were called, in order.
     """
 
     def __init__(self, address, **after):

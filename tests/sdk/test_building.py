@@ -139,7 +139,7 @@ def test_a_wrong_option_is_an_error_of_the_build(prefix, one, two, complaint):
     assert complaint in text
 
 
-def test_a_proto_may_lie_in_a_folder(prefix):
+def test_a_proto_may_be_in_a_folder(prefix):
     source = fresh("in-folder")
     (source / "protos/author/v1").mkdir(parents=True)
     (source / "protos/author/v1/author.proto").write_text(

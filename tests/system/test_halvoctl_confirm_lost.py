@@ -29,7 +29,7 @@ def restart(site, start):
 
 @pytest.mark.parametrize("call", ["renameat2", "mkdirat"])
 def test_a_service_that_dies_in_the_import_is_reverted_later(site, start, call):
-    """Behind or before the step that puts the package in force, which the tool cannot know."""
+    """After or before the step that puts the package in force, which the tool cannot know."""
     with Strace(site.service, f"?mkdir,{call}:signal=KILL"):
         result = site.ctl("conf", "import", site.package, "--confirm", LONG)
         assert site.service.wait_end(20) == -signal.SIGKILL

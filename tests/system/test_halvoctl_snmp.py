@@ -2,9 +2,9 @@
 import pytest
 from kit.ctl import Ctl
 from kit.interposer import Interposer
+from kit.mib import TABLE
 from kit.snmp_configuration import get_manager
 from kit.trap_receiver import TrapReceiver
-from kit.mib import TABLE
 
 NONE = "no manager is set: no traps are sent\n"
 

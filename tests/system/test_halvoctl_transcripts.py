@@ -4,6 +4,7 @@ A transcript is a text file: "$ " and a command, what the command prints (its no
 and "[status]" if its exit status is not 0. "! KEY VALUE" is no command: the owner of the slice
 mb/0/tuner changes this key. What differs from run to run is replaced by <words> before the comparison.
 """
+import contextlib
 import os
 import pathlib
 import re
@@ -13,13 +14,15 @@ import pytest
 from kit.configuration import Slice
 from kit.ctl import command, environment
 from kit.namespaces import own_machine
+from kit.timed_changes import Records
 
 FOLDER = pathlib.Path(__file__).with_name("transcripts")
 VARYING = (
     (r"\d{4}-\d\d-\d\dT[0-9:.]+Z", "<instant>"),
     (r"\(\S*?(\w+\.cpp):\d+\)", r"(\1)"),
     (r"^[0-9a-f]{4}(?=  (import|guard) )", "<id>"),
-    (r"\d\d:\d\d:\d\d", "<time>"),
+    (r"(\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d", "<time>"),  # of another day, after midnight
+    (r"(?<=<time>) {2,}", " "),
     (r"\(\d+ (s|min)\)", "<age>"),
     (r"(?<= )\d+(ms|s) +(?=\S)", "<age> "),
     (r"(confirm|rollback) [0-9a-f]{4}\b", r"\1 <id>"),
@@ -38,10 +41,14 @@ class Session:
 
     def __init__(self, service, owner, folder):
         self._service, self._owner, self._folder = service, owner, folder
+        self._records = Records(service.address, folder / "state")
         tools = str(pathlib.Path(command()[0]).parent)
         self._environment = environment(
             PATH=f"{tools}:{os.environ['PATH']}", HALVO_ENDPOINT=service.address,
-            XDG_STATE_HOME=str(folder / "state"))
+            XDG_STATE_HOME=str(self._records.state))
+
+    def close(self):
+        self._records.close()
 
     def run(self, line):
         """What the terminal shows after the line."""
@@ -69,8 +76,8 @@ def test_a_session_reads_as_written(name, start, tmp_path):
     service = start(prefix=machine)
     desk = tmp_path / "desk"
     desk.mkdir()
-    session = Session(service, Slice(service.client()), desk)
     expected = (FOLDER / f"{name}.txt").read_text()
-    seen = "".join(f"{line}\n{session.run(line)}" for line in commands_of(expected))
+    with contextlib.closing(Session(service, Slice(service.client()), desk)) as session:
+        seen = "".join(f"{line}\n{session.run(line)}" for line in commands_of(expected))
     (tmp_path / f"{name}.txt").write_text(seen)
     assert seen == expected

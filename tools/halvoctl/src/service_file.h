@@ -6,9 +6,9 @@
 namespace Hox::Ctl {
 
 /// Reads a regular file of a service, whose user may have put anything in its place: below the
-/// folder no link is followed, and nothing else than a file is waited for. The folder is one of
-/// those who see the root as "/", "" for this process. Nothing if there is no such file. Throws
-/// CtlError if it cannot be read.
+/// folder no link is followed, and nothing but a regular file is read. The folder is a path as a
+/// process sees it whose "/" is the root; "" is the root of this process. Nothing if there is no
+/// such file. Throws CtlError if it cannot be read.
 std::optional<std::string> readServiceFile(const std::string& root, const std::string& folder,
                                            const std::string& name);
 

@@ -115,8 +115,8 @@ public:
         m_observeMethods[key] = std::move(method);
     }
 
-    /// The observe method of an address, for one who reads its stream himself; valid as long as
-    /// this object. Throws std::out_of_range if the service has none.
+    /// The observe method of an address, for a caller that reads the stream itself; valid as
+    /// long as this object. Throws std::out_of_range if the service has none.
     const OwnedRpcMethod& observeMethod(const std::string& key) const {
         return *m_observeMethods.at(key);
     }
